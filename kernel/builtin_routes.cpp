@@ -1,0 +1,184 @@
+// The kernel's own routes: health, metrics and introspection of modules,
+// routes, syscalls and event subscriptions, plus generic syscall and event
+// entry points.
+#include <nlohmann/json.hpp>
+
+#include "identity/identity_registry.h"
+#include "kernel/kernel.h"
+#include "kernel/obs_metrics.h"
+#include "kernel/telemetry.h"
+
+namespace ostrel::kernel {
+namespace {
+
+using Json = nlohmann::json;
+
+void reply(Response& res, const Json& body, int status = 200) {
+  res.status = status;
+  res.body = body.dump();
+}
+
+// Parses a JSON object body; answers 400 and returns false otherwise. An empty
+// body counts as {}.
+bool parse_object_body(const Request& req, Response& res, Json& out) {
+  if (req.body.empty()) {
+    out = Json::object();
+    return true;
+  }
+  out = Json::parse(req.body, nullptr, false);
+  if (out.is_discarded() || !out.is_object()) {
+    res.error(400, "invalid_json", "request body must be a JSON object");
+    return false;
+  }
+  return true;
+}
+
+HealthStatus safe_health(ModuleBase& module) {
+  try {
+    return module.health();
+  } catch (const std::exception& e) {
+    return {HealthState::unknown, std::string("health() threw: ") + e.what()};
+  } catch (...) {
+    return {HealthState::unknown, "health() threw"};
+  }
+}
+
+}  // namespace
+
+void Kernel::register_builtin_routes() {
+  const identity::SourceCode self = identity::kKernelSource;
+
+  gateway_.route("GET", "/health", [this](const Request&, Response& res) {
+    Json modules = Json::array();
+    for (const auto& m : modules_) {
+      HealthStatus h = safe_health(*m.instance);
+      modules.push_back({{"name", m.definition.name}, {"state", health_state_name(h.state)}});
+    }
+    auto uptime = std::chrono::duration_cast<std::chrono::seconds>(
+                      std::chrono::steady_clock::now() - boot_started_)
+                      .count();
+    reply(res, {{"status", "ok"},
+                {"node_id", config_.node_id},
+                {"version", "5.0.0"},
+                {"uptime_s", uptime},
+                {"auth", gateway_.auth_mode() == AuthMode::enforce ? "enforce" : "off"},
+                {"modules", modules},
+                {"module_count", modules_.size()}});
+  });
+
+  gateway_.route("GET", "/metrics", [this](const Request&, Response& res) {
+    res.content_type = "text/plain; version=0.0.4";
+    res.body = obs::MetricsRegistry::instance().to_prometheus() +
+               telemetry::Telemetry::instance().to_prometheus() + metrics_.to_prometheus();
+  });
+
+  gateway_.route("GET", "/api/v1/kernel/modules", [this](const Request&, Response& res) {
+    Json out = Json::array();
+    for (const auto& m : modules_) {
+      HealthStatus h = safe_health(*m.instance);
+      identity::SourceCode code = m.instance->source_code();
+      out.push_back({{"name", m.definition.name},
+                     {"display_name", m.instance->display_name()},
+                     {"version", m.instance->version()},
+                     {"source_code", code.hex()},
+                     {"source_path", identity_registry::path_name(code)},
+                     {"state", health_state_name(h.state)},
+                     {"summary", h.summary}});
+    }
+    reply(res, out);
+  });
+
+  gateway_.route("GET", "/api/v1/kernel/routes", [this](const Request&, Response& res) {
+    Json out = Json::array();
+    for (const auto& r : gateway_.routes()) out.push_back({{"method", r.method}, {"path", r.path}});
+    reply(res, out);
+  });
+
+  gateway_.route("GET", "/api/v1/kernel/stats", [this](const Request&, Response& res) {
+    auto& registry = obs::MetricsRegistry::instance();
+    reply(res, {{"requests_total", registry.counter("ostrel_requests_total").value()},
+                {"errors_total", registry.counter("ostrel_requests_failed_total").value()},
+                {"modules", modules_.size()},
+                {"node_id", config_.node_id}});
+  });
+
+  gateway_.route("GET", "/api/v1/kernel/config", [this](const Request& req, Response& res) {
+    std::string name = req.param("module");
+    for (const auto& m : modules_) {
+      if (m.definition.name != name) continue;
+      Json out = Json::object();
+      for (const auto& [k, v] : m.config.values()) out[k] = v;
+      reply(res, out);
+      return;
+    }
+    res.error(404, "module_not_loaded");
+  });
+
+  gateway_.route("GET", "/api/v1/kernel/syscalls", [this](const Request&, Response& res) {
+    Json out = Json::array();
+    for (const auto& e : syscalls_.list()) {
+      out.push_back({{"name", e.name},
+                     {"owner", e.owner.hex()},
+                     {"owner_path", identity_registry::path_name(e.owner)},
+                     {"streaming", e.streaming}});
+    }
+    reply(res, out);
+  });
+
+  gateway_.route("POST", "/api/v1/kernel/syscall", [this, self](const Request& req, Response& res) {
+    Json body;
+    if (!parse_object_body(req, res, body)) return;
+    auto name = body.find("name");
+    if (name == body.end() || !name->is_string() || name->get<std::string>().empty()) {
+      res.error(400, "missing_name");
+      return;
+    }
+    const std::string syscall = name->get<std::string>();
+    if (!syscalls_.has(syscall)) {
+      res.error(404, "not_found");
+      return;
+    }
+    Json args = body.value("args", Json::object());
+    SyscallResult r;
+    try {
+      r = syscalls_.call(self, syscall, args.dump());
+    } catch (const std::exception& e) {
+      r = SyscallResult::failure("internal");
+      r.body = Json{{"error", "internal"}, {"message", e.what()}}.dump();
+    }
+    // The result body is JSON text; a handler that returned something else
+    // still gets a well-formed answer, with its text as a string.
+    Json result = Json::parse(r.body, nullptr, false);
+    if (result.is_discarded()) result = r.body;
+    reply(res, {{"name", syscall}, {"status", r.status}, {"body", result}});
+  });
+
+  gateway_.route("GET", "/api/v1/kernel/events/subscriptions", [this](const Request&, Response& res) {
+    Json out = Json::array();
+    for (const auto& s : bus_.subscriptions()) {
+      out.push_back({{"id", s.id},
+                     {"subscriber", s.owner.hex()},
+                     {"subscriber_path", identity_registry::path_name(s.owner)},
+                     {"topic", s.topic}});
+    }
+    reply(res, out);
+  });
+
+  gateway_.route("POST", "/api/v1/kernel/events/publish",
+                 [this, self](const Request& req, Response& res) {
+                   Json body;
+                   if (!parse_object_body(req, res, body)) return;
+                   auto topic = body.find("topic");
+                   if (topic == body.end() || !topic->is_string() ||
+                       topic->get<std::string>().empty()) {
+                     res.error(400, "missing_topic");
+                     return;
+                   }
+                   Json payload = body.value("payload", Json::object());
+                   std::size_t notified =
+                       bus_.publish(self, topic->get<std::string>(), payload.dump());
+                   reply(res, {{"topic", *topic}, {"subscribers_notified", notified}});
+                 });
+}
+
+}  // namespace ostrel::kernel

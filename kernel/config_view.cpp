@@ -1,0 +1,65 @@
+#include "kernel/config_view.h"
+
+#include <cstdlib>
+
+#include "kernel/manifest.h"
+
+namespace ostrel::kernel {
+
+std::string ConfigView::get(const std::string& key, const std::string& fallback) const {
+  auto it = values_.find(key);
+  return it == values_.end() ? fallback : it->second;
+}
+
+namespace config_overlay {
+
+std::string sanitize_env_piece(const std::string& piece) {
+  std::string out = piece;
+  for (char& c : out) {
+    if (c >= 'a' && c <= 'z') {
+      c = static_cast<char>(c - 'a' + 'A');
+    } else if (c == '-' || c == '.') {
+      c = '_';
+    }
+  }
+  return out;
+}
+
+unsigned apply_cli(const std::string& module_name, const std::vector<std::string>& overrides,
+                   ConfigView& config) {
+  unsigned applied = 0;
+  for (const std::string& o : overrides) {
+    size_t eq = o.find('=');
+    if (eq == std::string::npos) continue;
+    std::string lhs = o.substr(0, eq);
+    size_t dot = lhs.find('.');
+    if (dot == std::string::npos) continue;
+    if (lhs.substr(0, dot) != module_name) continue;
+    config.set(lhs.substr(dot + 1), o.substr(eq + 1));
+    ++applied;
+  }
+  return applied;
+}
+
+ConfigView resolve(const ModuleDefinition& def, const std::vector<std::string>& cli_overrides,
+                   unsigned& overrides_applied, EnvLookup env) {
+  if (!env) env = [](const char* name) -> const char* { return std::getenv(name); };
+  ConfigView view;
+  for (const ConfigField& field : def.config) view.set(field.key, field.default_value);
+
+  overrides_applied = 0;
+  const std::string prefix = "OSTREL_" + sanitize_env_piece(def.name) + "_";
+  for (const ConfigField& field : def.config) {
+    std::string var = prefix + sanitize_env_piece(field.key);
+    const char* value = env(var.c_str());
+    if (value && *value) {
+      view.set(field.key, value);
+      ++overrides_applied;
+    }
+  }
+  overrides_applied += apply_cli(def.name, cli_overrides, view);
+  return view;
+}
+
+}  // namespace config_overlay
+}  // namespace ostrel::kernel

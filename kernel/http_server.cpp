@@ -1,0 +1,189 @@
+#include "kernel/http_server.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <httplib.h>
+#include <mutex>
+#include <thread>
+
+namespace ostrel::kernel {
+namespace {
+
+constexpr int kDefaultWorkerThreads = 64;
+constexpr int kListenBacklog = 1024;
+constexpr size_t kKeepAliveMaxCount = 10000;
+constexpr time_t kKeepAliveTimeoutSec = 5;
+constexpr size_t kDefaultMaxBodyMb = 256;
+
+// The listening socket is a protected member of httplib::Server; the subclass
+// exposes it so that the accept backlog can be raised after the bind.
+class ListeningServer : public httplib::Server {
+ public:
+  void raise_backlog(int backlog) {
+    socket_t fd = svr_sock_;
+    if (fd != INVALID_SOCKET) ::listen(fd, backlog);
+  }
+};
+
+void socket_options(socket_t fd) {
+  int yes = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+}
+
+size_t max_body_bytes() {
+  const char* v = std::getenv("OSTREL_ULVO_HTTP_MAX_BODY_MB");
+  size_t mb = kDefaultMaxBodyMb;
+  if (v && *v) {
+    char* end = nullptr;
+    unsigned long n = std::strtoul(v, &end, 10);
+    if (end != v && n > 0) mb = n;
+  }
+  return mb * 1024 * 1024;
+}
+
+Request to_request(const httplib::Request& in) {
+  Request req;
+  req.method = in.method;
+  req.path = in.path;
+  req.body = in.body;
+  req.client_addr = in.remote_addr;
+  for (const auto& [name, value] : in.headers) {
+    // The library adds the peer and local addresses as pseudo-headers.
+    if (name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
+        name == "LOCAL_PORT") {
+      continue;
+    }
+    auto [it, inserted] = req.headers.try_emplace(name, value);
+    if (!inserted) it->second += ", " + value;
+  }
+  for (const auto& [name, value] : in.params) req.params.try_emplace(name, value);
+  return req;
+}
+
+void write_response(Response& res, httplib::Response& out) {
+  out.status = res.status;
+  for (const auto& [name, value] : res.headers) out.set_header(name, value);
+  if (!res.stream) {
+    out.set_content(std::move(res.body), res.content_type);
+    return;
+  }
+  auto producer = std::make_shared<StreamProducer>(std::move(res.stream));
+  out.set_chunked_content_provider(
+      res.content_type, [producer](size_t, httplib::DataSink& sink) {
+        bool open = true;
+        try {
+          (*producer)([&](std::string_view piece) {
+            if (!open) return false;
+            if (piece.empty()) return true;
+            open = sink.write(piece.data(), piece.size());
+            return open;
+          });
+        } catch (...) {
+          // A producer that throws ends its stream; the connection stays usable.
+        }
+        if (open) sink.done();
+        return open;
+      });
+}
+
+}  // namespace
+
+struct HttpServer::Impl {
+  Dispatch dispatch;
+  int worker_threads = kDefaultWorkerThreads;
+  std::unique_ptr<ListeningServer> server;
+  std::thread listen_thread;
+  std::atomic<std::uint16_t> port{0};
+  std::mutex lifecycle_mu;  // serialises start() and stop()
+};
+
+HttpServer::HttpServer(Dispatch dispatch) : impl_(std::make_unique<Impl>()) {
+  impl_->dispatch = std::move(dispatch);
+}
+
+HttpServer::~HttpServer() { stop(); }
+
+void HttpServer::set_worker_threads(int threads) {
+  impl_->worker_threads = threads > 0 ? threads : kDefaultWorkerThreads;
+}
+
+bool HttpServer::start(const std::string& bind, std::uint16_t port) {
+  std::lock_guard lock(impl_->lifecycle_mu);
+  if (impl_->server) return false;
+  auto server = std::make_unique<ListeningServer>();
+  int threads = impl_->worker_threads;
+  server->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  server->set_tcp_nodelay(true);
+  server->set_socket_options(socket_options);
+  server->set_keep_alive_max_count(kKeepAliveMaxCount);
+  server->set_keep_alive_timeout(kKeepAliveTimeoutSec);
+  server->set_payload_max_length(max_body_bytes());
+
+  Dispatch* dispatch = &impl_->dispatch;
+  auto handler = [dispatch](const httplib::Request& in, httplib::Response& out) {
+    Request req = to_request(in);
+    Response res;
+    (*dispatch)(req, res);
+    write_response(res, out);
+  };
+  const char* kAll = ".*";
+  server->Get(kAll, handler);
+  server->Post(kAll, handler);
+  server->Put(kAll, handler);
+  server->Patch(kAll, handler);
+  server->Delete(kAll, handler);
+  server->Options(kAll, handler);
+
+  // Errors the library answers itself (malformed request, body too large)
+  // still get a JSON body.
+  server->set_error_handler([](const httplib::Request&, httplib::Response& out) {
+    if (!out.body.empty()) return;
+    const char* code = out.status == 413   ? "payload_too_large"
+                       : out.status == 414 ? "uri_too_long"
+                       : out.status == 404 ? "not_found"
+                                           : "bad_request";
+    out.set_content(std::string("{\"error\":\"") + code + "\"}", "application/json");
+  });
+  server->set_exception_handler(
+      [](const httplib::Request&, httplib::Response& out, std::exception_ptr) {
+        out.status = 500;
+        out.set_content("{\"error\":\"internal\"}", "application/json");
+      });
+
+  int bound = 0;
+  if (port == 0) {
+    bound = server->bind_to_any_port(bind);
+    if (bound <= 0) return false;
+  } else {
+    if (!server->bind_to_port(bind, port)) return false;
+    bound = port;
+  }
+  server->raise_backlog(kListenBacklog);
+  impl_->port = static_cast<std::uint16_t>(bound);
+  ListeningServer* raw = server.get();
+  impl_->server = std::move(server);
+  impl_->listen_thread = std::thread([raw] { raw->listen_after_bind(); });
+  return true;
+}
+
+void HttpServer::stop() {
+  std::lock_guard lock(impl_->lifecycle_mu);
+  if (!impl_->server) return;
+  impl_->server->stop();
+  if (impl_->listen_thread.joinable()) impl_->listen_thread.join();
+  impl_->server.reset();
+}
+
+std::uint16_t HttpServer::port() const { return impl_->port; }
+
+bool HttpServer::running() const {
+  std::lock_guard lock(impl_->lifecycle_mu);
+  return impl_->server != nullptr;
+}
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,360 @@
+#include "kernel/kernel.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "identity/identity_registry.h"
+#include "kernel/obs_metrics.h"
+#include "kernel/self_health.h"
+
+namespace ostrel::kernel {
+namespace {
+
+using Json = nlohmann::json;
+namespace idreg = identity_registry;
+
+std::int64_t now_ms() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+std::string env_or(const char* name, const std::string& fallback) {
+  const char* v = std::getenv(name);
+  return v ? std::string(v) : fallback;
+}
+
+bool env_truthy(const char* name) {
+  std::string v = env_or(name, "");
+  return v == "1" || v == "true" || v == "TRUE" || v == "yes";
+}
+
+std::string hex_code(identity::SourceCode code) { return code.hex(); }
+
+}  // namespace
+
+Kernel::Kernel(KernelConfig config) : config_(std::move(config)), logger_("kernel") {
+  gateway_.set_auth_mode(config_.auth_mode);
+  obs::MetricsRegistry::instance().counter("ostrel_modules_started_total",
+                                           "Modules whose start() succeeded");
+  obs::MetricsRegistry::instance().counter("ostrel_audit_verify_failures_total",
+                                           "Audit chain verifications that failed");
+}
+
+Kernel::~Kernel() { drain_and_stop(); }
+
+void Kernel::establish_cluster_identity_() {
+  // The cluster secret, node token and cluster id come with the identity
+  // subsystem; until then the node runs standalone with an empty secret.
+  logger_.info("cluster secret: not available in this build — node runs standalone");
+  identity_.node_id = config_.node_id;
+  identity_.issued_at_ms = now_ms();
+  identity_.expires_at_ms = identity_.issued_at_ms + 24LL * 3600 * 1000;
+  logger_.info("node identity: id=" + identity_.node_id + ", cluster=" +
+               (identity_.cluster_id.empty() ? std::string("standalone") : identity_.cluster_id));
+  if (const char* url = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); url && *url) {
+    logger_.info(std::string("identity fallback → ") + url);
+  }
+}
+
+bool Kernel::boot() {
+  boot_started_ = std::chrono::steady_clock::now();
+  idreg::register_subdomain(identity::kKernelSource.domain, identity::kKernelSource.subdomain,
+                            "core");
+  logger_.info("booting: node=" + config_.node_id + ", data_dir=" + config_.data_dir +
+               ", modules=" + config_.modules_d + ", port=" + std::to_string(config_.port));
+
+  establish_cluster_identity_();
+  load_and_instantiate_modules();
+
+  logger_.info(
+      "identity stores: not available in this build — tenants, roles, capability keys, audit "
+      "and users are not loaded");
+  logger_.info("extensions: not available in this build — no extension packages scanned");
+
+  register_builtin_routes();
+
+  if (!init_and_start_modules()) {
+    logger_.error("module init/start failed");
+    return false;
+  }
+
+  logger_.info("search engine: not available in this build — no search sources registered");
+
+  if (config_.auth_mode == AuthMode::enforce) {
+    if (!gateway_.has_auth_verifier()) {
+      logger_.warn(
+          "auth policy = enforce — no capability verifier in this build: non-public requests "
+          "answer 503 auth_misconfigured");
+    }
+  } else {
+    logger_.info("auth policy = off — open access (first user registration will auto-enable auth)");
+  }
+
+  if (env_truthy("OSTREL_GOSSIP_ENABLED")) {
+    logger_.warn("gossip mesh: not available in this build — continuing without cluster membership");
+  } else {
+    logger_.info("gossip mesh disabled (set OSTREL_GOSSIP_ENABLED=1 to opt in)");
+  }
+
+  logger_.info("i18n and feature flags: not available in this build");
+
+  if (const char* threads = std::getenv("OSTREL_ULVO_HTTP_THREADS"); threads && *threads) {
+    gateway_.set_worker_threads(std::atoi(threads));
+  }
+  if (!gateway_.start(config_.bind, config_.port)) {
+    logger_.error("gateway failed to bind " + config_.bind + ":" + std::to_string(config_.port));
+    return false;
+  }
+
+  start_background_threads_();
+
+  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                  boot_started_)
+                .count();
+  logger_.info("boot complete in " + std::to_string(ms) + "ms — " +
+               std::to_string(modules_.size()) + " module(s), " +
+               std::to_string(gateway_.routes().size()) + " route(s)");
+  return true;
+}
+
+bool Kernel::load_and_instantiate_modules() {
+  module_loader::BulkResult bulk = module_loader::load_directory(config_.modules_d);
+  for (const auto& m : bulk.messages) logger_.warn("loader: " + m);
+  for (const auto& f : bulk.failures) {
+    logger_.error("manifest failed: " + f.definition.source_path.string());
+    for (const auto& e : f.errors) logger_.error("  " + e);
+  }
+
+  std::vector<ModuleDefinition> selected;
+  for (auto& def : bulk.definitions) {
+    if (!config_.roles.empty() &&
+        std::find(config_.roles.begin(), config_.roles.end(), def.name) == config_.roles.end()) {
+      logger_.info("skipping module '" + def.name + "' (not in --role list)");
+      continue;
+    }
+    selected.push_back(std::move(def));
+  }
+  logger_.info("loaded " + std::to_string(selected.size()) + " module(s)");
+
+  size_t rejected = 0;
+  for (auto& def : selected) {
+    const std::string& name = def.name;
+    idreg::IdentityResult id = idreg::register_source_code(def, logger_);
+    if (id.status == idreg::IdentityStatus::error) {
+      logger_.error("rejecting module '" + name + "': " + id.message);
+      ++rejected;
+      continue;
+    }
+    if (id.status == idreg::IdentityStatus::warning) {
+      if (config_.strict_identity) {
+        logger_.error("strict identity: rejecting '" + name + "': " + id.message +
+                      " (use --lax-identity to permit)");
+        ++rejected;
+        continue;
+      }
+      logger_.warn("module '" + name + "' identity: " + id.message);
+    }
+    // The manifest produced an identity when the registry bound a subdomain.
+    bool manifest_identity = id.subdomain != 0;
+    identity::SourceCode declared{id.domain, id.subdomain};
+
+    bool found = false;
+    std::unique_ptr<ModuleBase> instance = create_module(name, found);
+    if (!found) {
+      logger_.error("rejecting module '" + name +
+                    "': no factory registered — is its source file linked into ostrel-ulvo?");
+      ++rejected;
+      continue;
+    }
+    if (!instance) {
+      logger_.error("rejecting module '" + name + "': factory returned null");
+      ++rejected;
+      continue;
+    }
+
+    identity::SourceCode compiled = instance->source_code();
+    if (manifest_identity && !(compiled == declared)) {
+      logger_.error("rejecting module '" + name + "': manifest/code identity drift. manifest says " +
+                    idreg::path_name(declared) + " (" + hex_code(declared) +
+                    "), compiled source_code() returns " + idreg::path_name(compiled) + " (" +
+                    hex_code(compiled) + ")");
+      ++rejected;
+      continue;
+    }
+    if (!manifest_identity) {
+      idreg::SubdomainResult r =
+          idreg::register_subdomain(compiled.domain, compiled.subdomain, name);
+      if (r.ok) {
+        logger_.info("module '" + name + "' identity from compiled code: " +
+                     idreg::path_name(compiled));
+      } else {
+        logger_.warn("module '" + name + "' compiled identity collides: " + r.error);
+      }
+    }
+
+    if (auto* legacy = dynamic_cast<IModule*>(instance.get())) {
+      legacy_bus_.attach(legacy);
+      logger_.info("module '" + name + "' registered on OstrelBus as " +
+                   idreg::path_name(compiled));
+    } else {
+      logger_.debug("module '" + name +
+                    "' does not implement ostrel::IModule — skipping OstrelBus registration");
+    }
+
+    unsigned overrides = 0;
+    ConfigView view = config_overlay::resolve(def, config_.config_overrides, overrides);
+    if (overrides > 0) {
+      logger_.info("module '" + name + "' config: " + std::to_string(overrides) +
+                   " override(s) applied");
+    }
+    modules_.push_back({std::move(def), std::move(instance), std::move(view)});
+  }
+
+  if (rejected > 0) {
+    logger_.warn("rejected " + std::to_string(rejected) +
+                 " module(s) during boot — see preceding errors");
+  }
+  if (modules_.empty()) logger_.warn("no modules loaded — kernel will serve only built-in routes");
+  return true;
+}
+
+bool Kernel::init_and_start_modules() {
+  for (auto& m : modules_) {
+    const std::string name = m.instance->name();
+    m.config.set("modules_dir", config_.modules_d);
+    m.config.set("data_dir", config_.data_dir);
+    m.config.set("extensions_overlay_dir", config_.extensions_d);
+
+    ModuleContext ctx;
+    ctx.gateway = &gateway_;
+    ctx.syscalls = &syscalls_;
+    ctx.metrics = &metrics_;
+    ctx.bus = &bus_;
+    ctx.config = &m.config;
+    ctx.logger = &logger_;
+    ctx.node_id = config_.node_id;
+    ctx.data_dir = config_.data_dir;
+    ctx.module_dir = m.definition.source_path.empty()
+                         ? std::string()
+                         : m.definition.source_path.parent_path().string();
+    ctx.cluster_secret = cluster_secret_;
+    ctx.node_token = identity_.node_token;
+    ctx.cluster_id = identity_.cluster_id;
+
+    bool ok = false;
+    try {
+      ok = m.instance->initialize(ctx);
+    } catch (const std::exception& e) {
+      logger_.error("module " + name + " initialize() threw: " + e.what());
+    }
+    if (!ok) {
+      logger_.error("module " + name + " initialize() returned false");
+      return false;
+    }
+    m.instance->register_routes(gateway_);
+    m.instance->register_syscalls(syscalls_);
+  }
+
+  for (auto& m : modules_) {
+    ModuleBase* module = m.instance.get();
+    const std::string name = module->name();
+    BootSequencer::Phase phase;
+    phase.name = "start " + name;
+    phase.start = [this, module, name] {
+      logger_.info("start " + name);
+      if (!module->start()) {
+        logger_.error("module " + name + " start() returned false");
+        return false;
+      }
+      obs::MetricsRegistry::instance().counter("ostrel_modules_started_total").add();
+      Json payload = {{"id", name},
+                      {"worker_type", "module"},
+                      {"node_id", config_.node_id},
+                      {"source_code", hex_code(module->source_code())}};
+      bus_.publish(identity::kKernelSource, "module.ready", payload.dump());
+      return true;
+    };
+    phase.stop = [this, module, name] {
+      logger_.info("stop " + name);
+      module->stop();
+    };
+    std::string error;
+    if (!sequencer_.register_phase(std::move(phase), error)) {
+      logger_.error("BootSequencer::register_phase(start " + name + ") failed: " + error);
+      return false;
+    }
+  }
+  logger_.info("BootSequencer: " + std::to_string(sequencer_.size()) +
+               " phase(s) registered, starting boot");
+
+  auto started = std::chrono::steady_clock::now();
+  std::string failed;
+  if (!sequencer_.run(failed)) {
+    logger_.error("boot sequence failed after " + failed);
+    return false;
+  }
+  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                  started)
+                .count();
+  logger_.info("boot sequence completed in " + std::to_string(ms) + "ms");
+  return true;
+}
+
+void Kernel::start_background_threads_() {
+  logger_.info("otp audit verifier: not available in this build — no extension audit log to verify");
+  bg_threads_.emplace_back([this] { run_self_health_(); });
+  logger_.info("self-health watchdog started (30s probe, 2-strike _exit)");
+  if (const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); controller && *controller) {
+    logger_.info("peer auto-register heartbeat: not available in this build");
+  }
+}
+
+bool Kernel::sleep_unless_stopping_(std::chrono::milliseconds period) {
+  std::unique_lock lock(bg_mu_);
+  bg_cv_.wait_for(lock, period, [this] { return bg_stopping_; });
+  return !bg_stopping_;
+}
+
+void Kernel::run_self_health_() {
+  constexpr auto kPeriod = std::chrono::seconds(30);
+  constexpr int kStrikes = 2;
+  int failures = 0;
+  std::string host = probe_host_for(config_.bind);
+  while (sleep_unless_stopping_(kPeriod)) {
+    if (!running_.load()) continue;  // still booting or already draining
+    if (probe_health(host, gateway_.port(), 5000)) {
+      failures = 0;
+      continue;
+    }
+    ++failures;
+    logger_.warn("self-health: probe " + std::to_string(failures) + "/" +
+                 std::to_string(kStrikes) + " of GET /health failed");
+    if (failures >= kStrikes) {
+      logger_.error("self-health: gateway unresponsive — exiting so the service manager restarts the node");
+      std::_Exit(1);
+    }
+  }
+}
+
+void Kernel::drain_and_stop() {
+  {
+    std::lock_guard lock(bg_mu_);
+    bg_stopping_ = true;
+  }
+  bg_cv_.notify_all();
+  for (auto& t : bg_threads_) {
+    if (t.joinable()) t.join();
+  }
+  bg_threads_.clear();
+
+  if (!running_.exchange(false)) return;
+  logger_.info("shutting down");
+  gateway_.stop();
+  for (const std::string& problem : sequencer_.shutdown()) {
+    logger_.warn("BootSequencer shutdown reported: " + problem);
+  }
+  logger_.info("clean shutdown");
+}
+
+}  // namespace ostrel::kernel

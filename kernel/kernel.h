@@ -1,0 +1,107 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kernel/api_gateway.h"
+#include "kernel/boot_sequencer.h"
+#include "kernel/config_view.h"
+#include "kernel/event_bus.h"
+#include "kernel/kernel_config.h"
+#include "kernel/legacy_bus.h"
+#include "kernel/logger.h"
+#include "kernel/manifest.h"
+#include "kernel/metric_registry.h"
+#include "kernel/module.h"
+#include "kernel/syscall_table.h"
+
+namespace ostrel::kernel {
+
+// Who this node is in its cluster.
+struct NodeIdentity {
+  std::string node_id;
+  std::string cluster_id;
+  std::string node_token;
+  std::string issuer = "kernel/core";
+  std::int64_t issued_at_ms = 0;
+  std::int64_t expires_at_ms = 0;
+};
+
+// The one object that owns everything a node runs: configuration, logger,
+// gateway, syscall table, metric registry, event bus, the loaded modules and
+// the kernel's background threads. The entry point calls boot(), sets the
+// running flag, waits for a stop request and calls drain_and_stop().
+// Thread-safety: boot() and drain_and_stop() run on the entry thread; the
+// stop flag may be set from a signal handler; route handlers read the module
+// list, which does not change after boot.
+class Kernel {
+ public:
+  struct LoadedModule {
+    ModuleDefinition definition;
+    std::unique_ptr<ModuleBase> instance;
+    ConfigView config;
+  };
+
+  explicit Kernel(KernelConfig config);
+  ~Kernel();
+  Kernel(const Kernel&) = delete;
+  Kernel& operator=(const Kernel&) = delete;
+
+  bool boot();
+  void drain_and_stop();
+
+  // Async-signal-safe: only an atomic exchange.
+  void request_stop() { stop_requested_.exchange(true); }
+  bool stop_requested() const { return stop_requested_.load(); }
+  void set_running() { running_.store(true); }
+  bool running() const { return running_.load(); }
+
+  const KernelConfig& config() const { return config_; }
+  const NodeIdentity& node_identity() const { return identity_; }
+  Logger& logger() { return logger_; }
+  ApiGateway& gateway() { return gateway_; }
+  SyscallTable& syscalls() { return syscalls_; }
+  MetricRegistry& metrics() { return metrics_; }
+  EventBus& bus() { return bus_; }
+  const std::vector<LoadedModule>& modules() const { return modules_; }
+
+ private:
+  bool load_and_instantiate_modules();
+  bool init_and_start_modules();
+  void register_builtin_routes();
+  void establish_cluster_identity_();
+  void start_background_threads_();
+  void run_self_health_();
+  // Waits on the kernel's condition variable; false once shutdown began.
+  bool sleep_unless_stopping_(std::chrono::milliseconds period);
+
+  KernelConfig config_;
+  Logger logger_;
+  ApiGateway gateway_;
+  SyscallTable syscalls_;
+  MetricRegistry metrics_;
+  EventBus bus_;
+  OstrelBus legacy_bus_;
+  std::string cluster_secret_;
+  NodeIdentity identity_;
+  std::vector<LoadedModule> modules_;  // load order; not resized after boot step 4
+  std::atomic<bool> running_{false};
+  std::atomic<bool> stop_requested_{false};
+
+  std::mutex bg_mu_;  // guards bg_stopping_; bg_cv_ waits on it
+  std::condition_variable bg_cv_;
+  bool bg_stopping_ = false;
+  std::vector<std::thread> bg_threads_;  // joined by drain_and_stop()
+
+  BootSequencer sequencer_;
+  std::chrono::steady_clock::time_point boot_started_ = std::chrono::steady_clock::now();
+};
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,73 @@
+// Process entry: command line and environment → KernelConfig → Kernel.
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "kernel/cli.h"
+#include "kernel/kernel.h"
+#include "kernel/module.h"
+
+namespace {
+
+// Written once before the signal handlers are installed.
+ostrel::kernel::Kernel* g_kernel = nullptr;
+std::atomic<bool> g_log_dispatcher_installed{false};
+
+void signal_handler(int) {
+  if (g_kernel) g_kernel->request_stop();
+}
+
+void install_log_dispatcher() {
+  if (g_log_dispatcher_installed.exchange(true)) return;
+  auto& facility = ostrel::obs::Logger::instance();
+  facility.clear_sinks();
+  facility.add_sink(ostrel::obs::stamping_dispatcher);
+  facility.set_threshold(ostrel::obs::LogLevel::info);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace ostrel::kernel;
+  install_log_dispatcher();
+
+  cli::ParseOutcome parsed =
+      cli::parse(argc, argv, [](const char* name) { return std::getenv(name); }, stderr);
+  if (parsed.action == cli::Action::exit) return parsed.exit_status;
+  if (parsed.action == cli::Action::list_modules) {
+    std::vector<std::string> names = registered_module_names();
+    std::printf("Registered module factories (%zu):\n", names.size());
+    for (const auto& n : names) std::printf("  %s\n", n.c_str());
+    return 0;
+  }
+
+  // The HTTP server writes to sockets whose peers may be gone.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  auto kernel = std::make_unique<Kernel>(parsed.config);
+  g_kernel = kernel.get();
+  std::signal(SIGINT, signal_handler);
+  std::signal(SIGTERM, signal_handler);
+
+  if (!kernel->boot()) {
+    std::fprintf(stderr, "boot failed\n");
+    g_kernel = nullptr;
+    // Modules were never marked running, so destruction does not stop them.
+    kernel.reset();
+    return 1;
+  }
+  kernel->set_running();
+  const KernelConfig& cfg = kernel->config();
+  kernel->logger().info("ready — serving on " + cfg.bind + ":" + std::to_string(cfg.port));
+
+  while (kernel->running() && !kernel->stop_requested()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  kernel->drain_and_stop();
+  g_kernel = nullptr;
+  kernel.reset();
+  return 0;
+}

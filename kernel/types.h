@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace ostrel::kernel {
+
+// Case-insensitive hashing and equality for header maps: HTTP header names
+// are case-insensitive, so handlers find "authorization" however it was sent.
+struct HeaderHash {
+  std::size_t operator()(std::string_view s) const;
+  using is_transparent = void;
+};
+struct HeaderEqual {
+  bool operator()(std::string_view a, std::string_view b) const;
+  using is_transparent = void;
+};
+using HeaderMap = std::unordered_map<std::string, std::string, HeaderHash, HeaderEqual>;
+
+// The gateway's view of one HTTP request, handed to route handlers by const
+// reference. A plain copyable value: handlers that pass work to another thread
+// copy it.
+struct Request {
+  std::string method;  // upper case
+  std::string path;    // without the query string
+  std::string body;
+  HeaderMap headers;
+  std::unordered_map<std::string, std::string> params;  // decoded query parameters
+
+  // Authentication context, filled by the gateway before the handler runs.
+  std::string client_addr;
+  std::string tenant;
+  std::string token_id;
+  std::vector<std::string> scopes;
+  std::string peer_node_id;  // set when a node token was accepted
+  std::string user_id;
+  std::string auth_source;   // "capability", "node", "loopback", … or empty
+
+  // The header's value, or "" when absent.
+  const std::string& header(std::string_view name) const;
+  // The query parameter's value, or `fallback` when absent.
+  std::string param(const std::string& name, const std::string& fallback = "") const;
+};
+
+// Writes one piece of a streamed body; returns false once the client is gone.
+using StreamWrite = std::function<bool(std::string_view)>;
+// Produces a streamed body by calling `write` for every piece, in order, on the
+// HTTP worker thread, and returns when done or when `write` returned false.
+using StreamProducer = std::function<void(const StreamWrite& write)>;
+
+// What a route handler fills. A new Response answers 200 with an empty
+// "application/json" body.
+struct Response {
+  int status = 200;
+  std::string body;
+  HeaderMap headers;
+  std::string content_type = "application/json";
+  StreamProducer stream;
+
+  // Sets status and the body {"error":"<code>"} plus an optional "message".
+  void error(int status_code, std::string_view code, std::string_view message = {});
+};
+
+// One server-sent event: "data: <payload>\n\n" (one "data: " line per payload line).
+std::string sse_event(std::string_view payload);
+
+// Result of a syscall: status 0 on success, negative on failure; body is JSON
+// text (the result object, or {"error": …} on failure).
+struct SyscallResult {
+  std::int32_t status = 0;
+  std::string body;
+
+  static SyscallResult ok(std::string body) { return {0, std::move(body)}; }
+  static SyscallResult failure(std::string_view code, std::int32_t status = -1);
+};
+
+// Outcome of a credential check by the gateway's verifier.
+struct AuthResult {
+  bool valid = false;
+  std::string reason;
+  std::string tenant;
+  std::string token_id;
+  std::vector<std::string> scopes;
+  std::string user_id;
+};
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the node needs to build, run, test and benchmark.
+# Fast when everything is present: one dpkg query, no apt calls.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build ccache pkg-config clang-format
+  libcpp-httplib-dev nlohmann-json3-dev libyaml-cpp-dev libcurl4-openssl-dev
+  libsqlite3-dev libssl-dev libmodbus-dev libmosquitto-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  mosquitto wrk sqlite3 python3 curl
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${db:Status-Status}' "$p" 2>/dev/null || true)
+  [ "$status" = "installed" ] || missing+=("$p")
+done
+
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "installing: ${missing[*]}"
+sudo_cmd=""
+if [ "$(id -u)" -ne 0 ]; then sudo_cmd="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo_cmd apt-get update -qq
+$sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"

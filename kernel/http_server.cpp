@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <httplib.h>
 #include <mutex>
@@ -168,6 +169,9 @@ bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   ListeningServer* raw = server.get();
   impl_->server = std::move(server);
   impl_->listen_thread = std::thread([raw] { raw->listen_after_bind(); });
+  // stop() only interrupts a loop that is already running; wait for it so that
+  // a stop right after start cannot miss it and leave the join hanging.
+  while (!raw->is_running()) std::this_thread::sleep_for(std::chrono::microseconds(100));
   return true;
 }
 

@@ -47,9 +47,16 @@ void Logger::clear_sinks() {
   sinks_.clear();
 }
 
-void Logger::add_sink(LogSink sink) {
+std::uint64_t Logger::add_sink(LogSink sink) {
   std::lock_guard lock(sinks_mu_);
-  sinks_.push_back(std::make_shared<const LogSink>(std::move(sink)));
+  std::uint64_t id = next_sink_id_++;
+  sinks_.emplace_back(id, std::make_shared<const LogSink>(std::move(sink)));
+  return id;
+}
+
+void Logger::remove_sink(std::uint64_t id) {
+  std::lock_guard lock(sinks_mu_);
+  std::erase_if(sinks_, [id](const auto& entry) { return entry.first == id; });
 }
 
 void Logger::set_threshold(LogLevel level) {
@@ -69,7 +76,8 @@ void Logger::emit(LogRecord record) {
   std::vector<std::shared_ptr<const LogSink>> sinks;
   {
     std::lock_guard lock(sinks_mu_);
-    sinks = sinks_;
+    sinks.reserve(sinks_.size());
+    for (const auto& entry : sinks_) sinks.push_back(entry.second);
   }
   for (const auto& sink : sinks) (*sink)(record);
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ostrel::obs {
@@ -37,7 +38,9 @@ class Logger {
   static Logger& instance();
 
   void clear_sinks();
-  void add_sink(LogSink sink);
+  // Returns an id for remove_sink().
+  std::uint64_t add_sink(LogSink sink);
+  void remove_sink(std::uint64_t id);
   void set_threshold(LogLevel level);
   LogLevel threshold() const;
   bool enabled(LogLevel level) const;
@@ -45,8 +48,9 @@ class Logger {
 
  private:
   Logger();
-  mutable std::mutex sinks_mu_;  // guards sinks_
-  std::vector<std::shared_ptr<const LogSink>> sinks_;
+  mutable std::mutex sinks_mu_;  // guards sinks_ and next_sink_id_
+  std::vector<std::pair<std::uint64_t, std::shared_ptr<const LogSink>>> sinks_;
+  std::uint64_t next_sink_id_ = 1;
   std::atomic<int> threshold_{static_cast<int>(LogLevel::info)};
 };
 

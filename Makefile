@@ -1,0 +1,46 @@
+# Two entry points: `make run` and `make test`. Everything they need is
+# installed from Debian packages by scripts/install-deps.sh first.
+BUILD_DIR ?= build
+BUILD_TYPE ?= Release
+PORT ?= 8880
+DATA_DIR ?= $(CURDIR)/var
+JOBS ?= $(shell nproc)
+
+.PHONY: all deps configure build run test bench sanitize format clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+configure: deps
+	@if [ ! -f $(BUILD_DIR)/build.ninja ]; then \
+	  cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE); \
+	fi
+
+build: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+run: build
+	@mkdir -p $(DATA_DIR)
+	$(BUILD_DIR)/ostrel-ulvo --modules-d=$(CURDIR)/modules.d --data-dir=$(DATA_DIR) --port=$(PORT)
+
+test: build
+	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+bench: build
+	@bash bench/run.sh $(BUILD_DIR)
+
+# ASan+UBSan (SANITIZE=address) or TSan (SANITIZE=thread) build of the tests.
+SANITIZE ?= address
+sanitize: deps
+	@cmake -S . -B build-$(SANITIZE) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DOSTREL_SANITIZE=$(SANITIZE) -DOSTREL_BUILD_BENCH=OFF
+	@cmake --build build-$(SANITIZE) -j $(JOBS)
+	@cd build-$(SANITIZE) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD_DIR)

@@ -1,0 +1,168 @@
+// The real binaries, booted as child processes on free loopback ports.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/test_support.h"
+
+namespace ostrel::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+
+class NodeProcess : public ::testing::Test {
+ protected:
+  Process::Options node_options(int port, std::vector<std::string> extra = {}) {
+    Process::Options o;
+    o.args = {"--port=" + std::to_string(port), "--bind=127.0.0.1",
+              "--data-dir=" + (dir_ / "data").string(),
+              "--modules-d=" + (dir_ / "modules.d").string()};
+    o.args.insert(o.args.end(), extra.begin(), extra.end());
+    o.unset_env = {"OSTREL_AUTH", "OSTREL_DATA_DIR", "OSTREL_GOSSIP_ENABLED"};
+    return o;
+  }
+  TempDir dir_;
+};
+
+TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigterm) {
+  std::filesystem::create_directories(dir_ / "modules.d");
+  int port = free_port();
+  Process node(OSTREL_BINARY, node_options(port), dir_ / "logs");
+  ASSERT_TRUE(node.wait_for_err("ready — serving on 127.0.0.1:" + std::to_string(port), 10s))
+      << node.err();
+  EXPECT_NE(node.err().find("[INFO][kernel] ready — serving on 127.0.0.1:" + std::to_string(port)),
+            std::string::npos);
+
+  httplib::Client client("127.0.0.1", port);
+  auto health = client.Get("/health");
+  ASSERT_TRUE(health);
+  EXPECT_EQ(health->status, 200);
+  Json h = Json::parse(health->body);
+  EXPECT_EQ(h["status"], "ok");
+  EXPECT_EQ(h["version"], "5.0.0");
+  EXPECT_EQ(h["auth"], "off");
+  auto missing = client.Get("/api/v1/nothing");
+  ASSERT_TRUE(missing);
+  EXPECT_EQ(missing->status, 404);
+  EXPECT_EQ(missing->body, "{\"error\":\"not_found\",\"path\":\"/api/v1/nothing\"}");
+  // Garbage on the wire does not take the node down.
+  auto bad = client.Post("/api/v1/kernel/syscall", "{not json", "application/json");
+  ASSERT_TRUE(bad);
+  EXPECT_EQ(bad->status, 400);
+
+  node.signal(SIGTERM);
+  auto status = node.wait_exit(10s);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(*status, 0);
+  std::string err = node.err();
+  EXPECT_NE(err.find("[INFO][kernel] shutting down"), std::string::npos);
+  EXPECT_NE(err.find("[INFO][kernel] clean shutdown"), std::string::npos);
+  EXPECT_TRUE(node.out().empty());
+}
+
+TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigint) {
+  write_file(dir_ / "modules.d" / "alpha.module.yaml",
+             "module:\n  name: alpha\n  version: 5.0.0\n"
+             "  source_code: {domain: lab, subdomain: \"0x11\"}\n"
+             "  help: [{id: alpha.intro}]\n");
+  write_file(dir_ / "modules.d" / "beta.module.yaml",
+             "module:\n  name: beta\n  version: 5.0.0\n"
+             "  source_code: {domain: lab, subdomain: \"0x12\"}\n"
+             "  help: [{id: beta.intro}]\n");
+  int port = free_port();
+  Process node(OSTREL_TESTMODS_BINARY, node_options(port), dir_ / "logs");
+  ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+  httplib::Client client("127.0.0.1", port);
+  auto health = client.Get("/health");
+  ASSERT_TRUE(health);
+  EXPECT_EQ(Json::parse(health->body)["module_count"], 2);
+
+  node.signal(SIGINT);
+  ASSERT_EQ(node.wait_exit(10s), std::optional<int>(0));
+  std::string err = node.err();
+  auto starts = lines_with(err, "[INFO][kernel] start ");
+  auto stops = lines_with(err, "[INFO][kernel] stop ");
+  ASSERT_EQ(starts.size(), 2u) << err;
+  ASSERT_EQ(stops.size(), 2u) << err;
+  // Stopped in the reverse of the start order.
+  EXPECT_EQ(stops[0].substr(stops[0].rfind(' ')), starts[1].substr(starts[1].rfind(' ')));
+  EXPECT_EQ(stops[1].substr(stops[1].rfind(' ')), starts[0].substr(starts[0].rfind(' ')));
+  EXPECT_LT(err.find("[INFO][kernel] stop "), err.find("[INFO][kernel] clean shutdown"));
+}
+
+TEST_F(NodeProcess, TakenPortExitsOneWithBootFailed) {
+  std::filesystem::create_directories(dir_ / "modules.d");
+  int port = free_port();
+  Process first(OSTREL_BINARY, node_options(port), dir_ / "logs");
+  ASSERT_TRUE(first.wait_for_err("ready — serving", 10s)) << first.err();
+
+  Process second(OSTREL_BINARY, node_options(port), dir_ / "logs");
+  ASSERT_EQ(second.wait_exit(10s), std::optional<int>(1));
+  std::string err = second.err();
+  EXPECT_NE(err.find("[ERROR][kernel] gateway failed to bind 127.0.0.1:" + std::to_string(port)),
+            std::string::npos);
+  EXPECT_NE(err.find("boot failed\n"), std::string::npos);
+  // The first node is unaffected.
+  EXPECT_TRUE(wait_for_health(port, 2s));
+}
+
+TEST_F(NodeProcess, InformationalExitsAndBadOptions) {
+  Process::Options help;
+  help.args = {"--help"};
+  Process h(OSTREL_BINARY, help, dir_ / "logs");
+  ASSERT_EQ(h.wait_exit(5s), std::optional<int>(0));
+  EXPECT_EQ(h.err().rfind("Ostrel ULVO \xe2\x80\x94 v5.0\n\nUsage: ", 0), 0u);
+
+  Process::Options list;
+  list.args = {"--list-modules"};
+  Process l(OSTREL_TESTMODS_BINARY, list, dir_ / "logs");
+  ASSERT_EQ(l.wait_exit(5s), std::optional<int>(0));
+  std::string out = l.out();
+  EXPECT_EQ(out.rfind("Registered module factories (3):\n", 0), 0u) << out;
+  for (const char* name : {"  alpha\n", "  beta\n", "  gamma\n"}) {
+    EXPECT_NE(out.find(name), std::string::npos);
+  }
+  // The node binary itself ships no test modules.
+  Process plain(OSTREL_BINARY, list, dir_ / "logs");
+  ASSERT_EQ(plain.wait_exit(5s), std::optional<int>(0));
+  EXPECT_EQ(plain.out().find("alpha"), std::string::npos);
+
+  Process::Options unknown;
+  unknown.args = {"--list-modules", "--bogus"};
+  Process u(OSTREL_BINARY, unknown, dir_ / "logs");
+  ASSERT_EQ(u.wait_exit(5s), std::optional<int>(2));
+  EXPECT_EQ(u.err().rfind("unknown option: --bogus\n\n", 0), 0u);
+  EXPECT_TRUE(u.out().empty());
+
+  Process::Options auth;
+  auth.args = {"--auth=maybe"};
+  Process a(OSTREL_BINARY, auth, dir_ / "logs");
+  ASSERT_EQ(a.wait_exit(5s), std::optional<int>(2));
+  EXPECT_EQ(a.err(), "--auth must be off|enforce, got maybe\n");
+}
+
+TEST_F(NodeProcess, EnforceModeWithoutVerifierRefusesApiButKeepsProbesOpen) {
+  std::filesystem::create_directories(dir_ / "modules.d");
+  int port = free_port();
+  Process node(OSTREL_BINARY, node_options(port, {"--auth=enforce"}), dir_ / "logs");
+  ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+  httplib::Client client("127.0.0.1", port);
+  auto open = client.Get("/health");
+  ASSERT_TRUE(open);
+  EXPECT_EQ(open->status, 200);
+  EXPECT_EQ(Json::parse(open->body)["auth"], "enforce");
+  auto anonymous = client.Get("/api/v1/kernel/modules");
+  ASSERT_TRUE(anonymous);
+  EXPECT_EQ(anonymous->status, 401);
+  auto with_token = client.Get("/api/v1/kernel/modules", {{"X-Ostrel-Capability", "anything"}});
+  ASSERT_TRUE(with_token);
+  EXPECT_EQ(with_token->status, 503);
+  EXPECT_EQ(with_token->body,
+            "{\"error\":\"auth_misconfigured\",\"message\":\"enforce without verifier\"}");
+}
+
+}  // namespace
+}  // namespace ostrel::testing

@@ -1,0 +1,284 @@
+#include "kernel/kernel.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <algorithm>
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+#include "tests/kernel/test_modules.h"
+#include "tests/support/test_support.h"
+
+namespace ostrel::kernel {
+namespace {
+
+using Json = nlohmann::json;
+using testing::contract_log;
+
+std::string manifest(const std::string& name, const std::string& sub,
+                     const std::string& extra_config = "") {
+  std::string source = sub.empty() ? "" : "  source_code: {domain: lab, subdomain: \"" + sub + "\"}\n";
+  return "module:\n  name: " + name + "\n  version: 5.0.0\n" + source +
+         "  help: [{id: " + name + ".intro, title: " + name + "}]\n"
+         "  config:\n    greeting: {default: hello}\n    relay_to: {default: beta}\n" +
+         extra_config;
+}
+
+// Captures every log line of the process for the life of the fixture's test.
+class LogCapture {
+ public:
+  LogCapture() {
+    sink_id_ = obs::Logger::instance().add_sink([this](const obs::LogRecord& r) {
+      std::lock_guard lock(mu_);
+      lines_.push_back(std::string("[") + obs::level_name(r.level) + "][" + r.source + "] " +
+                       r.message);
+    });
+  }
+  ~LogCapture() { obs::Logger::instance().remove_sink(sink_id_); }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mu_);
+    return lines_;
+  }
+  bool has(const std::string& text) const { return index_of(text) >= 0; }
+  int index_of(const std::string& text) const {
+    auto l = lines();
+    for (size_t i = 0; i < l.size(); ++i) {
+      if (l[i].find(text) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+  }
+
+ private:
+  std::uint64_t sink_id_ = 0;
+  mutable std::mutex mu_;  // guards lines_
+  std::vector<std::string> lines_;
+};
+
+class KernelBoot : public ::testing::Test {
+ protected:
+  void SetUp() override { testing::clear_contract_log(); }
+  KernelConfig config() {
+    KernelConfig c;
+    c.node_id = "test-node";
+    c.data_dir = (dir_ / "data").string();
+    c.modules_d = (dir_ / "modules.d").string();
+    c.bind = "127.0.0.1";
+    c.port = static_cast<std::uint16_t>(testing::free_port());
+    return c;
+  }
+  void add_manifest(const std::string& file, const std::string& text) {
+    testing::write_file(dir_ / "modules.d" / file, text);
+  }
+  Json get_json(std::uint16_t port, const std::string& path, int expect_status = 200) {
+    httplib::Client c("127.0.0.1", port);
+    auto res = c.Get(path);
+    EXPECT_TRUE(res);
+    if (!res) return {};
+    EXPECT_EQ(res->status, expect_status) << path << " " << res->body;
+    return Json::parse(res->body, nullptr, false);
+  }
+
+  testing::TempDir dir_;
+  LogCapture log_;
+};
+
+TEST_F(KernelBoot, ModuleContractEndToEnd) {
+  add_manifest("alpha.module.yaml", manifest("alpha", "0x11"));
+  add_manifest("beta.module.yaml", manifest("beta", "0x12", "    health: {default: degraded}\n"));
+  // Directory order is unspecified; the test only relies on the recorded order.
+  KernelConfig cfg = config();
+  auto kernel = std::make_unique<Kernel>(cfg);
+  ASSERT_TRUE(kernel->boot());
+  kernel->set_running();
+  ASSERT_EQ(kernel->modules().size(), 2u);
+  std::string first = kernel->modules()[0].definition.name;
+  std::string second = kernel->modules()[1].definition.name;
+
+  std::vector<std::string> expected = {
+      first + ":initialize",         first + ":register_routes",    first + ":register_syscalls",
+      second + ":initialize",        second + ":register_routes",   second + ":register_syscalls",
+      // Subscribers are called in subscription order, i.e. initialization order.
+      first + ":start",              first + ":saw-ready:" + first, second + ":saw-ready:" + first,
+      second + ":start",             first + ":saw-ready:" + second,
+      second + ":saw-ready:" + second};
+  EXPECT_EQ(contract_log(), expected);
+  EXPECT_TRUE(log_.has("[INFO][kernel] registered alpha as lab/alpha"));
+
+  // Routes, configuration and syscalls through the real HTTP port.
+  Json info = get_json(cfg.port, "/api/v1/alpha/info");
+  EXPECT_EQ(info["greeting"], "hello");
+  EXPECT_EQ(info["data_dir"], cfg.data_dir);
+
+  httplib::Client c("127.0.0.1", cfg.port);
+  auto relay = c.Post("/api/v1/kernel/syscall", R"({"name":"alpha.relay","args":{"n":1}})",
+                      "application/json");
+  ASSERT_TRUE(relay);
+  Json r = Json::parse(relay->body);
+  EXPECT_EQ(r["status"], 0);
+  EXPECT_EQ(r["body"]["pong"], "beta");
+  EXPECT_EQ(r["body"]["args"]["n"], 1);
+
+  Json health = get_json(cfg.port, "/health");
+  EXPECT_EQ(health["status"], "ok");
+  EXPECT_EQ(health["module_count"], 2);
+  EXPECT_EQ(health["node_id"], "test-node");
+  for (const auto& m : health["modules"]) {
+    EXPECT_EQ(m["state"], m["name"] == "beta" ? "degraded" : "healthy");
+  }
+
+  Json modules = get_json(cfg.port, "/api/v1/kernel/modules");
+  ASSERT_EQ(modules.size(), 2u);
+  for (const auto& m : modules) {
+    if (m["name"] == "alpha") {
+      EXPECT_EQ(m["source_code"], "0x2511");
+      EXPECT_EQ(m["source_path"], "lab/alpha");
+      EXPECT_EQ(m["version"], "5.0.0");
+    }
+  }
+  Json subs = get_json(cfg.port, "/api/v1/kernel/events/subscriptions");
+  EXPECT_EQ(subs.size(), 2u);
+  EXPECT_EQ(subs[0]["topic"], "module.ready");
+
+  auto metrics = c.Get("/metrics");
+  ASSERT_TRUE(metrics);
+  EXPECT_EQ(metrics->get_header_value("Content-Type"), "text/plain; version=0.0.4");
+  EXPECT_NE(metrics->body.find("ostrel_modules_started_total 2\n"), std::string::npos);
+
+  testing::clear_contract_log();
+  kernel->drain_and_stop();
+  EXPECT_EQ(contract_log(), (std::vector<std::string>{second + ":stop", first + ":stop"}));
+  int stop_second = log_.index_of("[INFO][kernel] stop " + second);
+  int stop_first = log_.index_of("[INFO][kernel] stop " + first);
+  EXPECT_GE(stop_second, 0);
+  EXPECT_LT(stop_second, stop_first);
+  EXPECT_TRUE(log_.has("[INFO][kernel/" + first + "] stopped"));
+  EXPECT_GT(log_.index_of("[INFO][kernel] clean shutdown"), stop_first);
+  kernel->drain_and_stop();  // a second drain does nothing
+  EXPECT_EQ(contract_log().size(), 2u);
+}
+
+TEST_F(KernelBoot, IdentityChecksRejectModulesAndStrictnessMatters) {
+  add_manifest("gamma.module.yaml", manifest("gamma", "0x14"));  // compiled code is 0x13
+  add_manifest("beta.module.yaml", manifest("beta", ""));         // declares no identity
+  add_manifest("ghost.module.yaml", manifest("ghost", "0x20"));   // no factory compiled in
+  {
+    Kernel strict(config());
+    ASSERT_TRUE(strict.boot());
+    EXPECT_TRUE(strict.modules().empty());
+  }
+  EXPECT_TRUE(log_.has(
+      "[ERROR][kernel] rejecting module 'gamma': manifest/code identity drift. manifest says "
+      "lab/gamma (0x2514), compiled source_code() returns lab/0x13 (0x2513)"));
+  EXPECT_TRUE(log_.has(
+      "[ERROR][kernel] strict identity: rejecting 'beta': module 'beta' did not declare "
+      "source_code.domain (use --lax-identity to permit)"));
+  EXPECT_TRUE(log_.has("[ERROR][kernel] rejecting module 'ghost': no factory registered"));
+  EXPECT_TRUE(log_.has("[WARN][kernel] rejected 3 module(s) during boot — see preceding errors"));
+  EXPECT_TRUE(log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
+
+  KernelConfig lax = config();
+  lax.strict_identity = false;
+  Kernel k(lax);
+  ASSERT_TRUE(k.boot());
+  ASSERT_EQ(k.modules().size(), 1u);
+  EXPECT_EQ(k.modules()[0].definition.name, "beta");
+  EXPECT_TRUE(log_.has("[WARN][kernel] module 'beta' identity: module 'beta' did not declare "
+                       "source_code.domain"));
+  EXPECT_TRUE(log_.has("[INFO][kernel] module 'beta' identity from compiled code: lab/beta"));
+}
+
+TEST_F(KernelBoot, RoleFilterAndConfigurationPrecedence) {
+  add_manifest("alpha.module.yaml", manifest("alpha", "0x11"));
+  add_manifest("beta.module.yaml", manifest("beta", "0x12"));
+  add_manifest("broken.module.yaml", "module: {name: [\n");
+  KernelConfig cfg = config();
+  cfg.roles = {"alpha"};
+  cfg.config_overrides = {"alpha.greeting=cli", "alpha.data_dir=/elsewhere", "beta.greeting=x"};
+  ::setenv("OSTREL_ALPHA_GREETING", "env", 1);
+  ::setenv("OSTREL_ALPHA_RELAY_TO", "alpha", 1);
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  ::unsetenv("OSTREL_ALPHA_GREETING");
+  ::unsetenv("OSTREL_ALPHA_RELAY_TO");
+  k.set_running();
+
+  EXPECT_TRUE(log_.has("[INFO][kernel] skipping module 'beta' (not in --role list)"));
+  EXPECT_TRUE(log_.has("[INFO][kernel] loaded 1 module(s)"));
+  EXPECT_TRUE(log_.has("[ERROR][kernel] manifest failed: "));
+  EXPECT_TRUE(log_.has("[INFO][kernel] module 'alpha' config: 4 override(s) applied"));
+
+  Json conf = get_json(cfg.port, "/api/v1/kernel/config?module=alpha");
+  EXPECT_EQ(conf["greeting"], "cli");
+  EXPECT_EQ(conf["relay_to"], "alpha");
+  EXPECT_EQ(conf["data_dir"], cfg.data_dir);  // the kernel's own keys cannot be overridden
+  EXPECT_EQ(conf["modules_dir"], cfg.modules_d);
+  EXPECT_EQ(conf["extensions_overlay_dir"], "");
+  Json missing = get_json(cfg.port, "/api/v1/kernel/config?module=beta", 404);
+  EXPECT_EQ(missing["error"], "module_not_loaded");
+}
+
+TEST_F(KernelBoot, StartFailureFailsTheBootWithoutStoppingModules) {
+  add_manifest("alpha.module.yaml", manifest("alpha", "0x11"));
+  add_manifest("beta.module.yaml", manifest("beta", "0x12"));
+  KernelConfig cfg = config();
+  cfg.config_overrides = {"alpha.fail_start=true", "beta.fail_start=true"};
+  {
+    Kernel k(cfg);
+    EXPECT_FALSE(k.boot());
+    std::string first = k.modules()[0].definition.name;
+    EXPECT_TRUE(log_.has("[ERROR][kernel] module " + first + " start() returned false"));
+    EXPECT_TRUE(log_.has("[ERROR][kernel] boot sequence failed after start " + first));
+    EXPECT_TRUE(log_.has("[ERROR][kernel] module init/start failed"));
+  }
+  // Exactly one start was attempted and nothing was stopped.
+  auto log = contract_log();
+  EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                          [](const std::string& e) { return e.find(":start") != std::string::npos; }),
+            1);
+  EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                          [](const std::string& e) { return e.find(":stop") != std::string::npos; }),
+            0);
+}
+
+TEST_F(KernelBoot, InitFailureFailsTheBootBeforeAnyStart) {
+  add_manifest("beta.module.yaml", manifest("beta", "0x12"));
+  KernelConfig cfg = config();
+  cfg.config_overrides = {"beta.fail_init=true"};
+  Kernel k(cfg);
+  EXPECT_FALSE(k.boot());
+  EXPECT_TRUE(log_.has("[ERROR][kernel] module beta initialize() returned false"));
+  EXPECT_EQ(contract_log(), std::vector<std::string>{"beta:initialize"});
+  // The gateway never started: the port is still free.
+  ApiGateway probe;
+  EXPECT_TRUE(probe.start("127.0.0.1", cfg.port));
+}
+
+TEST_F(KernelBoot, RoleWithoutManifestStillServesBuiltins) {
+  add_manifest("alpha.module.yaml", manifest("alpha", "0x11"));
+  KernelConfig cfg = config();
+  cfg.roles = {"data"};
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  EXPECT_TRUE(log_.has("[INFO][kernel] loaded 0 module(s)"));
+  EXPECT_TRUE(log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
+  Json health = get_json(cfg.port, "/health");
+  EXPECT_EQ(health["module_count"], 0);
+  Json routes = get_json(cfg.port, "/api/v1/kernel/routes");
+  EXPECT_TRUE(std::any_of(routes.begin(), routes.end(),
+                          [](const Json& r) { return r["path"] == "/metrics"; }));
+}
+
+TEST_F(KernelBoot, TakenPortFailsTheBoot) {
+  ApiGateway squatter;
+  ASSERT_TRUE(squatter.start("127.0.0.1", 0));
+  KernelConfig cfg = config();
+  cfg.port = squatter.port();
+  Kernel k(cfg);
+  EXPECT_FALSE(k.boot());
+  EXPECT_TRUE(log_.has("[ERROR][kernel] gateway failed to bind 127.0.0.1:" +
+                       std::to_string(cfg.port)));
+}
+
+}  // namespace
+}  // namespace ostrel::kernel

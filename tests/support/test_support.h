@@ -1,0 +1,71 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ostrel::testing {
+
+// A fresh directory under the system temp dir, removed with its contents.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+void write_file(const std::filesystem::path& path, const std::string& content);
+std::string read_file(const std::filesystem::path& path);
+
+// A loopback TCP port that was free a moment ago.
+int free_port();
+
+// A child process with stdout and stderr captured to files.
+class Process {
+ public:
+  struct Options {
+    std::vector<std::string> args;               // without argv[0]
+    std::map<std::string, std::string> set_env;  // added to the current environment
+    std::vector<std::string> unset_env;
+    std::filesystem::path cwd;
+  };
+
+  Process(const std::string& binary, const Options& options, const std::filesystem::path& logs);
+  ~Process();  // kills the child if it still runs
+
+  pid_t pid() const { return pid_; }
+  void signal(int sig);
+  // The exit status, or nullopt when the child did not exit in time. A child
+  // ended by a signal reports 128 + signal.
+  std::optional<int> wait_exit(std::chrono::milliseconds timeout);
+  std::string out() const;
+  std::string err() const;
+  // Waits until stderr contains `text`; false on timeout or early exit.
+  bool wait_for_err(const std::string& text, std::chrono::milliseconds timeout);
+
+ private:
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+  int status_ = 0;
+  std::filesystem::path out_path_;
+  std::filesystem::path err_path_;
+};
+
+// Polls GET /health on 127.0.0.1:port until it answers 200.
+bool wait_for_health(int port, std::chrono::milliseconds timeout);
+
+// Lines of `text` that contain `needle`, in order.
+std::vector<std::string> lines_with(const std::string& text, const std::string& needle);
+
+}  // namespace ostrel::testing

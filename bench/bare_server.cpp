@@ -5,10 +5,10 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <httplib.h>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <httplib.h>
 
 int main(int argc, char** argv) {
   if (argc < 2) {

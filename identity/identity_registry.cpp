@@ -28,20 +28,61 @@ struct DomainRow {
 };
 
 constexpr DomainRow kDomains[] = {
-    {1, "science"},         {2, "media"},       {3, "comm"},       {4, "data"},
-    {5, "inference"},       {6, "agent"},       {7, "training"},   {8, "iot"},
-    {9, "router"},          {10, "controller"}, {11, "edge"},      {12, "dream"},
-    {13, "nova"},           {14, "kernel"},     {16, "robot"},     {17, "vehicle"},
-    {18, "drone"},          {19, "aerospace"},  {20, "printer3d"}, {21, "home"},
-    {22, "medical"},        {23, "energy"},     {24, "sensor"},    {25, "actuator"},
-    {26, "wearable"},       {27, "display"},    {28, "audio"},     {29, "security"},
-    {30, "farm"},           {31, "transport"},  {32, "infrastructure"},
-    {33, "sci-device"},     {34, "warehouse"},  {35, "mining"},    {36, "marine"},
-    {37, "lab"},            {38, "power"},      {39, "finance"},   {40, "telecom"},
-    {41, "network"},        {42, "mobile"},     {43, "multimedia"}, {44, "camera"},
-    {45, "engine"},         {46, "weather"},    {47, "waste"},     {48, "water"},
-    {49, "building"},       {50, "compute"},    {51, "carsys"},    {52, "radio"},
-    {53, "pipeline"},       {54, "oilgas"},     {55, "navigation"}, {254, "user"},
+    {1, "science"},
+    {2, "media"},
+    {3, "comm"},
+    {4, "data"},
+    {5, "inference"},
+    {6, "agent"},
+    {7, "training"},
+    {8, "iot"},
+    {9, "router"},
+    {10, "controller"},
+    {11, "edge"},
+    {12, "dream"},
+    {13, "nova"},
+    {14, "kernel"},
+    {16, "robot"},
+    {17, "vehicle"},
+    {18, "drone"},
+    {19, "aerospace"},
+    {20, "printer3d"},
+    {21, "home"},
+    {22, "medical"},
+    {23, "energy"},
+    {24, "sensor"},
+    {25, "actuator"},
+    {26, "wearable"},
+    {27, "display"},
+    {28, "audio"},
+    {29, "security"},
+    {30, "farm"},
+    {31, "transport"},
+    {32, "infrastructure"},
+    {33, "sci-device"},
+    {34, "warehouse"},
+    {35, "mining"},
+    {36, "marine"},
+    {37, "lab"},
+    {38, "power"},
+    {39, "finance"},
+    {40, "telecom"},
+    {41, "network"},
+    {42, "mobile"},
+    {43, "multimedia"},
+    {44, "camera"},
+    {45, "engine"},
+    {46, "weather"},
+    {47, "waste"},
+    {48, "water"},
+    {49, "building"},
+    {50, "compute"},
+    {51, "carsys"},
+    {52, "radio"},
+    {53, "pipeline"},
+    {54, "oilgas"},
+    {55, "navigation"},
+    {254, "user"},
     {255, "system"},
 };
 
@@ -105,7 +146,8 @@ SubdomainResult register_subdomain_locked(Tables& t, std::uint8_t domain, std::u
   if (!valid_name(name)) {
     return {false,
             "name must be non-empty lowercase ASCII (letters/digits/dashes/underscores), "
-            "starting with a letter, \xe2\x89\xa4" "64 chars"};
+            "starting with a letter, \xe2\x89\xa4"
+            "64 chars"};
   }
   auto existing = t.paths.find(key(domain, sub));
   if (existing != t.paths.end()) {
@@ -147,8 +189,7 @@ bool parse_byte(const std::string& text, std::uint8_t& out) {
 
 }  // namespace
 
-SubdomainResult register_subdomain(std::uint8_t domain, std::uint8_t sub,
-                                   const std::string& name) {
+SubdomainResult register_subdomain(std::uint8_t domain, std::uint8_t sub, const std::string& name) {
   Tables& t = tables();
   std::lock_guard lock(t.mu);
   seed_domains_locked(t);
@@ -196,8 +237,8 @@ IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel:
     std::uint8_t sub = 0;
     if (!parse_byte(decl.subdomain, sub)) {
       r.status = IdentityStatus::error;
-      r.message = "subdomain registration failed: subdomain '" + decl.subdomain +
-                  "' is not a byte value";
+      r.message =
+          "subdomain registration failed: subdomain '" + decl.subdomain + "' is not a byte value";
       return r;
     }
     const std::string& name = decl.subdomain_name.empty() ? def.name : decl.subdomain_name;
@@ -216,7 +257,8 @@ IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel:
 
   if (decl.subdomain_name.empty()) {
     r.status = IdentityStatus::warning;
-    r.message = "module '" + def.name + "' pinned neither subdomain byte nor subdomain_name — no identity";
+    r.message =
+        "module '" + def.name + "' pinned neither subdomain byte nor subdomain_name — no identity";
     return r;
   }
 

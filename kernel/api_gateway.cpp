@@ -3,8 +3,8 @@
 #include <array>
 #include <chrono>
 #include <mutex>
-#include <optional>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "kernel/http_server.h"
 #include "kernel/obs_metrics.h"
@@ -29,8 +29,7 @@ const GatewayMetrics& gateway_metrics() {
       obs::MetricsRegistry::instance().counter("ostrel_requests_failed_total",
                                                "HTTP requests that ended in a 4xx/5xx response"),
       obs::MetricsRegistry::instance().histogram(
-          "ostrel_requests_duration_ms",
-          {1, 5, 10, 25, 50, 100, 250, 500, 1000, 2500, 5000, 10000},
+          "ostrel_requests_duration_ms", {1, 5, 10, 25, 50, 100, 250, 500, 1000, 2500, 5000, 10000},
           "End-to-end HTTP request duration (ms)"),
   };
   return m;
@@ -40,8 +39,8 @@ const GatewayMetrics& gateway_metrics() {
 // (eis_known, action) pair, looked up once.
 obs::Counter& eis_counter(bool eis_known, const std::string& action) {
   static constexpr std::array<const char*, 7> kActions = {
-      "allowed",       "loopback",       "denied_shape",  "denied_unknown",
-      "denied_module", "denied_domain",  "denied_eis_id"};
+      "allowed",       "loopback",      "denied_shape", "denied_unknown",
+      "denied_module", "denied_domain", "denied_eis_id"};
   static std::array<std::array<obs::Counter*, kActions.size()>, 2> handles = [] {
     std::array<std::array<obs::Counter*, kActions.size()>, 2> h{};
     for (int known = 0; known < 2; ++known) {
@@ -105,8 +104,8 @@ struct ObsScope {
   }
   ~ObsScope() {
     if (response.status >= 400) metrics.failed.add();
-    double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                    .count();
+    double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     metrics.duration_ms.observe(ms);
     if (span) {
       span->set_attribute("http.status", std::to_string(response.status));
@@ -140,13 +139,29 @@ bool wants_event_stream(const Request& req) {
 }  // namespace
 
 bool is_public_path(std::string_view method, std::string_view path) {
-  static constexpr std::string_view kExact[] = {
-      "/health", "/metrics", "/favicon.ico", "/", "/chat", "/login", "/admin", "/graph",
-      "/dashboard", "/theme", "/branding/logo", "/v1/models", "/v1/embeddings",
-      "/v1/chat/completions", "/v1/completions", "/v1/cloud/embeddings", "/api/v1/auth/whoami",
-      "/api/v1/cluster/join", "/api/v1/cluster/register", "/api/v1/cloud/backends/public",
-      "/api/v1/inference/local-backends/public", "/api/v1/cluster/topology/public",
-      "/api/v1/vector/search/peer"};
+  static constexpr std::string_view kExact[] = {"/health",
+                                                "/metrics",
+                                                "/favicon.ico",
+                                                "/",
+                                                "/chat",
+                                                "/login",
+                                                "/admin",
+                                                "/graph",
+                                                "/dashboard",
+                                                "/theme",
+                                                "/branding/logo",
+                                                "/v1/models",
+                                                "/v1/embeddings",
+                                                "/v1/chat/completions",
+                                                "/v1/completions",
+                                                "/v1/cloud/embeddings",
+                                                "/api/v1/auth/whoami",
+                                                "/api/v1/cluster/join",
+                                                "/api/v1/cluster/register",
+                                                "/api/v1/cloud/backends/public",
+                                                "/api/v1/inference/local-backends/public",
+                                                "/api/v1/cluster/topology/public",
+                                                "/api/v1/vector/search/peer"};
   static constexpr std::string_view kPrefixes[] = {"/dashboard/", "/api/v1/auth/",
                                                    "/api/v1/artifacts/share/"};
   for (auto p : kExact) {
@@ -172,8 +187,8 @@ struct ApiGateway::Impl {
 };
 
 ApiGateway::ApiGateway() : impl_(std::make_unique<Impl>()) {
-  impl_->server = std::make_unique<HttpServer>(
-      [this](Request& req, Response& res) { handle(req, res); });
+  impl_->server =
+      std::make_unique<HttpServer>([this](Request& req, Response& res) { handle(req, res); });
   gateway_metrics();  // the request metrics exist (at zero) before the first request
 }
 
@@ -189,7 +204,9 @@ void ApiGateway::set_auth_mode(AuthMode mode) { impl_->auth_mode = mode; }
 AuthMode ApiGateway::auth_mode() const { return impl_->auth_mode; }
 void ApiGateway::set_auth_verifier(AuthVerifier v) { impl_->verifier = std::move(v); }
 bool ApiGateway::has_auth_verifier() const { return static_cast<bool>(impl_->verifier); }
-void ApiGateway::set_node_token_verifier(NodeTokenVerifier v) { impl_->node_verifier = std::move(v); }
+void ApiGateway::set_node_token_verifier(NodeTokenVerifier v) {
+  impl_->node_verifier = std::move(v);
+}
 void ApiGateway::set_source_policy(SourcePolicy p) { impl_->source_policy = std::move(p); }
 void ApiGateway::set_worker_threads(int threads) { impl_->server->set_worker_threads(threads); }
 
@@ -247,7 +264,8 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope) co
   // Node-to-node calls: an accepted node token records the peer.
   const std::string& node_token = req.header("X-Ostrel-Node-Token");
   const std::string& node_id = req.header("X-Ostrel-Node-Id");
-  if (!node_token.empty() && !node_id.empty() && node_verifier && node_verifier(node_id, node_token)) {
+  if (!node_token.empty() && !node_id.empty() && node_verifier &&
+      node_verifier(node_id, node_token)) {
     req.peer_node_id = node_id;
     req.auth_source = "node";
     if (scope.span) scope.span->set_attribute("auth.node_id", node_id);

@@ -25,8 +25,7 @@ struct SourceDecision {
 };
 
 using AuthVerifier = std::function<AuthResult(const std::string& token)>;
-using NodeTokenVerifier =
-    std::function<bool(const std::string& node_id, const std::string& token)>;
+using NodeTokenVerifier = std::function<bool(const std::string& node_id, const std::string& token)>;
 using SourcePolicy = std::function<SourceDecision(const Request&)>;
 
 // "/health", "/metrics", the UI pages and the other paths that need no

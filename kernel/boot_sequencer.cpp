@@ -6,10 +6,14 @@ namespace ostrel::kernel {
 
 const char* boot_state_name(BootSequencer::State state) {
   switch (state) {
-    case BootSequencer::State::pending: return "pending";
-    case BootSequencer::State::started: return "started";
-    case BootSequencer::State::failed: return "failed";
-    case BootSequencer::State::stopped: return "stopped";
+    case BootSequencer::State::pending:
+      return "pending";
+    case BootSequencer::State::started:
+      return "started";
+    case BootSequencer::State::failed:
+      return "failed";
+    case BootSequencer::State::stopped:
+      return "stopped";
   }
   return "pending";
 }

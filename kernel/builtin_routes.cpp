@@ -160,32 +160,31 @@ void Kernel::register_builtin_routes() {
     reply(res, {{"name", syscall}, {"status", r.status}, {"body", result}});
   });
 
-  gateway_.route("GET", "/api/v1/kernel/events/subscriptions", [this](const Request&, Response& res) {
-    Json out = Json::array();
-    for (const auto& s : bus_.subscriptions()) {
-      out.push_back({{"id", s.id},
-                     {"subscriber", s.owner.hex()},
-                     {"subscriber_path", identity_registry::path_name(s.owner)},
-                     {"topic", s.topic}});
-    }
-    reply(res, out);
-  });
-
-  gateway_.route("POST", "/api/v1/kernel/events/publish",
-                 [this, self](const Request& req, Response& res) {
-                   Json body;
-                   if (!parse_object_body(req, res, body)) return;
-                   auto topic = body.find("topic");
-                   if (topic == body.end() || !topic->is_string() ||
-                       topic->get<std::string>().empty()) {
-                     res.error(400, "missing_topic");
-                     return;
+  gateway_.route("GET", "/api/v1/kernel/events/subscriptions",
+                 [this](const Request&, Response& res) {
+                   Json out = Json::array();
+                   for (const auto& s : bus_.subscriptions()) {
+                     out.push_back({{"id", s.id},
+                                    {"subscriber", s.owner.hex()},
+                                    {"subscriber_path", identity_registry::path_name(s.owner)},
+                                    {"topic", s.topic}});
                    }
-                   Json payload = body.value("payload", Json::object());
-                   std::size_t notified =
-                       bus_.publish(self, topic->get<std::string>(), payload.dump());
-                   reply(res, {{"topic", *topic}, {"subscribers_notified", notified}});
+                   reply(res, out);
                  });
+
+  gateway_.route(
+      "POST", "/api/v1/kernel/events/publish", [this, self](const Request& req, Response& res) {
+        Json body;
+        if (!parse_object_body(req, res, body)) return;
+        auto topic = body.find("topic");
+        if (topic == body.end() || !topic->is_string() || topic->get<std::string>().empty()) {
+          res.error(400, "missing_topic");
+          return;
+        }
+        Json payload = body.value("payload", Json::object());
+        std::size_t notified = bus_.publish(self, topic->get<std::string>(), payload.dump());
+        reply(res, {{"topic", *topic}, {"subscribers_notified", notified}});
+      });
 }
 
 }  // namespace ostrel::kernel

@@ -4,10 +4,10 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <httplib.h>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <httplib.h>
 #include <mutex>
 #include <thread>
 
@@ -74,22 +74,21 @@ void write_response(Response& res, httplib::Response& out) {
     return;
   }
   auto producer = std::make_shared<StreamProducer>(std::move(res.stream));
-  out.set_chunked_content_provider(
-      res.content_type, [producer](size_t, httplib::DataSink& sink) {
-        bool open = true;
-        try {
-          (*producer)([&](std::string_view piece) {
-            if (!open) return false;
-            if (piece.empty()) return true;
-            open = sink.write(piece.data(), piece.size());
-            return open;
-          });
-        } catch (...) {
-          // A producer that throws ends its stream; the connection stays usable.
-        }
-        if (open) sink.done();
+  out.set_chunked_content_provider(res.content_type, [producer](size_t, httplib::DataSink& sink) {
+    bool open = true;
+    try {
+      (*producer)([&](std::string_view piece) {
+        if (!open) return false;
+        if (piece.empty()) return true;
+        open = sink.write(piece.data(), piece.size());
         return open;
       });
+    } catch (...) {
+      // A producer that throws ends its stream; the connection stays usable.
+    }
+    if (open) sink.done();
+    return open;
+  });
 }
 
 }  // namespace

@@ -92,7 +92,8 @@ bool Kernel::boot() {
   }
 
   if (env_truthy("OSTREL_GOSSIP_ENABLED")) {
-    logger_.warn("gossip mesh: not available in this build — continuing without cluster membership");
+    logger_.warn(
+        "gossip mesh: not available in this build — continuing without cluster membership");
   } else {
     logger_.info("gossip mesh disabled (set OSTREL_GOSSIP_ENABLED=1 to opt in)");
   }
@@ -175,10 +176,10 @@ bool Kernel::load_and_instantiate_modules() {
 
     identity::SourceCode compiled = instance->source_code();
     if (manifest_identity && !(compiled == declared)) {
-      logger_.error("rejecting module '" + name + "': manifest/code identity drift. manifest says " +
-                    idreg::path_name(declared) + " (" + hex_code(declared) +
-                    "), compiled source_code() returns " + idreg::path_name(compiled) + " (" +
-                    hex_code(compiled) + ")");
+      logger_.error("rejecting module '" + name +
+                    "': manifest/code identity drift. manifest says " + idreg::path_name(declared) +
+                    " (" + hex_code(declared) + "), compiled source_code() returns " +
+                    idreg::path_name(compiled) + " (" + hex_code(compiled) + ")");
       ++rejected;
       continue;
     }
@@ -186,8 +187,8 @@ bool Kernel::load_and_instantiate_modules() {
       idreg::SubdomainResult r =
           idreg::register_subdomain(compiled.domain, compiled.subdomain, name);
       if (r.ok) {
-        logger_.info("module '" + name + "' identity from compiled code: " +
-                     idreg::path_name(compiled));
+        logger_.info("module '" + name +
+                     "' identity from compiled code: " + idreg::path_name(compiled));
       } else {
         logger_.warn("module '" + name + "' compiled identity collides: " + r.error);
       }
@@ -302,10 +303,12 @@ bool Kernel::init_and_start_modules() {
 }
 
 void Kernel::start_background_threads_() {
-  logger_.info("otp audit verifier: not available in this build — no extension audit log to verify");
+  logger_.info(
+      "otp audit verifier: not available in this build — no extension audit log to verify");
   bg_threads_.emplace_back([this] { run_self_health_(); });
   logger_.info("self-health watchdog started (30s probe, 2-strike _exit)");
-  if (const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); controller && *controller) {
+  if (const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL");
+      controller && *controller) {
     logger_.info("peer auto-register heartbeat: not available in this build");
   }
 }
@@ -328,10 +331,11 @@ void Kernel::run_self_health_() {
       continue;
     }
     ++failures;
-    logger_.warn("self-health: probe " + std::to_string(failures) + "/" +
-                 std::to_string(kStrikes) + " of GET /health failed");
+    logger_.warn("self-health: probe " + std::to_string(failures) + "/" + std::to_string(kStrikes) +
+                 " of GET /health failed");
     if (failures >= kStrikes) {
-      logger_.error("self-health: gateway unresponsive — exiting so the service manager restarts the node");
+      logger_.error(
+          "self-health: gateway unresponsive — exiting so the service manager restarts the node");
       std::_Exit(1);
     }
   }

@@ -34,8 +34,8 @@ int main(int argc, char** argv) {
   using namespace ostrel::kernel;
   install_log_dispatcher();
 
-  cli::ParseOutcome parsed =
-      cli::parse(argc, argv, [](const char* name) { return std::getenv(name); }, stderr);
+  cli::ParseOutcome parsed = cli::parse(
+      argc, argv, [](const char* name) { return std::getenv(name); }, stderr);
   if (parsed.action == cli::Action::exit) return parsed.exit_status;
   if (parsed.action == cli::Action::list_modules) {
     std::vector<std::string> names = registered_module_names();

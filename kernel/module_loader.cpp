@@ -17,10 +17,10 @@ namespace fs = std::filesystem;
 
 const std::set<std::string>& module_keys() {
   static const std::set<std::string> keys = {
-      "name",    "display_name", "description", "version",  "category",  "default_port",
-      "binary",  "config_file",  "data_dir",    "hardware", "depends_on", "health",
-      "api",     "config",       "metrics",     "alerts",   "service",   "intent",
-      "syscalls", "help",        "firewall",    "source_code"};
+      "name",     "display_name", "description", "version",    "category",   "default_port",
+      "binary",   "config_file",  "data_dir",    "hardware",   "depends_on", "health",
+      "api",      "config",       "metrics",     "alerts",     "service",    "intent",
+      "syscalls", "help",         "firewall",    "source_code"};
   return keys;
 }
 
@@ -398,8 +398,8 @@ BulkResult load_directory(const fs::path& dir) {
   for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
     const fs::path& path = it->path();
     std::string file = path.filename().string();
-    if (file.size() < kSuffix.size() || file.compare(file.size() - kSuffix.size(),
-                                                     kSuffix.size(), kSuffix) != 0) {
+    if (file.size() < kSuffix.size() ||
+        file.compare(file.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
       continue;
     }
     std::error_code type_ec;

@@ -21,13 +21,20 @@ FactoryRegistry& registry() {
 
 const char* health_state_name(HealthState state) {
   switch (state) {
-    case HealthState::starting: return "starting";
-    case HealthState::healthy: return "healthy";
-    case HealthState::degraded: return "degraded";
-    case HealthState::unhealthy: return "unhealthy";
-    case HealthState::stopping: return "stopping";
-    case HealthState::stopped: return "stopped";
-    case HealthState::unknown: return "unknown";
+    case HealthState::starting:
+      return "starting";
+    case HealthState::healthy:
+      return "healthy";
+    case HealthState::degraded:
+      return "degraded";
+    case HealthState::unhealthy:
+      return "unhealthy";
+    case HealthState::stopping:
+      return "stopping";
+    case HealthState::stopped:
+      return "stopped";
+    case HealthState::unknown:
+      return "unknown";
   }
   return "unknown";
 }

@@ -11,12 +11,18 @@ namespace ostrel::obs {
 
 const char* level_name(LogLevel level) {
   switch (level) {
-    case LogLevel::trace: return "TRACE";
-    case LogLevel::debug: return "DEBUG";
-    case LogLevel::info: return "INFO";
-    case LogLevel::warn: return "WARN";
-    case LogLevel::error: return "ERROR";
-    case LogLevel::fatal: return "FATAL";
+    case LogLevel::trace:
+      return "TRACE";
+    case LogLevel::debug:
+      return "DEBUG";
+    case LogLevel::info:
+      return "INFO";
+    case LogLevel::warn:
+      return "WARN";
+    case LogLevel::error:
+      return "ERROR";
+    case LogLevel::fatal:
+      return "FATAL";
   }
   return "INFO";
 }

@@ -16,13 +16,11 @@ bool RouteTable::Wildcard::matches(std::string_view path) const {
   if (!is_mid()) return true;
   if (path.size() < prefix.size() + suffix.size() + 1) return false;
   if (path.substr(path.size() - suffix.size()) != suffix) return false;
-  std::string_view middle =
-      path.substr(prefix.size(), path.size() - prefix.size() - suffix.size());
+  std::string_view middle = path.substr(prefix.size(), path.size() - prefix.size() - suffix.size());
   return middle.find('/') == std::string_view::npos;
 }
 
-bool RouteTable::add(const std::string& method, const std::string& pattern,
-                     RouteHandler handler) {
+bool RouteTable::add(const std::string& method, const std::string& pattern, RouteHandler handler) {
   size_t stars = std::count(pattern.begin(), pattern.end(), '*');
   size_t star = pattern.find('*');
   std::unique_lock lock(mu_);

@@ -83,7 +83,7 @@ class RouteTable {
 
   mutable std::shared_mutex mu_;  // guards exact_, mids_, prefixes_ and info_
   std::unordered_map<Key, Exact, KeyHash, KeyEqual> exact_;
-  std::deque<Wildcard> mids_;      // deque: element addresses never move
+  std::deque<Wildcard> mids_;  // deque: element addresses never move
   std::deque<Wildcard> prefixes_;
   std::vector<RouteInfo> info_;
 };

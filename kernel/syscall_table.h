@@ -48,8 +48,8 @@ class SyscallTable {
   SyscallResult call(identity::SourceCode caller, std::string_view name,
                      std::string_view args_json) const;
   // Unknown name: -1 without calling on_chunk.
-  int call_streaming(identity::SourceCode caller, std::string_view name,
-                     std::string_view args_json, SyscallEmit on_chunk) const;
+  int call_streaming(identity::SourceCode caller, std::string_view name, std::string_view args_json,
+                     SyscallEmit on_chunk) const;
 
   bool has(std::string_view name) const;
   bool has_streaming(std::string_view name) const;

@@ -71,9 +71,10 @@ std::unique_ptr<obs::ScopedSpan> Telemetry::begin_span(const std::string& name,
 
 void Telemetry::configure(const Config& config) {
   if (config.enabled && !config.endpoint.empty()) {
-    Logger("kernel/telemetry").warn("export to " + config.endpoint +
-                             " requested, but collector export is not built yet — "
-                             "metrics stay on /metrics");
+    Logger("kernel/telemetry")
+        .warn("export to " + config.endpoint +
+              " requested, but collector export is not built yet — "
+              "metrics stay on /metrics");
   }
 }
 
@@ -92,8 +93,8 @@ std::string Telemetry::to_prometheus() const {
     std::string pname = prometheus_name(name);
     out += "# TYPE " + pname + " counter\n";
     for (const auto& [labels, counter] : series) {
-      out += pname + render_labels(labels) + " " + obs::format_metric_value(counter->value()) +
-             "\n";
+      out +=
+          pname + render_labels(labels) + " " + obs::format_metric_value(counter->value()) + "\n";
     }
   }
   for (const auto& [name, series] : histograms_) {

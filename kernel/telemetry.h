@@ -22,7 +22,7 @@ class Telemetry {
  public:
   struct Config {
     bool enabled = false;
-    std::string endpoint;       // collector base URL
+    std::string endpoint;  // collector base URL
     int export_interval_ms = 10000;
     std::string service_name = "ostrel-ulvo";
     std::string token;

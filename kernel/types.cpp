@@ -51,7 +51,8 @@ std::string sse_event(std::string_view payload) {
   while (true) {
     size_t nl = payload.find('\n', start);
     out += "data: ";
-    out += payload.substr(start, nl == std::string_view::npos ? std::string_view::npos : nl - start);
+    out +=
+        payload.substr(start, nl == std::string_view::npos ? std::string_view::npos : nl - start);
     out += '\n';
     if (nl == std::string_view::npos) break;
     start = nl + 1;

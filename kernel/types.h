@@ -39,7 +39,7 @@ struct Request {
   std::vector<std::string> scopes;
   std::string peer_node_id;  // set when a node token was accepted
   std::string user_id;
-  std::string auth_source;   // "capability", "node", "loopback", … or empty
+  std::string auth_source;  // "capability", "node", "loopback", … or empty
 
   // The header's value, or "" when absent.
   const std::string& header(std::string_view name) const;

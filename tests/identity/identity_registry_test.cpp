@@ -30,7 +30,8 @@ TEST(IdentityRegistry, SubdomainRules) {
   EXPECT_EQ(register_subdomain(15, 1, "z").error,
             "unknown domain byte (must be one of the canonical 32)");
   EXPECT_FALSE(register_subdomain(56, 1, "z").ok);
-  for (const std::string& bad : std::vector<std::string>{"Upper", "1lead", "", std::string(65, 'a')}) {
+  for (const std::string& bad :
+       std::vector<std::string>{"Upper", "1lead", "", std::string(65, 'a')}) {
     EXPECT_FALSE(register_subdomain(4, 9, bad).ok) << bad;
   }
   EXPECT_TRUE(register_subdomain(4, 9, "a-b_c9").ok);
@@ -86,7 +87,8 @@ TEST(IdentityRegistry, SourceCodeBindingAndAutoAllocation) {
   }
   auto exhausted = register_source_code(manifest("x", "mining", "", "x96"), log);
   EXPECT_EQ(exhausted.status, IdentityStatus::error);
-  EXPECT_EQ(exhausted.message, "auto-allocation failed in extension range (exhausted or name taken)");
+  EXPECT_EQ(exhausted.message,
+            "auto-allocation failed in extension range (exhausted or name taken)");
 }
 
 }  // namespace

@@ -124,12 +124,14 @@ TEST(ApiGateway, SourcePolicyVerdictsAreCountedAndEnforced) {
   ApiGateway gw;
   gw.route("GET", "/api/v1/x", [](const Request&, Response& r) { r.body = "{}"; });
   auto& t = telemetry::Telemetry::instance();
-  double loop_before =
-      t.counter_value("ostrel.eis.requests_total", {{"action", "loopback"}, {"eis_known", "false"}});
+  double loop_before = t.counter_value("ostrel.eis.requests_total",
+                                       {{"action", "loopback"}, {"eis_known", "false"}});
   EXPECT_EQ(serve(gw, make("GET", "/api/v1/x")).status, 200);
   EXPECT_EQ(serve(gw, make("GET", "/health")).status, 404);  // not an /api/v1 path: not counted
   EXPECT_EQ(t.counter_value("ostrel.eis.requests_total",
-                            {{"action", "loopback"}, {"eis_known", "false"}}) - loop_before, 1);
+                            {{"action", "loopback"}, {"eis_known", "false"}}) -
+                loop_before,
+            1);
 
   gw.set_source_policy([](const Request& req) {
     SourceDecision d;
@@ -146,7 +148,8 @@ TEST(ApiGateway, SourcePolicyVerdictsAreCountedAndEnforced) {
   EXPECT_EQ(r.status, 400);
   EXPECT_EQ(r.body, "{\"error\":\"invalid_eis_source_header\"}");
   EXPECT_EQ(t.counter_value("ostrel.eis.requests_total",
-                            {{"action", "denied_shape"}, {"eis_known", "false"}}), 1);
+                            {{"action", "denied_shape"}, {"eis_known", "false"}}),
+            1);
 }
 
 TEST(ApiGateway, EventStreamShapingAndTraceContext) {
@@ -223,9 +226,8 @@ TEST(ApiGateway, ServesStreamsOverHttpAndSurvivesDisconnects) {
       }
     };
   });
-  gw.route("GET", "/api/v1/boom", [](const Request&, Response&) {
-    throw std::runtime_error("boom");
-  });
+  gw.route("GET", "/api/v1/boom",
+           [](const Request&, Response&) { throw std::runtime_error("boom"); });
   ASSERT_TRUE(gw.start("127.0.0.1", 0));
   ASSERT_NE(gw.port(), 0);
 
@@ -272,9 +274,9 @@ TEST(ApiGateway, BindFailureIsReported) {
 }
 
 TEST(PublicPaths, MatchTheOpenSurface) {
-  for (const char* p : {"/health", "/metrics", "/", "/dashboard", "/dashboard/x/y", "/v1/models",
-                        "/api/v1/auth/login", "/api/v1/artifacts/share/abc",
-                        "/api/v1/cluster/join"}) {
+  for (const char* p :
+       {"/health", "/metrics", "/", "/dashboard", "/dashboard/x/y", "/v1/models",
+        "/api/v1/auth/login", "/api/v1/artifacts/share/abc", "/api/v1/cluster/join"}) {
     EXPECT_TRUE(is_public_path("GET", p)) << p;
   }
   for (const char* p : {"/api/v1/kernel/modules", "/healthz", "/dashboardx", "/api/v1/authx"}) {

@@ -13,8 +13,8 @@ struct Parsed {
   std::string err;
 };
 
-Parsed parse_args(std::vector<std::string> args, std::map<std::string, std::string> env = {
-                                                  {"HOME", "/home/u"}}) {
+Parsed parse_args(std::vector<std::string> args,
+                  std::map<std::string, std::string> env = {{"HOME", "/home/u"}}) {
   args.insert(args.begin(), "ostrel-ulvo");
   std::vector<const char*> argv;
   for (const auto& a : args) argv.push_back(a.c_str());
@@ -22,12 +22,13 @@ Parsed parse_args(std::vector<std::string> args, std::map<std::string, std::stri
   size_t len = 0;
   std::FILE* err = open_memstream(&buf, &len);
   Parsed r;
-  r.outcome = parse(static_cast<int>(argv.size()), argv.data(),
-                    [&env](const char* name) -> const char* {
-                      auto it = env.find(name);
-                      return it == env.end() ? nullptr : it->second.c_str();
-                    },
-                    err);
+  r.outcome = parse(
+      static_cast<int>(argv.size()), argv.data(),
+      [&env](const char* name) -> const char* {
+        auto it = env.find(name);
+        return it == env.end() ? nullptr : it->second.c_str();
+      },
+      err);
   std::fclose(err);
   r.err.assign(buf, len);
   std::free(buf);
@@ -63,8 +64,8 @@ TEST(CommandLine, DefaultsAndEnvironment) {
 
 TEST(CommandLine, ValuedOptionsInBothForms) {
   Parsed r = parse_args({"--role=data,,router", "--port", "70000", "--config-set", "a.b=1",
-                      "--config-set=a.b=2", "--node-id=n7", "--bind", "127.0.0.1",
-                      "--lax-identity", "--modules-d=/m", "--extensions-d", "/x", "--auth=1"});
+                         "--config-set=a.b=2", "--node-id=n7", "--bind", "127.0.0.1",
+                         "--lax-identity", "--modules-d=/m", "--extensions-d", "/x", "--auth=1"});
   const KernelConfig& c = r.outcome.config;
   EXPECT_EQ(r.outcome.action, Action::run) << r.err;
   EXPECT_EQ(c.roles, (std::vector<std::string>{"data", "router"}));
@@ -88,7 +89,8 @@ TEST(CommandLine, ExitsForHelpUnknownOptionsAndBadValues) {
   Parsed help = parse_args({"--port=1", "--help", "--bogus"});
   EXPECT_EQ(help.outcome.action, Action::exit);
   EXPECT_EQ(help.outcome.exit_status, 0);
-  EXPECT_EQ(help.err.rfind("Ostrel ULVO \xe2\x80\x94 v5.0\n\nUsage: ostrel-ulvo [options]\n", 0), 0u);
+  EXPECT_EQ(help.err.rfind("Ostrel ULVO \xe2\x80\x94 v5.0\n\nUsage: ostrel-ulvo [options]\n", 0),
+            0u);
   EXPECT_NE(help.err.find("  OSTREL_DATA_VECTOR_BACKEND=faiss ostrel-ulvo --role=data\n"),
             std::string::npos);
 

@@ -34,11 +34,11 @@ TEST(ConfigResolution, CommandLineBeatsEnvironmentBeatsManifest) {
                                             {"OSTREL_DATA_UNDECLARED", "1"}};
   g_env = &env;
   unsigned n = 0;
-  ConfigView v = config_overlay::resolve(
-      data_module(),
-      {"data.vector_backend=faiss", "novalue", "router.x=1", "data.a.b=1", "data.undeclared=2",
-       "data.vector_backend=hnsw"},
-      n, fake_env);
+  ConfigView v =
+      config_overlay::resolve(data_module(),
+                              {"data.vector_backend=faiss", "novalue", "router.x=1", "data.a.b=1",
+                               "data.undeclared=2", "data.vector_backend=hnsw"},
+                              n, fake_env);
   EXPECT_EQ(v.get("vector_backend"), "hnsw");  // later --config-set wins
   EXPECT_EQ(v.get("embed.model-name"), "m-env");
   EXPECT_EQ(v.get("a.b"), "1");

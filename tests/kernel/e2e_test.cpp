@@ -27,7 +27,7 @@ class NodeProcess : public ::testing::Test {
   TempDir dir_;
 };
 
-TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigterm) {
+TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigint) {
   std::filesystem::create_directories(dir_ / "modules.d");
   int port = free_port();
   Process node(OSTREL_BINARY, node_options(port), dir_ / "logs");
@@ -53,7 +53,7 @@ TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigterm) {
   ASSERT_TRUE(bad);
   EXPECT_EQ(bad->status, 400);
 
-  node.signal(SIGTERM);
+  node.signal(SIGINT);
   auto status = node.wait_exit(10s);
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(*status, 0);
@@ -63,7 +63,7 @@ TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigterm) {
   EXPECT_TRUE(node.out().empty());
 }
 
-TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigint) {
+TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigterm) {
   write_file(dir_ / "modules.d" / "alpha.module.yaml",
              "module:\n  name: alpha\n  version: 5.0.0\n"
              "  source_code: {domain: lab, subdomain: \"0x11\"}\n"
@@ -80,7 +80,7 @@ TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigint) {
   ASSERT_TRUE(health);
   EXPECT_EQ(Json::parse(health->body)["module_count"], 2);
 
-  node.signal(SIGINT);
+  node.signal(SIGTERM);
   ASSERT_EQ(node.wait_exit(10s), std::optional<int>(0));
   std::string err = node.err();
   auto starts = lines_with(err, "[INFO][kernel] start ");

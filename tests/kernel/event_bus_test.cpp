@@ -37,7 +37,8 @@ TEST(EventBus, ExactTopicsThrowingHandlersAndSelfUnsubscribe) {
     seen.push_back(std::string(topic) + "=" + std::string(payload));
   });
   bus.subscribe(kOwner, "a.b.c", [&](std::string_view, std::string_view) { seen.push_back("c"); });
-  bus.subscribe(kOwner, "A.B", [&](std::string_view, std::string_view) { seen.push_back("upper"); });
+  bus.subscribe(kOwner, "A.B",
+                [&](std::string_view, std::string_view) { seen.push_back("upper"); });
   bus.subscribe(kOwner, "a.b", [](std::string_view, std::string_view) {
     throw std::runtime_error("subscriber failure");
   });

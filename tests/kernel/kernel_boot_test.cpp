@@ -18,9 +18,11 @@ using testing::contract_log;
 
 std::string manifest(const std::string& name, const std::string& sub,
                      const std::string& extra_config = "") {
-  std::string source = sub.empty() ? "" : "  source_code: {domain: lab, subdomain: \"" + sub + "\"}\n";
-  return "module:\n  name: " + name + "\n  version: 5.0.0\n" + source +
-         "  help: [{id: " + name + ".intro, title: " + name + "}]\n"
+  std::string source =
+      sub.empty() ? "" : "  source_code: {domain: lab, subdomain: \"" + sub + "\"}\n";
+  return "module:\n  name: " + name + "\n  version: 5.0.0\n" + source + "  help: [{id: " + name +
+         ".intro, title: " + name +
+         "}]\n"
          "  config:\n    greeting: {default: hello}\n    relay_to: {default: beta}\n" +
          extra_config;
 }
@@ -96,12 +98,11 @@ TEST_F(KernelBoot, ModuleContractEndToEnd) {
   std::string second = kernel->modules()[1].definition.name;
 
   std::vector<std::string> expected = {
-      first + ":initialize",         first + ":register_routes",    first + ":register_syscalls",
-      second + ":initialize",        second + ":register_routes",   second + ":register_syscalls",
+      first + ":initialize", first + ":register_routes", first + ":register_syscalls",
+      second + ":initialize", second + ":register_routes", second + ":register_syscalls",
       // Subscribers are called in subscription order, i.e. initialization order.
-      first + ":start",              first + ":saw-ready:" + first, second + ":saw-ready:" + first,
-      second + ":start",             first + ":saw-ready:" + second,
-      second + ":saw-ready:" + second};
+      first + ":start", first + ":saw-ready:" + first, second + ":saw-ready:" + first,
+      second + ":start", first + ":saw-ready:" + second, second + ":saw-ready:" + second};
   EXPECT_EQ(contract_log(), expected);
   EXPECT_TRUE(log_.has("[INFO][kernel] registered alpha as lab/alpha"));
 
@@ -160,8 +161,8 @@ TEST_F(KernelBoot, ModuleContractEndToEnd) {
 
 TEST_F(KernelBoot, IdentityChecksRejectModulesAndStrictnessMatters) {
   add_manifest("gamma.module.yaml", manifest("gamma", "0x14"));  // compiled code is 0x13
-  add_manifest("beta.module.yaml", manifest("beta", ""));         // declares no identity
-  add_manifest("ghost.module.yaml", manifest("ghost", "0x20"));   // no factory compiled in
+  add_manifest("beta.module.yaml", manifest("beta", ""));        // declares no identity
+  add_manifest("ghost.module.yaml", manifest("ghost", "0x20"));  // no factory compiled in
   {
     Kernel strict(config());
     ASSERT_TRUE(strict.boot());
@@ -170,12 +171,13 @@ TEST_F(KernelBoot, IdentityChecksRejectModulesAndStrictnessMatters) {
   EXPECT_TRUE(log_.has(
       "[ERROR][kernel] rejecting module 'gamma': manifest/code identity drift. manifest says "
       "lab/gamma (0x2514), compiled source_code() returns lab/0x13 (0x2513)"));
-  EXPECT_TRUE(log_.has(
-      "[ERROR][kernel] strict identity: rejecting 'beta': module 'beta' did not declare "
-      "source_code.domain (use --lax-identity to permit)"));
+  EXPECT_TRUE(
+      log_.has("[ERROR][kernel] strict identity: rejecting 'beta': module 'beta' did not declare "
+               "source_code.domain (use --lax-identity to permit)"));
   EXPECT_TRUE(log_.has("[ERROR][kernel] rejecting module 'ghost': no factory registered"));
   EXPECT_TRUE(log_.has("[WARN][kernel] rejected 3 module(s) during boot — see preceding errors"));
-  EXPECT_TRUE(log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
+  EXPECT_TRUE(
+      log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
 
   KernelConfig lax = config();
   lax.strict_identity = false;
@@ -183,8 +185,9 @@ TEST_F(KernelBoot, IdentityChecksRejectModulesAndStrictnessMatters) {
   ASSERT_TRUE(k.boot());
   ASSERT_EQ(k.modules().size(), 1u);
   EXPECT_EQ(k.modules()[0].definition.name, "beta");
-  EXPECT_TRUE(log_.has("[WARN][kernel] module 'beta' identity: module 'beta' did not declare "
-                       "source_code.domain"));
+  EXPECT_TRUE(
+      log_.has("[WARN][kernel] module 'beta' identity: module 'beta' did not declare "
+               "source_code.domain"));
   EXPECT_TRUE(log_.has("[INFO][kernel] module 'beta' identity from compiled code: lab/beta"));
 }
 
@@ -233,12 +236,14 @@ TEST_F(KernelBoot, StartFailureFailsTheBootWithoutStoppingModules) {
   }
   // Exactly one start was attempted and nothing was stopped.
   auto log = contract_log();
-  EXPECT_EQ(std::count_if(log.begin(), log.end(),
-                          [](const std::string& e) { return e.find(":start") != std::string::npos; }),
-            1);
-  EXPECT_EQ(std::count_if(log.begin(), log.end(),
-                          [](const std::string& e) { return e.find(":stop") != std::string::npos; }),
-            0);
+  EXPECT_EQ(
+      std::count_if(log.begin(), log.end(),
+                    [](const std::string& e) { return e.find(":start") != std::string::npos; }),
+      1);
+  EXPECT_EQ(
+      std::count_if(log.begin(), log.end(),
+                    [](const std::string& e) { return e.find(":stop") != std::string::npos; }),
+      0);
 }
 
 TEST_F(KernelBoot, InitFailureFailsTheBootBeforeAnyStart) {
@@ -261,7 +266,8 @@ TEST_F(KernelBoot, RoleWithoutManifestStillServesBuiltins) {
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
   EXPECT_TRUE(log_.has("[INFO][kernel] loaded 0 module(s)"));
-  EXPECT_TRUE(log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
+  EXPECT_TRUE(
+      log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
   Json health = get_json(cfg.port, "/health");
   EXPECT_EQ(health["module_count"], 0);
   Json routes = get_json(cfg.port, "/api/v1/kernel/routes");
@@ -276,8 +282,8 @@ TEST_F(KernelBoot, TakenPortFailsTheBoot) {
   cfg.port = squatter.port();
   Kernel k(cfg);
   EXPECT_FALSE(k.boot());
-  EXPECT_TRUE(log_.has("[ERROR][kernel] gateway failed to bind 127.0.0.1:" +
-                       std::to_string(cfg.port)));
+  EXPECT_TRUE(
+      log_.has("[ERROR][kernel] gateway failed to bind 127.0.0.1:" + std::to_string(cfg.port)));
 }
 
 }  // namespace

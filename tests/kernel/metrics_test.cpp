@@ -61,8 +61,8 @@ TEST(ObsMetrics, HistogramBucketsAreCumulativeAndExpositionIsSorted) {
   ASSERT_NE(z, std::string::npos);
   ASSERT_NE(g, std::string::npos);
   ASSERT_NE(hh, std::string::npos) << text;
-  EXPECT_LT(a, z);  // counters sorted by name
-  EXPECT_LT(z, g);  // then gauges
+  EXPECT_LT(a, z);   // counters sorted by name
+  EXPECT_LT(z, g);   // then gauges
   EXPECT_LT(g, hh);  // then histograms
   EXPECT_EQ(obs::format_metric_value(1.0 / 0.0), "+Inf");
 }

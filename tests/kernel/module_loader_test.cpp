@@ -157,8 +157,8 @@ TEST(ManifestLoader, DirectoryScan) {
   ASSERT_EQ(bulk.failures.size(), 2u);  // the syntax error and the bad name
 
   auto none = module_loader::load_directory(dir / "missing");
-  EXPECT_EQ(none.messages, std::vector<std::string>{"not a directory: " +
-                                                    (dir / "missing").string()});
+  EXPECT_EQ(none.messages,
+            std::vector<std::string>{"not a directory: " + (dir / "missing").string()});
 }
 
 }  // namespace

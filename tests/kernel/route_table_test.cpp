@@ -11,9 +11,8 @@ namespace {
 // Registers `pattern` with a handler that writes the pattern into the body, so
 // a lookup reveals which route it chose.
 void add(RouteTable& t, const std::string& method, const std::string& pattern) {
-  ASSERT_TRUE(t.add(method, pattern, [pattern](const Request&, Response& res) {
-    res.body = pattern;
-  }));
+  ASSERT_TRUE(
+      t.add(method, pattern, [pattern](const Request&, Response& res) { res.body = pattern; }));
 }
 
 std::string chosen(const RouteTable& t, const std::string& method, const std::string& path) {
@@ -56,8 +55,8 @@ TEST(RouteTable, RegistrationOrderAndLiteralPatterns) {
   // Equal literal length between a mid-wildcard and a prefix: the mid-wildcard
   // is considered first and keeps the tie.
   RouteTable u;
-  add(u, "GET", "/ab*");   // prefix, literal "/ab" (3)
-  add(u, "GET", "/a*/");   // mid, literal "/a" + "/" (3)
+  add(u, "GET", "/ab*");  // prefix, literal "/ab" (3)
+  add(u, "GET", "/a*/");  // mid, literal "/a" + "/" (3)
   EXPECT_EQ(chosen(u, "GET", "/abc/"), "/a*/");
 
   // More than one "*" is an exact, literal route.

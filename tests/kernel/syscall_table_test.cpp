@@ -12,12 +12,10 @@ const identity::SourceCode kOwner{0x25, 0x01};
 
 TEST(SyscallTable, FirstRegistrationWinsAndNameSpacesAreSeparate) {
   SyscallTable t;
-  EXPECT_TRUE(t.register_syscall(kOwner, "x", [](std::string_view) {
-    return SyscallResult::ok("{\"who\":\"first\"}");
-  }));
-  EXPECT_FALSE(t.register_syscall(kOwner, "x", [](std::string_view) {
-    return SyscallResult::ok("{\"who\":\"second\"}");
-  }));
+  EXPECT_TRUE(t.register_syscall(
+      kOwner, "x", [](std::string_view) { return SyscallResult::ok("{\"who\":\"first\"}"); }));
+  EXPECT_FALSE(t.register_syscall(
+      kOwner, "x", [](std::string_view) { return SyscallResult::ok("{\"who\":\"second\"}"); }));
   EXPECT_EQ(t.call(kOwner, "x", "{}").body, "{\"who\":\"first\"}");
 
   EXPECT_TRUE(t.register_streaming_syscall(kOwner, "x", [](std::string_view, SyscallEmit emit) {
@@ -31,10 +29,12 @@ TEST(SyscallTable, FirstRegistrationWinsAndNameSpacesAreSeparate) {
   EXPECT_EQ(t.list().size(), 2u);
 
   std::string chunks;
-  EXPECT_EQ(t.call_streaming(kOwner, "x", "{}", [&](std::string_view c) {
-    chunks += c;
-    return true;
-  }), 0);
+  EXPECT_EQ(t.call_streaming(kOwner, "x", "{}",
+                             [&](std::string_view c) {
+                               chunks += c;
+                               return true;
+                             }),
+            0);
   EXPECT_EQ(chunks, "ab");
 }
 
@@ -44,10 +44,12 @@ TEST(SyscallTable, UnknownNamesAndThrowingHandlers) {
   EXPECT_EQ(r.status, -1);
   EXPECT_EQ(r.body, "{\"error\":\"not_found\"}");
   bool called = false;
-  EXPECT_EQ(t.call_streaming(kOwner, "nope", "{}", [&](std::string_view) {
-    called = true;
-    return true;
-  }), -1);
+  EXPECT_EQ(t.call_streaming(kOwner, "nope", "{}",
+                             [&](std::string_view) {
+                               called = true;
+                               return true;
+                             }),
+            -1);
   EXPECT_FALSE(called);
 
   t.register_syscall(kOwner, "throws", [](std::string_view) -> SyscallResult {
@@ -55,9 +57,8 @@ TEST(SyscallTable, UnknownNamesAndThrowingHandlers) {
   });
   EXPECT_THROW(t.call(kOwner, "throws", "{}"), std::runtime_error);
   // The table is still usable: the lock was not held while the handler ran.
-  EXPECT_TRUE(t.register_syscall(kOwner, "after", [](std::string_view) {
-    return SyscallResult::ok("{}");
-  }));
+  EXPECT_TRUE(t.register_syscall(kOwner, "after",
+                                 [](std::string_view) { return SyscallResult::ok("{}"); }));
   EXPECT_EQ(t.call(kOwner, "after", "").status, 0);
 }
 
@@ -72,7 +73,8 @@ TEST(SyscallTable, StreamingStopsWhenConsumerGoesAway) {
     return 0;
   });
   int received = 0;
-  int status = t.call_streaming(kOwner, "s", "{}", [&](std::string_view) { return ++received < 3; });
+  int status =
+      t.call_streaming(kOwner, "s", "{}", [&](std::string_view) { return ++received < 3; });
   EXPECT_EQ(status, -2);
   EXPECT_EQ(received, 3);
   EXPECT_EQ(produced.load(), 3);
@@ -80,9 +82,8 @@ TEST(SyscallTable, StreamingStopsWhenConsumerGoesAway) {
 
 TEST(SyscallTable, HandlersMayCallAndRegisterReentrantly) {
   SyscallTable t;
-  t.register_syscall(kOwner, "leaf", [](std::string_view args) {
-    return SyscallResult::ok(std::string(args));
-  });
+  t.register_syscall(kOwner, "leaf",
+                     [](std::string_view args) { return SyscallResult::ok(std::string(args)); });
   t.register_syscall(kOwner, "outer", [&t](std::string_view args) {
     // Registering from inside a handler takes the lock exclusively: it would
     // deadlock if call() still held it.

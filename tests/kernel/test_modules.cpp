@@ -50,17 +50,16 @@ class ContractModule : public kernel::ModuleBase {
 
   void register_routes(kernel::ApiGateway& gw) override {
     record(name_ + ":register_routes");
-    gw.route("GET", "/api/v1/" + name_ + "/info", [this](const kernel::Request& req,
-                                                         kernel::Response& res) {
-      res.body = Json{{"module", name_},
-                      {"greeting", ctx_.config->get("greeting", "none")},
-                      {"data_dir", ctx_.config->get("data_dir")},
-                      {"tenant", req.tenant}}
-                     .dump();
-    });
-    gw.route("GET", "/api/v1/" + name_ + "/boom", [](const kernel::Request&, kernel::Response&) {
-      throw std::runtime_error("boom");
-    });
+    gw.route("GET", "/api/v1/" + name_ + "/info",
+             [this](const kernel::Request& req, kernel::Response& res) {
+               res.body = Json{{"module", name_},
+                               {"greeting", ctx_.config->get("greeting", "none")},
+                               {"data_dir", ctx_.config->get("data_dir")},
+                               {"tenant", req.tenant}}
+                              .dump();
+             });
+    gw.route("GET", "/api/v1/" + name_ + "/boom",
+             [](const kernel::Request&, kernel::Response&) { throw std::runtime_error("boom"); });
   }
 
   void register_syscalls(kernel::SyscallTable& table) override {

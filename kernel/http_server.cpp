@@ -99,6 +99,7 @@ struct HttpServer::Impl {
   std::unique_ptr<ListeningServer> server;
   std::thread listen_thread;
   std::atomic<std::uint16_t> port{0};
+  std::atomic<bool> loop_done{false};  // set when the listen loop has returned
   std::mutex lifecycle_mu;  // serialises start() and stop()
 };
 
@@ -167,10 +168,21 @@ bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   impl_->port = static_cast<std::uint16_t>(bound);
   ListeningServer* raw = server.get();
   impl_->server = std::move(server);
-  impl_->listen_thread = std::thread([raw] { raw->listen_after_bind(); });
+  impl_->loop_done = false;
+  impl_->listen_thread = std::thread([this, raw] {
+    raw->listen_after_bind();
+    impl_->loop_done = true;
+  });
   // stop() only interrupts a loop that is already running; wait for it so that
   // a stop right after start cannot miss it and leave the join hanging.
-  while (!raw->is_running()) std::this_thread::sleep_for(std::chrono::microseconds(100));
+  while (!raw->is_running() && !impl_->loop_done) {
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  if (impl_->loop_done) {
+    impl_->listen_thread.join();
+    impl_->server.reset();
+    return false;
+  }
   return true;
 }
 

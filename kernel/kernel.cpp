@@ -246,15 +246,21 @@ bool Kernel::init_and_start_modules() {
     bool ok = false;
     try {
       ok = m.instance->initialize(ctx);
+      if (ok) {
+        m.instance->register_routes(gateway_);
+        m.instance->register_syscalls(syscalls_);
+      }
     } catch (const std::exception& e) {
       logger_.error("module " + name + " initialize() threw: " + e.what());
+      ok = false;
+    } catch (...) {
+      logger_.error("module " + name + " initialize() threw");
+      ok = false;
     }
     if (!ok) {
       logger_.error("module " + name + " initialize() returned false");
       return false;
     }
-    m.instance->register_routes(gateway_);
-    m.instance->register_syscalls(syscalls_);
   }
 
   for (auto& m : modules_) {
@@ -264,7 +270,15 @@ bool Kernel::init_and_start_modules() {
     phase.name = "start " + name;
     phase.start = [this, module, name] {
       logger_.info("start " + name);
-      if (!module->start()) {
+      bool started = false;
+      try {
+        started = module->start();
+      } catch (const std::exception& e) {
+        logger_.error("module " + name + " start() threw: " + e.what());
+      } catch (...) {
+        logger_.error("module " + name + " start() threw");
+      }
+      if (!started) {
         logger_.error("module " + name + " start() returned false");
         return false;
       }
@@ -298,7 +312,7 @@ bool Kernel::init_and_start_modules() {
   auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                   started)
                 .count();
-  logger_.info("boot sequence completed in " + std::to_string(ms) + "ms");
+  logger_.info("boot sequence completed in " + std::to_string(ms));
   return true;
 }
 

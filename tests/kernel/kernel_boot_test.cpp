@@ -235,15 +235,13 @@ TEST_F(KernelBoot, StartFailureFailsTheBootWithoutStoppingModules) {
     EXPECT_TRUE(log_.has("[ERROR][kernel] module init/start failed"));
   }
   // Exactly one start was attempted and nothing was stopped.
-  auto log = contract_log();
-  EXPECT_EQ(
-      std::count_if(log.begin(), log.end(),
-                    [](const std::string& e) { return e.find(":start") != std::string::npos; }),
-      1);
-  EXPECT_EQ(
-      std::count_if(log.begin(), log.end(),
-                    [](const std::string& e) { return e.find(":stop") != std::string::npos; }),
-      0);
+  auto entries_with = [](const std::string& suffix) {
+    auto log = contract_log();
+    return std::count_if(log.begin(), log.end(),
+                         [&](const std::string& e) { return e.find(suffix) != std::string::npos; });
+  };
+  EXPECT_EQ(entries_with(":start"), 1);
+  EXPECT_EQ(entries_with(":stop"), 0);
 }
 
 TEST_F(KernelBoot, InitFailureFailsTheBootBeforeAnyStart) {

@@ -5,6 +5,8 @@ BUILD_TYPE ?= Release
 PORT ?= 8880
 DATA_DIR ?= $(CURDIR)/var
 JOBS ?= $(shell nproc)
+# Relative paths in ccache's hashes let fresh clones reuse the cache.
+export CCACHE_BASEDIR := $(CURDIR)
 
 .PHONY: all deps configure build run test bench sanitize format clean
 

@@ -1,6 +1,7 @@
 #include "kernel/api_gateway.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -175,8 +176,9 @@ bool is_public_path(std::string_view method, std::string_view path) {
 
 struct ApiGateway::Impl {
   RouteTable routes;
+  // Switched at run time when the node starts enforcing (first user registered).
+  std::atomic<AuthMode> auth_mode{AuthMode::off};
   // Hooks installed during boot, before the server starts; read-only afterwards.
-  AuthMode auth_mode = AuthMode::off;
   AuthVerifier verifier;
   NodeTokenVerifier node_verifier;
   SourcePolicy source_policy;

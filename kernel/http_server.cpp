@@ -100,7 +100,7 @@ struct HttpServer::Impl {
   std::thread listen_thread;
   std::atomic<std::uint16_t> port{0};
   std::atomic<bool> loop_done{false};  // set when the listen loop has returned
-  std::mutex lifecycle_mu;  // serialises start() and stop()
+  std::mutex lifecycle_mu;             // serialises start() and stop()
 };
 
 HttpServer::HttpServer(Dispatch dispatch) : impl_(std::make_unique<Impl>()) {

@@ -14,11 +14,6 @@ namespace {
 using Json = nlohmann::json;
 namespace idreg = identity_registry;
 
-std::int64_t now_ms() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
-
 std::string env_or(const char* name, const std::string& fallback) {
   const char* v = std::getenv(name);
   return v ? std::string(v) : fallback;
@@ -42,20 +37,6 @@ Kernel::Kernel(KernelConfig config) : config_(std::move(config)), logger_("kerne
 }
 
 Kernel::~Kernel() { drain_and_stop(); }
-
-void Kernel::establish_cluster_identity_() {
-  // The cluster secret, node token and cluster id come with the identity
-  // subsystem; until then the node runs standalone with an empty secret.
-  logger_.info("cluster secret: not available in this build — node runs standalone");
-  identity_.node_id = config_.node_id;
-  identity_.issued_at_ms = now_ms();
-  identity_.expires_at_ms = identity_.issued_at_ms + 24LL * 3600 * 1000;
-  logger_.info("node identity: id=" + identity_.node_id + ", cluster=" +
-               (identity_.cluster_id.empty() ? std::string("standalone") : identity_.cluster_id));
-  if (const char* url = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); url && *url) {
-    logger_.info(std::string("identity fallback → ") + url);
-  }
-}
 
 bool Kernel::boot() {
   boot_started_ = std::chrono::steady_clock::now();

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -77,6 +78,9 @@ class Kernel {
   bool init_and_start_modules();
   void register_builtin_routes();
   void establish_cluster_identity_();
+  std::filesystem::path cluster_state_path_() const;
+  bool load_cluster_state_();
+  void persist_cluster_state_();
   void start_background_threads_();
   void run_self_health_();
   // Waits on the kernel's condition variable; false once shutdown began.
@@ -90,6 +94,7 @@ class Kernel {
   EventBus bus_;
   OstrelBus legacy_bus_;
   std::string cluster_secret_;
+  std::string controller_node_id_;
   NodeIdentity identity_;
   std::vector<LoadedModule> modules_;  // load order; not resized after boot step 4
   std::atomic<bool> running_{false};

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "identity/node_token.h"
 #include "tests/kernel/test_modules.h"
 #include "tests/support/test_support.h"
 
@@ -282,6 +283,88 @@ TEST_F(KernelBoot, TakenPortFailsTheBoot) {
   EXPECT_FALSE(k.boot());
   EXPECT_TRUE(
       log_.has("[ERROR][kernel] gateway failed to bind 127.0.0.1:" + std::to_string(cfg.port)));
+}
+
+TEST_F(KernelBoot, ClusterSecretIsGeneratedPersistedAndReloaded) {
+  KernelConfig cfg = config();
+  ::unsetenv("OSTREL_CLUSTER_SECRET");
+  ::unsetenv("OSTREL_ULVO_PEERS");
+  std::string cluster_id;
+  {
+    Kernel first(cfg);
+    ASSERT_TRUE(first.boot());
+    cluster_id = first.node_identity().cluster_id;
+    EXPECT_TRUE(log_.has("[INFO][kernel] controller: generated cluster secret"));
+    EXPECT_TRUE(log_.has("[INFO][kernel] cluster state persisted to "));
+    EXPECT_TRUE(log_.has("[INFO][kernel] node identity: id=test-node, cluster=" + cluster_id));
+  }
+  std::filesystem::path file = std::filesystem::path(cfg.data_dir) / "state" / "cluster.json";
+  Json state = Json::parse(testing::read_file(file));
+  std::string secret = state["cluster_secret"];
+  EXPECT_EQ(secret.size(), 64u);
+  EXPECT_EQ(state["cluster_id"], identity::cluster_id_from_secret(secret));
+  EXPECT_EQ(state["cluster_id"], cluster_id);
+  EXPECT_EQ(state["controller_node_id"], "test-node");
+  EXPECT_TRUE(state["registered_nodes"].is_object());
+  // No temporary file is left beside it.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(file.parent_path()),
+                          std::filesystem::directory_iterator()),
+            1);
+
+  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  Kernel second(cfg);
+  ASSERT_TRUE(second.boot());
+  EXPECT_TRUE(log_.has("[INFO][kernel] cluster secret loaded from cluster.json"));
+  EXPECT_EQ(second.node_identity().cluster_id, cluster_id);
+  EXPECT_TRUE(identity::verify_node_token(secret, "test-node", second.node_identity().node_token));
+}
+
+TEST_F(KernelBoot, ClusterSecretSourcesAndKeptRegistrations) {
+  KernelConfig cfg = config();
+  std::filesystem::path file = std::filesystem::path(cfg.data_dir) / "state" / "cluster.json";
+  // A state file without a secret keeps its registrations when the new secret is saved.
+  testing::write_file(file, R"({"registered_nodes":{"n2":{"node_id":"n2"}}})");
+  {
+    Kernel k(cfg);
+    ASSERT_TRUE(k.boot());
+  }
+  Json state = Json::parse(testing::read_file(file));
+  EXPECT_EQ(state["registered_nodes"]["n2"]["node_id"], "n2");
+  EXPECT_EQ(state["cluster_secret"].get<std::string>().size(), 64u);
+
+  // The environment wins over the file, and the file is left as it was.
+  std::string before = testing::read_file(file);
+  ::setenv("OSTREL_CLUSTER_SECRET", "shared-secret", 1);
+  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  {
+    Kernel k(cfg);
+    ASSERT_TRUE(k.boot());
+    EXPECT_EQ(k.node_identity().cluster_id, identity::cluster_id_from_secret("shared-secret"));
+    k.set_running();
+    // A peer holding the same secret is admitted in enforce mode by its node token.
+    k.gateway().set_auth_mode(AuthMode::enforce);
+    httplib::Client c("127.0.0.1", cfg.port);
+    std::string token = identity::generate_node_token("shared-secret", "peer-1");
+    auto ok = c.Get("/api/v1/kernel/stats",
+                    {{"X-Ostrel-Node-Id", "peer-1"}, {"X-Ostrel-Node-Token", token}});
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(ok->status, 200);
+    auto wrong = c.Get("/api/v1/kernel/stats",
+                       {{"X-Ostrel-Node-Id", "peer-2"}, {"X-Ostrel-Node-Token", token}});
+    ASSERT_TRUE(wrong);
+    EXPECT_EQ(wrong->status, 401);
+  }
+  ::unsetenv("OSTREL_CLUSTER_SECRET");
+  EXPECT_TRUE(log_.has("[INFO][kernel] cluster secret loaded from OSTREL_CLUSTER_SECRET"));
+  EXPECT_EQ(testing::read_file(file), before);
+
+  // A corrupt file is reported and replaced by a fresh secret.
+  testing::write_file(file, "{torn");
+  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  EXPECT_TRUE(log_.has("is not a JSON object — ignoring it"));
+  EXPECT_TRUE(Json::parse(testing::read_file(file))["cluster_secret"].is_string());
 }
 
 }  // namespace

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "identity/source_code.h"
+
+namespace ostrel::identity {
+
+// An Ed25519 key pair (the OpenSSL handle is freed with the pair).
+class KeyPair {
+ public:
+  static std::shared_ptr<KeyPair> generate();
+  static std::shared_ptr<KeyPair> from_private(const std::string& raw32);
+  ~KeyPair();
+  KeyPair(const KeyPair&) = delete;
+  KeyPair& operator=(const KeyPair&) = delete;
+
+  const std::string& public_key() const { return public_key_; }  // 32 raw bytes
+  std::string private_key() const;                                // 32 raw bytes
+  std::string sign(std::string_view message) const;               // empty on failure
+  bool verify(std::string_view message, std::string_view signature) const;
+
+ private:
+  explicit KeyPair(void* pkey);
+  void* pkey_;  // EVP_PKEY*
+  std::string public_key_;
+};
+
+// The verified content of a capability token.
+struct CapabilityToken {
+  std::string id;
+  SourceCode holder;
+  std::vector<std::string> scopes;
+  std::string tenant;
+  std::int64_t issued_at_s = 0;
+  std::int64_t expires_at_s = 0;
+};
+
+// Mints, verifies and revokes capability tokens: Ed25519-signed grants of
+// scopes to a holder acting for a tenant, valid between two times. Signs with
+// the node's key (made fresh per process, never stored) or with a tenant's
+// own key, whose private half is kept in "keys.jsonl" encrypted with
+// AES-256-GCM under "master.key". Revocations are journalled in "caps.jsonl".
+// Thread-safe: keys_mu_ guards the tenant key table, revoked_mu_ the
+// revocation set; signing and verification run outside both locks.
+class CapabilityIssuer {
+ public:
+  using Clock = std::function<std::chrono::system_clock::time_point()>;
+
+  CapabilityIssuer();
+  ~CapabilityIssuer();
+
+  // Where "master.key", "keys.jsonl" and "caps.jsonl" live; loads or creates
+  // the master key. False with a reason when the master key is unusable.
+  bool open(const std::filesystem::path& state_dir, std::string& error);
+  // Replays "keys.jsonl"; returns the number of records applied.
+  std::size_t load_keys();
+  // Replays "caps.jsonl"; returns the number of revocations read.
+  std::size_t load_revocations();
+
+  // The token text, or "" when signing failed.
+  std::string issue(SourceCode holder, const std::vector<std::string>& scopes,
+                    const std::string& tenant, std::int64_t lifetime_s);
+  // False with one of "bad_encoding", "unknown_key", "bad_signature",
+  // "unknown_version", "not_yet_valid", "expired", "revoked". Never throws.
+  bool verify(const std::string& token, CapabilityToken& out, std::string& error) const;
+
+  // A scope grants `required` when equal to it, or when it is a prefix that
+  // ends where `required` has ':' and at least one more character.
+  static bool has_scope(const CapabilityToken& token, const std::string& required);
+
+  bool add_tenant_key(const std::string& tenant, std::string& error);
+  bool drop_tenant_key(const std::string& tenant);
+  bool has_tenant_key(const std::string& tenant) const;
+  // The node key's public half ("" tenant) or a tenant's; false when unknown.
+  bool public_key(const std::string& tenant, std::string& raw32) const;
+
+  // Journals, then adds, the id to the revocation set. Permanent.
+  void revoke(const std::string& id);
+  bool is_revoked(const std::string& id) const;
+  std::vector<std::string> revocations() const;
+
+  const std::filesystem::path& state_dir() const { return state_dir_; }
+  // For tests: the wall clock the issuer reads.
+  void set_clock(Clock clock) { clock_ = std::move(clock); }
+
+ private:
+  std::shared_ptr<KeyPair> key_for_kid_(const std::string& kid) const;
+  std::filesystem::path keys_path_() const { return state_dir_ / "keys.jsonl"; }
+  std::filesystem::path caps_path_() const { return state_dir_ / "caps.jsonl"; }
+
+  std::shared_ptr<KeyPair> node_key_;
+  std::filesystem::path state_dir_;
+  std::string master_key_;  // 32 bytes; empty until open()
+  Clock clock_;
+
+  mutable std::mutex keys_mu_;  // guards tenant_keys_ and appends to keys.jsonl
+  std::unordered_map<std::string, std::shared_ptr<KeyPair>> tenant_keys_;
+  mutable std::shared_mutex revoked_mu_;  // guards revoked_ and appends to caps.jsonl
+  std::unordered_set<std::string> revoked_;
+};
+
+}  // namespace ostrel::identity

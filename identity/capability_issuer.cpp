@@ -131,10 +131,9 @@ bool KeyPair::verify(std::string_view message, std::string_view signature) const
   EVP_MD_CTX* ctx = EVP_MD_CTX_new();
   if (!ctx) return false;
   bool ok = EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, as_pkey(pkey_)) == 1 &&
-            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(signature.data()),
-                             signature.size(),
-                             reinterpret_cast<const unsigned char*>(message.data()),
-                             message.size()) == 1;
+            EVP_DigestVerify(
+                ctx, reinterpret_cast<const unsigned char*>(signature.data()), signature.size(),
+                reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
   EVP_MD_CTX_free(ctx);
   return ok;
 }
@@ -218,7 +217,7 @@ std::string CapabilityIssuer::issue(SourceCode holder, const std::vector<std::st
   char id[24];
   std::snprintf(id, sizeof id, "%016llx%04x", static_cast<unsigned long long>(ns), holder.value());
 
-  Json payload = {{"v", 1},     {"id", id},   {"h", holder.value()}, {"s", scopes},
+  Json payload = {{"v", 1},      {"id", id},   {"h", holder.value()}, {"s", scopes},
                   {"t", tenant}, {"iat", iat}, {"exp", exp}};
   const std::string payload_text = payload.dump();
 
@@ -235,9 +234,8 @@ std::string CapabilityIssuer::issue(SourceCode holder, const std::vector<std::st
   if (!key) return "";
   std::string signature = key->sign(payload_text);
   if (signature.empty()) return "";
-  Json envelope = {{"p", base64url_encode(payload_text)},
-                   {"s", base64url_encode(signature)},
-                   {"kid", kid}};
+  Json envelope = {
+      {"p", base64url_encode(payload_text)}, {"s", base64url_encode(signature)}, {"kid", kid}};
   return base64url_encode(envelope.dump());
 }
 
@@ -332,8 +330,8 @@ bool CapabilityIssuer::add_tenant_key(const std::string& tenant, std::string& er
     error = "key generation failed";
     return false;
   }
-  Json record = {{"op", "add"}, {"tenant", tenant}, {"nonce", to_hex(nonce)},
-                 {"ciphertext", to_hex(sealed)}};
+  Json record = {
+      {"op", "add"}, {"tenant", tenant}, {"nonce", to_hex(nonce)}, {"ciphertext", to_hex(sealed)}};
   std::lock_guard lock(keys_mu_);
   if (!kernel::append_journal_line(keys_path_(), record.dump(), error)) return false;
   tenant_keys_[tenant] = std::move(pair);
@@ -344,8 +342,7 @@ bool CapabilityIssuer::drop_tenant_key(const std::string& tenant) {
   std::lock_guard lock(keys_mu_);
   if (!tenant_keys_.count(tenant)) return false;
   std::string error;
-  kernel::append_journal_line(keys_path_(), Json{{"op", "drop"}, {"tenant", tenant}}.dump(),
-                              error);
+  kernel::append_journal_line(keys_path_(), Json{{"op", "drop"}, {"tenant", tenant}}.dump(), error);
   tenant_keys_.erase(tenant);
   return true;
 }

@@ -26,8 +26,8 @@ class KeyPair {
   KeyPair& operator=(const KeyPair&) = delete;
 
   const std::string& public_key() const { return public_key_; }  // 32 raw bytes
-  std::string private_key() const;                                // 32 raw bytes
-  std::string sign(std::string_view message) const;               // empty on failure
+  std::string private_key() const;                               // 32 raw bytes
+  std::string sign(std::string_view message) const;              // empty on failure
   bool verify(std::string_view message, std::string_view signature) const;
 
  private:

@@ -22,12 +22,10 @@ struct QuotaCheck {
 class QuotaAccountant {
  public:
   // Refuses when limit >= 0 and usage + increment > limit; changes nothing.
-  QuotaCheck check(const std::string& tenant, const std::string& resource,
-                   std::int64_t increment, std::int64_t limit) const;
-  std::int64_t consume(const std::string& tenant, const std::string& resource,
-                       std::int64_t amount);
-  std::int64_t release(const std::string& tenant, const std::string& resource,
-                       std::int64_t amount);
+  QuotaCheck check(const std::string& tenant, const std::string& resource, std::int64_t increment,
+                   std::int64_t limit) const;
+  std::int64_t consume(const std::string& tenant, const std::string& resource, std::int64_t amount);
+  std::int64_t release(const std::string& tenant, const std::string& resource, std::int64_t amount);
   std::int64_t usage(const std::string& tenant, const std::string& resource) const;
   std::map<std::string, std::int64_t> usage_of(const std::string& tenant) const;
   void drop_tenant(const std::string& tenant);

@@ -60,9 +60,12 @@ void to_json(Json& j, const Role& r) {
 }
 
 void to_json(Json& j, const User& u) {
-  j = Json{{"tenant", u.tenant},     {"id", u.id},
-           {"display_name", u.display_name}, {"state", u.state},
-           {"created_at_ms", u.created_at_ms}, {"role_ids", u.role_ids}};
+  j = Json{{"tenant", u.tenant},
+           {"id", u.id},
+           {"display_name", u.display_name},
+           {"state", u.state},
+           {"created_at_ms", u.created_at_ms},
+           {"role_ids", u.role_ids}};
 }
 
 RBAC::RBAC(std::filesystem::path journal) : journal_(std::move(journal)) {}
@@ -112,8 +115,7 @@ bool RBAC::set_role_permissions(const std::string& tenant, const std::string& ro
   return true;
 }
 
-bool RBAC::delete_role(const std::string& tenant, const std::string& role_id,
-                       std::string& error) {
+bool RBAC::delete_role(const std::string& tenant, const std::string& role_id, std::string& error) {
   std::lock_guard lock(mu_);
   auto it = roles_.find({tenant, role_id});
   if (it == roles_.end()) {
@@ -186,8 +188,7 @@ bool RBAC::set_user_state(const std::string& tenant, const std::string& user_id,
   return true;
 }
 
-bool RBAC::delete_user(const std::string& tenant, const std::string& user_id,
-                       std::string& error) {
+bool RBAC::delete_user(const std::string& tenant, const std::string& user_id, std::string& error) {
   std::lock_guard lock(mu_);
   auto it = users_.find({tenant, user_id});
   if (it == users_.end()) {
@@ -216,10 +217,8 @@ bool RBAC::assign_role(const std::string& tenant, const std::string& user_id,
   }
   auto& held = it->second.role_ids;
   if (std::find(held.begin(), held.end(), role_id) != held.end()) return true;
-  if (!append_locked_(Json{{"op", "assign_role"},
-                           {"tenant", tenant},
-                           {"user_id", user_id},
-                           {"role_id", role_id}})) {
+  if (!append_locked_(Json{
+          {"op", "assign_role"}, {"tenant", tenant}, {"user_id", user_id}, {"role_id", role_id}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -263,13 +262,13 @@ void RBAC::seed_default_roles(const std::string& tenant) {
     std::vector<std::string> perms;
   };
   const Seed seeds[] = {
-      {"admin", "Tenant Admin",
-       {"data.memory.store", "data.memory.recall", "audit.read", "inference.chat",
-        "extension.load", "extension.unload", "agent.invoke", "tenant.users.manage",
-        "tenant.roles.manage"}},
-      {"developer", "Developer",
-       {"data.memory.store", "data.memory.recall", "inference.chat", "agent.invoke",
-        "audit.read"}},
+      {"admin",
+       "Tenant Admin",
+       {"data.memory.store", "data.memory.recall", "audit.read", "inference.chat", "extension.load",
+        "extension.unload", "agent.invoke", "tenant.users.manage", "tenant.roles.manage"}},
+      {"developer",
+       "Developer",
+       {"data.memory.store", "data.memory.recall", "inference.chat", "agent.invoke", "audit.read"}},
       {"viewer", "Viewer", {"data.memory.recall", "audit.read"}},
   };
   for (const Seed& s : seeds) {
@@ -330,10 +329,13 @@ std::size_t RBAC::replay_journal() {
     const std::string user_id = r.value("user_id", "");
     const std::string role_id = r.value("role_id", "");
     std::string error;
-    if (op == "role_create" && r.contains("role")) return create_role(role_from_json(r["role"]), error);
-    if (op == "role_perms") return set_role_permissions(tenant, role_id, strings_of(r, "permissions"), error);
+    if (op == "role_create" && r.contains("role"))
+      return create_role(role_from_json(r["role"]), error);
+    if (op == "role_perms")
+      return set_role_permissions(tenant, role_id, strings_of(r, "permissions"), error);
     if (op == "role_delete") return delete_role(tenant, role_id, error);
-    if (op == "user_create" && r.contains("user")) return create_user(user_from_json(r["user"]), error);
+    if (op == "user_create" && r.contains("user"))
+      return create_user(user_from_json(r["user"]), error);
     if (op == "user_state") return set_user_state(tenant, user_id, r.value("state", ""), error);
     if (op == "user_delete") return delete_user(tenant, user_id, error);
     if (op == "assign_role") return assign_role(tenant, user_id, role_id, error);
@@ -352,7 +354,8 @@ std::size_t RBAC::replay_journal() {
 bool RBAC::compact_journal(std::string& error) {
   std::vector<std::string> lines;
   std::lock_guard lock(mu_);
-  for (const auto& [key, r] : roles_) lines.push_back(Json{{"op", "role_create"}, {"role", r}}.dump());
+  for (const auto& [key, r] : roles_)
+    lines.push_back(Json{{"op", "role_create"}, {"role", r}}.dump());
   for (const auto& [key, u] : users_) {
     // Roles are assigned by their own records so that the create never names
     // a role the replay has not seen yet.
@@ -361,18 +364,14 @@ bool RBAC::compact_journal(std::string& error) {
     bare.state = "active";
     lines.push_back(Json{{"op", "user_create"}, {"user", bare}}.dump());
     if (u.state != "active") {
-      lines.push_back(Json{{"op", "user_state"},
-                           {"tenant", u.tenant},
-                           {"user_id", u.id},
-                           {"state", u.state}}
-                          .dump());
+      lines.push_back(
+          Json{{"op", "user_state"}, {"tenant", u.tenant}, {"user_id", u.id}, {"state", u.state}}
+              .dump());
     }
     for (const auto& role_id : u.role_ids) {
-      lines.push_back(Json{{"op", "assign_role"},
-                           {"tenant", u.tenant},
-                           {"user_id", u.id},
-                           {"role_id", role_id}}
-                          .dump());
+      lines.push_back(
+          Json{{"op", "assign_role"}, {"tenant", u.tenant}, {"user_id", u.id}, {"role_id", role_id}}
+              .dump());
     }
   }
   return kernel::rewrite_journal(journal_, lines, error);
@@ -411,7 +410,10 @@ Json RejectResponse::to_json() const {
     case Kind::other:
       break;
   }
-  Json j = {{"error", "forbidden"}, {"code", code}, {"message", message}, {"tool", tool},
+  Json j = {{"error", "forbidden"},
+            {"code", code},
+            {"message", message},
+            {"tool", tool},
             {"user_id", user_id}};
   if (!contact_url.empty()) j["contact_url"] = contact_url;
   if (!suggestion.empty()) j["suggestion"] = suggestion;

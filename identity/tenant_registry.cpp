@@ -126,9 +126,8 @@ bool TenantRegistry::apply_update_locked_(Tenant& t, const Json& fields, Json& c
     changed["notes"] = *v;
   }
   if (auto v = fields.find("admin_contacts"); v != fields.end()) {
-    if (!v->is_array() || !std::all_of(v->begin(), v->end(), [](const Json& e) {
-          return e.is_string();
-        })) {
+    if (!v->is_array() ||
+        !std::all_of(v->begin(), v->end(), [](const Json& e) { return e.is_string(); })) {
       return error = "admin_contacts must be an array of strings", false;
     }
     t.admin_contacts = v->get<std::vector<std::string>>();
@@ -193,10 +192,8 @@ bool TenantRegistry::transition(const std::string& id, const std::string& new_st
     return false;
   }
   std::int64_t stamp = replaying_ ? it->second.updated_at_ms : now_ms();
-  if (!append_locked_(Json{{"op", "transition"},
-                           {"id", id},
-                           {"new_state", new_state},
-                           {"updated_at_ms", stamp}})) {
+  if (!append_locked_(Json{
+          {"op", "transition"}, {"id", id}, {"new_state", new_state}, {"updated_at_ms", stamp}})) {
     error = "journal_write_failed";
     return false;
   }

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "identity/identity_registry.h"
+#include "kernel/json_body.h"
 #include "kernel/kernel.h"
 #include "kernel/obs_metrics.h"
 #include "kernel/telemetry.h"
@@ -17,21 +18,6 @@ using Json = nlohmann::json;
 void reply(Response& res, const Json& body, int status = 200) {
   res.status = status;
   res.body = body.dump();
-}
-
-// Parses a JSON object body; answers 400 and returns false otherwise. An empty
-// body counts as {}.
-bool parse_object_body(const Request& req, Response& res, Json& out) {
-  if (req.body.empty()) {
-    out = Json::object();
-    return true;
-  }
-  out = Json::parse(req.body, nullptr, false);
-  if (out.is_discarded() || !out.is_object()) {
-    res.error(400, "invalid_json", "request body must be a JSON object");
-    return false;
-  }
-  return true;
 }
 
 HealthStatus safe_health(ModuleBase& module) {

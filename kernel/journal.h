@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
-#include <vector>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ostrel::kernel {
 

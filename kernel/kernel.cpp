@@ -28,7 +28,11 @@ std::string hex_code(identity::SourceCode code) { return code.hex(); }
 
 }  // namespace
 
-Kernel::Kernel(KernelConfig config) : config_(std::move(config)), logger_("kernel") {
+Kernel::Kernel(KernelConfig config)
+    : config_(std::move(config)),
+      logger_("kernel"),
+      tenants_(std::filesystem::path(config_.data_dir) / "state" / "tenants.jsonl"),
+      rbac_(std::filesystem::path(config_.data_dir) / "state" / "rbac.jsonl") {
   gateway_.set_auth_mode(config_.auth_mode);
   obs::MetricsRegistry::instance().counter("ostrel_modules_started_total",
                                            "Modules whose start() succeeded");
@@ -48,12 +52,12 @@ bool Kernel::boot() {
   establish_cluster_identity_();
   load_and_instantiate_modules();
 
-  logger_.info(
-      "identity stores: not available in this build — tenants, roles, capability keys, audit "
-      "and users are not loaded");
+  open_identity_stores_();
   logger_.info("extensions: not available in this build — no extension packages scanned");
 
   register_builtin_routes();
+  register_identity_routes_();
+  register_identity_syscalls_();
 
   if (!init_and_start_modules()) {
     logger_.error("module init/start failed");
@@ -62,15 +66,7 @@ bool Kernel::boot() {
 
   logger_.info("search engine: not available in this build — no search sources registered");
 
-  if (config_.auth_mode == AuthMode::enforce) {
-    if (!gateway_.has_auth_verifier()) {
-      logger_.warn(
-          "auth policy = enforce — no capability verifier in this build: non-public requests "
-          "answer 503 auth_misconfigured");
-    }
-  } else {
-    logger_.info("auth policy = off — open access (first user registration will auto-enable auth)");
-  }
+  install_auth_policy_();
 
   if (env_truthy("OSTREL_GOSSIP_ENABLED")) {
     logger_.warn(

@@ -11,7 +11,12 @@
 #include <thread>
 #include <vector>
 
+#include "identity/capability_issuer.h"
+#include "identity/quota.h"
+#include "identity/rbac.h"
+#include "identity/tenant_registry.h"
 #include "kernel/api_gateway.h"
+#include "kernel/auth_cache.h"
 #include "kernel/boot_sequencer.h"
 #include "kernel/config_view.h"
 #include "kernel/event_bus.h"
@@ -71,6 +76,10 @@ class Kernel {
   SyscallTable& syscalls() { return syscalls_; }
   MetricRegistry& metrics() { return metrics_; }
   EventBus& bus() { return bus_; }
+  identity::CapabilityIssuer& capabilities() { return issuer_; }
+  identity::TenantRegistry& tenants() { return tenants_; }
+  identity::RBAC& rbac() { return rbac_; }
+  identity::QuotaAccountant& quotas() { return quotas_; }
   const std::vector<LoadedModule>& modules() const { return modules_; }
 
  private:
@@ -81,6 +90,12 @@ class Kernel {
   std::filesystem::path cluster_state_path_() const;
   bool load_cluster_state_();
   void persist_cluster_state_();
+  void open_identity_stores_();
+  void register_identity_routes_();
+  void register_identity_syscalls_();
+  void install_auth_policy_();
+  // Turns a credential into an AuthResult, through the auth cache.
+  AuthResult verify_credential_(const std::string& credential);
   void start_background_threads_();
   void run_self_health_();
   // Waits on the kernel's condition variable; false once shutdown began.
@@ -93,9 +108,14 @@ class Kernel {
   MetricRegistry metrics_;
   EventBus bus_;
   OstrelBus legacy_bus_;
+  identity::CapabilityIssuer issuer_;
+  identity::TenantRegistry tenants_;
+  identity::RBAC rbac_;
+  identity::QuotaAccountant quotas_;
   std::string cluster_secret_;
   std::string controller_node_id_;
   NodeIdentity identity_;
+  AuthCache auth_cache_;
   std::vector<LoadedModule> modules_;  // load order; not resized after boot step 4
   std::atomic<bool> running_{false};
   std::atomic<bool> stop_requested_{false};

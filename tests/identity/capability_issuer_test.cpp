@@ -77,8 +77,8 @@ std::string recover_private_key(const fs::path& dir, const std::string& tenant) 
     bool ok = EVP_DecryptInit_ex(ctx, EVP_aes_256_gcm(), nullptr,
                                  reinterpret_cast<const unsigned char*>(master.data()),
                                  reinterpret_cast<const unsigned char*>(nonce.data())) == 1 &&
-              EVP_DecryptUpdate(ctx, o, &len,
-                                reinterpret_cast<const unsigned char*>(sealed.data()), 32) == 1 &&
+              EVP_DecryptUpdate(ctx, o, &len, reinterpret_cast<const unsigned char*>(sealed.data()),
+                                32) == 1 &&
               EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_TAG, 16, tag.data()) == 1 &&
               EVP_DecryptFinal_ex(ctx, o + len, &len) == 1;
     EVP_CIPHER_CTX_free(ctx);

@@ -144,11 +144,40 @@ TEST_F(NodeProcess, InformationalExitsAndBadOptions) {
   EXPECT_EQ(a.err(), "--auth must be off|enforce, got maybe\n");
 }
 
-TEST_F(NodeProcess, EnforceModeWithoutVerifierRefusesApiButKeepsProbesOpen) {
+// The token between "Bootstrap admin token (1-year lifetime):\n    " and the next newline.
+std::string bootstrap_token(const std::string& out) {
+  const std::string marker = "Bootstrap admin token (1-year lifetime):\n    ";
+  size_t at = out.find(marker);
+  if (at == std::string::npos) return "";
+  at += marker.size();
+  return out.substr(at, out.find('\n', at) - at);
+}
+
+TEST_F(NodeProcess, EnforceModeNeedsCapabilitiesAndKeepsProbesOpen) {
   std::filesystem::create_directories(dir_ / "modules.d");
   int port = free_port();
   Process node(OSTREL_BINARY, node_options(port, {"--auth=enforce"}), dir_ / "logs");
   ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+  std::string out = node.out();
+  std::string token = bootstrap_token(out);
+  ASSERT_FALSE(token.empty()) << out;
+  EXPECT_EQ(out,
+            "\n  Ostrel ULVO \xe2\x80\x94 auth is ENFORCED.\n"
+            "  Bootstrap admin token (1-year lifetime):\n    " +
+                token +
+                "\n"
+                "  Store it somewhere safe; use in:\n"
+                "    X-Ostrel-Capability: " +
+                token +
+                "\n"
+                "    Authorization: Bearer " +
+                token +
+                "\n"
+                "  Public paths (/health, /metrics, /dashboard/*)\n"
+                "  remain open.\n\n");
+  EXPECT_NE(node.err().find("[INFO][kernel] auth policy = enforce — bootstrap token issued"),
+            std::string::npos);
+
   httplib::Client client("127.0.0.1", port);
   auto open = client.Get("/health");
   ASSERT_TRUE(open);
@@ -157,11 +186,42 @@ TEST_F(NodeProcess, EnforceModeWithoutVerifierRefusesApiButKeepsProbesOpen) {
   auto anonymous = client.Get("/api/v1/kernel/modules");
   ASSERT_TRUE(anonymous);
   EXPECT_EQ(anonymous->status, 401);
-  auto with_token = client.Get("/api/v1/kernel/modules", {{"X-Ostrel-Capability", "anything"}});
-  ASSERT_TRUE(with_token);
-  EXPECT_EQ(with_token->status, 503);
-  EXPECT_EQ(with_token->body,
-            "{\"error\":\"auth_misconfigured\",\"message\":\"enforce without verifier\"}");
+  EXPECT_EQ(anonymous->body,
+            "{\"error\":\"unauthenticated\",\"message\":\"missing X-Ostrel-Capability\"}");
+  auto forged = client.Get("/api/v1/kernel/modules", {{"X-Ostrel-Capability", "forged"}});
+  ASSERT_TRUE(forged);
+  EXPECT_EQ(forged->status, 403);
+  EXPECT_EQ(forged->body, "{\"error\":\"forbidden\",\"reason\":\"bad_encoding\"}");
+  auto admin = client.Get("/api/v1/kernel/modules", {{"Authorization", "Bearer " + token}});
+  ASSERT_TRUE(admin);
+  EXPECT_EQ(admin->status, 200);
+
+  // A narrower token issued by the administrator works until it is revoked.
+  auto issued = client.Post("/api/v1/capabilities/issue", {{"X-Ostrel-Capability", token}},
+                            R"({"scopes":["read.*"],"lifetime_seconds":60})", "application/json");
+  ASSERT_TRUE(issued);
+  ASSERT_EQ(issued->status, 200) << issued->body;
+  std::string reader = Json::parse(issued->body)["token"];
+  auto read = client.Get("/api/v1/kernel/stats", {{"X-Ostrel-Capability", reader}});
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->status, 200);
+  // It cannot mint tokens of its own.
+  auto escalate = client.Post("/api/v1/capabilities/issue", {{"X-Ostrel-Capability", reader}},
+                              R"({"scopes":["admin.*"]})", "application/json");
+  ASSERT_TRUE(escalate);
+  EXPECT_EQ(escalate->status, 403);
+  auto checked = client.Post("/api/v1/capabilities/verify", {{"X-Ostrel-Capability", token}},
+                             Json{{"token", reader}}.dump(), "application/json");
+  ASSERT_TRUE(checked);
+  std::string id = Json::parse(checked->body)["id"];
+  auto revoked = client.Post("/api/v1/capabilities/revoke", {{"X-Ostrel-Capability", token}},
+                             Json{{"id", id}}.dump(), "application/json");
+  ASSERT_TRUE(revoked);
+  EXPECT_EQ(revoked->status, 200);
+  auto after = client.Get("/api/v1/kernel/stats", {{"X-Ostrel-Capability", reader}});
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->status, 403);
+  EXPECT_EQ(after->body, "{\"error\":\"forbidden\",\"reason\":\"revoked\"}");
 }
 
 }  // namespace

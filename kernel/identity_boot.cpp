@@ -1,0 +1,108 @@
+// The kernel's identity stores at boot: journals replayed, the capability
+// verifier installed, and the bootstrap administrator token in enforce mode.
+#include <cstdio>
+#include <filesystem>
+
+#include "kernel/kernel.h"
+
+namespace ostrel::kernel {
+namespace {
+
+std::int64_t unix_now_s() {
+  using namespace std::chrono;
+  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+constexpr std::int64_t kBootstrapLifetimeS = 365LL * 24 * 3600;
+
+}  // namespace
+
+void Kernel::open_identity_stores_() {
+  const std::filesystem::path state = std::filesystem::path(config_.data_dir) / "state";
+  std::error_code ec;
+  std::filesystem::create_directories(state, ec);
+
+  std::size_t n = tenants_.replay_journal();
+  logger_.info("tenant registry replayed " + std::to_string(n) + " records from " +
+               tenants_.journal_path().string());
+  n = rbac_.replay_journal();
+  logger_.info("RBAC replayed " + std::to_string(n) + " records from " +
+               rbac_.journal_path().string());
+  logger_.info("audit log: not available in this build — no audit.jsonl replayed");
+
+  std::string error;
+  if (issuer_.open(state, error)) {
+    n = issuer_.load_keys();
+    logger_.info("tenant signing keys loaded: " + std::to_string(n) + " records");
+  } else {
+    // Tokens still work with the node key; tenant keys stay unavailable.
+    logger_.error("capability key store unavailable: " + error);
+  }
+  n = issuer_.load_revocations();
+  logger_.info("capability revocation list replayed " + std::to_string(n) + " records from " +
+               (state / "caps.jsonl").string());
+  logger_.info("user store: not available in this build — no identity.db opened");
+}
+
+AuthResult Kernel::verify_credential_(const std::string& credential) {
+  AuthResult result;
+  const std::int64_t now = unix_now_s();
+  if (auto hit = auth_cache_.find(credential)) {
+    // Expiry and revocation are checked on every hit, so a cached grant ends
+    // exactly when the token does.
+    if (hit->expires_at_s >= now && !issuer_.is_revoked(hit->result.token_id)) {
+      result = std::move(hit->result);
+    } else {
+      auth_cache_.erase(credential);
+    }
+  }
+  if (!result.valid) {
+    // API keys ("ak-…") are resolved by the user store, which is not built
+    // yet; every credential is treated as a capability token.
+    identity::CapabilityToken token;
+    std::string error;
+    if (!issuer_.verify(credential, token, error)) {
+      result.valid = false;
+      result.reason = error;
+      return result;
+    }
+    result.valid = true;
+    result.tenant = token.tenant;
+    result.token_id = token.id;
+    result.scopes = token.scopes;
+    auth_cache_.put(credential, {result, token.expires_at_s});
+  }
+  // A suspended or terminating tenant is locked out at once, cached or not.
+  if (!result.tenant.empty() && tenants_.exists(result.tenant) &&
+      !tenants_.is_active(result.tenant)) {
+    return AuthResult{false, "tenant_unknown_or_inactive", result.tenant, result.token_id, {}, ""};
+  }
+  return result;
+}
+
+void Kernel::install_auth_policy_() {
+  gateway_.set_auth_verifier(
+      [this](const std::string& credential) { return verify_credential_(credential); });
+  if (config_.auth_mode != AuthMode::enforce) {
+    logger_.info("auth policy = off — open access (first user registration will auto-enable auth)");
+    return;
+  }
+  std::string token = issuer_.issue(identity::kKernelSource, {"admin.*", "kernel.*", "tenant.*"},
+                                    "", kBootstrapLifetimeS);
+  std::printf(
+      "\n"
+      "  Ostrel ULVO \xe2\x80\x94 auth is ENFORCED.\n"
+      "  Bootstrap admin token (1-year lifetime):\n"
+      "    %s\n"
+      "  Store it somewhere safe; use in:\n"
+      "    X-Ostrel-Capability: %s\n"
+      "    Authorization: Bearer %s\n"
+      "  Public paths (/health, /metrics, /dashboard/*)\n"
+      "  remain open.\n"
+      "\n",
+      token.c_str(), token.c_str(), token.c_str());
+  std::fflush(stdout);
+  logger_.info("auth policy = enforce — bootstrap token issued");
+}
+
+}  // namespace ostrel::kernel

@@ -367,5 +367,151 @@ TEST_F(KernelBoot, ClusterSecretSourcesAndKeptRegistrations) {
   EXPECT_TRUE(Json::parse(testing::read_file(file))["cluster_secret"].is_string());
 }
 
+Json post(std::uint16_t port, const std::string& path, const Json& body, int expect_status,
+          const std::string& token = "") {
+  httplib::Client c("127.0.0.1", port);
+  httplib::Headers h;
+  if (!token.empty()) h.emplace("X-Ostrel-Capability", token);
+  auto res = c.Post(path, h, body.dump(), "application/json");
+  EXPECT_TRUE(res);
+  if (!res) return {};
+  EXPECT_EQ(res->status, expect_status) << path << " " << res->body;
+  return Json::parse(res->body, nullptr, false);
+}
+
+TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
+  KernelConfig cfg = config();
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  k.set_running();
+  auto port = cfg.port;
+
+  EXPECT_EQ(post(port, "/api/v1/capabilities/issue", {{"scopes", Json::array()}}, 400)["error"],
+            "scopes must be a non-empty array");
+  Json issued = post(port, "/api/v1/capabilities/issue",
+                     {{"scopes", {"audit.read", "data.memory.recall"}}, {"lifetime_seconds", 120}},
+                     200);
+  std::string token = issued["token"];
+  Json v = post(port, "/api/v1/capabilities/verify", {{"token", token}}, 200);
+  EXPECT_EQ(v["valid"], true);
+  EXPECT_EQ(v["holder"], "0xfe01");
+  EXPECT_EQ(v["exp_unix_s"].get<std::int64_t>() - v["iat_unix_s"].get<std::int64_t>(), 120);
+  EXPECT_EQ(post(port, "/api/v1/capabilities/verify", Json::object(), 400)["error"],
+            "missing token");
+  EXPECT_EQ(post(port, "/api/v1/capabilities/verify", {{"token", "zzz"}}, 200)["reason"],
+            "bad_encoding");
+
+  // Attenuation wants exact members and caps the lifetime at what is left.
+  EXPECT_EQ(post(port, "/api/v1/capabilities/attenuate",
+                 {{"token", token}, {"scopes", {"audit.read:x"}}}, 400)["error"],
+            "scope_not_subset");
+  Json child = post(port, "/api/v1/capabilities/attenuate",
+                    {{"token", token}, {"scopes", {"audit.read"}}, {"lifetime_seconds", 100000}},
+                    200);
+  Json cv = post(port, "/api/v1/capabilities/verify", {{"token", child["token"]}}, 200);
+  EXPECT_EQ(cv["scopes"], Json({"audit.read"}));
+  EXPECT_LE(cv["exp_unix_s"].get<std::int64_t>(), v["exp_unix_s"].get<std::int64_t>());
+
+  // Tenants, their default roles and users, and tokens for users.
+  Json created = post(port, "/api/v1/tenants",
+                      {{"id", "acme"}, {"quotas", {{"tokens_per_day", 100}}}}, 201);
+  EXPECT_EQ(created["tenant"]["tokens_per_day"], 100);
+  post(port, "/api/v1/tenants", {{"id", "acme"}}, 409);
+  post(port, "/api/v1/tenants/acme/users", {{"id", "alice"}, {"role_ids", {"viewer"}}}, 200);
+  EXPECT_EQ(post(port, "/api/v1/tenants/acme/users", {{"id", "bob"}, {"role_ids", {"nope"}}},
+                 400)["error"],
+            "unknown_role: nope");
+  post(port, "/api/v1/tenants/acme/users", {{"id", "carol"}, {"state", "disabled"},
+                                            {"role_ids", {"admin"}}}, 200);
+  Json user_token = post(port, "/api/v1/capabilities/issue-for-user",
+                         {{"tenant", "acme"}, {"user_id", "alice"}}, 200);
+  EXPECT_EQ(user_token["scopes"], Json({"audit.read", "data.memory.recall"}));
+  EXPECT_EQ(user_token["role_ids"], Json({"viewer"}));
+  EXPECT_EQ(post(port, "/api/v1/capabilities/issue-for-user",
+                 {{"tenant", "acme"}, {"user_id", "carol"}}, 400)["error"],
+            "user_not_found_or_disabled");
+  EXPECT_EQ(post(port, "/api/v1/capabilities/issue-for-user",
+                 {{"tenant", "nope"}, {"user_id", "alice"}}, 400)["error"],
+            "tenant_unknown_or_inactive");
+  EXPECT_EQ(post(port, "/api/v1/capabilities/issue-for-user", {{"tenant", "acme"}}, 400)["error"],
+            "missing tenant or user_id");
+  // The user's token is signed with the tenant's own key.
+  Json pk = get_json(port, "/api/v1/capabilities/public-key?tenant=acme");
+  EXPECT_EQ(pk["public_key_hex"].get<std::string>().size(), 64u);
+  EXPECT_EQ(get_json(port, "/api/v1/capabilities/public-key?tenant=ghost", 404)["error"],
+            "no_key_for_tenant");
+
+  Json quota = post(port, "/api/v1/tenants/acme/quota/check",
+                    {{"resource", "tokens_per_day"}, {"increment", 101}}, 200);
+  EXPECT_EQ(quota["ok"], false);
+  EXPECT_EQ(quota["reason"], "quota_exceeded");
+  Json detail = get_json(port, "/api/v1/tenants/acme");
+  EXPECT_EQ(detail["roles"].size(), 3u);
+  EXPECT_EQ(detail["users"].size(), 2u);
+  EXPECT_EQ(detail["limits"]["tokens_per_day"], 100);
+  get_json(port, "/api/v1/tenants/ghost", 404);
+
+  // Suspending the tenant makes its tokens invalid at once.
+  post(port, "/api/v1/tenants/acme/state", {{"state", "suspended"}}, 200);
+  Json suspended = post(port, "/api/v1/capabilities/verify", {{"token", user_token["token"]}}, 200);
+  EXPECT_EQ(suspended["valid"], false);
+  EXPECT_EQ(suspended["reason"], "tenant_unknown_or_inactive");
+
+  // Kernel syscalls over the same stores.
+  SyscallResult r = k.syscalls().call(identity::kKernelSource, "kernel.tenant.is_active",
+                                      R"({"tenant":"acme"})");
+  EXPECT_EQ(Json::parse(r.body)["active"], false);
+  k.syscalls().call(identity::kKernelSource, "kernel.quota.consume",
+                    R"({"tenant":"acme","resource":"tokens_per_day","amount":60})");
+  r = k.syscalls().call(identity::kKernelSource, "kernel.quota.check",
+                        R"({"tenant":"acme","resource":"tokens_per_day","increment":50})");
+  EXPECT_EQ(Json::parse(r.body)["ok"], false);
+  EXPECT_EQ(Json::parse(r.body)["usage"], 60);
+  r = k.syscalls().call(identity::kKernelSource, "identity.tenants.create", R"({"id":"beta"})");
+  EXPECT_EQ(r.status, 0) << r.body;
+  r = k.syscalls().call(identity::kKernelSource, "identity.tenants.create", "not json");
+  EXPECT_EQ(r.status, -1);
+  EXPECT_EQ(Json::parse(r.body)["error"], "invalid_json");
+  r = k.syscalls().call(identity::kKernelSource, "identity.tenants.delete", R"({"id":"beta"})");
+  EXPECT_EQ(Json::parse(r.body)["state"], "terminating");
+  r = k.syscalls().call(identity::kKernelSource, "identity.tenants.list", "{}");
+  EXPECT_EQ(Json::parse(r.body)["tenants"].size(), 2u);
+}
+
+TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
+  KernelConfig cfg = config();
+  std::string node_token, tenant_token, revoked_token;
+  {
+    Kernel k(cfg);
+    ASSERT_TRUE(k.boot());
+    k.set_running();
+    post(cfg.port, "/api/v1/tenants", {{"id", "acme"}}, 201);
+    post(cfg.port, "/api/v1/tenants/acme/users", {{"id", "alice"}, {"role_ids", {"admin"}}}, 200);
+    node_token = post(cfg.port, "/api/v1/capabilities/issue", {{"scopes", {"x"}}}, 200)["token"];
+    tenant_token = post(cfg.port, "/api/v1/capabilities/issue-for-user",
+                        {{"tenant", "acme"}, {"user_id", "alice"}}, 200)["token"];
+    revoked_token = post(cfg.port, "/api/v1/capabilities/issue",
+                         {{"scopes", {"x"}}, {"tenant", "acme"}}, 200)["token"];
+    std::string id =
+        post(cfg.port, "/api/v1/capabilities/verify", {{"token", revoked_token}}, 200)["id"];
+    post(cfg.port, "/api/v1/capabilities/revoke", {{"id", id}}, 200);
+  }
+  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  k.set_running();
+  EXPECT_TRUE(log_.has("[INFO][kernel] tenant registry replayed 1 records from "));
+  EXPECT_TRUE(log_.has("[INFO][kernel] tenant signing keys loaded: 1 records"));
+  EXPECT_TRUE(log_.has("[INFO][kernel] capability revocation list replayed 1 records from "));
+  EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", node_token}}, 200)["reason"],
+            "bad_signature");
+  EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", tenant_token}}, 200)["valid"],
+            true);
+  EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", revoked_token}}, 200)["reason"],
+            "revoked");
+  Json detail = get_json(cfg.port, "/api/v1/tenants/acme");
+  EXPECT_EQ(detail["users"][0]["role_ids"], Json({"admin"}));
+}
+
 }  // namespace
 }  // namespace ostrel::kernel

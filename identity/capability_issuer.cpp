@@ -368,6 +368,15 @@ void CapabilityIssuer::revoke(const std::string& id) {
   revoked_.insert(id);
 }
 
+bool CapabilityIssuer::compact_revocations(std::string& error) {
+  std::unique_lock lock(revoked_mu_);
+  std::vector<std::string> ids(revoked_.begin(), revoked_.end());
+  std::sort(ids.begin(), ids.end());
+  std::vector<std::string> lines;
+  for (const auto& id : ids) lines.push_back(Json{{"op", "revoke"}, {"id", id}}.dump());
+  return kernel::rewrite_journal(caps_path_(), lines, error);
+}
+
 bool CapabilityIssuer::is_revoked(const std::string& id) const {
   std::shared_lock lock(revoked_mu_);
   return revoked_.count(id) != 0;

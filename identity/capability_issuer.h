@@ -89,6 +89,8 @@ class CapabilityIssuer {
   void revoke(const std::string& id);
   bool is_revoked(const std::string& id) const;
   std::vector<std::string> revocations() const;
+  // Rewrites "caps.jsonl" as one record per revoked id.
+  bool compact_revocations(std::string& error);
 
   const std::filesystem::path& state_dir() const { return state_dir_; }
   // For tests: the wall clock the issuer reads.

@@ -280,7 +280,7 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope) co
       scope.span->set_attribute("eis.id", d.eis_id);
       scope.span->set_attribute("eis.module", d.module);
       scope.span->set_attribute("eis.domain", d.domain);
-      if (d.status != 0) scope.span->set_attribute("eis.action", d.action);
+      if (d.action.rfind("denied", 0) == 0) scope.span->set_attribute("eis.action", d.action);
     }
     if (d.status != 0) {
       res.status = d.status;

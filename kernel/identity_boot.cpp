@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "identity/source_header.h"
 #include "kernel/kernel.h"
 
 namespace ostrel::kernel {
@@ -81,6 +82,9 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
 }
 
 void Kernel::install_auth_policy_() {
+  gateway_.set_source_policy([](const Request& req) {
+    return source_header::admit(req.client_addr, req.header("X-Ostrel-Source"));
+  });
   gateway_.set_auth_verifier(
       [this](const std::string& credential) { return verify_credential_(credential); });
   if (config_.auth_mode != AuthMode::enforce) {

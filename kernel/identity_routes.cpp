@@ -2,6 +2,7 @@
 // quotas.
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "identity/encoding.h"
@@ -445,6 +446,34 @@ void Kernel::register_identity_routes_() {
     }
     tenants_.get(id, t);
     reply(res, {{"status", "ok"}, {"tenant", t}});
+  });
+}
+
+void Kernel::register_compaction_route_() {
+  // Rewrites the state journals to their current contents. Journals whose
+  // stores are not part of this build are reported as absent.
+  gateway_.route("POST", "/api/v1/kernel/compact", [this](const Request& req, Response& res) {
+    if (!require_admin(req, res)) return;
+    const std::filesystem::path state = std::filesystem::path(config_.data_dir) / "state";
+    std::string error;
+    Json failures = Json::object();
+    if (!tenants_.compact_journal(error)) failures["tenants"] = error;
+    if (!rbac_.compact_journal(error)) failures["rbac"] = error;
+    if (!issuer_.compact_revocations(error)) failures["caps"] = error;
+    Json sizes = Json::object();
+    std::string line = "journal compaction:";
+    for (const char* name : {"tenants", "rbac", "audit", "caps", "extensions"}) {
+      std::error_code ec;
+      auto size = std::filesystem::file_size(state / (std::string(name) + ".jsonl"), ec);
+      sizes[name] = ec ? Json(nullptr) : Json(size);
+      line += std::string(" ") + name + "=" + (ec ? std::string("absent") : std::to_string(size));
+    }
+    logger_.info(line);
+    reply(res,
+          {{"status", failures.empty() ? "compacted" : "partial"},
+           {"bytes", sizes},
+           {"failures", failures}},
+          failures.empty() ? 200 : 500);
   });
 }
 

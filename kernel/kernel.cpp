@@ -58,6 +58,7 @@ bool Kernel::boot() {
   register_builtin_routes();
   register_identity_routes_();
   register_identity_syscalls_();
+  register_compaction_route_();
 
   if (!init_and_start_modules()) {
     logger_.error("module init/start failed");

@@ -93,6 +93,7 @@ class Kernel {
   void open_identity_stores_();
   void register_identity_routes_();
   void register_identity_syscalls_();
+  void register_compaction_route_();
   void install_auth_policy_();
   // Turns a credential into an AuthResult, through the auth cache.
   AuthResult verify_credential_(const std::string& credential);

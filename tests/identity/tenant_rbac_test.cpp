@@ -202,10 +202,9 @@ TEST(QuotaAndGuards, LimitsBucketsAndRejections) {
   EXPECT_FALSE(tenant_guard::deny_if_cross_tenant("acme", "acme", res));
   EXPECT_TRUE(tenant_guard::deny_if_cross_tenant("acme", "beta", res));
   EXPECT_EQ(res.status, 403);
-  EXPECT_EQ(Json::parse(res.body),
-            (Json{{"error", "cross_tenant_access_denied"},
-                  {"authenticated_tenant", "acme"},
-                  {"requested_tenant", "beta"}}));
+  EXPECT_EQ(Json::parse(res.body), (Json{{"error", "cross_tenant_access_denied"},
+                                         {"authenticated_tenant", "acme"},
+                                         {"requested_tenant", "beta"}}));
 
   rbac::reject::RejectResponse r{rbac::reject::Kind::insufficient_role, "shell", "u1", "", "ask"};
   Json j = r.to_json();

@@ -21,7 +21,9 @@ class NodeProcess : public ::testing::Test {
               "--data-dir=" + (dir_ / "data").string(),
               "--modules-d=" + (dir_ / "modules.d").string()};
     o.args.insert(o.args.end(), extra.begin(), extra.end());
-    o.unset_env = {"OSTREL_AUTH", "OSTREL_DATA_DIR", "OSTREL_GOSSIP_ENABLED"};
+    o.unset_env = {"OSTREL_AUTH", "OSTREL_DATA_DIR", "OSTREL_GOSSIP_ENABLED",
+                   "OSTREL_CLUSTER_SECRET", "OSTREL_ULVO_PEERS"};
+    o.set_env = {{"OSTREL_CONFIG_DIR", (dir_ / "config").string()}};
     return o;
   }
   TempDir dir_;

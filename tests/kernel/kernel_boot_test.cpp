@@ -388,9 +388,9 @@ TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
 
   EXPECT_EQ(post(port, "/api/v1/capabilities/issue", {{"scopes", Json::array()}}, 400)["error"],
             "scopes must be a non-empty array");
-  Json issued = post(port, "/api/v1/capabilities/issue",
-                     {{"scopes", {"audit.read", "data.memory.recall"}}, {"lifetime_seconds", 120}},
-                     200);
+  Json issued =
+      post(port, "/api/v1/capabilities/issue",
+           {{"scopes", {"audit.read", "data.memory.recall"}}, {"lifetime_seconds", 120}}, 200);
   std::string token = issued["token"];
   Json v = post(port, "/api/v1/capabilities/verify", {{"token", token}}, 200);
   EXPECT_EQ(v["valid"], true);
@@ -405,24 +405,24 @@ TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
   EXPECT_EQ(post(port, "/api/v1/capabilities/attenuate",
                  {{"token", token}, {"scopes", {"audit.read:x"}}}, 400)["error"],
             "scope_not_subset");
-  Json child = post(port, "/api/v1/capabilities/attenuate",
-                    {{"token", token}, {"scopes", {"audit.read"}}, {"lifetime_seconds", 100000}},
-                    200);
+  Json child =
+      post(port, "/api/v1/capabilities/attenuate",
+           {{"token", token}, {"scopes", {"audit.read"}}, {"lifetime_seconds", 100000}}, 200);
   Json cv = post(port, "/api/v1/capabilities/verify", {{"token", child["token"]}}, 200);
   EXPECT_EQ(cv["scopes"], Json({"audit.read"}));
   EXPECT_LE(cv["exp_unix_s"].get<std::int64_t>(), v["exp_unix_s"].get<std::int64_t>());
 
   // Tenants, their default roles and users, and tokens for users.
-  Json created = post(port, "/api/v1/tenants",
-                      {{"id", "acme"}, {"quotas", {{"tokens_per_day", 100}}}}, 201);
+  Json created =
+      post(port, "/api/v1/tenants", {{"id", "acme"}, {"quotas", {{"tokens_per_day", 100}}}}, 201);
   EXPECT_EQ(created["tenant"]["tokens_per_day"], 100);
   post(port, "/api/v1/tenants", {{"id", "acme"}}, 409);
   post(port, "/api/v1/tenants/acme/users", {{"id", "alice"}, {"role_ids", {"viewer"}}}, 200);
   EXPECT_EQ(post(port, "/api/v1/tenants/acme/users", {{"id", "bob"}, {"role_ids", {"nope"}}},
                  400)["error"],
             "unknown_role: nope");
-  post(port, "/api/v1/tenants/acme/users", {{"id", "carol"}, {"state", "disabled"},
-                                            {"role_ids", {"admin"}}}, 200);
+  post(port, "/api/v1/tenants/acme/users",
+       {{"id", "carol"}, {"state", "disabled"}, {"role_ids", {"admin"}}}, 200);
   Json user_token = post(port, "/api/v1/capabilities/issue-for-user",
                          {{"tenant", "acme"}, {"user_id", "alice"}}, 200);
   EXPECT_EQ(user_token["scopes"], Json({"audit.read", "data.memory.recall"}));
@@ -458,8 +458,8 @@ TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
   EXPECT_EQ(suspended["reason"], "tenant_unknown_or_inactive");
 
   // Kernel syscalls over the same stores.
-  SyscallResult r = k.syscalls().call(identity::kKernelSource, "kernel.tenant.is_active",
-                                      R"({"tenant":"acme"})");
+  SyscallResult r =
+      k.syscalls().call(identity::kKernelSource, "kernel.tenant.is_active", R"({"tenant":"acme"})");
   EXPECT_EQ(Json::parse(r.body)["active"], false);
   k.syscalls().call(identity::kKernelSource, "kernel.quota.consume",
                     R"({"tenant":"acme","resource":"tokens_per_day","amount":60})");
@@ -495,22 +495,39 @@ TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
     std::string id =
         post(cfg.port, "/api/v1/capabilities/verify", {{"token", revoked_token}}, 200)["id"];
     post(cfg.port, "/api/v1/capabilities/revoke", {{"id", id}}, 200);
+    // Churn, then compaction: the journals shrink to the current state.
+    for (int i = 0; i < 5; ++i) {
+      httplib::Client c("127.0.0.1", cfg.port);
+      c.Put("/api/v1/tenants/acme", Json{{"notes", "n" + std::to_string(i)}}.dump(),
+            "application/json");
+    }
+    Json compacted = post(cfg.port, "/api/v1/kernel/compact", Json::object(), 200);
+    EXPECT_EQ(compacted["status"], "compacted");
+    EXPECT_TRUE(compacted["bytes"]["audit"].is_null());
+    EXPECT_TRUE(log_.has("[INFO][kernel] journal compaction: tenants="));
+    std::string tenants =
+        testing::read_file(std::filesystem::path(cfg.data_dir) / "state" / "tenants.jsonl");
+    EXPECT_EQ(testing::lines_with(tenants, "\"op\"").size(), 1u);
+    EXPECT_NE(tenants.find("\"notes\":\"n4\""), std::string::npos);
   }
   cfg.port = static_cast<std::uint16_t>(testing::free_port());
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
   k.set_running();
   EXPECT_TRUE(log_.has("[INFO][kernel] tenant registry replayed 1 records from "));
+  EXPECT_TRUE(log_.has("[INFO][kernel] RBAC replayed 5 records from "));
   EXPECT_TRUE(log_.has("[INFO][kernel] tenant signing keys loaded: 1 records"));
   EXPECT_TRUE(log_.has("[INFO][kernel] capability revocation list replayed 1 records from "));
   EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", node_token}}, 200)["reason"],
             "bad_signature");
   EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", tenant_token}}, 200)["valid"],
             true);
-  EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", revoked_token}}, 200)["reason"],
-            "revoked");
+  EXPECT_EQ(
+      post(cfg.port, "/api/v1/capabilities/verify", {{"token", revoked_token}}, 200)["reason"],
+      "revoked");
   Json detail = get_json(cfg.port, "/api/v1/tenants/acme");
   EXPECT_EQ(detail["users"][0]["role_ids"], Json({"admin"}));
+  EXPECT_EQ(detail["tenant"]["notes"], "n4");
 }
 
 }  // namespace

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <set>
+#include <string>
+
+#include "kernel/api_gateway.h"
+
+// The cross-node source header "X-Ostrel-Source": who a request comes from
+// (EIS id, node, module, domain, tenant), and the policy by which the gateway
+// admits callers that are not on loopback.
+namespace ostrel::source_header {
+
+struct ParsedSource {
+  bool ok = false;
+  std::string eis;
+  std::string node;
+  std::string module;
+  std::string domain;
+  std::string tenant;
+};
+
+enum class PolicyMode { advisory = 0, enforce = 1 };
+
+struct Policy {
+  PolicyMode mode = PolicyMode::advisory;
+  std::set<std::string> allowed_eis_ids;
+  std::set<std::string> allowed_domains;
+  std::set<std::string> allowed_modules;
+  bool deny_unknown_eis = false;
+
+  nlohmann::json toJson() const;
+  static Policy fromJson(const nlohmann::json& j);
+};
+
+// "eis=<id>;node=<node>[;module=…][;domain=…][;tenant=…]".
+std::string make_header(const std::string& module, const std::string& tenant,
+                        const std::string& domain);
+ParsedSource parse(const std::string& header);
+
+// The node's persistent EIS id (32 hex digits in "<config dir>/eis_id",
+// created on first use) and its node id (OSTREL_NODE_ID, else the host name).
+// Each is computed once per process.
+std::string current_eis_id();
+std::string current_node_id();
+
+// The process policy, loaded once from "<config dir>/eis_policy.json"
+// (defaults when missing or unreadable). Thread-safe.
+Policy current_policy();
+void set_policy(Policy policy);
+
+// The gateway's admission verdict for one request.
+kernel::SourceDecision admit(const std::string& client_addr, const std::string& header);
+
+}  // namespace ostrel::source_header

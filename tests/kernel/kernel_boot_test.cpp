@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <thread>
 #include <nlohmann/json.hpp>
 
 #include "identity/node_token.h"
@@ -528,6 +529,40 @@ TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
   Json detail = get_json(cfg.port, "/api/v1/tenants/acme");
   EXPECT_EQ(detail["users"][0]["role_ids"], Json({"admin"}));
   EXPECT_EQ(detail["tenant"]["notes"], "n4");
+}
+
+TEST_F(KernelBoot, CachedTokensStillExpireAndRevokeOnTime) {
+  KernelConfig cfg = config();
+  cfg.auth_mode = AuthMode::enforce;
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  k.set_running();
+  std::string brief = k.capabilities().issue(identity::kKernelSource, {"read.*"}, "", 0);
+  std::string other = k.capabilities().issue(identity::kKernelSource, {"read.*"}, "", 600);
+  httplib::Client c("127.0.0.1", cfg.port);
+  auto get = [&](const std::string& token) {
+    auto res = c.Get("/api/v1/kernel/stats", {{"X-Ostrel-Capability", token}});
+    EXPECT_TRUE(res);
+    return res ? std::make_pair(res->status, res->body) : std::make_pair(0, std::string());
+  };
+  // A zero-lifetime token is good within its second (and now cached) …
+  auto first = get(brief);
+  if (first.first == 200) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  }
+  // … and refused once that second is over, cache or not.
+  auto later = get(brief);
+  EXPECT_EQ(later.first, 403);
+  EXPECT_EQ(later.second, "{\"error\":\"forbidden\",\"reason\":\"expired\"}");
+
+  EXPECT_EQ(get(other).first, 200);  // cached now
+  identity::CapabilityToken t;
+  std::string error;
+  ASSERT_TRUE(k.capabilities().verify(other, t, error));
+  k.capabilities().revoke(t.id);
+  auto revoked = get(other);
+  EXPECT_EQ(revoked.first, 403);
+  EXPECT_EQ(revoked.second, "{\"error\":\"forbidden\",\"reason\":\"revoked\"}");
 }
 
 }  // namespace

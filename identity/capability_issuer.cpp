@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "identity/encoding.h"
+#include "kernel/clock.h"
 #include "kernel/durable_file.h"
 #include "kernel/journal.h"
 
@@ -23,10 +24,6 @@ constexpr std::size_t kGcmNonceBytes = 12;
 constexpr std::size_t kGcmTagBytes = 16;
 
 EVP_PKEY* as_pkey(void* p) { return static_cast<EVP_PKEY*>(p); }
-
-std::int64_t unix_seconds(std::chrono::system_clock::time_point t) {
-  return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
-}
 
 // AES-256-GCM; the result is ciphertext followed by the 16-byte tag.
 bool gcm_encrypt(const std::string& key, const std::string& nonce, const std::string& plain,
@@ -211,8 +208,8 @@ std::size_t CapabilityIssuer::load_revocations() {
 std::string CapabilityIssuer::issue(SourceCode holder, const std::vector<std::string>& scopes,
                                     const std::string& tenant, std::int64_t lifetime_s) {
   auto now = clock_();
-  std::int64_t iat = unix_seconds(now);
-  std::int64_t exp = unix_seconds(now + std::chrono::seconds(lifetime_s));
+  std::int64_t iat = kernel::unix_s(now);
+  std::int64_t exp = kernel::unix_s(now + std::chrono::seconds(lifetime_s));
   auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count();
   char id[24];
   std::snprintf(id, sizeof id, "%016llx%04x", static_cast<unsigned long long>(ns), holder.value());
@@ -295,7 +292,7 @@ bool CapabilityIssuer::verify(const std::string& token, CapabilityToken& out,
     // A signed payload of the wrong shape: only our own keys could make one.
     return fail("bad_encoding");
   }
-  std::int64_t now = unix_seconds(clock_());
+  std::int64_t now = kernel::unix_s(clock_());
   if (now < t.issued_at_s) return fail("not_yet_valid");
   if (t.expires_at_s < now) return fail("expired");
   if (is_revoked(t.id)) return fail("revoked");

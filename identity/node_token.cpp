@@ -4,17 +4,13 @@
 #include <cstdio>
 
 #include "identity/encoding.h"
+#include "kernel/clock.h"
 
 namespace ostrel::identity {
 namespace {
 
 constexpr std::size_t kTokenLength = 83;
 constexpr std::int64_t kMaxSkewSeconds = 86400;
-
-std::int64_t now_seconds() {
-  using namespace std::chrono;
-  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
-}
 
 std::string mac_hex(const std::string& secret, const std::string& node_id,
                     std::string_view ts_digits) {
@@ -56,7 +52,7 @@ std::string generate_node_token_at(const std::string& secret, const std::string&
 }
 
 std::string generate_node_token(const std::string& secret, const std::string& node_id) {
-  return generate_node_token_at(secret, node_id, now_seconds());
+  return generate_node_token_at(secret, node_id, kernel::unix_s());
 }
 
 bool verify_node_token_at(const std::string& secret, const std::string& node_id,
@@ -74,7 +70,7 @@ bool verify_node_token_at(const std::string& secret, const std::string& node_id,
 
 bool verify_node_token(const std::string& secret, const std::string& node_id,
                        const std::string& token) {
-  return verify_node_token_at(secret, node_id, token, now_seconds());
+  return verify_node_token_at(secret, node_id, token, kernel::unix_s());
 }
 
 }  // namespace ostrel::identity

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "kernel/clock.h"
 #include "kernel/journal.h"
 #include "kernel/types.h"
 
@@ -12,11 +13,6 @@ namespace ostrel::identity {
 namespace {
 
 using Json = nlohmann::json;
-
-std::int64_t now_ms() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 std::vector<std::string> strings_of(const Json& j, const char* key) {
   std::vector<std::string> out;
@@ -70,12 +66,6 @@ void to_json(Json& j, const User& u) {
 
 RBAC::RBAC(std::filesystem::path journal) : journal_(std::move(journal)) {}
 
-bool RBAC::append_locked_(const Json& record) {
-  if (replaying_ || journal_.empty()) return true;
-  std::string error;
-  return kernel::append_journal_line(journal_, record.dump(), error);
-}
-
 bool RBAC::create_role(Role role, std::string& error) {
   if (role.tenant.empty() || role.id.empty()) {
     error = "missing tenant or id";
@@ -87,8 +77,8 @@ bool RBAC::create_role(Role role, std::string& error) {
     error = "already_exists";
     return false;
   }
-  if (!replaying_) role.created_at_ms = now_ms();
-  if (!append_locked_(Json{{"op", "role_create"}, {"role", role}})) {
+  if (!journal_.replaying()) role.created_at_ms = kernel::unix_ms();
+  if (!journal_.append(Json{{"op", "role_create"}, {"role", role}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -104,10 +94,10 @@ bool RBAC::set_role_permissions(const std::string& tenant, const std::string& ro
     error = "unknown_role";
     return false;
   }
-  if (!append_locked_(Json{{"op", "role_perms"},
-                           {"tenant", tenant},
-                           {"role_id", role_id},
-                           {"permissions", permissions}})) {
+  if (!journal_.append(Json{{"op", "role_perms"},
+                            {"tenant", tenant},
+                            {"role_id", role_id},
+                            {"permissions", permissions}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -129,7 +119,7 @@ bool RBAC::delete_role(const std::string& tenant, const std::string& role_id, st
       return false;
     }
   }
-  if (!append_locked_(Json{{"op", "role_delete"}, {"tenant", tenant}, {"role_id", role_id}})) {
+  if (!journal_.append(Json{{"op", "role_delete"}, {"tenant", tenant}, {"role_id", role_id}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -158,8 +148,8 @@ bool RBAC::create_user(User user, std::string& error) {
       return false;
     }
   }
-  if (!replaying_) user.created_at_ms = now_ms();
-  if (!append_locked_(Json{{"op", "user_create"}, {"user", user}})) {
+  if (!journal_.replaying()) user.created_at_ms = kernel::unix_ms();
+  if (!journal_.append(Json{{"op", "user_create"}, {"user", user}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -179,7 +169,7 @@ bool RBAC::set_user_state(const std::string& tenant, const std::string& user_id,
     error = "not_found";
     return false;
   }
-  if (!append_locked_(
+  if (!journal_.append(
           Json{{"op", "user_state"}, {"tenant", tenant}, {"user_id", user_id}, {"state", state}})) {
     error = "journal_write_failed";
     return false;
@@ -195,7 +185,7 @@ bool RBAC::delete_user(const std::string& tenant, const std::string& user_id, st
     error = "not_found";
     return false;
   }
-  if (!append_locked_(Json{{"op", "user_delete"}, {"tenant", tenant}, {"user_id", user_id}})) {
+  if (!journal_.append(Json{{"op", "user_delete"}, {"tenant", tenant}, {"user_id", user_id}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -217,7 +207,7 @@ bool RBAC::assign_role(const std::string& tenant, const std::string& user_id,
   }
   auto& held = it->second.role_ids;
   if (std::find(held.begin(), held.end(), role_id) != held.end()) return true;
-  if (!append_locked_(Json{
+  if (!journal_.append(Json{
           {"op", "assign_role"}, {"tenant", tenant}, {"user_id", user_id}, {"role_id", role_id}})) {
     error = "journal_write_failed";
     return false;
@@ -237,10 +227,10 @@ bool RBAC::unassign_role(const std::string& tenant, const std::string& user_id,
   auto& held = it->second.role_ids;
   auto pos = std::find(held.begin(), held.end(), role_id);
   if (pos == held.end()) return true;
-  if (!append_locked_(Json{{"op", "unassign_role"},
-                           {"tenant", tenant},
-                           {"user_id", user_id},
-                           {"role_id", role_id}})) {
+  if (!journal_.append(Json{{"op", "unassign_role"},
+                            {"tenant", tenant},
+                            {"user_id", user_id},
+                            {"role_id", role_id}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -250,7 +240,7 @@ bool RBAC::unassign_role(const std::string& tenant, const std::string& user_id,
 
 void RBAC::drop_tenant(const std::string& tenant) {
   std::lock_guard lock(mu_);
-  append_locked_(Json{{"op", "drop_tenant"}, {"tenant", tenant}});
+  journal_.append(Json{{"op", "drop_tenant"}, {"tenant", tenant}});
   std::erase_if(roles_, [&](const auto& e) { return e.first.first == tenant; });
   std::erase_if(users_, [&](const auto& e) { return e.first.first == tenant; });
 }
@@ -317,12 +307,7 @@ std::vector<std::string> RBAC::effective_permissions(const std::string& tenant,
 }
 
 std::size_t RBAC::replay_journal() {
-  if (journal_.empty()) return 0;
-  {
-    std::lock_guard lock(mu_);
-    replaying_ = true;
-  }
-  std::size_t n = kernel::replay_journal(journal_, [this](const Json& r) {
+  return journal_.replay([this](const Json& r) {
     if (!r.is_object()) return false;
     const std::string op = r.value("op", "");
     const std::string tenant = r.value("tenant", "");
@@ -346,9 +331,6 @@ std::size_t RBAC::replay_journal() {
     }
     return false;
   });
-  std::lock_guard lock(mu_);
-  replaying_ = false;
-  return n;
 }
 
 bool RBAC::compact_journal(std::string& error) {
@@ -374,7 +356,7 @@ bool RBAC::compact_journal(std::string& error) {
               .dump());
     }
   }
-  return kernel::rewrite_journal(journal_, lines, error);
+  return kernel::rewrite_journal(journal_.path(), lines, error);
 }
 
 namespace rbac::reject {

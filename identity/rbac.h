@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "kernel/journal.h"
+
 namespace ostrel::kernel {
 struct Response;
 }
@@ -67,17 +69,15 @@ class RBAC {
 
   std::size_t replay_journal();
   bool compact_journal(std::string& error);
-  const std::filesystem::path& journal_path() const { return journal_; }
+  const std::filesystem::path& journal_path() const { return journal_.path(); }
 
  private:
   using Key = std::pair<std::string, std::string>;  // (tenant, id)
-  bool append_locked_(const nlohmann::json& record);
 
-  std::filesystem::path journal_;
-  mutable std::mutex mu_;  // guards roles_, users_, replaying_ and journal appends
+  kernel::RegistryJournal journal_;
+  mutable std::mutex mu_;  // guards roles_, users_ and journal appends
   std::map<Key, Role> roles_;
   std::map<Key, User> users_;
-  bool replaying_ = false;
 };
 
 // Why a request was refused, rendered for clients.

@@ -4,17 +4,13 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 
+#include "kernel/clock.h"
 #include "kernel/journal.h"
 
 namespace ostrel::identity {
 namespace {
 
 using Json = nlohmann::json;
-
-std::int64_t now_ms() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 bool valid_state(const std::string& s) {
   return s == "active" || s == "suspended" || s == "terminating";
@@ -79,12 +75,6 @@ void to_json(Json& j, const Tenant& t) {
 
 TenantRegistry::TenantRegistry(std::filesystem::path journal) : journal_(std::move(journal)) {}
 
-bool TenantRegistry::append_locked_(const Json& record) {
-  if (replaying_ || journal_.empty()) return true;
-  std::string error;
-  return kernel::append_journal_line(journal_, record.dump(), error);
-}
-
 bool TenantRegistry::create(Tenant t, std::string& error) {
   if (t.id.empty()) {
     error = "missing id";
@@ -100,8 +90,8 @@ bool TenantRegistry::create(Tenant t, std::string& error) {
     error = "already_exists";
     return false;
   }
-  if (!replaying_) t.created_at_ms = t.updated_at_ms = now_ms();
-  if (!append_locked_(Json{{"op", "create"}, {"tenant", t}})) {
+  if (!journal_.replaying()) t.created_at_ms = t.updated_at_ms = kernel::unix_ms();
+  if (!journal_.append(Json{{"op", "create"}, {"tenant", t}})) {
     error = "journal_write_failed";
     return false;
   }
@@ -163,11 +153,11 @@ bool TenantRegistry::update_metadata(const std::string& id, const Json& fields,
   Tenant updated = it->second;
   Json changed = Json::object();
   if (!apply_update_locked_(updated, fields, changed, error)) return false;
-  if (!replaying_) updated.updated_at_ms = now_ms();
+  if (!journal_.replaying()) updated.updated_at_ms = kernel::unix_ms();
   Json record = {{"op", "update"}, {"id", id}};
   record.update(changed);
   record["updated_at_ms"] = updated.updated_at_ms;
-  if (!append_locked_(record)) {
+  if (!journal_.append(record)) {
     error = "journal_write_failed";
     return false;
   }
@@ -191,8 +181,8 @@ bool TenantRegistry::transition(const std::string& id, const std::string& new_st
     error = "terminating_terminal";
     return false;
   }
-  std::int64_t stamp = replaying_ ? it->second.updated_at_ms : now_ms();
-  if (!append_locked_(Json{
+  std::int64_t stamp = journal_.replaying() ? it->second.updated_at_ms : kernel::unix_ms();
+  if (!journal_.append(Json{
           {"op", "transition"}, {"id", id}, {"new_state", new_state}, {"updated_at_ms", stamp}})) {
     error = "journal_write_failed";
     return false;
@@ -232,12 +222,7 @@ std::vector<Tenant> TenantRegistry::list() const {
 }
 
 std::size_t TenantRegistry::replay_journal() {
-  if (journal_.empty()) return 0;
-  {
-    std::lock_guard lock(mu_);
-    replaying_ = true;
-  }
-  std::size_t n = kernel::replay_journal(journal_, [this](const Json& r) {
+  return journal_.replay([this](const Json& r) {
     if (!r.is_object()) return false;
     std::string op = r.value("op", ""), error;
     if (op == "create" && r.contains("tenant") && r["tenant"].is_object()) {
@@ -261,9 +246,6 @@ std::size_t TenantRegistry::replay_journal() {
     }
     return applied;
   });
-  std::lock_guard lock(mu_);
-  replaying_ = false;
-  return n;
 }
 
 bool TenantRegistry::compact_journal(std::string& error) {
@@ -274,7 +256,7 @@ bool TenantRegistry::compact_journal(std::string& error) {
   std::sort(sorted.begin(), sorted.end(),
             [](const Tenant* a, const Tenant* b) { return a->id < b->id; });
   for (const Tenant* t : sorted) lines.push_back(Json{{"op", "create"}, {"tenant", *t}}.dump());
-  return kernel::rewrite_journal(journal_, lines, error);
+  return kernel::rewrite_journal(journal_.path(), lines, error);
 }
 
 }  // namespace ostrel::identity

@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "kernel/journal.h"
+
 namespace ostrel::identity {
 
 // Resource limits of a tenant; a negative value means no limit.
@@ -59,17 +61,15 @@ class TenantRegistry {
   std::size_t replay_journal();
   // Rewrites the journal as one create record per tenant.
   bool compact_journal(std::string& error);
-  const std::filesystem::path& journal_path() const { return journal_; }
+  const std::filesystem::path& journal_path() const { return journal_.path(); }
 
  private:
-  bool append_locked_(const nlohmann::json& record);
   bool apply_update_locked_(Tenant& t, const nlohmann::json& fields, nlohmann::json& changed,
                             std::string& error);
 
-  std::filesystem::path journal_;
+  kernel::RegistryJournal journal_;
   mutable std::mutex mu_;  // guards tenants_ and journal appends
   std::unordered_map<std::string, Tenant> tenants_;
-  bool replaying_ = false;
 };
 
 }  // namespace ostrel::identity

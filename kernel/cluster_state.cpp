@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "identity/node_token.h"
+#include "kernel/clock.h"
 #include "kernel/durable_file.h"
 #include "kernel/kernel.h"
 
@@ -13,11 +14,6 @@ namespace {
 
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
-
-std::int64_t now_ms() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 Json read_json_file(const fs::path& path, bool& opened) {
   std::ifstream in(path, std::ios::binary);
@@ -100,7 +96,7 @@ void Kernel::establish_cluster_identity_() {
   identity_.node_id = config_.node_id;
   identity_.cluster_id = identity::cluster_id_from_secret(cluster_secret_);
   identity_.node_token = identity::generate_node_token(cluster_secret_, config_.node_id);
-  identity_.issued_at_ms = now_ms();
+  identity_.issued_at_ms = unix_ms();
   identity_.expires_at_ms = identity_.issued_at_ms + 24LL * 3600 * 1000;
   logger_.info("node identity: id=" + identity_.node_id + ", cluster=" + identity_.cluster_id);
   if (const char* url = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); url && *url) {

@@ -4,15 +4,11 @@
 #include <filesystem>
 
 #include "identity/source_header.h"
+#include "kernel/clock.h"
 #include "kernel/kernel.h"
 
 namespace ostrel::kernel {
 namespace {
-
-std::int64_t unix_now_s() {
-  using namespace std::chrono;
-  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
-}
 
 constexpr std::int64_t kBootstrapLifetimeS = 365LL * 24 * 3600;
 
@@ -47,7 +43,7 @@ void Kernel::open_identity_stores_() {
 
 AuthResult Kernel::verify_credential_(const std::string& credential) {
   AuthResult result;
-  const std::int64_t now = unix_now_s();
+  const std::int64_t now = unix_s();
   if (auto hit = auth_cache_.find(credential)) {
     // Expiry and revocation are checked on every hit, so a cached grant ends
     // exactly when the token does.

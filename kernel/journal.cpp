@@ -73,6 +73,20 @@ std::size_t replay_journal(const fs::path& path,
   return applied;
 }
 
+bool RegistryJournal::append(const nlohmann::json& record) {
+  if (replaying_ || path_.empty()) return true;
+  std::string error;
+  return append_journal_line(path_, record.dump(), error);
+}
+
+std::size_t RegistryJournal::replay(const std::function<bool(const nlohmann::json&)>& apply) {
+  if (path_.empty()) return 0;
+  replaying_ = true;
+  std::size_t n = replay_journal(path_, apply);
+  replaying_ = false;
+  return n;
+}
+
 bool rewrite_journal(const fs::path& path, const std::vector<std::string>& lines,
                      std::string& error) {
   std::string content;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -28,5 +29,25 @@ std::size_t replay_journal(const std::filesystem::path& path,
 // temporary file "<path>.tmp" and a rename.
 bool rewrite_journal(const std::filesystem::path& path, const std::vector<std::string>& lines,
                      std::string& error);
+
+// The journal of an in-memory registry. The registry calls append() under
+// its own mutex for every change; replay() feeds the journal back through the
+// registry's ordinary mutators, during which append() writes nothing.
+// Thread-safety: as the owning registry's mutex provides.
+class RegistryJournal {
+ public:
+  explicit RegistryJournal(std::filesystem::path path) : path_(std::move(path)) {}
+
+  // True when the record is on disk (or there is nothing to write: no path,
+  // or a replay in progress).
+  bool append(const nlohmann::json& record);
+  std::size_t replay(const std::function<bool(const nlohmann::json&)>& apply);
+  bool replaying() const { return replaying_.load(); }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+  std::atomic<bool> replaying_{false};
+};
 
 }  // namespace ostrel::kernel

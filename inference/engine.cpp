@@ -1,0 +1,137 @@
+#include "inference/engine.h"
+
+#include <algorithm>
+#include <random>
+#include <set>
+
+namespace ostrel::inference {
+namespace {
+
+std::string new_request_id() {
+  thread_local std::mt19937_64 rng(
+      static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+      std::hash<std::thread::id>{}(std::this_thread::get_id()));
+  return "req-" + std::to_string(rng());
+}
+
+}  // namespace
+
+Engine::Engine(EngineOptions options)
+    : options_(options),
+      sessions_(options.session_idle_ttl),
+      scheduler_([this] { return backends(); }, options.worker_threads, options.max_queue_depth) {}
+
+Engine::~Engine() { stop(); }
+
+void Engine::register_backend(std::shared_ptr<Backend> backend) {
+  if (!backend) return;
+  backend->poll_health();
+  std::lock_guard lock(mu_);
+  const std::string id = backend->id();
+  if (!backends_.count(id)) order_.push_back(id);
+  backends_[id] = std::move(backend);
+}
+
+bool Engine::remove_backend(const std::string& id) {
+  std::lock_guard lock(mu_);
+  if (!backends_.erase(id)) return false;
+  std::erase(order_, id);
+  return true;
+}
+
+BackendList Engine::backends() const {
+  std::lock_guard lock(mu_);
+  BackendList out;
+  out.reserve(order_.size());
+  for (const auto& id : order_) out.push_back(backends_.at(id));
+  return out;
+}
+
+void Engine::prepare_request_(ChatRequest& req) {
+  if (!req.session_id.empty()) sessions_.append(req.session_id, req.messages);
+  if (req.request_id.empty()) req.request_id = new_request_id();
+}
+
+std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp) {
+  auto queued = std::make_shared<QueuedRequest>();
+  queued->request = req;
+  queued->sink = std::move(sink);
+  std::future<ChatResponse> future = queued->promise.get_future();
+  if (!scheduler_.enqueue(queued)) return InferenceError{507, "scheduler: queue full"};
+  try {
+    resp = future.get();
+    return std::nullopt;
+  } catch (const InferenceFailure& f) {
+    return f.error;
+  } catch (const std::exception& e) {
+    return InferenceError{500, std::string("engine: ") + e.what()};
+  } catch (...) {
+    return InferenceError{500, "engine: unknown exception"};
+  }
+}
+
+std::optional<InferenceError> Engine::complete(ChatRequest req, ChatResponse& resp) {
+  prepare_request_(req);
+  auto err = run_(req, nullptr, resp);
+  if (!err && !req.session_id.empty()) sessions_.append(req.session_id, {resp.message});
+  return err;
+}
+
+std::optional<InferenceError> Engine::stream(ChatRequest req, ChunkSink sink) {
+  if (!scheduler_.running()) return InferenceError{500, "scheduler: not running"};
+  if (!sink) return InferenceError{400, "scheduler: stream sink is null"};
+  prepare_request_(req);
+  // Collect the text as it passes, for the session; the sink runs on a
+  // scheduler worker, and this thread reads the text only after the future.
+  auto text = std::make_shared<std::string>();
+  ChunkSink collecting = [text, sink = std::move(sink)](const ChatChunk& c) {
+    text->append(c.delta);
+    return sink(c);
+  };
+  ChatResponse resp;
+  auto err = run_(req, std::move(collecting), resp);
+  if (!req.session_id.empty() && !text->empty()) {
+    sessions_.append(req.session_id, {Message{"assistant", *text, "", ""}});
+  }
+  return err;
+}
+
+std::vector<std::string> Engine::available_models() const {
+  std::set<std::string> names;
+  for (const auto& b : backends()) {
+    if (!b->is_healthy()) continue;
+    for (auto& m : b->stats().models) names.insert(std::move(m));
+  }
+  return {names.begin(), names.end()};
+}
+
+void Engine::start() {
+  scheduler_.start();
+  std::lock_guard lock(health_mu_);
+  if (health_thread_.joinable()) return;
+  health_stop_ = false;
+  health_thread_ = std::thread([this] { health_loop_(); });
+}
+
+void Engine::stop() {
+  {
+    std::lock_guard lock(health_mu_);
+    health_stop_ = true;
+  }
+  health_cv_.notify_all();
+  if (health_thread_.joinable()) health_thread_.join();
+  scheduler_.stop();
+}
+
+void Engine::health_loop_() {
+  while (true) {
+    for (const auto& b : backends()) b->poll_health();
+    sessions_.sweep();
+    std::unique_lock lock(health_mu_);
+    if (health_cv_.wait_for(lock, options_.health_poll_interval, [this] { return health_stop_; })) {
+      return;
+    }
+  }
+}
+
+}  // namespace ostrel::inference

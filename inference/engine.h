@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "inference/scheduler.h"
+#include "inference/session_store.h"
+#include "inference/types.h"
+
+namespace ostrel::inference {
+
+struct EngineOptions {
+  std::size_t worker_threads = 4;
+  std::size_t max_queue_depth = 256;
+  std::chrono::seconds session_idle_ttl{3600};
+  std::chrono::seconds health_poll_interval{15};
+};
+
+// The in-process front for chat completion: keeps the backends, queues each
+// request on its scheduler and returns the answer or streams its chunks.
+// Owns the scheduler's workers and the health thread; stop() joins both.
+// Thread-safe: mu_ guards the backend map and is never held across a backend
+// call; sessions have their own store.
+class Engine {
+ public:
+  explicit Engine(EngineOptions options = {});
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  // Polls the backend's health once, then stores it under its id (replacing
+  // an earlier one with the same id). Null is ignored.
+  void register_backend(std::shared_ptr<Backend> backend);
+  bool remove_backend(const std::string& id);
+  BackendList backends() const;
+
+  std::optional<InferenceError> complete(ChatRequest req, ChatResponse& resp);
+  std::optional<InferenceError> stream(ChatRequest req, ChunkSink sink);
+  // Distinct model names of the healthy backends, sorted.
+  std::vector<std::string> available_models() const;
+
+  // Starts the scheduler's workers and the health thread.
+  void start();
+  void stop();
+
+  Scheduler& scheduler() { return scheduler_; }
+  SessionStore& sessions() { return sessions_; }
+
+ private:
+  void prepare_request_(ChatRequest& req);
+  std::optional<InferenceError> run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp);
+  void health_loop_();
+
+  EngineOptions options_;
+  mutable std::mutex mu_;  // guards backends_ and order_
+  std::map<std::string, std::shared_ptr<Backend>> backends_;
+  std::vector<std::string> order_;  // registration order, for the selector's ties
+  SessionStore sessions_;
+  Scheduler scheduler_;
+
+  std::mutex health_mu_;  // guards health_stop_; health_cv_ waits on it
+  std::condition_variable health_cv_;
+  bool health_stop_ = false;
+  std::thread health_thread_;
+};
+
+}  // namespace ostrel::inference

@@ -1,0 +1,317 @@
+#include "inference/ollama_backend.h"
+
+#include <curl/curl.h>
+
+#include <nlohmann/json.hpp>
+
+namespace ostrel::inference {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr long kConnectTimeoutMs = 5000;
+constexpr long kTagsTimeoutMs = 5000;
+constexpr size_t kMaxPooledHandles = 16;
+
+struct CurlGlobal {
+  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+};
+
+void ensure_curl_global() { static CurlGlobal once; }
+
+size_t append_body(char* data, size_t size, size_t n, void* user) {
+  static_cast<std::string*>(user)->append(data, size * n);
+  return size * n;
+}
+
+struct StreamState {
+  const ChunkSink* sink;
+  std::string model;
+  std::string pending;  // bytes after the last complete line
+  std::string body;     // everything, for error reports
+  bool aborted = false;
+  bool finished = false;
+  bool http_error = false;
+  std::string parse_error;
+};
+
+// Feeds complete NDJSON lines to the sink. Returning less than the size
+// handed in makes libcurl abort the transfer.
+size_t on_stream_data(char* data, size_t size, size_t n, void* user) {
+  auto* st = static_cast<StreamState*>(user);
+  const size_t bytes = size * n;
+  if (st->http_error) {
+    st->body.append(data, bytes);
+    return bytes;
+  }
+  st->pending.append(data, bytes);
+  size_t start = 0;
+  while (true) {
+    size_t nl = st->pending.find('\n', start);
+    if (nl == std::string::npos) break;
+    std::string_view line(st->pending.data() + start, nl - start);
+    start = nl + 1;
+    if (line.empty() || st->finished) continue;
+    Json obj = Json::parse(line, nullptr, false);
+    if (!obj.is_object()) {
+      st->parse_error = std::string(line);
+      continue;
+    }
+    ChatChunk chunk;
+    chunk.model = obj.value("model", st->model);
+    if (auto m = obj.find("message"); m != obj.end() && m->is_object()) {
+      chunk.delta = m->value("content", "");
+    }
+    if (obj.value("done", false)) {
+      chunk.done = true;
+      chunk.finish_reason = obj.value("done_reason", "stop");
+      st->finished = true;
+    }
+    if (!(*st->sink)(chunk)) {
+      st->aborted = true;
+      return 0;
+    }
+  }
+  st->pending.erase(0, start);
+  return bytes;
+}
+
+}  // namespace
+
+struct OllamaBackend::Handle {
+  CURL* curl = nullptr;
+  ~Handle() {
+    if (curl) curl_easy_cleanup(curl);
+  }
+};
+
+OllamaBackend::OllamaBackend(std::string id, std::string base_url)
+    : id_(std::move(id)), base_(std::move(base_url)) {
+  ensure_curl_global();
+  while (!base_.empty() && base_.back() == '/') base_.pop_back();
+}
+
+OllamaBackend::~OllamaBackend() = default;
+
+std::unique_ptr<OllamaBackend::Handle> OllamaBackend::acquire_() {
+  {
+    std::lock_guard lock(pool_mu_);
+    if (!pool_.empty()) {
+      auto h = std::move(pool_.back());
+      pool_.pop_back();
+      curl_easy_reset(h->curl);  // keeps the connection cache
+      return h;
+    }
+  }
+  auto h = std::make_unique<Handle>();
+  h->curl = curl_easy_init();
+  if (!h->curl) return nullptr;
+  return h;
+}
+
+void OllamaBackend::release_(std::unique_ptr<Handle> h) {
+  std::lock_guard lock(pool_mu_);
+  if (pool_.size() < kMaxPooledHandles) pool_.push_back(std::move(h));
+}
+
+std::string OllamaBackend::build_chat_body(const ChatRequest& req, bool stream) {
+  Json messages = Json::array();
+  for (const auto& m : req.messages) {
+    Json msg = {{"role", m.role}, {"content", m.content}};
+    if (!m.name.empty()) msg["name"] = m.name;
+    messages.push_back(std::move(msg));
+  }
+  Json options = Json::object();
+  if (req.temperature) options["temperature"] = *req.temperature;
+  if (req.top_p) options["top_p"] = *req.top_p;
+  if (req.max_tokens) options["num_predict"] = *req.max_tokens;
+  if (req.presence_penalty) options["presence_penalty"] = *req.presence_penalty;
+  if (req.frequency_penalty) options["frequency_penalty"] = *req.frequency_penalty;
+  Json body = {
+      {"model", req.model}, {"messages", messages}, {"stream", stream}, {"options", options}};
+  if (!req.stop.empty()) body["stop"] = req.stop;
+  return body.dump();
+}
+
+std::optional<InferenceError> OllamaBackend::http_to_error(int curl_code, long status,
+                                                           const std::string& body) {
+  if (curl_code != CURLE_OK) {
+    return InferenceError{
+        502, std::string("ollama: curl ") + curl_easy_strerror(static_cast<CURLcode>(curl_code))};
+  }
+  if (status >= 200 && status < 300) return std::nullopt;
+  if (status >= 500) {
+    return InferenceError{502, "ollama: upstream " + std::to_string(status) + " " + body};
+  }
+  std::uint16_t code =
+      (status == 400 || status == 401 || status == 404) ? static_cast<std::uint16_t>(status) : 500;
+  return InferenceError{code, "ollama: http " + std::to_string(status) + ": " + body};
+}
+
+std::vector<std::string> OllamaBackend::list_models() {
+  auto h = acquire_();
+  if (!h) {
+    healthy_ = false;
+    return {};
+  }
+  std::string body;
+  const std::string url = base_ + "/api/tags";
+  curl_easy_setopt(h->curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(h->curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h->curl, CURLOPT_TIMEOUT_MS, kTagsTimeoutMs);
+  curl_easy_setopt(h->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
+  curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, append_body);
+  curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &body);
+  CURLcode rc = curl_easy_perform(h->curl);
+  long status = 0;
+  curl_easy_getinfo(h->curl, CURLINFO_RESPONSE_CODE, &status);
+  release_(std::move(h));
+
+  std::vector<std::string> names;
+  Json reply = rc == CURLE_OK && status == 200 ? Json::parse(body, nullptr, false) : Json();
+  if (!reply.is_object()) {
+    healthy_ = false;
+    std::lock_guard lock(models_mu_);
+    return models_;
+  }
+  if (auto m = reply.find("models"); m != reply.end() && m->is_array()) {
+    for (const auto& entry : *m) {
+      if (entry.is_object() && entry.contains("name") && entry["name"].is_string()) {
+        names.push_back(entry["name"]);
+      }
+    }
+  }
+  healthy_ = true;
+  std::lock_guard lock(models_mu_);
+  models_ = names;
+  return names;
+}
+
+bool OllamaBackend::poll_health() { return !list_models().empty() || healthy_.load(); }
+
+std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, ChatResponse& resp) {
+  BackendCounters::Scope scope(counters_);
+  try {
+    auto h = acquire_();
+    if (!h) return InferenceError{500, "ollama: curl_easy_init failed"};
+    const std::string url = base_ + "/api/chat";
+    const std::string payload = build_chat_body(req, false);
+    std::string body;
+    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    headers = curl_slist_append(headers, "Accept: application/json");
+    curl_easy_setopt(h->curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(h->curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(h->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
+    curl_easy_setopt(h->curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDS, payload.c_str());
+    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
+    curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, append_body);
+    curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &body);
+    CURLcode rc = curl_easy_perform(h->curl);
+    long status = 0;
+    curl_easy_getinfo(h->curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_slist_free_all(headers);
+    release_(std::move(h));
+    if (auto err = http_to_error(rc, status, body)) return err;
+
+    Json reply = Json::parse(body, nullptr, false);
+    if (!reply.is_object()) {
+      return InferenceError{502, "ollama: bad response JSON: " + body.substr(0, 200)};
+    }
+    std::string content;
+    if (auto m = reply.find("message"); m != reply.end() && m->is_object()) {
+      content = m->value("content", "");
+    } else {
+      content = reply.value("response", "");
+    }
+    resp.model = reply.value("model", req.model);
+    resp.backend_id = id_;
+    resp.message = Message{"assistant", content, "", ""};
+    resp.finish_reason = reply.value("done_reason", "stop");
+    resp.prompt_tokens = reply.value("prompt_eval_count", std::int64_t{0});
+    resp.completion_tokens = reply.value("eval_count", std::int64_t{0});
+    scope.succeed(static_cast<std::uint64_t>(resp.completion_tokens));
+    return std::nullopt;
+  } catch (const std::exception& e) {
+    return InferenceError{500, std::string("ollama: ") + e.what()};
+  } catch (...) {
+    return InferenceError{500, "ollama: unknown exception"};
+  }
+}
+
+std::optional<InferenceError> OllamaBackend::stream(const ChatRequest& req, const ChunkSink& sink) {
+  if (!sink) return InferenceError{400, "ollama: sink callback is null"};
+  BackendCounters::Scope scope(counters_);
+  try {
+    auto h = acquire_();
+    if (!h) return InferenceError{500, "ollama: curl_easy_init failed"};
+    const std::string url = base_ + "/api/chat";
+    const std::string payload = build_chat_body(req, true);
+    StreamState st;
+    st.sink = &sink;
+    st.model = req.model;
+    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    headers = curl_slist_append(headers, "Accept: application/x-ndjson");
+    curl_easy_setopt(h->curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(h->curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(h->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
+    curl_easy_setopt(h->curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDS, payload.c_str());
+    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
+    curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, on_stream_data);
+    curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &st);
+    // The status is known before the first body byte: an error answer is
+    // collected whole instead of being fed to the sink.
+    curl_easy_setopt(
+        h->curl, CURLOPT_HEADERFUNCTION,
+        +[](char* data, size_t size, size_t n, void* user) -> size_t {
+          auto* state = static_cast<StreamState*>(user);
+          std::string_view line(data, size * n);
+          if (line.rfind("HTTP/", 0) == 0) {
+            size_t sp = line.find(' ');
+            int code = sp == std::string_view::npos
+                           ? 0
+                           : std::atoi(std::string(line.substr(sp + 1, 3)).c_str());
+            state->http_error = code >= 300;
+          }
+          return size * n;
+        });
+    curl_easy_setopt(h->curl, CURLOPT_HEADERDATA, &st);
+    CURLcode rc = curl_easy_perform(h->curl);
+    long status = 0;
+    curl_easy_getinfo(h->curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_slist_free_all(headers);
+    if (st.aborted) {
+      // The connection is mid-response: do not reuse it.
+      return InferenceError{499, "ollama: stream aborted by sink"};
+    }
+    release_(std::move(h));
+    if (auto err = http_to_error(rc, status, st.body)) return err;
+    if (!st.finished) {
+      // The server ended the body without its closing object.
+      if (!st.pending.empty()) {
+        return InferenceError{502, "ollama: bad response JSON: " + st.pending.substr(0, 200)};
+      }
+      return InferenceError{502, "ollama: stream ended without done"};
+    }
+    scope.succeed(0);
+    return std::nullopt;
+  } catch (const std::exception& e) {
+    return InferenceError{500, std::string("ollama: ") + e.what()};
+  } catch (...) {
+    return InferenceError{500, "ollama: unknown exception"};
+  }
+}
+
+BackendStats OllamaBackend::stats() const {
+  BackendStats s;
+  s.id = id_;
+  s.kind = "ollama";
+  s.healthy = healthy_.load();
+  counters_.fill(s);
+  std::lock_guard lock(models_mu_);
+  s.models = models_;
+  return s;
+}
+
+}  // namespace ostrel::inference

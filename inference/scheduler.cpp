@@ -1,0 +1,185 @@
+#include "inference/scheduler.h"
+
+#include <algorithm>
+
+namespace ostrel::inference {
+
+std::shared_ptr<Backend> default_selector(const ChatRequest& req, const BackendList& backends) {
+  std::shared_ptr<Backend> least, least_with_model;
+  std::uint64_t least_load = 0, least_model_load = 0;
+  for (const auto& b : backends) {
+    if (!b) continue;
+    BackendStats s = b->stats();
+    if (!least || s.in_flight < least_load) {
+      least = b;
+      least_load = s.in_flight;
+    }
+    bool lists = std::find(s.models.begin(), s.models.end(), req.model) != s.models.end();
+    if (lists && (!least_with_model || s.in_flight < least_model_load)) {
+      least_with_model = b;
+      least_model_load = s.in_flight;
+    }
+  }
+  return least_with_model ? least_with_model : least;
+}
+
+Scheduler::Scheduler(std::function<BackendList()> backends, std::size_t workers,
+                     std::size_t max_queue_depth)
+    : backends_(std::move(backends)),
+      worker_count_(std::max<std::size_t>(1, workers)),
+      max_depth_(max_queue_depth) {}
+
+Scheduler::~Scheduler() { stop(); }
+
+void Scheduler::start() {
+  std::lock_guard lock(mu_);
+  if (running_) return;
+  running_ = true;
+  for (std::size_t i = 0; i < worker_count_; ++i) workers_.emplace_back([this] { worker_loop_(); });
+}
+
+void Scheduler::stop() {
+  std::vector<std::thread> workers;
+  {
+    std::lock_guard lock(mu_);
+    running_ = false;
+    workers.swap(workers_);
+  }
+  cv_.notify_all();
+  for (auto& t : workers) t.join();
+
+  std::vector<std::shared_ptr<QueuedRequest>> leftovers;
+  {
+    std::lock_guard lock(mu_);
+    for (auto& [key, q] : queues_) {
+      for (auto& r : q) leftovers.push_back(std::move(r));
+    }
+    queues_.clear();
+    total_queued_ = 0;
+  }
+  for (auto& r : leftovers) {
+    r->promise.set_exception(
+        std::make_exception_ptr(InferenceFailure({499, "scheduler: shutting down"})));
+  }
+}
+
+bool Scheduler::running() const {
+  std::lock_guard lock(mu_);
+  return running_;
+}
+
+bool Scheduler::enqueue(std::shared_ptr<QueuedRequest> request) {
+  {
+    std::lock_guard lock(mu_);
+    if (total_queued_ >= max_depth_) {
+      ++rejected_;
+      return false;
+    }
+    request->key = request->request.tenant_id;
+    request->enqueued_at = std::chrono::steady_clock::now();
+    queues_[request->key].push_back(std::move(request));
+    ++total_queued_;
+    ++accepted_;
+  }
+  cv_.notify_one();
+  return true;
+}
+
+BackendList Scheduler::healthy_backends() const {
+  BackendList all = backends_();
+  std::erase_if(all, [](const auto& b) { return !b || !b->is_healthy(); });
+  return all;
+}
+
+void Scheduler::set_selector(BackendSelector selector) {
+  std::lock_guard lock(mu_);
+  selector_ = selector ? std::move(selector) : BackendSelector(default_selector);
+}
+
+std::size_t Scheduler::queued() const {
+  std::lock_guard lock(mu_);
+  return total_queued_;
+}
+
+std::uint64_t Scheduler::accepted() const {
+  std::lock_guard lock(mu_);
+  return accepted_;
+}
+
+std::uint64_t Scheduler::rejected() const {
+  std::lock_guard lock(mu_);
+  return rejected_;
+}
+
+// The oldest request of the key served least so far, so that one busy tenant
+// cannot starve the others. Ties go to the smaller key.
+std::shared_ptr<QueuedRequest> Scheduler::take_locked_() {
+  auto best = queues_.end();
+  std::uint64_t best_served = 0;
+  for (auto it = queues_.begin(); it != queues_.end(); ++it) {
+    if (it->second.empty()) continue;
+    std::uint64_t served = served_[it->first];
+    if (best == queues_.end() || served < best_served) {
+      best = it;
+      best_served = served;
+    }
+  }
+  if (best == queues_.end()) return nullptr;
+  auto request = std::move(best->second.front());
+  best->second.pop_front();
+  ++served_[best->first];
+  if (best->second.empty()) queues_.erase(best);
+  --total_queued_;
+  return request;
+}
+
+void Scheduler::worker_loop_() {
+  while (true) {
+    std::shared_ptr<QueuedRequest> next;
+    {
+      std::unique_lock lock(mu_);
+      cv_.wait(lock, [this] { return !running_ || total_queued_ > 0; });
+      if (!running_) return;  // stop() fails whatever is still queued
+      next = take_locked_();
+    }
+    if (!next) continue;
+    serve_(*next);
+  }
+}
+
+void Scheduler::serve_(QueuedRequest& q) {
+  BackendList healthy = healthy_backends();
+  BackendSelector selector;
+  {
+    std::lock_guard lock(mu_);
+    selector = selector_;
+  }
+  // The selector reads backend stats: run it outside the lock.
+  std::shared_ptr<Backend> backend = selector(q.request, healthy);
+  if (!backend) {
+    q.promise.set_exception(std::make_exception_ptr(InferenceFailure(
+        {502, "scheduler: no healthy backend can serve model '" + q.request.model + "'"})));
+    return;
+  }
+  ChatResponse resp;
+  std::optional<InferenceError> err;
+  try {
+    err = q.sink ? backend->stream(q.request, q.sink) : backend->complete(q.request, resp);
+  } catch (const std::exception& e) {
+    err = InferenceError{500, std::string("backend: ") + e.what()};
+  } catch (...) {
+    err = InferenceError{500, "backend: unknown exception"};
+  }
+  if (err) {
+    q.promise.set_exception(std::make_exception_ptr(InferenceFailure(*err)));
+    return;
+  }
+  resp.request_id = q.request.request_id;
+  if (resp.backend_id.empty()) resp.backend_id = backend->id();
+  resp.latency_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - q.enqueued_at)
+                        .count();
+  q.promise.set_value(std::move(resp));
+}
+
+}  // namespace ostrel::inference

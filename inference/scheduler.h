@@ -1,0 +1,88 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "inference/types.h"
+
+namespace ostrel::inference {
+
+// The error a scheduled request ends with, carried through its promise.
+struct InferenceFailure : std::exception {
+  explicit InferenceFailure(InferenceError e) : error(std::move(e)) {}
+  const char* what() const noexcept override { return error.message.c_str(); }
+  InferenceError error;
+};
+
+using BackendList = std::vector<std::shared_ptr<Backend>>;
+using BackendSelector =
+    std::function<std::shared_ptr<Backend>(const ChatRequest&, const BackendList&)>;
+
+// Least in-flight backend that lists the model, else least in-flight overall;
+// ties go to the earlier backend.
+std::shared_ptr<Backend> default_selector(const ChatRequest& req, const BackendList& backends);
+
+struct QueuedRequest {
+  ChatRequest request;
+  std::promise<ChatResponse> promise;
+  ChunkSink sink;  // set for streams
+  std::chrono::steady_clock::time_point enqueued_at;
+  std::string key;
+};
+
+// Bounded, per-tenant fair queue in front of the backends, served by a fixed
+// pool of worker threads that it owns and joins in stop().
+// Thread-safe: mu_ guards the queues, counters and running flag; it is never
+// held during a backend call.
+class Scheduler {
+ public:
+  Scheduler(std::function<BackendList()> backends, std::size_t workers,
+            std::size_t max_queue_depth);
+  ~Scheduler();
+
+  void start();
+  // Joins the workers, then fails every request still queued with 499.
+  void stop();
+  bool running() const;
+
+  // False (and counted as rejected) when the queue is full; the request's
+  // promise is then left untouched.
+  bool enqueue(std::shared_ptr<QueuedRequest> request);
+  BackendList healthy_backends() const;
+  void set_selector(BackendSelector selector);
+
+  std::size_t queued() const;
+  std::uint64_t accepted() const;
+  std::uint64_t rejected() const;
+
+ private:
+  void worker_loop_();
+  std::shared_ptr<QueuedRequest> take_locked_();
+  void serve_(QueuedRequest& q);
+
+  std::function<BackendList()> backends_;
+  std::size_t worker_count_;
+  std::size_t max_depth_;
+
+  mutable std::mutex mu_;  // guards everything below
+  std::condition_variable cv_;
+  std::map<std::string, std::deque<std::shared_ptr<QueuedRequest>>> queues_;
+  std::map<std::string, std::uint64_t> served_;
+  std::size_t total_queued_ = 0;
+  bool running_ = false;
+  std::uint64_t accepted_ = 0;
+  std::uint64_t rejected_ = 0;
+  BackendSelector selector_ = default_selector;
+  std::vector<std::thread> workers_;
+};
+
+}  // namespace ostrel::inference

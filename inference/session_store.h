@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "inference/types.h"
+
+namespace ostrel::inference {
+
+// One conversation's history, appended under the store's mutex.
+struct Session {
+  std::string id;
+  std::vector<Message> history;
+  std::chrono::steady_clock::time_point last_use;
+};
+
+// Conversation histories by session id. A session idle for longer than the
+// TTL is dropped; the same id later starts a new, empty history. Histories
+// keep their newest `max_history` messages.
+// Thread-safe: mu_ guards the map and every session's contents.
+class SessionStore {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit SessionStore(std::chrono::seconds idle_ttl = std::chrono::seconds(3600),
+                        std::size_t max_history = 1000)
+      : ttl_(idle_ttl), max_history_(max_history) {}
+
+  // Touches (creating when absent or expired) and appends the messages.
+  void append(const std::string& id, const std::vector<Message>& messages,
+              Clock::time_point now = Clock::now());
+  // A copy of the session, or nullptr when absent or expired.
+  std::shared_ptr<const Session> get(const std::string& id, Clock::time_point now = Clock::now());
+  // Drops every expired session; returns how many.
+  std::size_t sweep(Clock::time_point now = Clock::now());
+  std::size_t size() const;
+
+ private:
+  std::chrono::seconds ttl_;
+  std::size_t max_history_;
+  mutable std::mutex mu_;  // guards sessions_ and their contents
+  std::unordered_map<std::string, std::shared_ptr<Session>> sessions_;
+};
+
+}  // namespace ostrel::inference

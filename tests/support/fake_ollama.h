@@ -1,0 +1,118 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ostrel::testing {
+
+// A loopback model server speaking the Ollama protocol: /api/tags lists
+// `models`, /api/chat answers `reply` whole or as NDJSON pieces (one per word,
+// `piece_delay` apart), or fails with `fail_status`. Records every chat body.
+class FakeOllama {
+ public:
+  std::vector<std::string> models = {"llama3"};
+  std::string reply = "hello from the model";
+  int fail_status = 0;
+  std::string fail_body = "{\"error\":\"nope\"}";
+  std::chrono::milliseconds piece_delay{0};
+  int pieces_before_dying = -1;  // >= 0: drop the connection after that many pieces
+
+  FakeOllama() {
+    server_.Get("/api/tags", [this](const httplib::Request&, httplib::Response& res) {
+      nlohmann::json list = nlohmann::json::array();
+      for (const auto& m : models) list.push_back({{"name", m}});
+      res.set_content(nlohmann::json{{"models", list}}.dump(), "application/json");
+    });
+    server_.Post("/api/chat", [this](const httplib::Request& req, httplib::Response& res) {
+      nlohmann::json body = nlohmann::json::parse(req.body, nullptr, false);
+      {
+        std::lock_guard lock(mu_);
+        bodies_.push_back(body);
+      }
+      if (fail_status) {
+        res.status = fail_status;
+        res.set_content(fail_body, "application/json");
+        return;
+      }
+      const std::string model = body.value("model", "");
+      if (!body.value("stream", false)) {
+        res.set_content(nlohmann::json{{"model", model},
+                                       {"message", {{"role", "assistant"}, {"content", reply}}},
+                                       {"done", true},
+                                       {"done_reason", "stop"},
+                                       {"prompt_eval_count", 7},
+                                       {"eval_count", 4}}
+                            .dump(),
+                        "application/json");
+        return;
+      }
+      res.set_chunked_content_provider(
+          "application/x-ndjson", [this, model](size_t, httplib::DataSink& sink) {
+            std::vector<std::string> words;
+            size_t start = 0;
+            while (start < reply.size()) {
+              size_t sp = reply.find(' ', start);
+              size_t end = sp == std::string::npos ? reply.size() : sp + 1;
+              words.push_back(reply.substr(start, end - start));
+              start = end;
+            }
+            int sent = 0;
+            for (const auto& w : words) {
+              if (pieces_before_dying >= 0 && sent == pieces_before_dying) return false;
+              std::string line =
+                  nlohmann::json{{"model", model},
+                                 {"message", {{"role", "assistant"}, {"content", w}}},
+                                 {"done", false}}
+                      .dump() +
+                  "\n";
+              if (!sink.write(line.data(), line.size())) {
+                client_gone_ = true;
+                return false;
+              }
+              ++sent;
+              ++pieces_sent_;
+              std::this_thread::sleep_for(piece_delay);
+            }
+            std::string last =
+                nlohmann::json{{"model", model}, {"done", true}, {"done_reason", "length"}}.dump() +
+                "\n";
+            sink.write(last.data(), last.size());
+            sink.done();
+            return true;
+          });
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ~FakeOllama() {
+    server_.stop();
+    thread_.join();
+  }
+
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::vector<nlohmann::json> bodies() {
+    std::lock_guard lock(mu_);
+    return bodies_;
+  }
+  bool client_gone() const { return client_gone_; }
+  int pieces_sent() const { return pieces_sent_; }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+  std::mutex mu_;
+  std::vector<nlohmann::json> bodies_;
+  std::atomic<bool> client_gone_{false};
+  std::atomic<int> pieces_sent_{0};
+};
+
+}  // namespace ostrel::testing

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "identity/encoding.h"
+#include "kernel/access.h"
 #include "kernel/json_body.h"
 #include "kernel/kernel.h"
 
@@ -24,14 +25,8 @@ void reply(Response& res, const Json& body, int status = 200) {
 
 void fail(Response& res, int status, Json body) { reply(res, body, status); }
 
-// Administrative routes need an administrator's token in enforce mode; with
-// auth off (no credential was checked) and for peers with node tokens they
-// are open.
 bool require_admin(const Request& req, Response& res) {
-  if (req.auth_source != "capability") return true;
-  for (const auto& s : req.scopes) {
-    if (s == "*" || s == "admin.*" || s == "kernel.*") return true;
-  }
+  if (is_admin(req)) return true;
   fail(res, 403, {{"error", "forbidden"}, {"reason", "admin scope required"}});
   return false;
 }

@@ -123,14 +123,15 @@ TEST_F(NodeProcess, InformationalExitsAndBadOptions) {
   Process l(OSTREL_TESTMODS_BINARY, list, dir_ / "logs");
   ASSERT_EQ(l.wait_exit(5s), std::optional<int>(0));
   std::string out = l.out();
-  EXPECT_EQ(out.rfind("Registered module factories (3):\n", 0), 0u) << out;
-  for (const char* name : {"  alpha\n", "  beta\n", "  gamma\n"}) {
+  EXPECT_EQ(out.rfind("Registered module factories (4):\n", 0), 0u) << out;
+  for (const char* name : {"  alpha\n", "  beta\n", "  gamma\n", "  inference\n"}) {
     EXPECT_NE(out.find(name), std::string::npos);
   }
   // The node binary itself ships no test modules.
   Process plain(OSTREL_BINARY, list, dir_ / "logs");
   ASSERT_EQ(plain.wait_exit(5s), std::optional<int>(0));
   EXPECT_EQ(plain.out().find("alpha"), std::string::npos);
+  EXPECT_NE(plain.out().find("  inference\n"), std::string::npos);
 
   Process::Options unknown;
   unknown.args = {"--list-modules", "--bogus"};

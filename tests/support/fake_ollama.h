@@ -22,6 +22,7 @@ class FakeOllama {
   int fail_status = 0;
   std::string fail_body = "{\"error\":\"nope\"}";
   std::chrono::milliseconds piece_delay{0};
+  std::chrono::milliseconds reply_delay{0};  // before a whole (non-streamed) answer
   int pieces_before_dying = -1;  // >= 0: drop the connection after that many pieces
 
   FakeOllama() {
@@ -43,6 +44,7 @@ class FakeOllama {
       }
       const std::string model = body.value("model", "");
       if (!body.value("stream", false)) {
+        std::this_thread::sleep_for(reply_delay);
         res.set_content(nlohmann::json{{"model", model},
                                        {"message", {{"role", "assistant"}, {"content", reply}}},
                                        {"done", true},

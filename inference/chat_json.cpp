@@ -1,0 +1,160 @@
+#include "inference/chat_json.h"
+
+#include <nlohmann/json.hpp>
+
+namespace ostrel::inference::chat_json {
+
+using Json = nlohmann::json;
+
+namespace {
+
+bool read_float(const Json& j, const char* key, std::optional<float>& out, std::string& error) {
+  auto it = j.find(key);
+  if (it == j.end() || it->is_null()) return true;
+  if (!it->is_number()) {
+    error = std::string(key) + " must be a number";
+    return false;
+  }
+  out = it->get<float>();
+  return true;
+}
+
+bool read_string(const Json& j, const char* key, std::string& out, std::string& error) {
+  auto it = j.find(key);
+  if (it == j.end() || it->is_null()) return true;
+  if (!it->is_string()) {
+    error = std::string(key) + " must be a string";
+    return false;
+  }
+  out = it->get<std::string>();
+  return true;
+}
+
+}  // namespace
+
+bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::string& error) {
+  if (!j.is_object()) {
+    error = "request body must be a JSON object";
+    return false;
+  }
+  ChatRequest r;
+  if (!read_string(j, "model", r.model, error)) return false;
+  if (auto m = j.find("messages"); m != j.end() && !m->is_null()) {
+    if (!m->is_array()) {
+      error = "messages must be an array";
+      return false;
+    }
+    for (const auto& item : *m) {
+      if (!item.is_object()) {
+        error = "each message must be an object";
+        return false;
+      }
+      Message msg;
+      if (!read_string(item, "role", msg.role, error)) return false;
+      if (msg.role.empty()) msg.role = "user";
+      if (auto c = item.find("content"); c != item.end() && !c->is_null()) {
+        if (c->is_string()) {
+          msg.content = c->get<std::string>();
+        } else if (c->is_array()) {
+          // Content parts: the text parts, joined.
+          for (const auto& part : *c) {
+            if (part.is_object() && part.value("type", "") == "text") {
+              msg.content += part.value("text", "");
+            }
+          }
+        } else {
+          error = "message content must be a string or an array of parts";
+          return false;
+        }
+      }
+      if (!read_string(item, "name", msg.name, error) ||
+          !read_string(item, "tool_call_id", msg.tool_call_id, error)) {
+        return false;
+      }
+      r.messages.push_back(std::move(msg));
+    }
+  }
+  stream = false;
+  if (auto s = j.find("stream"); s != j.end() && !s->is_null()) {
+    if (!s->is_boolean()) {
+      error = "stream must be a boolean";
+      return false;
+    }
+    stream = *s;
+  }
+  if (!read_float(j, "temperature", r.temperature, error) ||
+      !read_float(j, "top_p", r.top_p, error) ||
+      !read_float(j, "presence_penalty", r.presence_penalty, error) ||
+      !read_float(j, "frequency_penalty", r.frequency_penalty, error)) {
+    return false;
+  }
+  if (auto m = j.find("max_tokens"); m != j.end() && !m->is_null()) {
+    if (!m->is_number_integer()) {
+      error = "max_tokens must be an integer";
+      return false;
+    }
+    r.max_tokens = m->get<std::int64_t>();
+  }
+  if (auto s = j.find("stop"); s != j.end() && !s->is_null()) {
+    if (s->is_string()) {
+      r.stop.push_back(*s);
+    } else if (s->is_array()) {
+      for (const auto& e : *s) {
+        if (!e.is_string()) {
+          error = "stop must be a string or an array of strings";
+          return false;
+        }
+        r.stop.push_back(e);
+      }
+    } else {
+      error = "stop must be a string or an array of strings";
+      return false;
+    }
+  }
+  if (auto p = j.find("priority"); p != j.end() && p->is_number_integer()) r.priority = *p;
+  if (!read_string(j, "tenant_id", r.tenant_id, error) ||
+      !read_string(j, "session_id", r.session_id, error) ||
+      !read_string(j, "user_id", r.user_id, error)) {
+    return false;
+  }
+  if (r.user_id.empty() && !read_string(j, "user", r.user_id, error)) return false;
+  out = std::move(r);
+  return true;
+}
+
+Json render_completion(const ChatResponse& resp, std::int64_t created) {
+  return Json{{"id", "chatcmpl-ulvo-" + resp.request_id},
+              {"object", "chat.completion"},
+              {"created", created},
+              {"model", resp.model},
+              {"choices",
+               Json::array({{{"index", 0},
+                             {"message", {{"role", "assistant"}, {"content", resp.message.content}}},
+                             {"finish_reason",
+                              resp.finish_reason.empty() ? "stop" : resp.finish_reason}}})},
+              {"usage",
+               {{"prompt_tokens", resp.prompt_tokens},
+                {"completion_tokens", resp.completion_tokens},
+                {"total_tokens", resp.prompt_tokens + resp.completion_tokens}}}};
+}
+
+Json render_chunk(const std::string& id, const std::string& model, std::int64_t created,
+                  const std::string& content, bool first, const std::string* finish_reason) {
+  Json delta = Json::object();
+  if (first) delta["role"] = "assistant";
+  delta["content"] = content;
+  return Json{{"id", id},
+              {"object", "chat.completion.chunk"},
+              {"created", created},
+              {"model", model},
+              {"choices", Json::array({{{"index", 0},
+                                        {"delta", delta},
+                                        {"finish_reason", finish_reason ? Json(*finish_reason)
+                                                                        : Json(nullptr)}}})}};
+}
+
+Json render_error(const InferenceError& e) {
+  return Json{{"error", {{"message", e.message}, {"type", error_type(e.code)}}}};
+}
+
+}  // namespace ostrel::inference::chat_json

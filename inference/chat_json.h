@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "inference/types.h"
+
+// The OpenAI-shaped JSON of chat requests, completions, chunks and errors.
+namespace ostrel::inference::chat_json {
+
+// Reads model, messages, sampling values, stop (string or array), priority,
+// tenant_id, user_id (else user), session_id. False with a reason for a
+// value of the wrong type.
+bool parse_chat_request(const nlohmann::json& j, ChatRequest& out, bool& stream,
+                        std::string& error);
+
+nlohmann::json render_completion(const ChatResponse& resp, std::int64_t created);
+nlohmann::json render_chunk(const std::string& id, const std::string& model,
+                            std::int64_t created, const std::string& content, bool first,
+                            const std::string* finish_reason);
+nlohmann::json render_error(const InferenceError& e);
+
+}  // namespace ostrel::inference::chat_json

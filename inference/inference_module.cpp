@@ -1,0 +1,812 @@
+// The "inference" module: the engine behind syscalls and OpenAI-shaped routes,
+// local backends, model files on disk and the GPU inventory.
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "identity/source_header.h"
+#include "inference/chat_json.h"
+#include "inference/echo_backend.h"
+#include "inference/engine.h"
+#include "inference/gguf.h"
+#include "inference/hash_embedder.h"
+#include "inference/http_fetch.h"
+#include "inference/local_backends.h"
+#include "inference/ollama_backend.h"
+#include "kernel/access.h"
+#include "kernel/api_gateway.h"
+#include "kernel/clock.h"
+#include "kernel/durable_file.h"
+#include "kernel/json_body.h"
+#include "kernel/logger.h"
+#include "kernel/module.h"
+#include "kernel/paths.h"
+#include "kernel/syscall_table.h"
+
+namespace ostrel::inference {
+namespace {
+
+using Json = nlohmann::json;
+using kernel::Request;
+using kernel::Response;
+namespace fs = std::filesystem;
+
+constexpr identity::SourceCode kInferenceSource{0x05, 0x04};
+constexpr const char* kNoBackend =
+    "no_backend_for_model — no local-LAN backend matched the requested model and embedded "
+    "llama.cpp was not compiled in. Register a local backend via POST "
+    "/api/v1/inference/local-backends or build with -DOSTREL_ULVO_WITH_INFERENCE=ON.";
+constexpr const char* kNativeOnly = "{\"error\":\"native_inference_not_compiled_in\"}";
+const std::set<std::string> kSettingsKeys = {"backend",      "gpu_layers",      "ctx_length",
+                                             "max_contexts", "batch_size",      "batching_enabled",
+                                             "auto_load",    "auto_unload",     "auto_unload_timeout_s"};
+
+std::string random_suffix() {
+  thread_local std::mt19937_64 rng(std::random_device{}());
+  char buf[20];
+  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(rng()));
+  return buf;
+}
+
+std::int64_t setting(const kernel::ConfigView& cfg, const std::string& key, std::int64_t fallback) {
+  std::string v = cfg.get(key, "");
+  char* end = nullptr;
+  long long n = std::strtoll(v.c_str(), &end, 10);
+  return (v.empty() || *end != '\0' || n <= 0) ? fallback : n;
+}
+
+std::string file_type(const fs::path& p) {
+  std::string ext = p.extension().string();
+  if (ext == ".gguf") return "gguf";
+  if (ext == ".qmm") return "qmm";
+  if (ext == ".enrn") return "enrn";
+  return "unknown";
+}
+
+// A relative path of plain segments ending in ".gguf": no "..", no absolute
+// path, no hidden segments, no control characters.
+bool safe_model_path(const std::string& name) {
+  if (name.empty() || name.size() > 255 || name[0] == '/' || name.find('\\') != std::string::npos) {
+    return false;
+  }
+  if (name.size() < 6 || name.compare(name.size() - 5, 5, ".gguf") != 0) return false;
+  for (const auto& seg : fs::path(name)) {
+    std::string s = seg.string();
+    if (s.empty() || s == "." || s == ".." || s[0] == '.') return false;
+  }
+  for (unsigned char c : name) {
+    if (c < 0x20 || c == 0x7f) return false;
+  }
+  return true;
+}
+
+// "No healthy backend" reaches clients with the explanation of what to do.
+InferenceError explain(InferenceError e) {
+  if (e.code == 502 && e.message.rfind("scheduler: no healthy backend", 0) == 0) e.message = kNoBackend;
+  return e;
+}
+
+void reply(Response& res, const Json& body, int status = 200) {
+  res.status = status;
+  res.body = body.dump();
+}
+
+class InferenceModule : public kernel::ModuleBase {
+ public:
+  std::string name() const override { return "inference"; }
+  std::string display_name() const override { return "Inference"; }
+  std::string version() const override { return "5.0.0"; }
+  identity::SourceCode source_code() const override { return kInferenceSource; }
+
+  bool initialize(const kernel::ModuleContext& ctx) override;
+  bool start() override {
+    engine_->start();
+    return true;
+  }
+  void stop() override {
+    if (engine_) engine_->stop();
+  }
+  bool reload(const kernel::ConfigView&) override { return true; }
+  kernel::HealthStatus health() override;
+  void register_routes(kernel::ApiGateway& gw) override;
+  void register_syscalls(kernel::SyscallTable& table) override;
+
+ private:
+  Json files_json_() const;
+  Json models_list_() const;  // OpenAI list
+  Json embeddings_(const Json& args, int& status) const;
+  void handle_chat_(const Request& req, Response& res);
+  void register_local_engine_backend_(const LocalBackend& b);
+  Json runtime_config_json_() const;
+  Json read_settings_() const;
+  bool admin_(const Request& req, Response& res) const;
+
+  kernel::ModuleContext ctx_;
+  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<Engine> engine_;
+  std::unique_ptr<LocalBackendRegistry> locals_;
+  fs::path config_dir_;
+  fs::path model_dir_;
+  std::string ollama_url_;
+  EngineOptions options_;
+};
+
+bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
+  ctx_ = ctx;
+  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("inference"));
+  const kernel::ConfigView& cfg = *ctx.config;
+  config_dir_ = kernel::base_config_dir();
+  if (const char* dir = std::getenv("OSTREL_INFERENCE_MODEL_DIR"); dir && *dir) {
+    model_dir_ = dir;
+  } else {
+    model_dir_ = fs::path(cfg.get("data_dir", ctx.data_dir)) / "models";
+  }
+  options_.worker_threads = static_cast<std::size_t>(setting(cfg, "scheduler.worker_threads", 4));
+  options_.max_queue_depth =
+      static_cast<std::size_t>(setting(cfg, "scheduler.max_queue_depth", 256));
+  options_.session_idle_ttl = std::chrono::seconds(setting(cfg, "session_idle_ttl_seconds", 3600));
+  options_.health_poll_interval =
+      std::chrono::seconds(setting(cfg, "health_poll_interval_seconds", 15));
+  ollama_url_ = cfg.get("ollama_url", "");
+  if (ollama_url_.empty()) ollama_url_ = "http://127.0.0.1:11434";
+
+  locals_ = std::make_unique<LocalBackendRegistry>(config_dir_ / "inference-local-backends.jsonl");
+  std::size_t replayed = locals_->replay();
+  log_->info("inference local-backend journal replayed " + std::to_string(replayed) +
+             " record(s) from " + locals_->journal_path().string());
+
+  engine_ = std::make_unique<Engine>(options_);
+  engine_->register_backend(std::make_shared<EchoBackend>());
+  engine_->register_backend(std::make_shared<OllamaBackend>("ollama-local", ollama_url_));
+  log_->info("registered Ollama backend at " + ollama_url_);
+  for (const auto& b : locals_->list()) register_local_engine_backend_(b);
+  return true;
+}
+
+void InferenceModule::register_local_engine_backend_(const LocalBackend& b) {
+  // The engine speaks the Ollama chat protocol; other providers serve
+  // embeddings through their OpenAI-compatible endpoint only.
+  if (b.provider == "ollama") {
+    engine_->register_backend(std::make_shared<OllamaBackend>(b.id, b.normalised_base()));
+  }
+}
+
+kernel::HealthStatus InferenceModule::health() {
+  std::size_t healthy = 0;
+  for (const auto& b : engine_->backends()) healthy += b->is_healthy();
+  std::size_t ggufs = 0;
+  for (const auto& f : files_json_()) ggufs += f["type"] == "gguf";
+  return {kernel::HealthState::healthy,
+          "inference ok — " + std::to_string(healthy) + " healthy backend(s); " +
+              std::to_string(engine_->available_models().size()) + " model(s) via Engine, " +
+              std::to_string(ggufs) + " GGUF(s) on disk"};
+}
+
+bool InferenceModule::admin_(const Request& req, Response& res) const {
+  if (kernel::is_admin(req)) return true;
+  reply(res, {{"error", "forbidden"}, {"detail", "admin role required"}}, 403);
+  return false;
+}
+
+Json InferenceModule::files_json_() const {
+  Json out = Json::array();
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(model_dir_, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    std::error_code type_ec;
+    if (!it->is_regular_file(type_ec) || it->path().extension() == ".part") continue;
+    out.push_back({{"filename", fs::relative(it->path(), model_dir_, type_ec).string()},
+                   {"path", it->path().string()},
+                   {"size_bytes", it->file_size(type_ec)},
+                   {"type", file_type(it->path())}});
+  }
+  return out;
+}
+
+Json InferenceModule::models_list_() const {
+  const std::int64_t created = kernel::unix_s();
+  Json data = Json::array();
+  std::set<std::string> seen;
+  auto add = [&](const std::string& id, const std::string& owner) {
+    if (id.empty() || !seen.insert(id).second) return;
+    data.push_back({{"id", id}, {"object", "model"}, {"created", created}, {"owned_by", owner}});
+  };
+  for (const auto& m : engine_->available_models()) add(m, m == "echo" ? "echo" : "ostrel");
+  add(HashEmbedder::kModelId, "ostrel");
+  for (const auto& b : locals_->list()) {
+    for (const auto& m : b.models) add(m, b.id);
+  }
+  for (const auto& f : files_json_()) {
+    if (f["type"] == "gguf") add(f["filename"], "local-file");
+  }
+  return {{"object", "list"}, {"data", data}};
+}
+
+Json InferenceModule::embeddings_(const Json& args, int& status) const {
+  status = 200;
+  auto model = args.value("model", Json(""));
+  if (!model.is_string() || model.get<std::string>().empty()) {
+    status = 400;
+    return {{"error", "missing_model"}};
+  }
+  const std::string m = model;
+  if (m == HashEmbedder::kModelId) {
+    Json input = args.value("input", Json(""));
+    std::vector<std::string> texts;
+    if (input.is_string()) {
+      texts.push_back(input);
+    } else if (input.is_array() &&
+               std::all_of(input.begin(), input.end(), [](const Json& e) { return e.is_string(); })) {
+      texts = input.get<std::vector<std::string>>();
+    } else {
+      status = 400;
+      return {{"error", {{"message", "input must be a string or an array of strings"},
+                         {"type", "invalid_request_error"}}}};
+    }
+    Json data = Json::array();
+    std::size_t tokens = 0;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      data.push_back({{"object", "embedding"},
+                      {"index", i},
+                      {"embedding", HashEmbedder::embed(texts[i])}});
+      tokens += HashEmbedder::token_count(texts[i]);
+    }
+    return {{"object", "list"},
+            {"data", data},
+            {"model", m},
+            {"usage", {{"prompt_tokens", tokens}, {"total_tokens", tokens}}}};
+  }
+  std::optional<LocalBackend> backend = locals_->find_for_model(m);
+  if (!backend) {
+    status = 404;
+    return {{"error", {{"message", "no backend serves embedding model '" + m + "'"},
+                       {"type", "not_implemented"}}}};
+  }
+  std::vector<std::string> headers = {"Content-Type: application/json",
+                                      "X-Ostrel-Source: " +
+                                          source_header::make_header("inference", "", "inference")};
+  if (std::string key = backend->resolved_key(); !key.empty()) {
+    headers.push_back("Authorization: Bearer " + key);
+  }
+  http_fetch::Result r =
+      http_fetch::post(backend->normalised_base() + "/v1/embeddings", args.dump(), headers, 60000);
+  if (!r.transport_ok || r.status < 200 || r.status >= 300) {
+    status = 502;
+    return {{"error", "upstream_failed"},
+            {"detail", "http " + std::to_string(r.status) + ": " +
+                           (r.transport_ok ? r.body : r.error)}};
+  }
+  Json answer = Json::parse(r.body, nullptr, false);
+  if (answer.is_discarded()) {
+    status = 502;
+    return {{"error", "upstream_failed"}, {"detail", "http 200: answer is not JSON"}};
+  }
+  return answer;
+}
+
+void InferenceModule::handle_chat_(const Request& req, Response& res) {
+  Json body = req.body.empty() ? Json::object() : Json::parse(req.body, nullptr, false);
+  ChatRequest chat;
+  bool stream = false;
+  std::string error;
+  if (body.is_discarded() || !chat_json::parse_chat_request(body, chat, stream, error)) {
+    reply(res, chat_json::render_error({400, body.is_discarded() ? "invalid JSON body" : error}),
+          400);
+    return;
+  }
+  std::string session = req.header("X-Session-Id");
+  if (session.empty()) session = chat.session_id;
+  if (session.empty()) session = "sess-" + random_suffix();
+  chat.session_id = session;
+  if (chat.tenant_id.empty()) chat.tenant_id = req.tenant;
+  if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
+  res.headers["X-Session-Id"] = session;
+
+  if (!stream) {
+    ChatResponse resp;
+    if (auto err = engine_->complete(chat, resp)) {
+      reply(res, chat_json::render_error(explain(*err)), err->code);
+      return;
+    }
+    reply(res, chat_json::render_completion(resp, kernel::unix_s()));
+    return;
+  }
+
+  res.content_type = "text/event-stream";
+  res.stream = [this, chat](const kernel::StreamWrite& write) {
+    const std::string id = "chatcmpl-ulvo-" + chat.request_id;
+    const std::int64_t created = kernel::unix_s();
+    const std::string model = chat.model;
+    if (!write(kernel::sse_event(
+            chat_json::render_chunk(id, model, created, "", true, nullptr).dump()))) {
+      return;
+    }
+    bool client_gone = false;
+    auto err = engine_->stream(chat, [&](const ChatChunk& c) {
+      if (c.delta.empty() && !c.finish_reason) return true;
+      const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
+      if (!write(kernel::sse_event(
+              chat_json::render_chunk(id, c.model.empty() ? model : c.model, created, c.delta,
+                                      false, reason)
+                  .dump()))) {
+        client_gone = true;
+        return false;
+      }
+      return true;
+    });
+    if (client_gone) return;
+    if (err) {
+      static const std::string kError = "error";
+      Json chunk = chat_json::render_chunk(id, model, created, "", false, &kError);
+      chunk["error"] = chat_json::render_error(explain(*err))["error"];
+      if (!write(kernel::sse_event(chunk.dump()))) return;
+    }
+    write("data: [DONE]\n\n");
+  };
+}
+
+Json InferenceModule::read_settings_() const {
+  std::ifstream in(config_dir_ / "inference.json");
+  if (!in) return Json::object();
+  std::stringstream buf;
+  buf << in.rdbuf();
+  Json j = Json::parse(buf.str(), nullptr, false);
+  return j.is_object() ? j : Json::object();
+}
+
+Json InferenceModule::runtime_config_json_() const {
+  Json settings = read_settings_();
+  Json out = Json::object();
+  for (const auto& key : kSettingsKeys) out[key] = settings.contains(key) ? settings[key] : Json();
+  out["scheduler.worker_threads"] = options_.worker_threads;
+  out["scheduler.max_queue_depth"] = options_.max_queue_depth;
+  out["session_idle_ttl_seconds"] = options_.session_idle_ttl.count();
+  out["health_poll_interval_seconds"] = options_.health_poll_interval.count();
+  out["ollama_url"] = ollama_url_;
+  out["model_dir"] = model_dir_.string();
+  return out;
+}
+
+void InferenceModule::register_routes(kernel::ApiGateway& gw) {
+  gw.route("POST", "/v1/inference/chat",
+           [this](const Request& req, Response& res) { handle_chat_(req, res); });
+
+  gw.route("POST", "/v1/inference/embeddings", [this](const Request& req, Response& res) {
+    Json body;
+    if (!kernel::parse_object_body(req, res, body)) return;
+    int status = 200;
+    Json out = embeddings_(body, status);
+    reply(res, out, status);
+  });
+
+  gw.route("GET", "/v1/inference/models",
+           [this](const Request&, Response& res) { reply(res, models_list_()); });
+
+  gw.route("GET", "/api/v1/inference/models", [this](const Request&, Response& res) {
+    Json list = models_list_()["data"];
+    Json models = Json::array();
+    for (const auto& m : list) models.push_back({{"id", m["id"]}, {"owned_by", m["owned_by"]}});
+    reply(res, {{"models", models}, {"count", models.size()}});
+  });
+
+  gw.route("GET", "/api/v1/inference/models/*", [this](const Request& req, Response& res) {
+    const std::string id = req.path.substr(std::string("/api/v1/inference/models/").size());
+    const std::string action = req.param("action");
+    fs::path file = model_dir_ / id;
+    std::error_code ec;
+    if (!fs::is_regular_file(file, ec)) file = model_dir_ / (id + ".gguf");
+    bool has_file = safe_model_path(fs::relative(file, model_dir_, ec).string()) &&
+                    fs::is_regular_file(file, ec);
+    bool known = false;
+    for (const auto& m : models_list_()["data"]) known = known || m["id"] == id;
+    if (action.empty()) {
+      if (!known && !has_file) {
+        reply(res, {{"error", "not_found"}}, 404);
+        return;
+      }
+      reply(res, {{"id", id}, {"file", has_file ? Json(file.string()) : Json()}});
+      return;
+    }
+    if (action != "inspect") {
+      reply(res, {{"error", "unknown_action"}}, 400);
+      return;
+    }
+    if (!has_file) {
+      reply(res, {{"error", known ? "file_missing" : "not_found"}}, 404);
+      return;
+    }
+    gguf::GGUFFile g;
+    std::string error;
+    if (!g.open(file.string(), error)) {
+      reply(res, {{"error", "gguf_parse_failed"}, {"detail", error}}, 422);
+      return;
+    }
+    Json tensors = Json::array();
+    for (const auto& t : g.tensors) {
+      tensors.push_back({{"name", t.name},
+                         {"dtype", t.dtype},
+                         {"dtype_name", gguf::dtype_name(t.dtype)},
+                         {"shape", std::vector<std::uint64_t>(t.shape, t.shape + t.n_dims)},
+                         {"offset", t.offset},
+                         {"bytes", t.bytes}});
+    }
+    reply(res, {{"id", id},
+                {"architecture", g.architecture},
+                {"parameter_count", g.parameter_count},
+                {"context_length", g.context_length},
+                {"embedding_length", g.embedding_length},
+                {"block_count", g.block_count},
+                {"gguf_version", g.version},
+                {"alignment", g.alignment},
+                {"tensor_count", g.tensor_count},
+                {"metadata", g.metadata},
+                {"tensors", tensors}});
+  });
+
+  auto native_only = [](const Request&, Response& res) {
+    res.status = 501;
+    res.body = kNativeOnly;
+  };
+  gw.route("DELETE", "/api/v1/inference/models/*", native_only);
+  gw.route("POST", "/api/v1/inference/models/preload", native_only);
+
+  gw.route("POST", "/api/v1/inference/models/load", [this](const Request& req, Response& res) {
+    if (!ctx_.syscalls->has("inference.models.load")) {
+      reply(res, {{"error", "load syscall unavailable"}}, 501);
+      return;
+    }
+    kernel::SyscallResult r =
+        ctx_.syscalls->call(kInferenceSource, "inference.models.load", req.body);
+    res.status = r.status == 0 ? 200 : 500;
+    res.body = r.body;
+  });
+
+  gw.route("GET", "/api/v1/inference/engine", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    Json files = files_json_();
+    for (auto& f : files) f["status"] = "on_disk";
+    Json backends = Json::array();
+    for (const auto& b : engine_->backends()) {
+      BackendStats s = b->stats();
+      backends.push_back({{"id", s.id},
+                          {"kind", s.kind},
+                          {"healthy", s.healthy},
+                          {"requests_total", s.requests_total},
+                          {"in_flight", s.in_flight},
+                          {"completed", s.completed},
+                          {"errors", s.errors},
+                          {"avg_latency_ms", s.avg_latency_ms},
+                          {"avg_tokens", s.avg_tokens},
+                          {"models", s.models}});
+    }
+    Scheduler& sch = engine_->scheduler();
+    reply(res, {{"loaded_models", Json::array()},
+                {"files", files},
+                {"backends", backends},
+                {"queue",
+                 {{"queued", sch.queued()},
+                  {"accepted", sch.accepted()},
+                  {"rejected", sch.rejected()}}}});
+  });
+
+  gw.route("GET", "/api/v1/inference/files",
+           [this](const Request&, Response& res) { reply(res, {{"files", files_json_()}}); });
+
+  gw.route("POST", "/api/v1/inference/models/upload", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    const std::string filename = req.param("filename");
+    if (filename.empty()) {
+      reply(res, {{"error", "missing_filename_query"}}, 400);
+      return;
+    }
+    if (!safe_model_path(filename)) {
+      reply(res, {{"error", "invalid_path"}}, 400);
+      return;
+    }
+    fs::path target = model_dir_ / filename;
+    std::string error;
+    if (!kernel::write_file_atomically(target, req.body, error)) {
+      reply(res, {{"error", error.rfind("open", 0) == 0 ? "open_failed" : "write_failed"},
+                  {"detail", error}},
+            500);
+      return;
+    }
+    log_->info("model uploaded: " + target.string());
+    reply(res, {{"status", "uploaded"},
+                {"filename", filename},
+                {"path", target.string()},
+                {"size_bytes", req.body.size()}});
+  });
+
+  gw.route("POST", "/api/v1/inference/models/pull", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    Json body;
+    if (!kernel::parse_object_body(req, res, body)) return;
+    auto url = body.value("url", Json(""));
+    if (!url.is_string() || url.get<std::string>().empty()) {
+      reply(res, {{"error", "missing_url"}}, 400);
+      return;
+    }
+    const std::string u = url;
+    if (u.rfind("http://", 0) != 0 && u.rfind("https://", 0) != 0) {
+      reply(res, {{"error", "invalid_scheme"}, {"detail", "http or https only"}}, 400);
+      return;
+    }
+    std::string filename = body.value("filename", "");
+    if (filename.empty()) {
+      std::string path = u.substr(0, u.find_first_of("?#"));
+      filename = path.substr(path.find_last_of('/') + 1);
+    }
+    if (!safe_model_path(filename)) {
+      reply(res, {{"error", "invalid_filename"},
+                  {"detail", "could not derive a safe filename from url; pass filename explicitly"}},
+            400);
+      return;
+    }
+    fs::path target = model_dir_ / filename;
+    std::error_code ec;
+    if (fs::exists(target, ec)) {
+      reply(res, {{"error", "file_exists"}, {"path", target.string()}}, 409);
+      return;
+    }
+    fs::create_directories(target.parent_path(), ec);
+    http_fetch::Result r =
+        http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller");
+    if (!r.transport_ok || r.status < 200 || r.status >= 300) {
+      reply(res, {{"error", "download_failed"}, {"detail", r.error}, {"status", r.status}}, 502);
+      return;
+    }
+    log_->info("model pulled: " + u + " → " + target.string());
+    reply(res, {{"status", "downloaded"},
+                {"filename", filename},
+                {"path", target.string()},
+                {"size_bytes", fs::file_size(target, ec)}});
+  });
+
+  gw.route("DELETE", "/api/v1/inference/files/*", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    const std::string name = req.path.substr(std::string("/api/v1/inference/files/").size());
+    if (!safe_model_path(name)) {
+      reply(res, {{"error", "invalid_path"}}, 400);
+      return;
+    }
+    fs::path target = model_dir_ / name;
+    std::error_code ec;
+    if (!fs::exists(target, ec)) {
+      reply(res, {{"error", "not_found"}}, 404);
+      return;
+    }
+    if (!fs::remove(target, ec)) {
+      reply(res, {{"error", "delete_failed"}, {"detail", ec.message()}}, 500);
+      return;
+    }
+    reply(res, {{"status", "deleted"}, {"filename", name}});
+  });
+
+  gw.route("GET", "/api/v1/inference/config",
+           [this](const Request&, Response& res) { reply(res, runtime_config_json_()); });
+
+  gw.route("PUT", "/api/v1/inference/config", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    Json body;
+    if (!kernel::parse_object_body(req, res, body)) return;
+    Json settings = read_settings_();
+    for (auto it = body.begin(); it != body.end(); ++it) {
+      if (!kSettingsKeys.count(it.key())) {
+        reply(res, {{"error", "unknown_key"}, {"key", it.key()}}, 400);
+        return;
+      }
+      settings[it.key()] = it.value();
+    }
+    std::string error;
+    bool persisted =
+        kernel::write_file_atomically(config_dir_ / "inference.json", settings.dump(2) + "\n", error);
+    if (!persisted) log_->warn("inference.json not written: " + error);
+    reply(res, {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
+  });
+
+  gw.route("GET", "/api/v1/inference/gpu", [](const Request&, Response& res) {
+    Json devices = Json::array();
+    std::FILE* p = ::popen(
+        "nvidia-smi --query-gpu=index,name,memory.total,memory.used,utilization.gpu,"
+        "temperature.gpu --format=csv,noheader,nounits 2>/dev/null",
+        "r");
+    if (p) {
+      char line[512];
+      while (std::fgets(line, sizeof line, p)) {
+        std::vector<std::string> f;
+        std::stringstream ss(line);
+        std::string cell;
+        while (std::getline(ss, cell, ',')) {
+          size_t b = cell.find_first_not_of(" \t\r\n"), e = cell.find_last_not_of(" \t\r\n");
+          f.push_back(b == std::string::npos ? "" : cell.substr(b, e - b + 1));
+        }
+        if (f.size() < 6) continue;
+        auto num = [](const std::string& s) { return std::strtod(s.c_str(), nullptr); };
+        devices.push_back({{"index", num(f[0])},
+                           {"name", f[1]},
+                           {"vram_total_mb", num(f[2])},
+                           {"vram_used_mb", num(f[3])},
+                           {"util_pct", num(f[4])},
+                           {"temperature_c", num(f[5])}});
+      }
+      ::pclose(p);
+    }
+    reply(res, {{"device_count", devices.size()}, {"devices", devices}});
+  });
+
+  gw.route("GET", "/api/v1/inference/local-backends", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    Json list = Json::array();
+    for (const auto& b : locals_->list()) list.push_back(b);
+    reply(res, {{"backends", list}});
+  });
+
+  gw.route("GET", "/api/v1/inference/local-backends/public", [this](const Request&, Response& res) {
+    Json list = Json::array();
+    for (const auto& b : locals_->list()) list.push_back(public_view(b));
+    reply(res, {{"backends", list}});
+  });
+
+  gw.route("POST", "/api/v1/inference/local-backends", [this](const Request& req, Response& res) {
+    if (!admin_(req, res)) return;
+    Json body;
+    if (!kernel::parse_object_body(req, res, body)) return;
+    LocalBackend b;
+    std::string error;
+    if (!local_backend_from_json(body, b, error)) {
+      reply(res, {{"error", error}}, 400);
+      return;
+    }
+    std::string journal_error;
+    bool fresh = locals_->set(b, journal_error);
+    if (!journal_error.empty()) log_->warn("local-backend journal append failed: " + journal_error);
+    register_local_engine_backend_(b);
+    reply(res, {{"status", fresh ? "registered" : "updated"},
+                {"id", b.id},
+                {"journal", locals_->journal_path().string()}});
+  });
+
+  gw.route("DELETE", "/api/v1/inference/local-backends/*", [this](const Request& req,
+                                                                  Response& res) {
+    if (!admin_(req, res)) return;
+    const std::string id = req.path.substr(std::string("/api/v1/inference/local-backends/").size());
+    std::string journal_error;
+    if (!locals_->remove(id, journal_error)) {
+      reply(res, {{"error", "not_found"}}, 404);
+      return;
+    }
+    if (!journal_error.empty()) log_->warn("local-backend journal append failed: " + journal_error);
+    engine_->remove_backend(id);
+    reply(res, {{"status", "removed"}, {"id", id}});
+  });
+}
+
+void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
+  auto parse_args = [](std::string_view args, Json& out) {
+    out = args.empty() ? Json::object() : Json::parse(args, nullptr, false);
+    return out.is_object();
+  };
+
+  table.register_syscall(kInferenceSource, "inference.chat", [this, parse_args](std::string_view a) {
+    try {
+      Json args;
+      ChatRequest chat;
+      bool stream = false;
+      std::string error;
+      if (!parse_args(a, args) || !chat_json::parse_chat_request(args, chat, stream, error)) {
+        return kernel::SyscallResult{
+            -1, chat_json::render_error({400, error.empty() ? "invalid JSON" : error}).dump()};
+      }
+      ChatResponse resp;
+      if (auto err = engine_->complete(chat, resp)) {
+        return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
+      }
+      return kernel::SyscallResult::ok(
+          chat_json::render_completion(resp, kernel::unix_s()).dump());
+    } catch (const std::exception& e) {
+      return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
+    }
+  });
+
+  table.register_streaming_syscall(
+      kInferenceSource, "inference.chat.stream",
+      [this, parse_args](std::string_view a, kernel::SyscallEmit emit) -> int {
+        try {
+          Json args;
+          ChatRequest chat;
+          bool stream = false;
+          std::string error;
+          if (!parse_args(a, args) || !chat_json::parse_chat_request(args, chat, stream, error)) {
+            emit(kernel::sse_event(chat_json::render_error({400, error}).dump()));
+            return -1;
+          }
+          if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
+          const std::string id = "chatcmpl-ulvo-" + chat.request_id;
+          const std::int64_t created = kernel::unix_s();
+          if (!emit(kernel::sse_event(
+                  chat_json::render_chunk(id, chat.model, created, "", true, nullptr).dump()))) {
+            return -1;
+          }
+          bool gone = false;
+          auto err = engine_->stream(chat, [&](const ChatChunk& c) {
+            if (c.delta.empty() && !c.finish_reason) return true;
+            const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
+            gone = !emit(kernel::sse_event(
+                chat_json::render_chunk(id, chat.model, created, c.delta, false, reason).dump()));
+            return !gone;
+          });
+          if (gone) return -1;
+          if (err) {
+            static const std::string kError = "error";
+            Json chunk = chat_json::render_chunk(id, chat.model, created, "", false, &kError);
+            chunk["error"] = chat_json::render_error(*err)["error"];
+            emit(kernel::sse_event(chunk.dump()));
+          }
+          emit("data: [DONE]\n\n");
+          return err ? -1 : 0;
+        } catch (const std::exception& e) {
+          emit(kernel::sse_event(chat_json::render_error({500, e.what()}).dump()));
+          return -1;
+        }
+      });
+
+  table.register_syscall(kInferenceSource, "inference.models.list", [this](std::string_view) {
+    return kernel::SyscallResult::ok(models_list_().dump());
+  });
+
+  table.register_syscall(kInferenceSource, "inference.embeddings",
+                         [this, parse_args](std::string_view a) {
+                           Json args;
+                           if (!parse_args(a, args)) {
+                             return kernel::SyscallResult{-1, "{\"error\":\"invalid_json\"}"};
+                           }
+                           try {
+                             int status = 200;
+                             Json out = embeddings_(args, status);
+                             return kernel::SyscallResult{status == 200 ? 0 : -1, out.dump()};
+                           } catch (const std::exception& e) {
+                             return kernel::SyscallResult{
+                                 -1, Json{{"error", "internal"}, {"message", e.what()}}.dump()};
+                           }
+                         });
+
+  table.register_syscall(kInferenceSource, "inference.local_backends.register",
+                         [this, parse_args](std::string_view a) {
+                           Json args;
+                           LocalBackend b;
+                           std::string error;
+                           if (!parse_args(a, args) || !local_backend_from_json(args, b, error)) {
+                             return kernel::SyscallResult{
+                                 -1, Json{{"error", error.empty() ? "invalid_json" : error}}.dump()};
+                           }
+                           std::string journal_error;
+                           bool fresh = locals_->set(b, journal_error);
+                           if (!journal_error.empty()) {
+                             log_->warn("local-backend journal append failed: " + journal_error);
+                           }
+                           register_local_engine_backend_(b);
+                           return kernel::SyscallResult::ok(
+                               Json{{"status", fresh ? "registered" : "updated"}, {"id", b.id}}
+                                   .dump());
+                         });
+
+  table.register_syscall(kInferenceSource, "inference.local_backends.list",
+                         [this](std::string_view) {
+                           Json list = Json::array();
+                           for (const auto& b : locals_->list()) list.push_back(public_view(b));
+                           return kernel::SyscallResult::ok(Json{{"backends", list}}.dump());
+                         });
+}
+
+}  // namespace
+}  // namespace ostrel::inference
+
+static ostrel::kernel::ModuleRegistrar<ostrel::inference::InferenceModule>
+    InferenceModule_registrar("inference");

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ostrel::inference {
+
+// A model server on the local network, registered at run time.
+struct LocalBackend {
+  std::string id;
+  std::string provider;  // "ollama", "openai", …
+  std::string api_base;
+  std::string api_key;
+  std::string api_key_env;
+  std::string display_name;
+  std::vector<std::string> models;
+  std::vector<std::string> capabilities;
+  std::int64_t priority = 0;
+  bool auto_discover_models = false;
+  std::string source = "api";
+
+  // The key itself, or the value of the variable named by api_key_env.
+  std::string resolved_key() const;
+  // api_base without a trailing "/api/v1/", "/api/v1", "/v1/", "/v1", "/api/" or "/api".
+  std::string normalised_base() const;
+};
+
+void to_json(nlohmann::json& j, const LocalBackend& b);
+// False with a reason when id, provider or api_base is missing.
+bool local_backend_from_json(const nlohmann::json& j, LocalBackend& out, std::string& error);
+// The public view: no key, no key variable.
+nlohmann::json public_view(const LocalBackend& b);
+
+// The registered local backends, journalled in
+// "inference-local-backends.jsonl" ({"op":"set"|"remove","id",…}).
+// Thread-safe: mu_ guards the map and every journal append, so replay order
+// equals registration order.
+class LocalBackendRegistry {
+ public:
+  explicit LocalBackendRegistry(std::filesystem::path journal) : journal_(std::move(journal)) {}
+
+  std::size_t replay();
+  // True when the id was new ("registered"), false when it replaced one ("updated").
+  // `journal_error` is set when the append failed (the change still holds).
+  bool set(LocalBackend b, std::string& journal_error);
+  bool remove(const std::string& id, std::string& journal_error);
+  std::vector<LocalBackend> list() const;  // sorted by id
+  std::optional<LocalBackend> find_for_model(const std::string& model) const;
+  const std::filesystem::path& journal_path() const { return journal_; }
+
+ private:
+  std::filesystem::path journal_;
+  mutable std::mutex mu_;  // guards backends_, order_ and journal appends
+  std::map<std::string, LocalBackend> backends_;
+  std::vector<std::string> order_;  // registration order: first match wins for a model
+};
+
+}  // namespace ostrel::inference

@@ -123,19 +123,20 @@ bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::stri
 }
 
 Json render_completion(const ChatResponse& resp, std::int64_t created) {
-  return Json{{"id", "chatcmpl-ulvo-" + resp.request_id},
-              {"object", "chat.completion"},
-              {"created", created},
-              {"model", resp.model},
-              {"choices",
-               Json::array({{{"index", 0},
-                             {"message", {{"role", "assistant"}, {"content", resp.message.content}}},
-                             {"finish_reason",
-                              resp.finish_reason.empty() ? "stop" : resp.finish_reason}}})},
-              {"usage",
-               {{"prompt_tokens", resp.prompt_tokens},
-                {"completion_tokens", resp.completion_tokens},
-                {"total_tokens", resp.prompt_tokens + resp.completion_tokens}}}};
+  return Json{
+      {"id", "chatcmpl-ulvo-" + resp.request_id},
+      {"object", "chat.completion"},
+      {"created", created},
+      {"model", resp.model},
+      {"choices",
+       Json::array(
+           {{{"index", 0},
+             {"message", {{"role", "assistant"}, {"content", resp.message.content}}},
+             {"finish_reason", resp.finish_reason.empty() ? "stop" : resp.finish_reason}}})},
+      {"usage",
+       {{"prompt_tokens", resp.prompt_tokens},
+        {"completion_tokens", resp.completion_tokens},
+        {"total_tokens", resp.prompt_tokens + resp.completion_tokens}}}};
 }
 
 Json render_chunk(const std::string& id, const std::string& model, std::int64_t created,
@@ -143,14 +144,15 @@ Json render_chunk(const std::string& id, const std::string& model, std::int64_t 
   Json delta = Json::object();
   if (first) delta["role"] = "assistant";
   delta["content"] = content;
-  return Json{{"id", id},
-              {"object", "chat.completion.chunk"},
-              {"created", created},
-              {"model", model},
-              {"choices", Json::array({{{"index", 0},
-                                        {"delta", delta},
-                                        {"finish_reason", finish_reason ? Json(*finish_reason)
-                                                                        : Json(nullptr)}}})}};
+  return Json{
+      {"id", id},
+      {"object", "chat.completion.chunk"},
+      {"created", created},
+      {"model", model},
+      {"choices",
+       Json::array({{{"index", 0},
+                     {"delta", delta},
+                     {"finish_reason", finish_reason ? Json(*finish_reason) : Json(nullptr)}}})}};
 }
 
 Json render_error(const InferenceError& e) {

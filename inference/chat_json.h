@@ -16,8 +16,8 @@ bool parse_chat_request(const nlohmann::json& j, ChatRequest& out, bool& stream,
                         std::string& error);
 
 nlohmann::json render_completion(const ChatResponse& resp, std::int64_t created);
-nlohmann::json render_chunk(const std::string& id, const std::string& model,
-                            std::int64_t created, const std::string& content, bool first,
+nlohmann::json render_chunk(const std::string& id, const std::string& model, std::int64_t created,
+                            const std::string& content, bool first,
                             const std::string* finish_reason);
 nlohmann::json render_error(const InferenceError& e);
 

@@ -43,9 +43,9 @@ constexpr const char* kNoBackend =
     "llama.cpp was not compiled in. Register a local backend via POST "
     "/api/v1/inference/local-backends or build with -DOSTREL_ULVO_WITH_INFERENCE=ON.";
 constexpr const char* kNativeOnly = "{\"error\":\"native_inference_not_compiled_in\"}";
-const std::set<std::string> kSettingsKeys = {"backend",      "gpu_layers",      "ctx_length",
-                                             "max_contexts", "batch_size",      "batching_enabled",
-                                             "auto_load",    "auto_unload",     "auto_unload_timeout_s"};
+const std::set<std::string> kSettingsKeys = {
+    "backend",          "gpu_layers", "ctx_length",  "max_contexts",         "batch_size",
+    "batching_enabled", "auto_load",  "auto_unload", "auto_unload_timeout_s"};
 
 std::string random_suffix() {
   thread_local std::mt19937_64 rng(std::random_device{}());
@@ -88,7 +88,8 @@ bool safe_model_path(const std::string& name) {
 
 // "No healthy backend" reaches clients with the explanation of what to do.
 InferenceError explain(InferenceError e) {
-  if (e.code == 502 && e.message.rfind("scheduler: no healthy backend", 0) == 0) e.message = kNoBackend;
+  if (e.code == 502 && e.message.rfind("scheduler: no healthy backend", 0) == 0)
+    e.message = kNoBackend;
   return e;
 }
 
@@ -241,20 +242,20 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
     std::vector<std::string> texts;
     if (input.is_string()) {
       texts.push_back(input);
-    } else if (input.is_array() &&
-               std::all_of(input.begin(), input.end(), [](const Json& e) { return e.is_string(); })) {
+    } else if (input.is_array() && std::all_of(input.begin(), input.end(),
+                                               [](const Json& e) { return e.is_string(); })) {
       texts = input.get<std::vector<std::string>>();
     } else {
       status = 400;
-      return {{"error", {{"message", "input must be a string or an array of strings"},
-                         {"type", "invalid_request_error"}}}};
+      return {{"error",
+               {{"message", "input must be a string or an array of strings"},
+                {"type", "invalid_request_error"}}}};
     }
     Json data = Json::array();
     std::size_t tokens = 0;
     for (std::size_t i = 0; i < texts.size(); ++i) {
-      data.push_back({{"object", "embedding"},
-                      {"index", i},
-                      {"embedding", HashEmbedder::embed(texts[i])}});
+      data.push_back(
+          {{"object", "embedding"}, {"index", i}, {"embedding", HashEmbedder::embed(texts[i])}});
       tokens += HashEmbedder::token_count(texts[i]);
     }
     return {{"object", "list"},
@@ -265,12 +266,13 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
   std::optional<LocalBackend> backend = locals_->find_for_model(m);
   if (!backend) {
     status = 404;
-    return {{"error", {{"message", "no backend serves embedding model '" + m + "'"},
-                       {"type", "not_implemented"}}}};
+    return {{"error",
+             {{"message", "no backend serves embedding model '" + m + "'"},
+              {"type", "not_implemented"}}}};
   }
-  std::vector<std::string> headers = {"Content-Type: application/json",
-                                      "X-Ostrel-Source: " +
-                                          source_header::make_header("inference", "", "inference")};
+  std::vector<std::string> headers = {
+      "Content-Type: application/json",
+      "X-Ostrel-Source: " + source_header::make_header("inference", "", "inference")};
   if (std::string key = backend->resolved_key(); !key.empty()) {
     headers.push_back("Authorization: Bearer " + key);
   }
@@ -279,8 +281,8 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
   if (!r.transport_ok || r.status < 200 || r.status >= 300) {
     status = 502;
     return {{"error", "upstream_failed"},
-            {"detail", "http " + std::to_string(r.status) + ": " +
-                           (r.transport_ok ? r.body : r.error)}};
+            {"detail",
+             "http " + std::to_string(r.status) + ": " + (r.transport_ok ? r.body : r.error)}};
   }
   Json answer = Json::parse(r.body, nullptr, false);
   if (answer.is_discarded()) {
@@ -331,10 +333,9 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
     auto err = engine_->stream(chat, [&](const ChatChunk& c) {
       if (c.delta.empty() && !c.finish_reason) return true;
       const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
-      if (!write(kernel::sse_event(
-              chat_json::render_chunk(id, c.model.empty() ? model : c.model, created, c.delta,
-                                      false, reason)
-                  .dump()))) {
+      if (!write(kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
+                                                           created, c.delta, false, reason)
+                                       .dump()))) {
         client_gone = true;
         return false;
       }
@@ -486,17 +487,18 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
                           {"models", s.models}});
     }
     Scheduler& sch = engine_->scheduler();
-    reply(res, {{"loaded_models", Json::array()},
-                {"files", files},
-                {"backends", backends},
-                {"queue",
-                 {{"queued", sch.queued()},
-                  {"accepted", sch.accepted()},
-                  {"rejected", sch.rejected()}}}});
+    reply(
+        res,
+        {{"loaded_models", Json::array()},
+         {"files", files},
+         {"backends", backends},
+         {"queue",
+          {{"queued", sch.queued()}, {"accepted", sch.accepted()}, {"rejected", sch.rejected()}}}});
   });
 
-  gw.route("GET", "/api/v1/inference/files",
-           [this](const Request&, Response& res) { reply(res, {{"files", files_json_()}}); });
+  gw.route("GET", "/api/v1/inference/files", [this](const Request&, Response& res) {
+    reply(res, {{"files", files_json_()}});
+  });
 
   gw.route("POST", "/api/v1/inference/models/upload", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
@@ -512,8 +514,9 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     fs::path target = model_dir_ / filename;
     std::string error;
     if (!kernel::write_file_atomically(target, req.body, error)) {
-      reply(res, {{"error", error.rfind("open", 0) == 0 ? "open_failed" : "write_failed"},
-                  {"detail", error}},
+      reply(res,
+            {{"error", error.rfind("open", 0) == 0 ? "open_failed" : "write_failed"},
+             {"detail", error}},
             500);
       return;
     }
@@ -544,8 +547,9 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       filename = path.substr(path.find_last_of('/') + 1);
     }
     if (!safe_model_path(filename)) {
-      reply(res, {{"error", "invalid_filename"},
-                  {"detail", "could not derive a safe filename from url; pass filename explicitly"}},
+      reply(res,
+            {{"error", "invalid_filename"},
+             {"detail", "could not derive a safe filename from url; pass filename explicitly"}},
             400);
       return;
     }
@@ -556,8 +560,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       return;
     }
     fs::create_directories(target.parent_path(), ec);
-    http_fetch::Result r =
-        http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller");
+    http_fetch::Result r = http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller");
     if (!r.transport_ok || r.status < 200 || r.status >= 300) {
       reply(res, {{"error", "download_failed"}, {"detail", r.error}, {"status", r.status}}, 502);
       return;
@@ -605,10 +608,11 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       settings[it.key()] = it.value();
     }
     std::string error;
-    bool persisted =
-        kernel::write_file_atomically(config_dir_ / "inference.json", settings.dump(2) + "\n", error);
+    bool persisted = kernel::write_file_atomically(config_dir_ / "inference.json",
+                                                   settings.dump(2) + "\n", error);
     if (!persisted) log_->warn("inference.json not written: " + error);
-    reply(res, {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
+    reply(res,
+          {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
   });
 
   gw.route("GET", "/api/v1/inference/gpu", [](const Request&, Response& res) {
@@ -673,19 +677,21 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
                 {"journal", locals_->journal_path().string()}});
   });
 
-  gw.route("DELETE", "/api/v1/inference/local-backends/*", [this](const Request& req,
-                                                                  Response& res) {
-    if (!admin_(req, res)) return;
-    const std::string id = req.path.substr(std::string("/api/v1/inference/local-backends/").size());
-    std::string journal_error;
-    if (!locals_->remove(id, journal_error)) {
-      reply(res, {{"error", "not_found"}}, 404);
-      return;
-    }
-    if (!journal_error.empty()) log_->warn("local-backend journal append failed: " + journal_error);
-    engine_->remove_backend(id);
-    reply(res, {{"status", "removed"}, {"id", id}});
-  });
+  gw.route("DELETE", "/api/v1/inference/local-backends/*",
+           [this](const Request& req, Response& res) {
+             if (!admin_(req, res)) return;
+             const std::string id =
+                 req.path.substr(std::string("/api/v1/inference/local-backends/").size());
+             std::string journal_error;
+             if (!locals_->remove(id, journal_error)) {
+               reply(res, {{"error", "not_found"}}, 404);
+               return;
+             }
+             if (!journal_error.empty())
+               log_->warn("local-backend journal append failed: " + journal_error);
+             engine_->remove_backend(id);
+             reply(res, {{"status", "removed"}, {"id", id}});
+           });
 }
 
 void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
@@ -694,26 +700,27 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
     return out.is_object();
   };
 
-  table.register_syscall(kInferenceSource, "inference.chat", [this, parse_args](std::string_view a) {
-    try {
-      Json args;
-      ChatRequest chat;
-      bool stream = false;
-      std::string error;
-      if (!parse_args(a, args) || !chat_json::parse_chat_request(args, chat, stream, error)) {
-        return kernel::SyscallResult{
-            -1, chat_json::render_error({400, error.empty() ? "invalid JSON" : error}).dump()};
-      }
-      ChatResponse resp;
-      if (auto err = engine_->complete(chat, resp)) {
-        return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
-      }
-      return kernel::SyscallResult::ok(
-          chat_json::render_completion(resp, kernel::unix_s()).dump());
-    } catch (const std::exception& e) {
-      return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
-    }
-  });
+  table.register_syscall(
+      kInferenceSource, "inference.chat", [this, parse_args](std::string_view a) {
+        try {
+          Json args;
+          ChatRequest chat;
+          bool stream = false;
+          std::string error;
+          if (!parse_args(a, args) || !chat_json::parse_chat_request(args, chat, stream, error)) {
+            return kernel::SyscallResult{
+                -1, chat_json::render_error({400, error.empty() ? "invalid JSON" : error}).dump()};
+          }
+          ChatResponse resp;
+          if (auto err = engine_->complete(chat, resp)) {
+            return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
+          }
+          return kernel::SyscallResult::ok(
+              chat_json::render_completion(resp, kernel::unix_s()).dump());
+        } catch (const std::exception& e) {
+          return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
+        }
+      });
 
   table.register_streaming_syscall(
       kInferenceSource, "inference.chat.stream",
@@ -777,25 +784,25 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
                            }
                          });
 
-  table.register_syscall(kInferenceSource, "inference.local_backends.register",
-                         [this, parse_args](std::string_view a) {
-                           Json args;
-                           LocalBackend b;
-                           std::string error;
-                           if (!parse_args(a, args) || !local_backend_from_json(args, b, error)) {
-                             return kernel::SyscallResult{
-                                 -1, Json{{"error", error.empty() ? "invalid_json" : error}}.dump()};
-                           }
-                           std::string journal_error;
-                           bool fresh = locals_->set(b, journal_error);
-                           if (!journal_error.empty()) {
-                             log_->warn("local-backend journal append failed: " + journal_error);
-                           }
-                           register_local_engine_backend_(b);
-                           return kernel::SyscallResult::ok(
-                               Json{{"status", fresh ? "registered" : "updated"}, {"id", b.id}}
-                                   .dump());
-                         });
+  table.register_syscall(
+      kInferenceSource, "inference.local_backends.register",
+      [this, parse_args](std::string_view a) {
+        Json args;
+        LocalBackend b;
+        std::string error;
+        if (!parse_args(a, args) || !local_backend_from_json(args, b, error)) {
+          return kernel::SyscallResult{
+              -1, Json{{"error", error.empty() ? "invalid_json" : error}}.dump()};
+        }
+        std::string journal_error;
+        bool fresh = locals_->set(b, journal_error);
+        if (!journal_error.empty()) {
+          log_->warn("local-backend journal append failed: " + journal_error);
+        }
+        register_local_engine_backend_(b);
+        return kernel::SyscallResult::ok(
+            Json{{"status", fresh ? "registered" : "updated"}, {"id", b.id}}.dump());
+      });
 
   table.register_syscall(kInferenceSource, "inference.local_backends.list",
                          [this](std::string_view) {

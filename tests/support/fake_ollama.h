@@ -23,7 +23,7 @@ class FakeOllama {
   std::string fail_body = "{\"error\":\"nope\"}";
   std::chrono::milliseconds piece_delay{0};
   std::chrono::milliseconds reply_delay{0};  // before a whole (non-streamed) answer
-  int pieces_before_dying = -1;  // >= 0: drop the connection after that many pieces
+  int pieces_before_dying = -1;              // >= 0: drop the connection after that many pieces
 
   FakeOllama() {
     server_.Get("/api/tags", [this](const httplib::Request&, httplib::Response& res) {

@@ -20,15 +20,16 @@ struct Session {
 
 // Conversation histories by session id. A session idle for longer than the
 // TTL is dropped; the same id later starts a new, empty history. Histories
-// keep their newest `max_history` messages.
+// keep their newest `max_history` messages, and at most `max_sessions`
+// sessions are kept: beyond that the least recently used tenth goes.
 // Thread-safe: mu_ guards the map and every session's contents.
 class SessionStore {
  public:
   using Clock = std::chrono::steady_clock;
 
   explicit SessionStore(std::chrono::seconds idle_ttl = std::chrono::seconds(3600),
-                        std::size_t max_history = 1000)
-      : ttl_(idle_ttl), max_history_(max_history) {}
+                        std::size_t max_history = 1000, std::size_t max_sessions = 100000)
+      : ttl_(idle_ttl), max_history_(max_history), max_sessions_(max_sessions) {}
 
   // Touches (creating when absent or expired) and appends the messages.
   void append(const std::string& id, const std::vector<Message>& messages,
@@ -42,6 +43,8 @@ class SessionStore {
  private:
   std::chrono::seconds ttl_;
   std::size_t max_history_;
+  std::size_t max_sessions_;
+  void evict_locked_(Clock::time_point now);
   mutable std::mutex mu_;  // guards sessions_ and their contents
   std::unordered_map<std::string, std::shared_ptr<Session>> sessions_;
 };

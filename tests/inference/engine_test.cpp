@@ -233,6 +233,19 @@ TEST(Engine, SessionsKeepHistoryIncludingPartialStreams) {
   store.append("x", {Message{}}, t0 + 20s);
   EXPECT_EQ(store.get("x", t0 + 20s)->history.size(), 1u);  // a fresh history
   EXPECT_EQ(store.sweep(t0 + 60s), 1u);
+
+  // A bounded store drops the least recently used sessions when full.
+  SessionStore small(std::chrono::seconds(3600), 3, 20);
+  for (int i = 0; i < 20; ++i) {
+    small.append("s" + std::to_string(i), {Message{}}, t0 + std::chrono::seconds(i));
+  }
+  small.append("s0", {Message{}, Message{}, Message{}}, t0 + 30s);  // s0 is fresh again
+  small.append("new", {Message{}}, t0 + 31s);
+  EXPECT_LE(small.size(), 20u);
+  EXPECT_TRUE(small.get("s0", t0 + 32s));
+  EXPECT_EQ(small.get("s0", t0 + 32s)->history.size(), 3u);  // capped history
+  EXPECT_FALSE(small.get("s1", t0 + 32s));                   // the oldest went
+  EXPECT_TRUE(small.get("new", t0 + 32s));
 }
 
 TEST(OllamaBackend, SpeaksTheChatProtocol) {

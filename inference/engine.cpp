@@ -57,7 +57,9 @@ std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, Cha
   queued->request = req;
   queued->sink = std::move(sink);
   std::future<ChatResponse> future = queued->promise.get_future();
-  if (!scheduler_.enqueue(queued)) return InferenceError{507, "scheduler: queue full"};
+  if (!scheduler_.try_serve_inline(*queued) && !scheduler_.enqueue(queued)) {
+    return InferenceError{507, "scheduler: queue full"};
+  }
   try {
     resp = future.get();
     return std::nullopt;

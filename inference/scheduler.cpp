@@ -85,6 +85,25 @@ bool Scheduler::enqueue(std::shared_ptr<QueuedRequest> request) {
   return true;
 }
 
+bool Scheduler::try_serve_inline(QueuedRequest& request) {
+  {
+    std::lock_guard lock(mu_);
+    if (!running_ || total_queued_ > 0 || busy_ >= worker_count_) return false;
+    ++busy_;
+    ++accepted_;
+    request.key = request.request.tenant_id;
+    ++served_[request.key];
+    request.enqueued_at = std::chrono::steady_clock::now();
+  }
+  serve_(request);
+  {
+    std::lock_guard lock(mu_);
+    --busy_;
+  }
+  cv_.notify_one();  // a slot is free again for whatever queued meanwhile
+  return true;
+}
+
 BackendList Scheduler::healthy_backends() const {
   BackendList all = backends_();
   std::erase_if(all, [](const auto& b) { return !b || !b->is_healthy(); });
@@ -138,12 +157,18 @@ void Scheduler::worker_loop_() {
     std::shared_ptr<QueuedRequest> next;
     {
       std::unique_lock lock(mu_);
-      cv_.wait(lock, [this] { return !running_ || total_queued_ > 0; });
+      cv_.wait(lock, [this] { return !running_ || (total_queued_ > 0 && busy_ < worker_count_); });
       if (!running_) return;  // stop() fails whatever is still queued
       next = take_locked_();
+      if (next) ++busy_;
     }
     if (!next) continue;
     serve_(*next);
+    {
+      std::lock_guard lock(mu_);
+      --busy_;
+    }
+    cv_.notify_one();
   }
 }
 

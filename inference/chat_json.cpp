@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "kernel/text.h"
+
 namespace ostrel::inference::chat_json {
 
 using Json = nlohmann::json;
@@ -122,37 +124,56 @@ bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::stri
   return true;
 }
 
-Json render_completion(const ChatResponse& resp, std::int64_t created) {
-  return Json{
-      {"id", "chatcmpl-ulvo-" + resp.request_id},
-      {"object", "chat.completion"},
-      {"created", created},
-      {"model", resp.model},
-      {"choices",
-       Json::array(
-           {{{"index", 0},
-             {"message", {{"role", "assistant"}, {"content", resp.message.content}}},
-             {"finish_reason", resp.finish_reason.empty() ? "stop" : resp.finish_reason}}})},
-      {"usage",
-       {{"prompt_tokens", resp.prompt_tokens},
-        {"completion_tokens", resp.completion_tokens},
-        {"total_tokens", resp.prompt_tokens + resp.completion_tokens}}}};
+// The completion and chunk texts are written directly: they are produced for
+// every request (and every streamed piece), where a JSON tree costs several
+// times the text.
+std::string render_completion(const ChatResponse& resp, std::int64_t created) {
+  std::string out;
+  out.reserve(256 + resp.message.content.size());
+  out += "{\"id\":";
+  text::append_json_string(out, "chatcmpl-ulvo-" + resp.request_id);
+  out += ",\"object\":\"chat.completion\",\"created\":" + std::to_string(created);
+  out += ",\"model\":";
+  text::append_json_string(out, resp.model);
+  out += ",\"choices\":[{\"index\":0,\"message\":{\"role\":\"assistant\",\"content\":";
+  text::append_json_string(out, resp.message.content);
+  out += "},\"finish_reason\":";
+  text::append_json_string(out, resp.finish_reason.empty() ? "stop" : resp.finish_reason);
+  out += "}],\"usage\":{\"prompt_tokens\":" + std::to_string(resp.prompt_tokens) +
+         ",\"completion_tokens\":" + std::to_string(resp.completion_tokens) +
+         ",\"total_tokens\":" + std::to_string(resp.prompt_tokens + resp.completion_tokens) + "}}";
+  return out;
 }
 
-Json render_chunk(const std::string& id, const std::string& model, std::int64_t created,
-                  const std::string& content, bool first, const std::string* finish_reason) {
-  Json delta = Json::object();
-  if (first) delta["role"] = "assistant";
-  delta["content"] = content;
-  return Json{
-      {"id", id},
-      {"object", "chat.completion.chunk"},
-      {"created", created},
-      {"model", model},
-      {"choices",
-       Json::array({{{"index", 0},
-                     {"delta", delta},
-                     {"finish_reason", finish_reason ? Json(*finish_reason) : Json(nullptr)}}})}};
+std::string render_chunk(const std::string& id, const std::string& model, std::int64_t created,
+                         const std::string& content, bool first, const std::string* finish_reason,
+                         const InferenceError* error) {
+  std::string out;
+  out.reserve(160 + content.size());
+  out += "{\"id\":";
+  text::append_json_string(out, id);
+  out += ",\"object\":\"chat.completion.chunk\",\"created\":" + std::to_string(created);
+  out += ",\"model\":";
+  text::append_json_string(out, model);
+  out += first ? ",\"choices\":[{\"index\":0,\"delta\":{\"role\":\"assistant\",\"content\":"
+               : ",\"choices\":[{\"index\":0,\"delta\":{\"content\":";
+  text::append_json_string(out, content);
+  out += "},\"finish_reason\":";
+  if (finish_reason) {
+    text::append_json_string(out, *finish_reason);
+  } else {
+    out += "null";
+  }
+  out += "}]";
+  if (error) {
+    out += ",\"error\":{\"message\":";
+    text::append_json_string(out, error->message);
+    out += ",\"type\":";
+    text::append_json_string(out, error_type(error->code));
+    out += '}';
+  }
+  out += '}';
+  return out;
 }
 
 Json render_error(const InferenceError& e) {

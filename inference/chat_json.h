@@ -15,10 +15,12 @@ namespace ostrel::inference::chat_json {
 bool parse_chat_request(const nlohmann::json& j, ChatRequest& out, bool& stream,
                         std::string& error);
 
-nlohmann::json render_completion(const ChatResponse& resp, std::int64_t created);
-nlohmann::json render_chunk(const std::string& id, const std::string& model, std::int64_t created,
-                            const std::string& content, bool first,
-                            const std::string* finish_reason);
+// JSON texts.
+std::string render_completion(const ChatResponse& resp, std::int64_t created);
+// `error`, when given, is added as an "error" member (a failure mid-stream).
+std::string render_chunk(const std::string& id, const std::string& model, std::int64_t created,
+                         const std::string& content, bool first, const std::string* finish_reason,
+                         const InferenceError* error = nullptr);
 nlohmann::json render_error(const InferenceError& e);
 
 }  // namespace ostrel::inference::chat_json

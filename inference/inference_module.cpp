@@ -316,7 +316,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
       reply(res, chat_json::render_error(explain(*err)), err->code);
       return;
     }
-    reply(res, chat_json::render_completion(resp, kernel::unix_s()));
+    res.body = chat_json::render_completion(resp, kernel::unix_s());
     return;
   }
 
@@ -325,8 +325,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
     const std::string id = "chatcmpl-ulvo-" + chat.request_id;
     const std::int64_t created = kernel::unix_s();
     const std::string model = chat.model;
-    if (!write(kernel::sse_event(
-            chat_json::render_chunk(id, model, created, "", true, nullptr).dump()))) {
+    if (!write(kernel::sse_event(chat_json::render_chunk(id, model, created, "", true, nullptr)))) {
       return;
     }
     bool client_gone = false;
@@ -334,8 +333,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
       if (c.delta.empty() && !c.finish_reason) return true;
       const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
       if (!write(kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
-                                                           created, c.delta, false, reason)
-                                       .dump()))) {
+                                                           created, c.delta, false, reason)))) {
         client_gone = true;
         return false;
       }
@@ -344,9 +342,11 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
     if (client_gone) return;
     if (err) {
       static const std::string kError = "error";
-      Json chunk = chat_json::render_chunk(id, model, created, "", false, &kError);
-      chunk["error"] = chat_json::render_error(explain(*err))["error"];
-      if (!write(kernel::sse_event(chunk.dump()))) return;
+      InferenceError shown = explain(*err);
+      if (!write(kernel::sse_event(
+              chat_json::render_chunk(id, model, created, "", false, &kError, &shown)))) {
+        return;
+      }
     }
     write("data: [DONE]\n\n");
   };
@@ -715,8 +715,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           if (auto err = engine_->complete(chat, resp)) {
             return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
           }
-          return kernel::SyscallResult::ok(
-              chat_json::render_completion(resp, kernel::unix_s()).dump());
+          return kernel::SyscallResult::ok(chat_json::render_completion(resp, kernel::unix_s()));
         } catch (const std::exception& e) {
           return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
         }
@@ -738,7 +737,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           const std::string id = "chatcmpl-ulvo-" + chat.request_id;
           const std::int64_t created = kernel::unix_s();
           if (!emit(kernel::sse_event(
-                  chat_json::render_chunk(id, chat.model, created, "", true, nullptr).dump()))) {
+                  chat_json::render_chunk(id, chat.model, created, "", true, nullptr)))) {
             return -1;
           }
           bool gone = false;
@@ -746,15 +745,15 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
             if (c.delta.empty() && !c.finish_reason) return true;
             const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
             gone = !emit(kernel::sse_event(
-                chat_json::render_chunk(id, chat.model, created, c.delta, false, reason).dump()));
+                chat_json::render_chunk(id, chat.model, created, c.delta, false, reason)));
             return !gone;
           });
           if (gone) return -1;
           if (err) {
             static const std::string kError = "error";
-            Json chunk = chat_json::render_chunk(id, chat.model, created, "", false, &kError);
-            chunk["error"] = chat_json::render_error(*err)["error"];
-            emit(kernel::sse_event(chunk.dump()));
+            InferenceError shown = explain(*err);
+            emit(kernel::sse_event(
+                chat_json::render_chunk(id, chat.model, created, "", false, &kError, &shown)));
           }
           emit("data: [DONE]\n\n");
           return err ? -1 : 0;

@@ -2,7 +2,10 @@
 
 #include <curl/curl.h>
 
+#include <charconv>
 #include <nlohmann/json.hpp>
+
+#include "kernel/text.h"
 
 namespace ostrel::inference {
 namespace {
@@ -114,23 +117,55 @@ void OllamaBackend::release_(std::unique_ptr<Handle> h) {
   if (pool_.size() < kMaxPooledHandles) pool_.push_back(std::move(h));
 }
 
+// Written directly rather than through a JSON tree: this runs for every
+// request and the tree costs several times the text.
 std::string OllamaBackend::build_chat_body(const ChatRequest& req, bool stream) {
-  Json messages = Json::array();
-  for (const auto& m : req.messages) {
-    Json msg = {{"role", m.role}, {"content", m.content}};
-    if (!m.name.empty()) msg["name"] = m.name;
-    messages.push_back(std::move(msg));
+  std::string out;
+  out.reserve(128 + req.messages.size() * 64);
+  out += "{\"model\":";
+  text::append_json_string(out, req.model);
+  out += ",\"messages\":[";
+  for (size_t i = 0; i < req.messages.size(); ++i) {
+    const Message& m = req.messages[i];
+    out += i ? ",{\"role\":" : "{\"role\":";
+    text::append_json_string(out, m.role);
+    out += ",\"content\":";
+    text::append_json_string(out, m.content);
+    if (!m.name.empty()) {
+      out += ",\"name\":";
+      text::append_json_string(out, m.name);
+    }
+    out += '}';
   }
-  Json options = Json::object();
-  if (req.temperature) options["temperature"] = *req.temperature;
-  if (req.top_p) options["top_p"] = *req.top_p;
-  if (req.max_tokens) options["num_predict"] = *req.max_tokens;
-  if (req.presence_penalty) options["presence_penalty"] = *req.presence_penalty;
-  if (req.frequency_penalty) options["frequency_penalty"] = *req.frequency_penalty;
-  Json body = {
-      {"model", req.model}, {"messages", messages}, {"stream", stream}, {"options", options}};
-  if (!req.stop.empty()) body["stop"] = req.stop;
-  return body.dump();
+  out += stream ? "],\"stream\":true,\"options\":{" : "],\"stream\":false,\"options\":{";
+  bool first = true;
+  auto option = [&](const char* key, auto value) {
+    char num[64];
+    auto [end, ec] = std::to_chars(num, num + sizeof num, value);
+    if (ec != std::errc()) return;
+    if (!first) out += ',';
+    first = false;
+    out += '"';
+    out += key;
+    out += "\":";
+    out.append(num, end);
+  };
+  if (req.temperature) option("temperature", *req.temperature);
+  if (req.top_p) option("top_p", *req.top_p);
+  if (req.max_tokens) option("num_predict", *req.max_tokens);
+  if (req.presence_penalty) option("presence_penalty", *req.presence_penalty);
+  if (req.frequency_penalty) option("frequency_penalty", *req.frequency_penalty);
+  out += '}';
+  if (!req.stop.empty()) {
+    out += ",\"stop\":[";
+    for (size_t i = 0; i < req.stop.size(); ++i) {
+      if (i) out += ',';
+      text::append_json_string(out, req.stop[i]);
+    }
+    out += ']';
+  }
+  out += '}';
+  return out;
 }
 
 std::optional<InferenceError> OllamaBackend::http_to_error(int curl_code, long status,

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "inference/chat_json.h"
 #include "inference/echo_backend.h"
 #include "inference/ollama_backend.h"
 #include "tests/support/fake_ollama.h"
@@ -327,6 +328,53 @@ TEST(OllamaBackend, AbortsTransfersAndMapsErrors) {
   EXPECT_EQ(err->code, 502);
   EXPECT_EQ(err->message.rfind("ollama: curl ", 0), 0u);
   EXPECT_EQ(nowhere.stats().errors, 1u);
+}
+
+}  // namespace
+}  // namespace ostrel::inference
+
+namespace ostrel::inference {
+namespace {
+
+TEST(ChatJson, HandWrittenTextsAreValidJsonForAnyContent) {
+  ChatResponse resp;
+  resp.request_id = "req-1";
+  resp.model = "m\"odel";
+  resp.message.content = "line one\nline \"two\"\t\\ \x01 caf\xc3\xa9";
+  resp.prompt_tokens = 3;
+  resp.completion_tokens = 4;
+  nlohmann::json c = nlohmann::json::parse(chat_json::render_completion(resp, 42));
+  EXPECT_EQ(c["choices"][0]["message"]["content"], resp.message.content);
+  EXPECT_EQ(c["model"], resp.model);
+  EXPECT_EQ(c["usage"]["total_tokens"], 7);
+  EXPECT_EQ(c["created"], 42);
+
+  std::string reason = "stop";
+  InferenceError err{502, "upstream \"down\""};
+  nlohmann::json k =
+      nlohmann::json::parse(chat_json::render_chunk("id", "m", 1, "a\"b", true, &reason, &err));
+  EXPECT_EQ(k["choices"][0]["delta"]["role"], "assistant");
+  EXPECT_EQ(k["choices"][0]["delta"]["content"], "a\"b");
+  EXPECT_EQ(k["choices"][0]["finish_reason"], "stop");
+  EXPECT_EQ(k["error"]["type"], "upstream_unreachable");
+  nlohmann::json plain =
+      nlohmann::json::parse(chat_json::render_chunk("id", "m", 1, "", false, nullptr));
+  EXPECT_TRUE(plain["choices"][0]["finish_reason"].is_null());
+  EXPECT_FALSE(plain.contains("error"));
+
+  ChatRequest req;
+  req.model = "x\"y";
+  req.messages = {Message{"user", "q\n\"uoted\"", "n\"m", ""}};
+  req.temperature = 0.25f;
+  req.max_tokens = 7;
+  req.stop = {"\n", "END"};
+  nlohmann::json body = nlohmann::json::parse(OllamaBackend::build_chat_body(req, true));
+  EXPECT_EQ(body["model"], "x\"y");
+  EXPECT_EQ(body["messages"][0]["content"], "q\n\"uoted\"");
+  EXPECT_EQ(body["messages"][0]["name"], "n\"m");
+  EXPECT_EQ(body["stream"], true);
+  EXPECT_EQ(body["options"], (nlohmann::json{{"temperature", 0.25}, {"num_predict", 7}}));
+  EXPECT_EQ(body["stop"], nlohmann::json({"\n", "END"}));
 }
 
 }  // namespace

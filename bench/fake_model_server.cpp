@@ -4,10 +4,10 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <httplib.h>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <httplib.h>
 #include <string>
 
 int main(int argc, char** argv) {
@@ -36,18 +36,20 @@ int main(int argc, char** argv) {
           "application/json");
       return;
     }
-    res.set_chunked_content_provider("application/x-ndjson", [pieces](size_t, httplib::DataSink& sink) {
-      for (int i = 0; i < pieces; ++i) {
-        std::string line = R"({"model":"bench","message":{"role":"assistant","content":"word "},"done":false})"
-                           "\n";
-        if (!sink.write(line.data(), line.size())) return false;
-      }
-      std::string last = R"({"model":"bench","done":true,"done_reason":"stop"})"
-                         "\n";
-      sink.write(last.data(), last.size());
-      sink.done();
-      return true;
-    });
+    res.set_chunked_content_provider(
+        "application/x-ndjson", [pieces](size_t, httplib::DataSink& sink) {
+          for (int i = 0; i < pieces; ++i) {
+            std::string line =
+                R"({"model":"bench","message":{"role":"assistant","content":"word "},"done":false})"
+                "\n";
+            if (!sink.write(line.data(), line.size())) return false;
+          }
+          std::string last = R"({"model":"bench","done":true,"done_reason":"stop"})"
+                             "\n";
+          sink.write(last.data(), last.size());
+          sink.done();
+          return true;
+        });
   });
   static httplib::Server* instance = &server;
   std::signal(SIGTERM, [](int) { instance->stop(); });

@@ -79,6 +79,21 @@ size_t on_stream_data(char* data, size_t size, size_t n, void* user) {
   return bytes;
 }
 
+// The options every /api/chat POST shares. Returns the header list, which
+// the caller frees after the transfer (`url` and `payload` must outlive it too).
+curl_slist* prepare_chat_post(CURL* curl, const std::string& url, const std::string& payload,
+                              const char* accept) {
+  curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+  headers = curl_slist_append(headers, accept);
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, payload.c_str());
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
+  return headers;
+}
+
 }  // namespace
 
 struct OllamaBackend::Handle {
@@ -232,14 +247,7 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
     const std::string url = base_ + "/api/chat";
     const std::string payload = build_chat_body(req, false);
     std::string body;
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    headers = curl_slist_append(headers, "Accept: application/json");
-    curl_easy_setopt(h->curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(h->curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(h->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
-    curl_easy_setopt(h->curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDS, payload.c_str());
-    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
+    curl_slist* headers = prepare_chat_post(h->curl, url, payload, "Accept: application/json");
     curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, append_body);
     curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &body);
     CURLcode rc = curl_easy_perform(h->curl);
@@ -285,14 +293,7 @@ std::optional<InferenceError> OllamaBackend::stream(const ChatRequest& req, cons
     StreamState st;
     st.sink = &sink;
     st.model = req.model;
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    headers = curl_slist_append(headers, "Accept: application/x-ndjson");
-    curl_easy_setopt(h->curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(h->curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(h->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
-    curl_easy_setopt(h->curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDS, payload.c_str());
-    curl_easy_setopt(h->curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
+    curl_slist* headers = prepare_chat_post(h->curl, url, payload, "Accept: application/x-ndjson");
     curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, on_stream_data);
     curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &st);
     // The status is known before the first body byte: an error answer is

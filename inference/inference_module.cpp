@@ -405,7 +405,8 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     bool has_file = safe_model_path(fs::relative(file, model_dir_, ec).string()) &&
                     fs::is_regular_file(file, ec);
     bool known = false;
-    for (const auto& m : models_list_()["data"]) known = known || m["id"] == id;
+    const Json models = models_list_();  // named: a range over a temporary's member dangles
+    for (const auto& m : models["data"]) known = known || m["id"] == id;
     if (action.empty()) {
       if (!known && !has_file) {
         reply(res, {{"error", "not_found"}}, 404);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -123,6 +124,10 @@ class InferenceModule : public kernel::ModuleBase {
   Json models_list_() const;  // OpenAI list
   Json embeddings_(const Json& args, int& status) const;
   void handle_chat_(const Request& req, Response& res);
+  // Streams one chat as server-sent events: the role chunk, one chunk per
+  // piece, an "error" chunk on failure, then "data: [DONE]". Returns 0 on
+  // success, -1 on failure or when `write` reported the reader gone.
+  int stream_sse_(ChatRequest chat, const std::function<bool(std::string_view)>& write);
   void register_local_engine_backend_(const LocalBackend& b);
   Json runtime_config_json_() const;
   Json read_settings_() const;
@@ -321,35 +326,37 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   }
 
   res.content_type = "text/event-stream";
-  res.stream = [this, chat](const kernel::StreamWrite& write) {
-    const std::string id = "chatcmpl-ulvo-" + chat.request_id;
-    const std::int64_t created = kernel::unix_s();
-    const std::string model = chat.model;
-    if (!write(kernel::sse_event(chat_json::render_chunk(id, model, created, "", true, nullptr)))) {
-      return;
+  res.stream = [this, chat](const kernel::StreamWrite& write) { stream_sse_(chat, write); };
+}
+
+int InferenceModule::stream_sse_(ChatRequest chat,
+                                 const std::function<bool(std::string_view)>& write) {
+  if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
+  const std::string id = "chatcmpl-ulvo-" + chat.request_id;
+  const std::int64_t created = kernel::unix_s();
+  const std::string model = chat.model;
+  if (!write(kernel::sse_event(chat_json::render_chunk(id, model, created, "", true, nullptr)))) {
+    return -1;
+  }
+  bool gone = false;
+  auto err = engine_->stream(chat, [&](const ChatChunk& c) {
+    if (c.delta.empty() && !c.finish_reason) return true;
+    const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
+    gone = !write(kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
+                                                            created, c.delta, false, reason)));
+    return !gone;
+  });
+  if (gone) return -1;  // the reader left: nothing more to say
+  if (err) {
+    static const std::string kError = "error";
+    InferenceError shown = explain(*err);
+    if (!write(kernel::sse_event(
+            chat_json::render_chunk(id, model, created, "", false, &kError, &shown)))) {
+      return -1;
     }
-    bool client_gone = false;
-    auto err = engine_->stream(chat, [&](const ChatChunk& c) {
-      if (c.delta.empty() && !c.finish_reason) return true;
-      const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
-      if (!write(kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
-                                                           created, c.delta, false, reason)))) {
-        client_gone = true;
-        return false;
-      }
-      return true;
-    });
-    if (client_gone) return;
-    if (err) {
-      static const std::string kError = "error";
-      InferenceError shown = explain(*err);
-      if (!write(kernel::sse_event(
-              chat_json::render_chunk(id, model, created, "", false, &kError, &shown)))) {
-        return;
-      }
-    }
-    write("data: [DONE]\n\n");
-  };
+  }
+  write("data: [DONE]\n\n");
+  return err ? -1 : 0;
 }
 
 Json InferenceModule::read_settings_() const {
@@ -734,30 +741,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
             emit(kernel::sse_event(chat_json::render_error({400, error}).dump()));
             return -1;
           }
-          if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
-          const std::string id = "chatcmpl-ulvo-" + chat.request_id;
-          const std::int64_t created = kernel::unix_s();
-          if (!emit(kernel::sse_event(
-                  chat_json::render_chunk(id, chat.model, created, "", true, nullptr)))) {
-            return -1;
-          }
-          bool gone = false;
-          auto err = engine_->stream(chat, [&](const ChatChunk& c) {
-            if (c.delta.empty() && !c.finish_reason) return true;
-            const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
-            gone = !emit(kernel::sse_event(
-                chat_json::render_chunk(id, chat.model, created, c.delta, false, reason)));
-            return !gone;
-          });
-          if (gone) return -1;
-          if (err) {
-            static const std::string kError = "error";
-            InferenceError shown = explain(*err);
-            emit(kernel::sse_event(
-                chat_json::render_chunk(id, chat.model, created, "", false, &kError, &shown)));
-          }
-          emit("data: [DONE]\n\n");
-          return err ? -1 : 0;
+          return stream_sse_(std::move(chat), emit);
         } catch (const std::exception& e) {
           emit(kernel::sse_event(chat_json::render_error({500, e.what()}).dump()));
           return -1;

@@ -117,6 +117,28 @@ TEST_F(InferenceNode, ChatCompletionAndModels) {
                                                      chat_body(false, "echo").dump());
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(Json::parse(r.body)["choices"][0]["message"]["content"], "Echo: hi");
+
+  std::vector<std::string> events;
+  int status =
+      kernel_->syscalls().call_streaming(identity::kKernelSource, "inference.chat.stream",
+                                         chat_body(true, "echo").dump(), [&](std::string_view e) {
+                                           events.emplace_back(e);
+                                           return true;
+                                         });
+  EXPECT_EQ(status, 0);
+  ASSERT_GE(events.size(), 3u);
+  EXPECT_EQ(Json::parse(events.front().substr(6))["choices"][0]["delta"]["role"], "assistant");
+  EXPECT_EQ(events.back(), "data: [DONE]\n\n");
+  std::string text;
+  for (size_t i = 1; i + 1 < events.size(); ++i) {
+    text += Json::parse(events[i].substr(6))["choices"][0]["delta"]["content"].get<std::string>();
+  }
+  EXPECT_EQ(text, "Echo: hi");
+  // A reader that leaves after the first event ends the stream with -1.
+  EXPECT_EQ(kernel_->syscalls().call_streaming(identity::kKernelSource, "inference.chat.stream",
+                                               chat_body(true, "echo").dump(),
+                                               [](std::string_view) { return false; }),
+            -1);
 }
 
 TEST_F(InferenceNode, StreamsIncrementallyAndStopsUpstreamWhenTheClientLeaves) {

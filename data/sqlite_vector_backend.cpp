@@ -1,0 +1,369 @@
+#include "data/sqlite_vector_backend.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstring>
+#include <queue>
+#include <sstream>
+
+namespace ostrel::modules_data {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+constexpr const char* kScan =
+    "SELECT id, content, source, namespace_id, metadata, embedding, created_at, updated_at, "
+    "chunk_index, total_chunks FROM vectors";
+constexpr const char* kPrefilter =
+    "SELECT v.id, v.content, v.source, v.namespace_id, v.metadata, v.embedding, v.created_at, "
+    "v.updated_at, v.chunk_index, v.total_chunks FROM vectors v JOIN vectors_fts f ON f.rowid = "
+    "v.rowid WHERE vectors_fts MATCH ? LIMIT ";
+constexpr const char* kEmbeddings = "SELECT rowid, embedding FROM vectors";
+constexpr const char* kByRowid =
+    "SELECT id, content, source, namespace_id, metadata, embedding, created_at, updated_at, "
+    "chunk_index, total_chunks FROM vectors WHERE rowid = ?";
+
+// The one place scores are computed, for the scan and the decoded copy alike:
+// double precision with four partial sums, so both paths agree to the bit.
+double dot(const float* a, const float* b, std::size_t n) {
+  double s0 = 0, s1 = 0, s2 = 0, s3 = 0;
+  std::size_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    s0 += static_cast<double>(a[i]) * b[i];
+    s1 += static_cast<double>(a[i + 1]) * b[i + 1];
+    s2 += static_cast<double>(a[i + 2]) * b[i + 2];
+    s3 += static_cast<double>(a[i + 3]) * b[i + 3];
+  }
+  for (; i < n; ++i) s0 += static_cast<double>(a[i]) * b[i];
+  return (s0 + s1) + (s2 + s3);
+}
+
+double cosine(double dot_qr, double sumsq_q, double sumsq_r) {
+  return dot_qr / (std::sqrt(sumsq_r) * std::sqrt(sumsq_q));
+}
+
+std::string column_text(sqlite3_stmt* s, int i) {
+  const unsigned char* t = sqlite3_column_text(s, i);
+  return t ? std::string(reinterpret_cast<const char*>(t), sqlite3_column_bytes(s, i)) : "";
+}
+
+SearchHit hit_from_row(sqlite3_stmt* s, double score) {
+  SearchHit h;
+  h.id = column_text(s, 0);
+  h.content = column_text(s, 1);
+  h.source = column_text(s, 2);
+  h.namespace_id = column_text(s, 3);
+  std::string meta = column_text(s, 4);
+  if (!meta.empty()) {
+    Json j = Json::parse(meta, nullptr, false);
+    if (j.is_object()) h.metadata = std::move(j);
+  }
+  h.score = score;
+  h.created_at = sqlite3_column_int64(s, 6);
+  h.chunk_index = static_cast<std::int32_t>(sqlite3_column_int(s, 8));
+  h.total_chunks = static_cast<std::int32_t>(sqlite3_column_int(s, 9));
+  return h;
+}
+
+// Keeps the best k by score; a candidate displaces the current k-th best only
+// when strictly better, so earlier rows win ties.
+template <typename T>
+class TopK {
+ public:
+  explicit TopK(std::size_t k) : k_(k) {}
+  void offer(double score, T&& item) {
+    if (k_ == 0) return;
+    if (heap_.size() < k_) {
+      heap_.push_back({score, seq_++, std::move(item)});
+      std::push_heap(heap_.begin(), heap_.end(), worse_first);
+    } else if (score > heap_.front().score) {
+      std::pop_heap(heap_.begin(), heap_.end(), worse_first);
+      heap_.back() = {score, seq_++, std::move(item)};
+      std::push_heap(heap_.begin(), heap_.end(), worse_first);
+    }
+  }
+  bool full() const { return heap_.size() >= k_; }
+  double floor_score() const { return heap_.front().score; }
+  // Best first; equal scores in arrival order.
+  std::vector<T> take() {
+    std::sort(heap_.begin(), heap_.end(), [](const Entry& a, const Entry& b) {
+      return a.score != b.score ? a.score > b.score : a.seq < b.seq;
+    });
+    std::vector<T> out;
+    out.reserve(heap_.size());
+    for (auto& e : heap_) out.push_back(std::move(e.item));
+    return out;
+  }
+
+ private:
+  struct Entry {
+    double score;
+    std::uint64_t seq;
+    T item;
+  };
+  // Heap top = the worst kept entry (lowest score; among equals, the latest).
+  static bool worse_first(const Entry& a, const Entry& b) {
+    return a.score != b.score ? a.score > b.score : a.seq < b.seq;
+  }
+  std::size_t k_;
+  std::uint64_t seq_ = 0;
+  std::vector<Entry> heap_;
+};
+
+std::int64_t data_version(sqlite3* db) {
+  sqlite3_stmt* s = nullptr;
+  std::int64_t v = -1;
+  if (sqlite3_prepare_v2(db, "PRAGMA data_version", -1, &s, nullptr) == SQLITE_OK &&
+      sqlite3_step(s) == SQLITE_ROW) {
+    v = sqlite3_column_int64(s, 0);
+  }
+  sqlite3_finalize(s);
+  return v;
+}
+
+}  // namespace
+
+// A namespace's embeddings of one dimension, decoded: row-major floats, each
+// row's sum of squares, and the rowid to fetch the row's other columns.
+struct SqliteVectorBackend::Decoded {
+  std::size_t dim = 0;
+  std::int64_t version = -1;
+  std::int64_t file_size = -1;
+  std::vector<std::int64_t> rowids;
+  std::vector<float> values;
+  std::vector<double> sumsq;
+};
+
+SqliteVectorBackend::SqliteVectorBackend() = default;
+
+SqliteVectorBackend::~SqliteVectorBackend() {
+  for (auto& [path, db] : dbs_) sqlite3_close(db);
+}
+
+bool SqliteVectorBackend::initialize(const std::string& vectors_root,
+                                     const kernel::Logger& logger) {
+  log_ = std::make_unique<kernel::Logger>(logger);
+  root_ = vectors_root;
+  std::error_code ec;
+  fs::create_directories(root_, ec);
+  if (ec) {
+    log_->warn("sqlite_vector_backend: cannot create '" + vectors_root + "': " + ec.message());
+  }
+  ready_ = fs::is_directory(root_, ec);
+  if (ready_) {
+    log_->info("sqlite_vector_backend: ready at '" + vectors_root + "'");
+  } else {
+    log_->warn("sqlite_vector_backend: vectors_root '" + vectors_root +
+               "' is not a directory; backend disabled");
+  }
+  return ready_;
+}
+
+fs::path SqliteVectorBackend::db_path_(const std::string& tenant, const std::string& ns) const {
+  return root_ / (tenant.empty() ? ns + ".db" : tenant + "_" + ns + ".db");
+}
+
+sqlite3* SqliteVectorBackend::get_db_(const std::string& path) {
+  {
+    std::lock_guard lock(mu_);
+    auto it = dbs_.find(path);
+    if (it != dbs_.end()) return it->second;
+  }
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, nullptr) !=
+      SQLITE_OK) {
+    log_->warn("sqlite_vector_backend: open '" + path +
+               "' failed: " + (db ? sqlite3_errmsg(db) : "unknown"));
+    sqlite3_close(db);
+    return nullptr;
+  }
+  sqlite3_busy_timeout(db, 2000);
+  std::lock_guard lock(mu_);
+  auto [it, inserted] = dbs_.emplace(path, db);
+  if (!inserted) sqlite3_close(db);
+  return it->second;
+}
+
+std::string SqliteVectorBackend::fts_query(const std::string& text) {
+  std::string cleaned = text;
+  for (char& c : cleaned) {
+    unsigned char u = static_cast<unsigned char>(c);
+    c = (std::isalnum(u) || c == '-') ? static_cast<char>(std::tolower(u)) : ' ';
+  }
+  std::istringstream in(cleaned);
+  std::string token, out;
+  while (in >> token) {
+    if (token.size() < 2) continue;
+    if (!out.empty()) out += ' ';
+    out += '"' + token + '"';
+  }
+  return out;
+}
+
+std::shared_ptr<const SqliteVectorBackend::Decoded> SqliteVectorBackend::decoded_(
+    const std::string& path, sqlite3* db, std::size_t dim) {
+  const std::int64_t version = data_version(db);
+  std::error_code ec;
+  const auto size = static_cast<std::int64_t>(fs::file_size(path, ec));
+  {
+    std::lock_guard lock(cache_mu_);
+    auto it = cache_.find(path);
+    if (it != cache_.end() && it->second->dim == dim && it->second->version == version &&
+        it->second->file_size == size) {
+      return it->second;
+    }
+  }
+  auto d = std::make_shared<Decoded>();
+  d->dim = dim;
+  d->version = version;
+  d->file_size = size;
+  sqlite3_stmt* s = nullptr;
+  if (sqlite3_prepare_v2(db, kEmbeddings, -1, &s, nullptr) != SQLITE_OK) return nullptr;
+  while (sqlite3_step(s) == SQLITE_ROW) {
+    const void* blob = sqlite3_column_blob(s, 1);
+    const int bytes = sqlite3_column_bytes(s, 1);
+    if (!blob || bytes <= 0 || static_cast<std::size_t>(bytes) != dim * sizeof(float)) continue;
+    if (d->values.size() + dim > kMaxCachedFloats) {
+      sqlite3_finalize(s);
+      return nullptr;  // too large to hold: scan instead
+    }
+    const std::size_t at = d->values.size();
+    d->values.resize(at + dim);
+    std::memcpy(d->values.data() + at, blob, static_cast<std::size_t>(bytes));
+    d->rowids.push_back(sqlite3_column_int64(s, 0));
+    d->sumsq.push_back(dot(d->values.data() + at, d->values.data() + at, dim));
+  }
+  sqlite3_finalize(s);
+  std::lock_guard lock(cache_mu_);
+  cache_[path] = d;
+  return d;
+}
+
+std::vector<SearchHit> SqliteVectorBackend::search(const std::string& tenant, const std::string& ns,
+                                                   const std::vector<float>& query, std::int32_t k,
+                                                   double min_score, const std::string& text) {
+  if (!ready_ || query.empty() || k <= 0) return {};
+  const std::string path = db_path_(tenant, ns).string();
+  std::error_code ec;
+  if (!fs::exists(path, ec)) {
+    log_->warn("sqlite_vector_backend: search miss — no .db at '" + path + "'");
+    return {};
+  }
+  sqlite3* db = get_db_(path);
+  if (!db) return {};
+  const std::size_t dim = query.size();
+  const double qsq = dot(query.data(), query.data(), dim);
+  if (!(qsq > 0)) return {};
+
+  const std::string match = text.empty() ? std::string() : fts_query(text);
+  if (match.empty()) {
+    // Vector-only search over the decoded copy; hits are then read by rowid.
+    if (auto d = decoded_(path, db, dim)) {
+      TopK<std::size_t> best(static_cast<std::size_t>(k));
+      const std::size_t rows = d->rowids.size();
+      for (std::size_t r = 0; r < rows; ++r) {
+        if (!(d->sumsq[r] > 0)) continue;
+        const double score =
+            cosine(dot(query.data(), d->values.data() + r * dim, dim), qsq, d->sumsq[r]);
+        if (score < min_score) continue;
+        std::size_t row = r;
+        best.offer(score, std::move(row));
+      }
+      std::vector<SearchHit> hits;
+      sqlite3_stmt* s = nullptr;
+      if (sqlite3_prepare_v2(db, kByRowid, -1, &s, nullptr) != SQLITE_OK) return {};
+      for (std::size_t r : best.take()) {
+        sqlite3_reset(s);
+        sqlite3_bind_int64(s, 1, d->rowids[r]);
+        if (sqlite3_step(s) != SQLITE_ROW) continue;  // deleted since the copy was made
+        const double score =
+            cosine(dot(query.data(), d->values.data() + r * dim, dim), qsq, d->sumsq[r]);
+        hits.push_back(hit_from_row(s, score));
+      }
+      sqlite3_finalize(s);
+      return hits;
+    }
+  }
+
+  sqlite3_stmt* s = nullptr;
+  if (!match.empty()) {
+    const std::string sql = kPrefilter + std::to_string(std::max(20 * k, 50));
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK) {
+      sqlite3_bind_text(s, 1, match.c_str(), -1, SQLITE_TRANSIENT);
+    } else {
+      log_->warn(std::string("sqlite_vector_backend: FTS prefilter prepare failed (") +
+                 sqlite3_errmsg(db) + "); falling back to full scan");
+      s = nullptr;
+    }
+  }
+  if (!s && sqlite3_prepare_v2(db, kScan, -1, &s, nullptr) != SQLITE_OK) {
+    log_->warn(std::string("sqlite_vector_backend: prepare failed: ") + sqlite3_errmsg(db));
+    sqlite3_finalize(s);
+    return {};
+  }
+  TopK<SearchHit> best(static_cast<std::size_t>(k));
+  std::vector<float> row(dim);
+  int rc;
+  while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+    const void* blob = sqlite3_column_blob(s, 5);
+    const int bytes = sqlite3_column_bytes(s, 5);
+    if (!blob || bytes <= 0 || static_cast<std::size_t>(bytes) != dim * sizeof(float)) continue;
+    std::memcpy(row.data(), blob, static_cast<std::size_t>(bytes));
+    const double rsq = dot(row.data(), row.data(), dim);
+    if (!(rsq > 0)) continue;
+    const double score = cosine(dot(query.data(), row.data(), dim), qsq, rsq);
+    if (score < min_score) continue;
+    if (best.full() && !(score > best.floor_score())) continue;  // cannot enter: skip decoding
+    best.offer(score, hit_from_row(s, score));
+  }
+  if (rc != SQLITE_DONE) {
+    log_->warn(std::string("sqlite_vector_backend: step ended with ") + sqlite3_errmsg(db));
+  }
+  sqlite3_finalize(s);
+  return best.take();
+}
+
+std::vector<NamespaceInfo> SqliteVectorBackend::list_namespaces(const std::string& tenant_filter) {
+  std::vector<NamespaceInfo> out;
+  if (!ready_) return out;
+  const std::string prefix = tenant_filter.empty() ? "" : tenant_filter + "_";
+  std::error_code ec;
+  for (fs::directory_iterator it(root_, ec), end; !ec && it != end; it.increment(ec)) {
+    std::error_code type_ec;
+    if (!it->is_regular_file(type_ec)) continue;
+    const std::string name = it->path().filename().string();
+    if (name.size() < 4 || name.compare(name.size() - 3, 3, ".db") != 0) continue;
+    if (!prefix.empty() && name.rfind(prefix, 0) != 0) continue;
+    const size_t us = name.find('_');
+    if (us == std::string::npos) continue;
+    NamespaceInfo info;
+    info.tenant = name.substr(0, us);
+    info.name = name.substr(us + 1, name.size() - 3 - us - 1);
+    info.db_path = it->path().string();
+    std::error_code size_ec;
+    auto size = fs::file_size(it->path(), size_ec);
+    info.size_bytes = size_ec ? 0 : size;
+    sqlite3* db = get_db_(info.db_path);
+    if (!db) continue;
+    sqlite3_stmt* s = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM vectors", -1, &s, nullptr) == SQLITE_OK &&
+        sqlite3_step(s) == SQLITE_ROW) {
+      info.document_count = sqlite3_column_int64(s, 0);
+    }
+    sqlite3_finalize(s);
+    if (info.document_count != 0 &&
+        sqlite3_prepare_v2(db, "SELECT embedding FROM vectors WHERE embedding IS NOT NULL LIMIT 1",
+                           -1, &s, nullptr) == SQLITE_OK) {
+      if (sqlite3_step(s) == SQLITE_ROW) info.embedding_dim = sqlite3_column_bytes(s, 0) / 4;
+      sqlite3_finalize(s);
+    }
+    out.push_back(std::move(info));
+  }
+  return out;
+}
+
+}  // namespace ostrel::modules_data

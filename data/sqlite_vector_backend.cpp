@@ -182,6 +182,9 @@ sqlite3* SqliteVectorBackend::get_db_(const std::string& path) {
     return nullptr;
   }
   sqlite3_busy_timeout(db, 2000);
+  // Reading embeddings through a mapping instead of one read() per page is
+  // several times faster for a full scan.
+  sqlite3_exec(db, "PRAGMA mmap_size=1073741824", nullptr, nullptr, nullptr);
   std::lock_guard lock(mu_);
   auto [it, inserted] = dbs_.emplace(path, db);
   if (!inserted) sqlite3_close(db);

@@ -59,8 +59,8 @@ class SqliteVectorBackend {
 
   // The prefilter's MATCH expression for a text query ("" when no token is left).
   static std::string fts_query(const std::string& text);
-  // Rows larger than this many floats in all are not cached (scanned instead).
-  static constexpr std::size_t kMaxCachedFloats = 256ull * 1024 * 1024 / 4;
+  // Namespaces holding more floats than this are scanned instead of copied.
+  static constexpr std::size_t kMaxCachedFloats = 1024ull * 1024 * 1024 / 4;
 
  private:
   struct Decoded;

@@ -30,8 +30,13 @@ run: build
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
+# Every benchmark, each printing its figure as a ratio to a same-run baseline.
 bench: build
 	@bash bench/run.sh $(BUILD_DIR)
+	@bash bench/inference_overhead.sh $(BUILD_DIR)
+	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench; do \
+	  $(BUILD_DIR)/bench/$$b; \
+	done
 
 # ASan+UBSan (SANITIZE=address) or TSan (SANITIZE=thread) build of the tests.
 SANITIZE ?= address

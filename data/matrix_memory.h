@@ -124,6 +124,7 @@ class MatrixMemory {
   std::int64_t last_checkpoint_ = 0;
   std::uint64_t wal_seq_ = 0;
   std::uint64_t wal_size_ = 0;
+  int wal_fd_ = -1;  // the open write-ahead log, or -1
   struct RecentWrite {
     std::vector<float> key;
     std::vector<float> value;

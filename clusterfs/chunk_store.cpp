@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include "identity/encoding.h"
 
@@ -64,49 +65,77 @@ bool ChunkStore::put(const void* data, std::size_t length, std::string& chunk_id
     error = "empty chunk rejected";
     return false;
   }
-  const std::string id = hash(data, length);
-  const fs::path path = path_for_(id);
+  // Small chunks are hashed first so that a duplicate costs no write. Large
+  // ones are written to a temporary file in the root first and hashed while
+  // that file is flushed to disk: flush and hash take turns otherwise.
+  const bool overlap = length >= kOverlapThreshold;
+  std::string id;
+  fs::path final_path;
   std::error_code ec;
-  if (fs::exists(path, ec)) {
-    dedup_hits_.fetch_add(1);
-    chunk_id = id;
-    return true;
+  if (!overlap) {
+    id = hash(data, length);
+    final_path = path_for_(id);
+    if (fs::exists(final_path, ec)) {
+      dedup_hits_.fetch_add(1);
+      chunk_id = id;
+      return true;
+    }
   }
-  fs::create_directories(path.parent_path(), ec);
+  const fs::path tmp_dir = overlap ? root_ : final_path.parent_path();
+  fs::create_directories(tmp_dir, ec);
   if (ec) {
-    error = "mkdir " + path.parent_path().string() + ": " + ec.message();
+    error = "mkdir " + tmp_dir.string() + ": " + ec.message();
     return false;
   }
-  fs::path tmp = path;
-  tmp += "." + std::to_string(temp_suffix()) + ".tmp";
+  fs::path tmp = tmp_dir / ("." + std::to_string(temp_suffix()) + ".tmp");
   int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) {
     error = "open tmp " + tmp.string() + ": " + errno_text();
     return false;
   }
+  auto discard = [&](const std::string& why) {
+    error = why;
+    ::unlink(tmp.c_str());
+    return false;
+  };
   const char* p = static_cast<const char*>(data);
   std::size_t done = 0;
   while (done < length) {
     ssize_t n = ::write(fd, p + done, length - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      error = "write tmp " + tmp.string() + ": " + errno_text();
+      std::string why = "write tmp " + tmp.string() + ": " + errno_text();
       ::close(fd);
-      ::unlink(tmp.c_str());
-      return false;
+      return discard(why);
     }
     done += static_cast<std::size_t>(n);
   }
   // On disk before it becomes visible: an acknowledged put survives a crash.
-  if (::fdatasync(fd) != 0 || ::close(fd) != 0) {
-    error = "write tmp " + tmp.string() + ": " + errno_text();
-    ::unlink(tmp.c_str());
-    return false;
+  int sync_errno = 0;
+  if (overlap) {
+    std::thread syncer([&] { sync_errno = ::fdatasync(fd) == 0 ? 0 : errno; });
+    id = hash(data, length);
+    syncer.join();
+    final_path = path_for_(id);
+  } else if (::fdatasync(fd) != 0) {
+    sync_errno = errno;
   }
-  if (::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = std::string("rename failed: ") + errno_text();
-    ::unlink(tmp.c_str());
-    return false;
+  if (::close(fd) != 0 && sync_errno == 0) sync_errno = errno;
+  if (sync_errno != 0) {
+    return discard("write tmp " + tmp.string() + ": " + std::strerror(sync_errno));
+  }
+  if (overlap) {
+    if (fs::exists(final_path, ec)) {
+      ::unlink(tmp.c_str());
+      dedup_hits_.fetch_add(1);
+      chunk_id = id;
+      return true;
+    }
+    fs::create_directories(final_path.parent_path(), ec);
+    if (ec) return discard("mkdir " + final_path.parent_path().string() + ": " + ec.message());
+  }
+  if (::rename(tmp.c_str(), final_path.c_str()) != 0) {
+    return discard(std::string("rename failed: ") + errno_text());
   }
   written_.fetch_add(1);
   chunk_id = id;

@@ -16,6 +16,8 @@ namespace ostrel::clusterfs {
 class ChunkStore {
  public:
   static constexpr std::size_t kMaxChunkBytes = 64ull * 1024 * 1024;
+  // From this size on, hashing overlaps the flush to disk.
+  static constexpr std::size_t kOverlapThreshold = 256 * 1024;
 
   explicit ChunkStore(std::filesystem::path root);
 

@@ -138,19 +138,26 @@ bool TenantRegistry::apply_update_locked_(Tenant& t, const Json& fields, Json& c
   return true;
 }
 
-bool TenantRegistry::update_metadata(const std::string& id, const Json& fields,
-                                     std::string& error) {
-  std::lock_guard lock(mu_);
+Tenant* TenantRegistry::changeable_locked_(const std::string& id, const char* when_terminating,
+                                           std::string& error) {
   auto it = tenants_.find(id);
   if (it == tenants_.end()) {
     error = "not_found";
-    return false;
+    return nullptr;
   }
   if (it->second.state == "terminating") {
-    error = "terminating_immutable";
-    return false;
+    error = when_terminating;
+    return nullptr;
   }
-  Tenant updated = it->second;
+  return &it->second;
+}
+
+bool TenantRegistry::update_metadata(const std::string& id, const Json& fields,
+                                     std::string& error) {
+  std::lock_guard lock(mu_);
+  Tenant* current = changeable_locked_(id, "terminating_immutable", error);
+  if (!current) return false;
+  Tenant updated = *current;
   Json changed = Json::object();
   if (!apply_update_locked_(updated, fields, changed, error)) return false;
   if (!journal_.replaying()) updated.updated_at_ms = kernel::unix_ms();
@@ -161,7 +168,7 @@ bool TenantRegistry::update_metadata(const std::string& id, const Json& fields,
     error = "journal_write_failed";
     return false;
   }
-  it->second = std::move(updated);
+  *current = std::move(updated);
   return true;
 }
 
@@ -172,23 +179,16 @@ bool TenantRegistry::transition(const std::string& id, const std::string& new_st
     return false;
   }
   std::lock_guard lock(mu_);
-  auto it = tenants_.find(id);
-  if (it == tenants_.end()) {
-    error = "not_found";
-    return false;
-  }
-  if (it->second.state == "terminating") {
-    error = "terminating_terminal";
-    return false;
-  }
-  std::int64_t stamp = journal_.replaying() ? it->second.updated_at_ms : kernel::unix_ms();
+  Tenant* current = changeable_locked_(id, "terminating_terminal", error);
+  if (!current) return false;
+  std::int64_t stamp = journal_.replaying() ? current->updated_at_ms : kernel::unix_ms();
   if (!journal_.append(Json{
           {"op", "transition"}, {"id", id}, {"new_state", new_state}, {"updated_at_ms", stamp}})) {
     error = "journal_write_failed";
     return false;
   }
-  it->second.state = new_state;
-  it->second.updated_at_ms = stamp;
+  current->state = new_state;
+  current->updated_at_ms = stamp;
   return true;
 }
 

@@ -64,6 +64,10 @@ class TenantRegistry {
   const std::filesystem::path& journal_path() const { return journal_.path(); }
 
  private:
+  // The tenant, or null with "not_found" or `when_terminating` in `error`.
+  // REQUIRES: mu_ is held.
+  Tenant* changeable_locked_(const std::string& id, const char* when_terminating,
+                             std::string& error);
   bool apply_update_locked_(Tenant& t, const nlohmann::json& fields, nlohmann::json& changed,
                             std::string& error);
 

@@ -62,6 +62,21 @@ std::vector<float> projected(const std::vector<float>& v, std::size_t d) {
   return out;
 }
 
+// Dot product of one matrix row with an expanded key, with four independent
+// partial sums so that the compiler keeps four lanes busy.
+inline float row_dot(const float* row, const float* k, std::size_t r) {
+  float s0 = 0, s1 = 0, s2 = 0, s3 = 0;
+  std::size_t j = 0;
+  for (; j + 4 <= r; j += 4) {
+    s0 += row[j] * k[j];
+    s1 += row[j + 1] * k[j + 1];
+    s2 += row[j + 2] * k[j + 2];
+    s3 += row[j + 3] * k[j + 3];
+  }
+  for (; j < r; ++j) s0 += row[j] * k[j];
+  return (s0 + s1) + (s2 + s3);
+}
+
 std::uint64_t block_count(std::int64_t elements) {
   return elements <= 0 ? 0 : static_cast<std::uint64_t>((elements + 16382) / 16383);
 }
@@ -367,21 +382,7 @@ std::vector<float> MatrixMemory::matVecMultiply(const std::vector<float>& key) c
   std::vector<float> k(r);
   for (std::size_t j = 0; j < r; ++j) k[j] = key[j % key.size()];
   std::vector<float> y(d, 0.0f);
-  for (std::size_t i = 0; i < d; ++i) {
-    const float* row = matrix_.data() + i * r;
-    // Four independent partial sums, so that the compiler can keep four
-    // lanes busy instead of waiting on one running sum.
-    float s0 = 0, s1 = 0, s2 = 0, s3 = 0;
-    std::size_t j = 0;
-    for (; j + 4 <= r; j += 4) {
-      s0 += row[j] * k[j];
-      s1 += row[j + 1] * k[j + 1];
-      s2 += row[j + 2] * k[j + 2];
-      s3 += row[j + 3] * k[j + 3];
-    }
-    for (; j < r; ++j) s0 += row[j] * k[j];
-    y[i] = (s0 + s1) + (s2 + s3);
-  }
+  for (std::size_t i = 0; i < d; ++i) y[i] = row_dot(matrix_.data() + i * r, k.data(), r);
   return y;
 }
 
@@ -495,18 +496,34 @@ bool MatrixMemory::store(const std::vector<float>& key_in, const std::vector<flo
 }
 
 void MatrixMemory::measure_saturation_locked_() {
+  // M·key for every recent write in one pass over the matrix: each row is
+  // read once for all keys instead of once per key. Same arithmetic as
+  // matVecMultiply, so the values are identical.
+  const std::size_t d = static_cast<std::size_t>(dim_), r = static_cast<std::size_t>(rank_);
+  const std::size_t n = recent_writes_.size();
+  std::vector<float> keys(n * r), ys(n * d);
+  for (std::size_t w = 0; w < n; ++w) {
+    const std::vector<float>& key = recent_writes_[w].key;
+    for (std::size_t j = 0; j < r; ++j) keys[w * r + j] = key[j % key.size()];
+  }
+  for (std::size_t i = 0; i < d; ++i) {
+    const float* row = matrix_.data() + i * r;
+    for (std::size_t w = 0; w < n; ++w) ys[w * d + i] = row_dot(row, keys.data() + w * r, r);
+  }
   double sum = 0;
   int counted = 0;
-  for (const auto& w : recent_writes_) {
-    std::vector<float> y = matVecMultiply(w.key);
+  for (std::size_t w = 0; w < n; ++w) {
+    std::vector<float> y(ys.begin() + static_cast<std::ptrdiff_t>(w * d),
+                         ys.begin() + static_cast<std::ptrdiff_t>((w + 1) * d));
     if (norm(y) < 1e-8f) continue;
     y = normalised(y);
     ++counted;
-    const float vn = norm(w.value);
+    const std::vector<float>& value = recent_writes_[w].value;
+    const float vn = norm(value);
     if (vn > 1e-8f) {
       float dotp = 0;
-      const std::size_t n = std::min(y.size(), w.value.size());
-      for (std::size_t i = 0; i < n; ++i) dotp += y[i] * w.value[i];
+      const std::size_t m = std::min(y.size(), value.size());
+      for (std::size_t i = 0; i < m; ++i) dotp += y[i] * value[i];
       sum += 1.0 - dotp / vn;
     }
   }

@@ -496,19 +496,26 @@ bool MatrixMemory::store(const std::vector<float>& key_in, const std::vector<flo
 }
 
 void MatrixMemory::measure_saturation_locked_() {
-  // M·key for every recent write in one pass over the matrix: each row is
-  // read once for all keys instead of once per key. Same arithmetic as
-  // matVecMultiply, so the values are identical.
+  // M·key for every recent write in one pass over the matrix. The keys are
+  // laid out transposed (component-major), so the innermost loop runs over
+  // the writes with no dependency between lanes and vectorises fully. The
+  // sums are those of matVecMultiply up to rounding order.
   const std::size_t d = static_cast<std::size_t>(dim_), r = static_cast<std::size_t>(rank_);
   const std::size_t n = recent_writes_.size();
-  std::vector<float> keys(n * r), ys(n * d);
+  std::vector<float> keys_t(r * n), acc(n), ys(n * d);
   for (std::size_t w = 0; w < n; ++w) {
     const std::vector<float>& key = recent_writes_[w].key;
-    for (std::size_t j = 0; j < r; ++j) keys[w * r + j] = key[j % key.size()];
+    for (std::size_t j = 0; j < r; ++j) keys_t[j * n + w] = key[j % key.size()];
   }
   for (std::size_t i = 0; i < d; ++i) {
     const float* row = matrix_.data() + i * r;
-    for (std::size_t w = 0; w < n; ++w) ys[w * d + i] = row_dot(row, keys.data() + w * r, r);
+    std::fill(acc.begin(), acc.end(), 0.0f);
+    for (std::size_t j = 0; j < r; ++j) {
+      const float m = row[j];
+      const float* kt = keys_t.data() + j * n;
+      for (std::size_t w = 0; w < n; ++w) acc[w] += m * kt[w];
+    }
+    for (std::size_t w = 0; w < n; ++w) ys[w * d + i] = acc[w];
   }
   double sum = 0;
   int counted = 0;

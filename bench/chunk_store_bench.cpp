@@ -71,7 +71,7 @@ void BM_ChunkStorePut(benchmark::State& state) {
   fs::remove_all(store_dir);
 }
 
-BENCHMARK(BM_ChunkStorePut)->Iterations(300)->UseRealTime();
+BENCHMARK(BM_ChunkStorePut)->Iterations(1000)->UseRealTime();
 
 }  // namespace
 

@@ -549,7 +549,8 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       reply(res, {{"error", "invalid_scheme"}, {"detail", "http or https only"}}, 400);
       return;
     }
-    std::string filename = body.value("filename", "");
+    auto name_field = body.value("filename", Json(""));
+    std::string filename = name_field.is_string() ? name_field.get<std::string>() : "";
     if (filename.empty()) {
       std::string path = u.substr(0, u.find_first_of("?#"));
       filename = path.substr(path.find_last_of('/') + 1);

@@ -308,7 +308,14 @@ void Kernel::register_identity_routes_() {
     if (!parse_object_body(req, res, body) || !require_admin(req, res)) return;
     Tenant created;
     std::string error;
-    if (!create_tenant(tenants_, rbac_, issuer_, body, created, error)) {
+    bool ok = false;
+    try {
+      ok = create_tenant(tenants_, rbac_, issuer_, body, created, error);
+    } catch (const Json::type_error& e) {
+      fail(res, 400, {{"error", "invalid_field"}, {"message", e.what()}});
+      return;
+    }
+    if (!ok) {
       fail(res, error == "already_exists" ? 409 : 400, {{"error", error}});
       return;
     }
@@ -399,40 +406,46 @@ void Kernel::register_identity_routes_() {
     }
     if (!require_admin(req, res)) return;
     bool ok = false;
-    if (rest == "state") {
-      ok = tenants_.transition(id, body.value("state", ""), error);
-      if (ok) auth_cache_.clear();
-    } else if (rest == "roles") {
-      identity::Role role;
-      role.tenant = id;
-      role.id = body.value("id", "");
-      role.display_name = body.value("display_name", role.id);
-      if (body.contains("permissions") &&
-          !read_string_list(body, "permissions", role.permissions)) {
-        fail(res, 400, {{"error", "permissions must be an array of strings"}});
+    try {
+      if (rest == "state") {
+        ok = tenants_.transition(id, body.value("state", ""), error);
+        if (ok) auth_cache_.clear();
+      } else if (rest == "roles") {
+        identity::Role role;
+        role.tenant = id;
+        role.id = body.value("id", "");
+        role.display_name = body.value("display_name", role.id);
+        if (body.contains("permissions") &&
+            !read_string_list(body, "permissions", role.permissions)) {
+          fail(res, 400, {{"error", "permissions must be an array of strings"}});
+          return;
+        }
+        ok = rbac_.create_role(role, error);
+      } else if (rest == "users") {
+        identity::User user;
+        user.tenant = id;
+        user.id = body.value("id", "");
+        user.display_name = body.value("display_name", user.id);
+        user.state = body.value("state", "active");
+        if (body.contains("role_ids") && !read_string_list(body, "role_ids", user.role_ids)) {
+          fail(res, 400, {{"error", "role_ids must be an array of strings"}});
+          return;
+        }
+        ok = rbac_.create_user(user, error);
+      } else if (rest.rfind("users/", 0) == 0 && rest.size() > 12 &&
+                 rest.compare(rest.size() - 6, 6, "/roles") == 0) {
+        std::string user_id = rest.substr(6, rest.size() - 12);
+        std::string role_id = body.value("role_id", "");
+        ok = body.value("action", "assign") == "unassign"
+                 ? rbac_.unassign_role(id, user_id, role_id, error)
+                 : rbac_.assign_role(id, user_id, role_id, error);
+      } else {
+        fail(res, 404, {{"error", "not_found"}, {"path", req.path}});
         return;
       }
-      ok = rbac_.create_role(role, error);
-    } else if (rest == "users") {
-      identity::User user;
-      user.tenant = id;
-      user.id = body.value("id", "");
-      user.display_name = body.value("display_name", user.id);
-      user.state = body.value("state", "active");
-      if (body.contains("role_ids") && !read_string_list(body, "role_ids", user.role_ids)) {
-        fail(res, 400, {{"error", "role_ids must be an array of strings"}});
-        return;
-      }
-      ok = rbac_.create_user(user, error);
-    } else if (rest.rfind("users/", 0) == 0 && rest.size() > 12 &&
-               rest.compare(rest.size() - 6, 6, "/roles") == 0) {
-      std::string user_id = rest.substr(6, rest.size() - 12);
-      std::string role_id = body.value("role_id", "");
-      ok = body.value("action", "assign") == "unassign"
-               ? rbac_.unassign_role(id, user_id, role_id, error)
-               : rbac_.assign_role(id, user_id, role_id, error);
-    } else {
-      fail(res, 404, {{"error", "not_found"}, {"path", req.path}});
+    } catch (const Json::type_error& e) {
+      // A member of the wrong type (a number where a name belongs, …).
+      fail(res, 400, {{"error", "invalid_field"}, {"message", e.what()}});
       return;
     }
     if (!ok) {

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <mutex>
-#include <thread>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "identity/node_token.h"
 #include "tests/kernel/test_modules.h"
@@ -418,6 +418,11 @@ TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
       post(port, "/api/v1/tenants", {{"id", "acme"}, {"quotas", {{"tokens_per_day", 100}}}}, 201);
   EXPECT_EQ(created["tenant"]["tokens_per_day"], 100);
   post(port, "/api/v1/tenants", {{"id", "acme"}}, 409);
+  // Members of the wrong type are refused with 400, not a server error.
+  EXPECT_EQ(post(port, "/api/v1/tenants", {{"id", "typo"}, {"display_name", 5}}, 400)["error"],
+            "invalid_field");
+  EXPECT_EQ(post(port, "/api/v1/tenants/acme/users", {{"id", 7}}, 400)["error"], "invalid_field");
+  EXPECT_EQ(post(port, "/api/v1/tenants", {{"id", 42}}, 400)["error"], "missing id");
   post(port, "/api/v1/tenants/acme/users", {{"id", "alice"}, {"role_ids", {"viewer"}}}, 200);
   EXPECT_EQ(post(port, "/api/v1/tenants/acme/users", {{"id", "bob"}, {"role_ids", {"nope"}}},
                  400)["error"],

@@ -7,6 +7,7 @@
 
 #include "kernel/clock.h"
 #include "kernel/journal.h"
+#include "kernel/json_body.h"
 #include "kernel/types.h"
 
 namespace ostrel::identity {
@@ -14,22 +15,12 @@ namespace {
 
 using Json = nlohmann::json;
 
-std::vector<std::string> strings_of(const Json& j, const char* key) {
-  std::vector<std::string> out;
-  if (auto v = j.find(key); v != j.end() && v->is_array()) {
-    for (const auto& e : *v) {
-      if (e.is_string()) out.push_back(e);
-    }
-  }
-  return out;
-}
-
 Role role_from_json(const Json& j) {
   Role r;
   r.tenant = j.value("tenant", "");
   r.id = j.value("id", "");
   r.display_name = j.value("display_name", "");
-  r.permissions = strings_of(j, "permissions");
+  r.permissions = kernel::string_list(j, "permissions");
   r.created_at_ms = j.value("created_at_ms", std::int64_t{0});
   return r;
 }
@@ -41,7 +32,7 @@ User user_from_json(const Json& j) {
   u.display_name = j.value("display_name", "");
   u.state = j.value("state", "active");
   u.created_at_ms = j.value("created_at_ms", std::int64_t{0});
-  u.role_ids = strings_of(j, "role_ids");
+  u.role_ids = kernel::string_list(j, "role_ids");
   return u;
 }
 
@@ -317,7 +308,7 @@ std::size_t RBAC::replay_journal() {
     if (op == "role_create" && r.contains("role"))
       return create_role(role_from_json(r["role"]), error);
     if (op == "role_perms")
-      return set_role_permissions(tenant, role_id, strings_of(r, "permissions"), error);
+      return set_role_permissions(tenant, role_id, kernel::string_list(r, "permissions"), error);
     if (op == "role_delete") return delete_role(tenant, role_id, error);
     if (op == "user_create" && r.contains("user"))
       return create_user(user_from_json(r["user"]), error);

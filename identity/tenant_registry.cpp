@@ -6,6 +6,7 @@
 
 #include "kernel/clock.h"
 #include "kernel/journal.h"
+#include "kernel/json_body.h"
 
 namespace ostrel::identity {
 namespace {
@@ -36,11 +37,7 @@ Tenant tenant_from_json(const Json& j) {
   t.created_at_ms = j.value("created_at_ms", std::int64_t{0});
   t.updated_at_ms = j.value("updated_at_ms", std::int64_t{0});
   t.notes = j.value("notes", "");
-  if (auto c = j.find("admin_contacts"); c != j.end() && c->is_array()) {
-    for (const auto& e : *c) {
-      if (e.is_string()) t.admin_contacts.push_back(e);
-    }
-  }
+  t.admin_contacts = kernel::string_list(j, "admin_contacts");
   for (const char* name : kQuotaNames) {
     if (auto q = j.find(name); q != j.end() && q->is_number_integer()) {
       *quota_slot(t.quotas, name) = q->get<std::int64_t>();

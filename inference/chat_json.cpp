@@ -124,6 +124,15 @@ bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::stri
   return true;
 }
 
+bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std::string& error) {
+  Json j = text.empty() ? Json::object() : Json::parse(text, nullptr, false);
+  if (j.is_discarded()) {
+    error = "invalid JSON body";
+    return false;
+  }
+  return parse_chat_request(j, out, stream, error);
+}
+
 // The completion and chunk texts are written directly: they are produced for
 // every request (and every streamed piece), where a JSON tree costs several
 // times the text.

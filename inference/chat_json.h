@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 
 #include "inference/types.h"
 
@@ -14,6 +15,10 @@ namespace ostrel::inference::chat_json {
 // value of the wrong type.
 bool parse_chat_request(const nlohmann::json& j, ChatRequest& out, bool& stream,
                         std::string& error);
+
+// The same from request text (an empty text counts as {}); text that is not
+// JSON fails with "invalid JSON body".
+bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std::string& error);
 
 // JSON texts.
 std::string render_completion(const ChatResponse& resp, std::int64_t created);

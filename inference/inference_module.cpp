@@ -298,13 +298,11 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
 }
 
 void InferenceModule::handle_chat_(const Request& req, Response& res) {
-  Json body = req.body.empty() ? Json::object() : Json::parse(req.body, nullptr, false);
   ChatRequest chat;
   bool stream = false;
   std::string error;
-  if (body.is_discarded() || !chat_json::parse_chat_request(body, chat, stream, error)) {
-    reply(res, chat_json::render_error({400, body.is_discarded() ? "invalid JSON body" : error}),
-          400);
+  if (!chat_json::parse_chat_text(req.body, chat, stream, error)) {
+    reply(res, chat_json::render_error({400, error}), 400);
     return;
   }
   std::string session = req.header("X-Session-Id");
@@ -360,11 +358,8 @@ int InferenceModule::stream_sse_(ChatRequest chat,
 }
 
 Json InferenceModule::read_settings_() const {
-  std::ifstream in(config_dir_ / "inference.json");
-  if (!in) return Json::object();
-  std::stringstream buf;
-  buf << in.rdbuf();
-  Json j = Json::parse(buf.str(), nullptr, false);
+  bool opened = false;
+  Json j = kernel::read_json_file(config_dir_ / "inference.json", opened);
   return j.is_object() ? j : Json::object();
 }
 
@@ -709,36 +704,32 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
     return out.is_object();
   };
 
-  table.register_syscall(
-      kInferenceSource, "inference.chat", [this, parse_args](std::string_view a) {
-        try {
-          Json args;
-          ChatRequest chat;
-          bool stream = false;
-          std::string error;
-          if (!parse_args(a, args) || !chat_json::parse_chat_request(args, chat, stream, error)) {
-            return kernel::SyscallResult{
-                -1, chat_json::render_error({400, error.empty() ? "invalid JSON" : error}).dump()};
-          }
-          ChatResponse resp;
-          if (auto err = engine_->complete(chat, resp)) {
-            return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
-          }
-          return kernel::SyscallResult::ok(chat_json::render_completion(resp, kernel::unix_s()));
-        } catch (const std::exception& e) {
-          return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
-        }
-      });
+  table.register_syscall(kInferenceSource, "inference.chat", [this](std::string_view a) {
+    try {
+      ChatRequest chat;
+      bool stream = false;
+      std::string error;
+      if (!chat_json::parse_chat_text(a, chat, stream, error)) {
+        return kernel::SyscallResult{-1, chat_json::render_error({400, error}).dump()};
+      }
+      ChatResponse resp;
+      if (auto err = engine_->complete(chat, resp)) {
+        return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
+      }
+      return kernel::SyscallResult::ok(chat_json::render_completion(resp, kernel::unix_s()));
+    } catch (const std::exception& e) {
+      return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
+    }
+  });
 
   table.register_streaming_syscall(
       kInferenceSource, "inference.chat.stream",
-      [this, parse_args](std::string_view a, kernel::SyscallEmit emit) -> int {
+      [this](std::string_view a, kernel::SyscallEmit emit) -> int {
         try {
-          Json args;
           ChatRequest chat;
           bool stream = false;
           std::string error;
-          if (!parse_args(a, args) || !chat_json::parse_chat_request(args, chat, stream, error)) {
+          if (!chat_json::parse_chat_text(a, chat, stream, error)) {
             emit(kernel::sse_event(chat_json::render_error({400, error}).dump()));
             return -1;
           }

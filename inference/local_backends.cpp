@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "kernel/journal.h"
+#include "kernel/json_body.h"
 
 namespace ostrel::inference {
 
@@ -58,15 +59,6 @@ bool local_backend_from_json(const Json& j, LocalBackend& out, std::string& erro
     auto it = j.find(key);
     return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
   };
-  auto list = [&](const char* key) {
-    std::vector<std::string> v;
-    if (auto it = j.find(key); it != j.end() && it->is_array()) {
-      for (const auto& e : *it) {
-        if (e.is_string()) v.push_back(e);
-      }
-    }
-    return v;
-  };
   if (!j.is_object()) {
     error = "missing id / provider / api_base";
     return false;
@@ -82,8 +74,8 @@ bool local_backend_from_json(const Json& j, LocalBackend& out, std::string& erro
   b.api_key = str("api_key");
   b.api_key_env = str("api_key_env");
   b.display_name = str("display_name");
-  b.models = list("models");
-  b.capabilities = list("capabilities");
+  b.models = kernel::string_list(j, "models");
+  b.capabilities = kernel::string_list(j, "capabilities");
   if (auto p = j.find("priority"); p != j.end() && p->is_number_integer()) b.priority = *p;
   if (auto a = j.find("auto_discover_models"); a != j.end() && a->is_boolean()) {
     b.auto_discover_models = *a;

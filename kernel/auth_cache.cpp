@@ -27,9 +27,4 @@ void AuthCache::clear() {
   entries_.clear();
 }
 
-std::size_t AuthCache::size() const {
-  std::shared_lock lock(mu_);
-  return entries_.size();
-}
-
 }  // namespace ostrel::kernel

@@ -28,7 +28,6 @@ class AuthCache {
   void put(const std::string& credential, Entry entry);
   void erase(const std::string& credential);
   void clear();
-  std::size_t size() const;
 
  private:
   std::size_t capacity_;

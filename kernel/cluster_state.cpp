@@ -7,6 +7,7 @@
 #include "identity/node_token.h"
 #include "kernel/clock.h"
 #include "kernel/durable_file.h"
+#include "kernel/json_body.h"
 #include "kernel/kernel.h"
 
 namespace ostrel::kernel {
@@ -14,15 +15,6 @@ namespace {
 
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
-
-Json read_json_file(const fs::path& path, bool& opened) {
-  std::ifstream in(path, std::ios::binary);
-  opened = static_cast<bool>(in);
-  if (!opened) return Json();
-  std::stringstream buf;
-  buf << in.rdbuf();
-  return Json::parse(buf.str(), nullptr, false);
-}
 
 }  // namespace
 

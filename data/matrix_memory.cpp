@@ -14,6 +14,8 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "data/matrix_kernels.h"
+
 namespace ostrel::data {
 namespace {
 
@@ -60,21 +62,6 @@ std::vector<float> projected(const std::vector<float>& v, std::size_t d) {
   std::vector<float> out(d);
   for (std::size_t i = 0; i < d; ++i) out[i] = v[i % v.size()];
   return out;
-}
-
-// Dot product of one matrix row with an expanded key, with four independent
-// partial sums so that the compiler keeps four lanes busy.
-inline float row_dot(const float* row, const float* k, std::size_t r) {
-  float s0 = 0, s1 = 0, s2 = 0, s3 = 0;
-  std::size_t j = 0;
-  for (; j + 4 <= r; j += 4) {
-    s0 += row[j] * k[j];
-    s1 += row[j + 1] * k[j + 1];
-    s2 += row[j + 2] * k[j + 2];
-    s3 += row[j + 3] * k[j + 3];
-  }
-  for (; j < r; ++j) s0 += row[j] * k[j];
-  return (s0 + s1) + (s2 + s3);
 }
 
 std::uint64_t block_count(std::int64_t elements) {
@@ -382,7 +369,7 @@ std::vector<float> MatrixMemory::matVecMultiply(const std::vector<float>& key) c
   std::vector<float> k(r);
   for (std::size_t j = 0; j < r; ++j) k[j] = key[j % key.size()];
   std::vector<float> y(d, 0.0f);
-  for (std::size_t i = 0; i < d; ++i) y[i] = row_dot(matrix_.data() + i * r, k.data(), r);
+  kernels::mat_vec(matrix_.data(), d, r, k.data(), y.data());
   return y;
 }
 
@@ -458,13 +445,10 @@ bool MatrixMemory::store(const std::vector<float>& key_in, const std::vector<flo
   } else {
     const std::vector<float> p = matVecMultiply(key);
     const float rate = config_.beta_base * strength;
-    std::vector<float> k(r);
+    std::vector<float> k(r), e(d);
     for (std::size_t j = 0; j < r; ++j) k[j] = key[j % d];
-    for (std::size_t i = 0; i < d; ++i) {
-      const float e = (value[i] - p[i]) * rate;
-      float* row = matrix_.data() + i * r;
-      for (std::size_t j = 0; j < r; ++j) row[j] = row[j] * decay + k[j] * e;
-    }
+    for (std::size_t i = 0; i < d; ++i) e[i] = (value[i] - p[i]) * rate;
+    kernels::decay_rank1(matrix_.data(), d, r, decay, k.data(), e.data());
   }
   const std::uint64_t writes = write_count_.fetch_add(1) + 1;
   updated_at_ = now_s();
@@ -489,34 +473,24 @@ bool MatrixMemory::store(const std::vector<float>& key_in, const std::vector<flo
                " writes — clamped to safe range");
     }
   }
-  recent_writes_.push_back({key, value});
+  recent_writes_.push_back({std::move(key), std::move(value)});
   if (recent_writes_.size() > kRecentWrites) recent_writes_.pop_front();
   if (config_.auto_expand && writes % 10 == 0) measure_saturation_locked_();
   return true;
 }
 
 void MatrixMemory::measure_saturation_locked_() {
-  // M·key for every recent write in one pass over the matrix. The keys are
-  // laid out transposed (component-major), so the innermost loop runs over
-  // the writes with no dependency between lanes and vectorises fully. The
-  // sums are those of matVecMultiply up to rounding order.
+  // M·key for every recent write in one pass over the matrix. Each product
+  // is summed in component order, exactly as a plain loop would.
   const std::size_t d = static_cast<std::size_t>(dim_), r = static_cast<std::size_t>(rank_);
   const std::size_t n = recent_writes_.size();
-  std::vector<float> keys_t(r * n), acc(n), ys(n * d);
+  const std::size_t stride = kernels::multi_vec_stride(n);
+  std::vector<float> keys_t(r * stride, 0.0f), ys(stride * d);
   for (std::size_t w = 0; w < n; ++w) {
     const std::vector<float>& key = recent_writes_[w].key;
-    for (std::size_t j = 0; j < r; ++j) keys_t[j * n + w] = key[j % key.size()];
+    for (std::size_t j = 0; j < r; ++j) keys_t[j * stride + w] = key[j % key.size()];
   }
-  for (std::size_t i = 0; i < d; ++i) {
-    const float* row = matrix_.data() + i * r;
-    std::fill(acc.begin(), acc.end(), 0.0f);
-    for (std::size_t j = 0; j < r; ++j) {
-      const float m = row[j];
-      const float* kt = keys_t.data() + j * n;
-      for (std::size_t w = 0; w < n; ++w) acc[w] += m * kt[w];
-    }
-    for (std::size_t w = 0; w < n; ++w) ys[w * d + i] = acc[w];
-  }
+  kernels::mat_multi_vec(matrix_.data(), d, r, keys_t.data(), stride, ys.data());
   double sum = 0;
   int counted = 0;
   for (std::size_t w = 0; w < n; ++w) {

@@ -189,6 +189,67 @@ TEST(MatrixMemory, StoreRecallProjectionAndShapes) {
   EXPECT_EQ(m.getStats().recall_count, 1u);
 }
 
+// Saturation is measured on every tenth store over the last 50 stores. The
+// figure is recomputed here with plain loops from the checkpointed matrix and
+// the WAL's normalised pairs; odd sizes exercise the kernels' remainder paths.
+TEST(MatrixMemory, SaturationMatchesAPlainComputationAndGrowsTheRank) {
+  testing::TempDir dir;
+  MatrixMemoryConfig c = config(43, 13);
+  c.max_rank = 52;
+  c.saturation_threshold = 0.05f;
+  MatrixMemory m;
+  ASSERT_TRUE(m.create(c, dir.path().string()));
+  const std::string path = m.config().file_path;
+  std::mt19937 rng(21);
+  std::vector<int> ranks;
+  ::testing::internal::CaptureStdout();
+  for (int round = 1; round <= 7; ++round) {
+    for (int i = 0; i < 10; ++i) {
+      ASSERT_TRUE(m.store(random_vector(rng, 43), random_vector(rng, 43), 1.0f));
+    }
+    ASSERT_TRUE(m.checkpoint());
+    const std::string file = testing::read_file(path + ".chk");
+    const std::size_t d = at<std::uint32_t>(file, 8), r = at<std::uint32_t>(file, 12);
+    const std::vector<float> matrix = matrix_from_file(file);
+    const std::vector<WalRecord> wal = parse_wal(testing::read_file(path + ".wal"));
+    ASSERT_EQ(wal.size(), static_cast<std::size_t>(round * 10));
+    double sum = 0;
+    int counted = 0;
+    for (std::size_t w = wal.size() > 50 ? wal.size() - 50 : 0; w < wal.size(); ++w) {
+      std::vector<float> y(d, 0.0f);
+      float yn = 0, vn = 0, dot = 0;
+      for (std::size_t i = 0; i < d; ++i) {
+        for (std::size_t j = 0; j < r; ++j) y[i] += matrix[i * r + j] * wal[w].key[j % d];
+        yn += y[i] * y[i];
+      }
+      if (std::sqrt(yn) < 1e-8f) continue;
+      ++counted;
+      for (std::size_t i = 0; i < d; ++i) {
+        dot += y[i] / std::sqrt(yn) * wal[w].value[i];
+        vn += wal[w].value[i] * wal[w].value[i];
+      }
+      sum += 1.0 - dot / std::sqrt(vn);
+    }
+    ASSERT_GT(counted, 0);
+    const MatrixMemoryStats stats = m.getStats();
+    EXPECT_NEAR(stats.saturation, sum / counted, 1e-5) << "round " << round;
+    EXPECT_EQ(at<float>(file, 44), stats.saturation);
+    ranks.push_back(stats.rank);
+  }
+  const std::string out = ::testing::internal::GetCapturedStdout();
+  // Every measurement is above the threshold: 13 -> 26 -> 52, then capped.
+  EXPECT_EQ(ranks, (std::vector<int>{26, 52, 52, 52, 52, 52, 52}));
+  EXPECT_NE(out.find(", expanding rank 13 → 26"), std::string::npos) << out;
+  EXPECT_NE(
+      out.find("[MatrixMemory] Rank expanded to 52 (" + std::to_string(43 * 52 * 4) + " bytes)"),
+      std::string::npos)
+      << out;
+  // The grown matrix keeps answering: a stored pair recalls toward its value.
+  std::vector<float> key = random_vector(rng, 43);
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(m.store(key, key, 1.0f));
+  EXPECT_GT(m.recall(key).confidence, 0.5f);
+}
+
 TEST(MatrixMemory, RecoversFromTornWalCorruptPrimaryAndOldVersions) {
   testing::TempDir dir;
   std::string path;

@@ -10,6 +10,16 @@
 #include <cstdlib>
 #include <string>
 
+// The listening socket is protected in httplib::Server; raising its backlog
+// keeps a burst of new connections from overflowing the default of 5 (the
+// dropped SYNs would come back a second later as latency outliers).
+class Server : public httplib::Server {
+ public:
+  void raise_backlog(int backlog) {
+    if (svr_sock_ != INVALID_SOCKET) ::listen(svr_sock_, backlog);
+  }
+};
+
 int main(int argc, char** argv) {
   if (argc < 2) {
     std::fprintf(stderr, "usage: %s <port> [pieces]\n", argv[0]);
@@ -17,7 +27,7 @@ int main(int argc, char** argv) {
   }
   const int port = std::atoi(argv[1]);
   const int pieces = argc > 2 ? std::atoi(argv[2]) : 8;
-  httplib::Server server;
+  Server server;
   server.new_task_queue = [] { return new httplib::ThreadPool(64); };
   server.set_tcp_nodelay(true);
   server.set_socket_options([](socket_t fd) {
@@ -26,6 +36,9 @@ int main(int argc, char** argv) {
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
   });
   server.set_keep_alive_max_count(100000);
+  // Model servers keep idle connections open for long (Ollama has no idle
+  // timeout): so does this one, so that a client's pooled connections last.
+  server.set_keep_alive_timeout(300);
   server.Get("/api/tags", [](const httplib::Request&, httplib::Response& res) {
     res.set_content(R"({"models":[{"name":"bench"}]})", "application/json");
   });
@@ -51,8 +64,10 @@ int main(int argc, char** argv) {
           return true;
         });
   });
-  static httplib::Server* instance = &server;
+  static Server* instance = &server;
   std::signal(SIGTERM, [](int) { instance->stop(); });
   std::signal(SIGINT, [](int) { instance->stop(); });
-  return server.listen("127.0.0.1", port) ? 0 : 1;
+  if (!server.bind_to_port("127.0.0.1", port)) return 1;
+  server.raise_backlog(1024);
+  return server.listen_after_bind() ? 0 : 1;
 }

@@ -38,16 +38,13 @@ struct StreamState {
   std::string parse_error;
 };
 
-// Feeds complete NDJSON lines to the sink. Returning less than the size
-// handed in makes libcurl abort the transfer.
-size_t on_stream_data(char* data, size_t size, size_t n, void* user) {
-  auto* st = static_cast<StreamState*>(user);
-  const size_t bytes = size * n;
+// Feeds complete NDJSON lines to the sink; false ends the transfer.
+bool on_stream_data(StreamState* st, std::string_view data) {
   if (st->http_error) {
-    st->body.append(data, bytes);
-    return bytes;
+    st->body.append(data);
+    return true;
   }
-  st->pending.append(data, bytes);
+  st->pending.append(data);
   size_t start = 0;
   while (true) {
     size_t nl = st->pending.find('\n', start);
@@ -72,26 +69,11 @@ size_t on_stream_data(char* data, size_t size, size_t n, void* user) {
     }
     if (!(*st->sink)(chunk)) {
       st->aborted = true;
-      return 0;
+      return false;
     }
   }
   st->pending.erase(0, start);
-  return bytes;
-}
-
-// The options every /api/chat POST shares. Returns the header list, which
-// the caller frees after the transfer (`url` and `payload` must outlive it too).
-curl_slist* prepare_chat_post(CURL* curl, const std::string& url, const std::string& payload,
-                              const char* accept) {
-  curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-  headers = curl_slist_append(headers, accept);
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, payload.c_str());
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
-  return headers;
+  return true;
 }
 
 }  // namespace
@@ -104,7 +86,7 @@ struct OllamaBackend::Handle {
 };
 
 OllamaBackend::OllamaBackend(std::string id, std::string base_url)
-    : id_(std::move(id)), base_(std::move(base_url)) {
+    : id_(std::move(id)), base_(std::move(base_url)), chat_(base_) {
   ensure_curl_global();
   while (!base_.empty() && base_.back() == '/') base_.pop_back();
 }
@@ -242,20 +224,18 @@ bool OllamaBackend::poll_health() { return !list_models().empty() || healthy_.lo
 std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, ChatResponse& resp) {
   BackendCounters::Scope scope(counters_);
   try {
-    auto h = acquire_();
-    if (!h) return InferenceError{500, "ollama: curl_easy_init failed"};
-    const std::string url = base_ + "/api/chat";
     const std::string payload = build_chat_body(req, false);
     std::string body;
-    curl_slist* headers = prepare_chat_post(h->curl, url, payload, "Accept: application/json");
-    curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, append_body);
-    curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &body);
-    CURLcode rc = curl_easy_perform(h->curl);
-    long status = 0;
-    curl_easy_getinfo(h->curl, CURLINFO_RESPONSE_CODE, &status);
-    curl_slist_free_all(headers);
-    release_(std::move(h));
-    if (auto err = http_to_error(rc, status, body)) return err;
+    const UpstreamHttp::Reply upstream =
+        chat_.post("/api/chat", "application/json", "application/json", payload, nullptr,
+                   [&body](std::string_view piece) {
+                     body.append(piece);
+                     return true;
+                   });
+    if (upstream.curl_code == CURLE_FAILED_INIT) {
+      return InferenceError{500, "ollama: curl_easy_init failed"};
+    }
+    if (auto err = http_to_error(upstream.curl_code, upstream.status, body)) return err;
 
     Json reply = Json::parse(body, nullptr, false);
     if (!reply.is_object()) {
@@ -286,43 +266,21 @@ std::optional<InferenceError> OllamaBackend::stream(const ChatRequest& req, cons
   if (!sink) return InferenceError{400, "ollama: sink callback is null"};
   BackendCounters::Scope scope(counters_);
   try {
-    auto h = acquire_();
-    if (!h) return InferenceError{500, "ollama: curl_easy_init failed"};
-    const std::string url = base_ + "/api/chat";
     const std::string payload = build_chat_body(req, true);
     StreamState st;
     st.sink = &sink;
     st.model = req.model;
-    curl_slist* headers = prepare_chat_post(h->curl, url, payload, "Accept: application/x-ndjson");
-    curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, on_stream_data);
-    curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &st);
     // The status is known before the first body byte: an error answer is
     // collected whole instead of being fed to the sink.
-    curl_easy_setopt(
-        h->curl, CURLOPT_HEADERFUNCTION,
-        +[](char* data, size_t size, size_t n, void* user) -> size_t {
-          auto* state = static_cast<StreamState*>(user);
-          std::string_view line(data, size * n);
-          if (line.rfind("HTTP/", 0) == 0) {
-            size_t sp = line.find(' ');
-            int code = sp == std::string_view::npos
-                           ? 0
-                           : std::atoi(std::string(line.substr(sp + 1, 3)).c_str());
-            state->http_error = code >= 300;
-          }
-          return size * n;
-        });
-    curl_easy_setopt(h->curl, CURLOPT_HEADERDATA, &st);
-    CURLcode rc = curl_easy_perform(h->curl);
-    long status = 0;
-    curl_easy_getinfo(h->curl, CURLINFO_RESPONSE_CODE, &status);
-    curl_slist_free_all(headers);
-    if (st.aborted) {
-      // The connection is mid-response: do not reuse it.
-      return InferenceError{499, "ollama: stream aborted by sink"};
+    const UpstreamHttp::Reply upstream = chat_.post(
+        "/api/chat", "application/json", "application/x-ndjson", payload,
+        [&st](long status) { st.http_error = status >= 300; },
+        [&st](std::string_view piece) { return on_stream_data(&st, piece); });
+    if (st.aborted) return InferenceError{499, "ollama: stream aborted by sink"};
+    if (upstream.curl_code == CURLE_FAILED_INIT) {
+      return InferenceError{500, "ollama: curl_easy_init failed"};
     }
-    release_(std::move(h));
-    if (auto err = http_to_error(rc, status, st.body)) return err;
+    if (auto err = http_to_error(upstream.curl_code, upstream.status, st.body)) return err;
     if (!st.finished) {
       // The server ended the body without its closing object.
       if (!st.pending.empty()) {

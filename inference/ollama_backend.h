@@ -9,13 +9,15 @@
 
 #include "inference/backend_counters.h"
 #include "inference/types.h"
+#include "inference/upstream_http.h"
 
 namespace ostrel::inference {
 
 // A local model server speaking the Ollama HTTP API (/api/chat, /api/tags),
-// reached with libcurl. Connections are reused through a small pool of curl
-// handles. Thread-safe: counters are atomic; models_mu_ guards the cached
-// model list, pool_mu_ the idle handles; no lock is held during a transfer.
+// reached with libcurl. Chat requests go through UpstreamHttp's kept-alive
+// connections; the model list through a small pool of curl handles.
+// Thread-safe: counters are atomic; models_mu_ guards the cached model list,
+// pool_mu_ the idle handles; no lock is held during a transfer.
 class OllamaBackend : public Backend {
  public:
   OllamaBackend(std::string id, std::string base_url);
@@ -49,6 +51,7 @@ class OllamaBackend : public Backend {
   std::vector<std::string> models_;
   std::mutex pool_mu_;  // guards pool_
   std::vector<std::unique_ptr<Handle>> pool_;
+  UpstreamHttp chat_;
 };
 
 }  // namespace ostrel::inference

@@ -96,11 +96,7 @@ bool Scheduler::try_serve_inline(QueuedRequest& request) {
     request.enqueued_at = std::chrono::steady_clock::now();
   }
   serve_(request);
-  {
-    std::lock_guard lock(mu_);
-    --busy_;
-  }
-  cv_.notify_one();  // a slot is free again for whatever queued meanwhile
+  release_slot_();
   return true;
 }
 
@@ -164,12 +160,20 @@ void Scheduler::worker_loop_() {
     }
     if (!next) continue;
     serve_(*next);
-    {
-      std::lock_guard lock(mu_);
-      --busy_;
-    }
-    cv_.notify_one();
+    release_slot_();
   }
+}
+
+// Frees a worker slot. Idle workers are woken only when something is queued
+// for the slot: waking them for nothing costs two context switches per request.
+void Scheduler::release_slot_() {
+  bool waiting;
+  {
+    std::lock_guard lock(mu_);
+    --busy_;
+    waiting = total_queued_ > 0;
+  }
+  if (waiting) cv_.notify_one();
 }
 
 void Scheduler::serve_(QueuedRequest& q) {

@@ -73,6 +73,7 @@ class Scheduler {
   void worker_loop_();
   std::shared_ptr<QueuedRequest> take_locked_();
   void serve_(QueuedRequest& q);
+  void release_slot_();
 
   std::function<BackendList()> backends_;
   std::size_t worker_count_;

@@ -1,0 +1,250 @@
+#include "inference/upstream_http.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/test_support.h"
+
+namespace ostrel::inference {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A loopback server that answers the n-th request (counted over all
+// connections) with answers[n]: its pieces are written one by one with a
+// pause between them, so the client sees them in separate reads. After an
+// answer marked `close`, the connection is closed. Records every request.
+class ScriptedServer {
+ public:
+  struct Answer {
+    std::vector<std::string> pieces;
+    bool close = false;
+  };
+  std::vector<Answer> answers;
+
+  ScriptedServer() {
+    listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    int yes = 1;
+    ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    ::listen(listen_fd_, 16);
+    socklen_t len = sizeof addr;
+    ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+  }
+  ~ScriptedServer() {
+    ::shutdown(listen_fd_, SHUT_RDWR);
+    ::close(listen_fd_);
+    if (thread_.joinable()) thread_.join();
+  }
+  void start() {
+    thread_ = std::thread([this] {
+      while (true) {
+        int fd = ::accept(listen_fd_, nullptr, nullptr);
+        if (fd < 0) return;
+        ++connections_;
+        serve(fd);
+        ::close(fd);
+      }
+    });
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  int connections() const { return connections_; }
+  std::vector<std::string> requests() {
+    std::lock_guard lock(mu_);
+    return requests_;
+  }
+
+ private:
+  void serve(int fd) {
+    std::string in;
+    char buf[4096];
+    while (true) {
+      std::size_t end;
+      while ((end = in.find("\r\n\r\n")) == std::string::npos) {
+        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) return;
+        in.append(buf, static_cast<std::size_t>(n));
+      }
+      std::size_t length = 0;
+      if (auto at = in.find("Content-Length: "); at != std::string::npos && at < end) {
+        length = std::stoul(in.substr(at + 16));
+      }
+      while (in.size() < end + 4 + length) {
+        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) return;
+        in.append(buf, static_cast<std::size_t>(n));
+      }
+      std::size_t index;
+      {
+        std::lock_guard lock(mu_);
+        requests_.push_back(in.substr(0, end + 4 + length));
+        index = requests_.size() - 1;
+      }
+      in.erase(0, end + 4 + length);
+      if (index >= answers.size()) return;
+      for (const auto& piece : answers[index].pieces) {
+        ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+        std::this_thread::sleep_for(3ms);
+      }
+      if (answers[index].close) return;
+    }
+  }
+
+  int listen_fd_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+  std::atomic<int> connections_{0};
+  std::mutex mu_;  // guards requests_
+  std::vector<std::string> requests_;
+};
+
+struct Collected {
+  long status = 0;
+  std::vector<std::string> pieces;
+  std::string body() const {
+    std::string all;
+    for (const auto& p : pieces) all += p;
+    return all;
+  }
+};
+
+UpstreamHttp::Reply post(UpstreamHttp& client, Collected& out, std::string_view body = "{}") {
+  return client.post(
+      "/api/chat", "application/json", "application/x-ndjson", body,
+      [&out](long status) { out.status = status; },
+      [&out](std::string_view piece) {
+        out.pieces.emplace_back(piece);
+        return true;
+      });
+}
+
+TEST(UpstreamHttp, FramesRequestsAndDecodesEveryBodyShape) {
+  ScriptedServer server;
+  server.answers = {
+      // Content-Length body split across reads, after an interim 100 answer.
+      {{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Len", "gth: 11\r\n\r\nhello",
+        " world"}},
+      // Chunked: a size line split, an extension, a chunk across reads, trailers.
+      {{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nline1\r\nA;e",
+        "xt=1\r\n0123456789\r\n4\r\nab", "cd\r\n0\r\nX-Trailer: t\r\n\r\n"}},
+      // An error status keeps its body.
+      {{"HTTP/1.1 404 Not Found\r\nContent-Length: 5\r\n\r\nnope!"}},
+      // No length: the body runs to the close.
+      {{"HTTP/1.1 200 OK\r\n\r\nuntil", " the end"}, true},
+  };
+  server.start();
+  UpstreamHttp client(server.url() + "/prefix/");
+
+  Collected a;
+  auto r = post(client, a, "{\"x\":1}");
+  EXPECT_EQ(r.curl_code, CURLE_OK);
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(a.status, 200);
+  EXPECT_EQ(a.body(), "hello world");
+  EXPECT_GE(a.pieces.size(), 2u);  // handed on as it arrived
+  const std::string first = server.requests().at(0);
+  EXPECT_EQ(first.rfind("POST /prefix/api/chat HTTP/1.1\r\n", 0), 0u) << first;
+  EXPECT_NE(first.find("\r\nHost: 127.0.0.1:"), std::string::npos);
+  EXPECT_NE(first.find("\r\nContent-Type: application/json\r\n"), std::string::npos);
+  EXPECT_NE(first.find("\r\nAccept: application/x-ndjson\r\n"), std::string::npos);
+  const std::string tail = "\r\nContent-Length: 7\r\n\r\n{\"x\":1}";
+  EXPECT_EQ(first.substr(first.size() - tail.size()), tail);
+
+  Collected b;
+  r = post(client, b);
+  EXPECT_EQ(r.curl_code, CURLE_OK);
+  EXPECT_EQ(b.body(), "line10123456789abcd");
+
+  Collected c;
+  r = post(client, c);
+  EXPECT_EQ(r.curl_code, CURLE_OK);
+  EXPECT_EQ(r.status, 404);
+  EXPECT_EQ(c.body(), "nope!");
+
+  Collected d;
+  r = post(client, d);
+  EXPECT_EQ(r.curl_code, CURLE_OK);
+  EXPECT_EQ(d.body(), "until the end");
+  // Four requests, one connection: kept alive until the server closed it.
+  EXPECT_EQ(server.connections(), 1);
+  EXPECT_EQ(client.idle_connections(), 0u);
+}
+
+TEST(UpstreamHttp, ReusesConnectionsAndRetriesOnesTheServerClosed) {
+  const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+  ScriptedServer server;
+  server.answers = {
+      {{ok}},       {{}, true},  // takes the request on the kept-alive connection, then hangs up
+      {{ok}},                    // ... so it comes again on a fresh connection
+      {{ok}, true},              // answers, then closes while the connection is idle
+      {{ok}},
+  };
+  server.start();
+  UpstreamHttp client(server.url());
+  for (int i = 0; i < 4; ++i) {
+    Collected out;
+    auto r = post(client, out);
+    ASSERT_EQ(r.curl_code, CURLE_OK) << i;
+    EXPECT_EQ(out.status, 200) << i;
+    EXPECT_EQ(out.body(), "ok") << i;
+    std::this_thread::sleep_for(20ms);  // let a close arrive
+  }
+  // Four calls: one sent twice (the first try found the connection dead), the
+  // close seen while idle cost no request.
+  EXPECT_EQ(server.requests().size(), 5u);
+  EXPECT_EQ(server.connections(), 3);
+  EXPECT_EQ(client.idle_connections(), 1u);
+}
+
+TEST(UpstreamHttp, FailuresCarryLibcurlCodes) {
+  // Nothing listens.
+  {
+    UpstreamHttp client("http://127.0.0.1:" + std::to_string(testing::free_port()));
+    Collected out;
+    auto r = post(client, out);
+    EXPECT_EQ(r.curl_code, CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(r.status, 0);
+  }
+  ScriptedServer server;
+  server.answers = {
+      {{"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nshort"}, true},  // truncated
+      {{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"}, true},
+      {{"SSH-2.0-OpenSSH\r\n\r\n"}, true},                           // not HTTP
+      {{}, true},                                                    // nothing at all
+      {{"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nabc", "def"}},  // aborted by the sink
+  };
+  server.start();
+  UpstreamHttp client(server.url());
+  Collected a, b, c, d;
+  EXPECT_EQ(post(client, a).curl_code, CURLE_PARTIAL_FILE);
+  EXPECT_EQ(a.body(), "short");
+  EXPECT_EQ(post(client, b).curl_code, CURLE_RECV_ERROR);
+  EXPECT_EQ(post(client, c).curl_code, CURLE_WEIRD_SERVER_REPLY);
+  EXPECT_EQ(post(client, d).curl_code, CURLE_GOT_NOTHING);
+  int seen = 0;
+  auto r = client.post("/x", "a/b", "c/d", "", nullptr, [&seen](std::string_view) {
+    ++seen;
+    return false;
+  });
+  EXPECT_TRUE(r.aborted);
+  EXPECT_EQ(seen, 1);
+  EXPECT_EQ(client.idle_connections(), 0u);  // an aborted reply is not reused
+}
+
+}  // namespace
+}  // namespace ostrel::inference

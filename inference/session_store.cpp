@@ -1,14 +1,22 @@
 #include "inference/session_store.h"
 
-#include <algorithm>
-
 namespace ostrel::inference {
 
 void SessionStore::append(const std::string& id, const std::vector<Message>& messages,
                           Clock::time_point now) {
   std::lock_guard lock(mu_);
-  if (sessions_.size() >= max_sessions_ && !sessions_.count(id)) evict_locked_(now);
-  auto& slot = sessions_[id];
+  auto it = sessions_.find(id);
+  if (it == sessions_.end()) {
+    drop_expired_locked_(now);
+    if (sessions_.size() >= max_sessions_ && !by_use_.empty()) {
+      erase_locked_(sessions_.find(by_use_.front()));
+    }
+    by_use_.push_back(id);
+    it = sessions_.emplace(id, Entry{nullptr, std::prev(by_use_.end())}).first;
+  } else {
+    by_use_.splice(by_use_.end(), by_use_, it->second.use);
+  }
+  std::shared_ptr<Session>& slot = it->second.session;
   if (!slot || now - slot->last_use > ttl_) {
     slot = std::make_shared<Session>();
     slot->id = id;
@@ -26,29 +34,35 @@ std::shared_ptr<const Session> SessionStore::get(const std::string& id, Clock::t
   std::lock_guard lock(mu_);
   auto it = sessions_.find(id);
   if (it == sessions_.end()) return nullptr;
-  if (now - it->second->last_use > ttl_) {
-    sessions_.erase(it);
+  if (now - it->second.session->last_use > ttl_) {
+    erase_locked_(it);
     return nullptr;
   }
-  return std::make_shared<const Session>(*it->second);
+  return std::make_shared<const Session>(*it->second.session);
 }
 
 std::size_t SessionStore::sweep(Clock::time_point now) {
   std::lock_guard lock(mu_);
-  return std::erase_if(sessions_, [&](const auto& e) { return now - e.second->last_use > ttl_; });
+  return drop_expired_locked_(now);
 }
 
-void SessionStore::evict_locked_(Clock::time_point now) {
-  std::erase_if(sessions_, [&](const auto& e) { return now - e.second->last_use > ttl_; });
-  if (sessions_.size() < max_sessions_) return;
-  // Still full: drop the least recently used tenth in one pass.
-  std::vector<Clock::time_point> uses;
-  uses.reserve(sessions_.size());
-  for (const auto& [id, s] : sessions_) uses.push_back(s->last_use);
-  auto cut = uses.begin() + static_cast<std::ptrdiff_t>(uses.size() / 10);
-  std::nth_element(uses.begin(), cut, uses.end());
-  const Clock::time_point threshold = *cut;
-  std::erase_if(sessions_, [&](const auto& e) { return e.second->last_use <= threshold; });
+void SessionStore::erase_locked_(std::unordered_map<std::string, Entry>::iterator it) {
+  if (it == sessions_.end()) return;
+  by_use_.erase(it->second.use);
+  sessions_.erase(it);
+}
+
+// The least recently used sessions come first: expired ones are a prefix.
+std::size_t SessionStore::drop_expired_locked_(Clock::time_point now) {
+  std::size_t dropped = 0;
+  while (!by_use_.empty()) {
+    auto it = sessions_.find(by_use_.front());
+    if (it != sessions_.end() && now - it->second.session->last_use <= ttl_) break;
+    erase_locked_(it);
+    if (it == sessions_.end()) by_use_.pop_front();
+    ++dropped;
+  }
+  return dropped;
 }
 
 std::size_t SessionStore::size() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,8 +22,10 @@ struct Session {
 // Conversation histories by session id. A session idle for longer than the
 // TTL is dropped; the same id later starts a new, empty history. Histories
 // keep their newest `max_history` messages, and at most `max_sessions`
-// sessions are kept: beyond that the least recently used tenth goes.
-// Thread-safe: mu_ guards the map and every session's contents.
+// sessions are kept: beyond that the least recently used one goes. Sessions
+// are kept in order of use, so expiry and eviction take constant time per
+// session dropped and never pause the requests behind the mutex.
+// Thread-safe: mu_ guards the map, the use order and every session's contents.
 class SessionStore {
  public:
   using Clock = std::chrono::steady_clock;
@@ -44,9 +47,16 @@ class SessionStore {
   std::chrono::seconds ttl_;
   std::size_t max_history_;
   std::size_t max_sessions_;
-  void evict_locked_(Clock::time_point now);
-  mutable std::mutex mu_;  // guards sessions_ and their contents
-  std::unordered_map<std::string, std::shared_ptr<Session>> sessions_;
+  struct Entry {
+    std::shared_ptr<Session> session;
+    std::list<std::string>::iterator use;  // its place in by_use_
+  };
+  void erase_locked_(std::unordered_map<std::string, Entry>::iterator it);
+  std::size_t drop_expired_locked_(Clock::time_point now);
+
+  mutable std::mutex mu_;  // guards sessions_, by_use_ and the sessions' contents
+  std::unordered_map<std::string, Entry> sessions_;
+  std::list<std::string> by_use_;  // session ids, least recently used first
 };
 
 }  // namespace ostrel::inference

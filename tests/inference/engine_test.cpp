@@ -242,11 +242,22 @@ TEST(Engine, SessionsKeepHistoryIncludingPartialStreams) {
   }
   small.append("s0", {Message{}, Message{}, Message{}}, t0 + 30s);  // s0 is fresh again
   small.append("new", {Message{}}, t0 + 31s);
-  EXPECT_LE(small.size(), 20u);
+  EXPECT_EQ(small.size(), 20u);
   EXPECT_TRUE(small.get("s0", t0 + 32s));
   EXPECT_EQ(small.get("s0", t0 + 32s)->history.size(), 3u);  // capped history
-  EXPECT_FALSE(small.get("s1", t0 + 32s));                   // the oldest went
+  EXPECT_FALSE(small.get("s1", t0 + 32s));                   // the least recently used went
+  EXPECT_TRUE(small.get("s2", t0 + 32s));                    // ... and only it
   EXPECT_TRUE(small.get("new", t0 + 32s));
+  // Sessions idle past the TTL go first, before any live one is evicted.
+  SessionStore ttl(std::chrono::seconds(10), 10, 3);
+  ttl.append("a", {Message{}}, t0);
+  ttl.append("b", {Message{}}, t0 + 1s);
+  ttl.append("c", {Message{}}, t0 + 8s);
+  ttl.append("d", {Message{}}, t0 + 12s);  // a and b have expired: both dropped
+  EXPECT_EQ(ttl.size(), 2u);
+  EXPECT_TRUE(ttl.get("c", t0 + 12s));
+  EXPECT_EQ(ttl.sweep(t0 + 19s), 1u);  // c expires, d stays
+  EXPECT_TRUE(ttl.get("d", t0 + 19s));
 }
 
 TEST(OllamaBackend, SpeaksTheChatProtocol) {

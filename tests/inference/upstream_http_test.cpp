@@ -30,8 +30,12 @@ class ScriptedServer {
   struct Answer {
     std::vector<std::string> pieces;
     bool close = false;
+    // Before the last piece, wait until `pieces_read` reaches this count, so
+    // that a test can see the earlier pieces delivered on their own.
+    int await_reads = 0;
   };
   std::vector<Answer> answers;
+  std::atomic<int> pieces_read{0};  // counted by the test's body sink
 
   ScriptedServer() {
     listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -97,8 +101,14 @@ class ScriptedServer {
       }
       in.erase(0, end + 4 + length);
       if (index >= answers.size()) return;
-      for (const auto& piece : answers[index].pieces) {
-        ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+      const Answer& answer = answers[index];
+      for (std::size_t i = 0; i < answer.pieces.size(); ++i) {
+        if (i + 1 == answer.pieces.size()) {
+          for (int waited = 0; pieces_read < answer.await_reads && waited < 5000; ++waited) {
+            std::this_thread::sleep_for(1ms);
+          }
+        }
+        ::send(fd, answer.pieces[i].data(), answer.pieces[i].size(), MSG_NOSIGNAL);
         std::this_thread::sleep_for(3ms);
       }
       if (answers[index].close) return;
@@ -151,12 +161,19 @@ TEST(UpstreamHttp, FramesRequestsAndDecodesEveryBodyShape) {
   UpstreamHttp client(server.url() + "/prefix/");
 
   Collected a;
-  auto r = post(client, a, "{\"x\":1}");
+  auto r = client.post(
+      "/api/chat", "application/json", "application/x-ndjson", "{\"x\":1}",
+      [&a](long status) { a.status = status; },
+      [&](std::string_view piece) {
+        a.pieces.emplace_back(piece);
+        ++server.pieces_read;
+        return true;
+      });
   EXPECT_EQ(r.curl_code, CURLE_OK);
   EXPECT_EQ(r.status, 200);
   EXPECT_EQ(a.status, 200);
   EXPECT_EQ(a.body(), "hello world");
-  EXPECT_GE(a.pieces.size(), 2u);  // handed on as it arrived
+  EXPECT_EQ(a.pieces, (std::vector<std::string>{"hello", " world"}));  // as it arrived
   const std::string first = server.requests().at(0);
   EXPECT_EQ(first.rfind("POST /prefix/api/chat HTTP/1.1\r\n", 0), 0u) << first;
   EXPECT_NE(first.find("\r\nHost: 127.0.0.1:"), std::string::npos);

@@ -21,15 +21,16 @@ struct CurlGlobal {
   CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 };
 
-// Waits until the socket is ready for `events`; false on error or hang-up
-// with nothing to read.
-bool wait_for(curl_socket_t fd, short events) {
+// Waits until the socket is ready for `events`. Returns CURLE_OK, or
+// CURLE_OPERATION_TIMEDOUT when nothing happened for `timeout_ms`.
+int wait_for(curl_socket_t fd, short events, int timeout_ms) {
   pollfd p{fd, events, 0};
   int rc;
   do {
-    rc = ::poll(&p, 1, -1);
+    rc = ::poll(&p, 1, timeout_ms);
   } while (rc < 0 && errno == EINTR);
-  return rc > 0;
+  if (rc == 0) return CURLE_OPERATION_TIMEDOUT;
+  return rc > 0 ? CURLE_OK : (events == POLLIN ? CURLE_RECV_ERROR : CURLE_SEND_ERROR);
 }
 
 std::string_view trim(std::string_view s) {
@@ -52,8 +53,9 @@ bool contains_token(std::string_view value, std::string_view token) {
 struct UpstreamHttp::Connection {
   CURL* curl = nullptr;
   curl_socket_t fd = CURL_SOCKET_BAD;
-  std::string in;          // bytes received and not yet consumed
-  bool wait_first = true;  // nothing buffered: wait before the next read
+  std::string in;            // bytes received and not yet consumed
+  bool wait_first = true;    // nothing buffered: wait before the next read
+  int idle_timeout_ms = -1;  // longest wait for the peer
   ~Connection() {
     if (curl) curl_easy_cleanup(curl);
   }
@@ -65,7 +67,7 @@ struct UpstreamHttp::Connection {
       std::size_t n = 0;
       CURLcode rc = curl_easy_send(curl, data.data() + done, data.size() - done, &n);
       if (rc == CURLE_AGAIN) {
-        if (!wait_for(fd, POLLOUT)) return CURLE_SEND_ERROR;
+        if (int w = wait_for(fd, POLLOUT, idle_timeout_ms); w != CURLE_OK) return w;
         continue;
       }
       if (rc != CURLE_OK) return rc;
@@ -81,7 +83,9 @@ struct UpstreamHttp::Connection {
     char buf[kReadBytes];
     eof = false;
     while (true) {
-      if (wait_first && !wait_for(fd, POLLIN)) return CURLE_RECV_ERROR;
+      if (wait_first) {
+        if (int w = wait_for(fd, POLLIN, idle_timeout_ms); w != CURLE_OK) return w;
+      }
       std::size_t n = 0;
       CURLcode rc = curl_easy_recv(curl, buf, sizeof buf, &n);
       if (rc == CURLE_AGAIN) {
@@ -97,7 +101,8 @@ struct UpstreamHttp::Connection {
   }
 };
 
-UpstreamHttp::UpstreamHttp(std::string base_url) : base_(std::move(base_url)) {
+UpstreamHttp::UpstreamHttp(std::string base_url, std::chrono::milliseconds idle_timeout)
+    : base_(std::move(base_url)), idle_timeout_(idle_timeout) {
   static CurlGlobal once;
   while (!base_.empty() && base_.back() == '/') base_.pop_back();
   std::string_view rest = base_;
@@ -138,6 +143,7 @@ std::unique_ptr<UpstreamHttp::Connection> UpstreamHttp::take_idle_() {
 
 std::unique_ptr<UpstreamHttp::Connection> UpstreamHttp::connect_(int& code) const {
   auto c = std::make_unique<Connection>();
+  c->idle_timeout_ms = static_cast<int>(idle_timeout_.count());
   c->curl = curl_easy_init();
   if (!c->curl) {
     code = CURLE_FAILED_INIT;
@@ -224,7 +230,8 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
       const int rc = c.read_more(eof);
       if (rc != CURLE_OK || eof) {
         // Nothing at all on a reused connection: the server had closed it.
-        if (!got_any && c.in.empty()) {
+        // (A server that is merely slow is not asked twice.)
+        if (!got_any && c.in.empty() && rc != CURLE_OPERATION_TIMEDOUT) {
           reply.curl_code = rc != CURLE_OK ? rc : CURLE_GOT_NOTHING;
           return Outcome::retry;
         }

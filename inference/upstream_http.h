@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -31,7 +32,12 @@ class UpstreamHttp {
   using BodySink = std::function<bool(std::string_view piece)>;
 
   // base_url: scheme://host[:port][/prefix]; paths are appended to it.
-  explicit UpstreamHttp(std::string base_url);
+  // A reply that stays silent for `idle_timeout` (between any two bytes)
+  // fails with CURLE_OPERATION_TIMEDOUT: generous, since a model server may
+  // load a model before its first byte, but a hung server cannot hold a
+  // scheduler worker forever.
+  explicit UpstreamHttp(std::string base_url,
+                        std::chrono::milliseconds idle_timeout = std::chrono::minutes(10));
   ~UpstreamHttp();
   UpstreamHttp(const UpstreamHttp&) = delete;
   UpstreamHttp& operator=(const UpstreamHttp&) = delete;
@@ -53,8 +59,9 @@ class UpstreamHttp {
                       Reply& reply) const;
 
   std::string base_;
-  std::string host_;       // the Host header
-  std::string prefix_;     // path of the base URL, without a trailing slash
+  std::string host_;    // the Host header
+  std::string prefix_;  // path of the base URL, without a trailing slash
+  std::chrono::milliseconds idle_timeout_;
   mutable std::mutex mu_;  // guards idle_
   std::vector<std::unique_ptr<Connection>> idle_;
 };

@@ -247,6 +247,18 @@ TEST(UpstreamHttp, FailuresCarryLibcurlCodes) {
   };
   server.start();
   UpstreamHttp client(server.url());
+  // A server that takes the request and says nothing: the silence times out.
+  {
+    ScriptedServer silent;
+    silent.answers = {{{}}};
+    silent.start();
+    UpstreamHttp patient(silent.url(), 200ms);
+    Collected out;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(post(patient, out).curl_code, CURLE_OPERATION_TIMEDOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 200ms);
+    EXPECT_EQ(silent.requests().size(), 1u);  // not sent twice
+  }
   Collected a, b, c, d;
   EXPECT_EQ(post(client, a).curl_code, CURLE_PARTIAL_FILE);
   EXPECT_EQ(a.body(), "short");

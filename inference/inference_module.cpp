@@ -127,7 +127,8 @@ class InferenceModule : public kernel::ModuleBase {
   // Streams one chat as server-sent events: the role chunk, one chunk per
   // piece, an "error" chunk on failure, then "data: [DONE]". Returns 0 on
   // success, -1 on failure or when `write` reported the reader gone.
-  int stream_sse_(ChatRequest chat, const std::function<bool(std::string_view)>& write);
+  int stream_sse_(ChatRequest chat, const std::function<bool(std::string_view)>& write,
+                  bool coalesce);
   void register_local_engine_backend_(const LocalBackend& b);
   Json runtime_config_json_() const;
   Json read_settings_() const;
@@ -324,36 +325,51 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   }
 
   res.content_type = "text/event-stream";
-  res.stream = [this, chat](const kernel::StreamWrite& write) { stream_sse_(chat, write); };
+  res.stream = [this, chat](const kernel::StreamWrite& write) { stream_sse_(chat, write, true); };
 }
 
 int InferenceModule::stream_sse_(ChatRequest chat,
-                                 const std::function<bool(std::string_view)>& write) {
+                                 const std::function<bool(std::string_view)>& write,
+                                 bool coalesce) {
   if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
   const std::string id = "chatcmpl-ulvo-" + chat.request_id;
   const std::int64_t created = kernel::unix_s();
   const std::string model = chat.model;
-  if (!write(kernel::sse_event(chat_json::render_chunk(id, model, created, "", true, nullptr)))) {
-    return -1;
+  // Coalescing (HTTP): the role chunk leaves with the first piece, pieces
+  // that arrived together leave together, and the last one with the closing
+  // line. Nothing waits for the network, the order of the events is
+  // unchanged, and a write never carries less than the client can use.
+  // Otherwise (the syscall) every event is handed on by itself.
+  std::string pending =
+      kernel::sse_event(chat_json::render_chunk(id, model, created, "", true, nullptr));
+  if (!coalesce) {
+    if (!write(pending)) return -1;
+    pending.clear();
   }
   bool gone = false;
   auto err = engine_->stream(chat, [&](const ChatChunk& c) {
     if (c.delta.empty() && !c.finish_reason) return true;
     const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
-    gone = !write(kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
-                                                            created, c.delta, false, reason)));
+    pending += kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
+                                                         created, c.delta, false, reason));
+    if (coalesce && (c.done || c.more_ready)) return true;
+    gone = !write(pending);
+    pending.clear();
     return !gone;
   });
   if (gone) return -1;  // the reader left: nothing more to say
   if (err) {
     static const std::string kError = "error";
     InferenceError shown = explain(*err);
-    if (!write(kernel::sse_event(
-            chat_json::render_chunk(id, model, created, "", false, &kError, &shown)))) {
-      return -1;
+    pending +=
+        kernel::sse_event(chat_json::render_chunk(id, model, created, "", false, &kError, &shown));
+    if (!coalesce) {
+      if (!write(pending)) return -1;
+      pending.clear();
     }
   }
-  write("data: [DONE]\n\n");
+  pending += "data: [DONE]\n\n";
+  write(pending);
   return err ? -1 : 0;
 }
 
@@ -733,7 +749,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
             emit(kernel::sse_event(chat_json::render_error({400, error}).dump()));
             return -1;
           }
-          return stream_sse_(std::move(chat), emit);
+          return stream_sse_(std::move(chat), emit, false);
         } catch (const std::exception& e) {
           emit(kernel::sse_event(chat_json::render_error({500, e.what()}).dump()));
           return -1;

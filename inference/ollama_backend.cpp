@@ -67,6 +67,7 @@ bool on_stream_data(StreamState* st, std::string_view data) {
       chunk.finish_reason = obj.value("done_reason", "stop");
       st->finished = true;
     }
+    chunk.more_ready = !st->finished && st->pending.find('\n', start) != std::string::npos;
     if (!(*st->sink)(chunk)) {
       st->aborted = true;
       return false;

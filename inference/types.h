@@ -50,6 +50,9 @@ struct ChatChunk {
   std::optional<std::string> finish_reason;
   std::optional<std::string> error;
   bool done = false;
+  // Another chunk has already arrived and follows at once: a writer may hold
+  // this one back and send both in one write.
+  bool more_ready = false;
 };
 
 // An HTTP-like status (400, 401, 404, 409, 499, 500, 502, 504, 507) and a text.

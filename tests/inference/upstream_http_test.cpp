@@ -1,5 +1,7 @@
 #include "inference/upstream_http.h"
 
+#include "inference/ollama_backend.h"
+
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -273,6 +275,37 @@ TEST(UpstreamHttp, FailuresCarryLibcurlCodes) {
   EXPECT_TRUE(r.aborted);
   EXPECT_EQ(seen, 1);
   EXPECT_EQ(client.idle_connections(), 0u);  // an aborted reply is not reused
+}
+
+// Lines that arrive in one read are marked as followed by more, so that a
+// writer can send them together; the last of a read is not held back.
+TEST(OllamaBackend, MarksChunksThatArrivedTogether) {
+  auto line = [](const std::string& word, bool done) {
+    return std::string("{\"model\":\"m\",\"message\":{\"role\":\"assistant\",\"content\":\"") +
+           word + "\"},\"done\":" + (done ? "true,\"done_reason\":\"stop\"" : "false") + "}\n";
+  };
+  const std::string together = line("a", false) + line("b", false) + line("c", false);
+  const std::string last = line("d", false) + line("", true);
+  ScriptedServer server;
+  server.answers = {{{"HTTP/1.1 200 OK\r\nContent-Length: " +
+                          std::to_string(together.size() + last.size()) + "\r\n\r\n" + together,
+                      last},
+                     false,
+                     3}};
+  server.start();
+  OllamaBackend backend("o", server.url());
+  ChatRequest req;
+  req.model = "m";
+  req.messages = {Message{"user", "hi", "", ""}};
+  std::vector<std::pair<std::string, bool>> seen;
+  auto err = backend.stream(req, [&](const ChatChunk& c) {
+    seen.emplace_back(c.delta, c.more_ready);
+    ++server.pieces_read;
+    return true;
+  });
+  ASSERT_FALSE(err) << err->message;
+  EXPECT_EQ(seen, (std::vector<std::pair<std::string, bool>>{
+                      {"a", true}, {"b", true}, {"c", false}, {"d", true}, {"", false}}));
 }
 
 }  // namespace

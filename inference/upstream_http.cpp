@@ -283,22 +283,46 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
   reply.status = status;
   if (on_status) on_status(status);
 
-  auto deliver = [&](std::string_view piece) {
-    if (piece.empty() || !on_body || on_body(piece)) return true;
+  constexpr int kAborted = -1;  // the body sink asked to stop
+  // Reads more of the body; a close before its end is a partial transfer.
+  auto more = [&]() -> int {
+    const int rc = c.read_more(eof);
+    if (rc != CURLE_OK) return rc;
+    return eof ? CURLE_PARTIAL_FILE : CURLE_OK;
+  };
+  // Waits for the next CRLF (a line of at most `limit` bytes); sets `nl` to
+  // its offset.
+  auto next_line = [&](std::size_t limit, std::size_t& nl) -> int {
+    while ((nl = c.in.find("\r\n")) == std::string::npos) {
+      if (c.in.size() > limit) return CURLE_RECV_ERROR;
+      if (const int rc = more(); rc != CURLE_OK) return rc;
+    }
+    return CURLE_OK;
+  };
+  // Hands the next `n` body bytes on as they arrive.
+  auto pass_on = [&](std::uint64_t n) -> int {
+    while (n > 0) {
+      if (c.in.empty()) {
+        if (const int rc = more(); rc != CURLE_OK) return rc;
+        continue;
+      }
+      const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(n, c.in.size()));
+      if (on_body && !on_body(std::string_view(c.in.data(), take))) return kAborted;
+      c.in.erase(0, take);
+      n -= take;
+    }
+    return CURLE_OK;
+  };
+  auto end_with = [&](int rc) {
+    if (rc != kAborted) return fail(rc);
     reply.aborted = true;
-    return false;
+    return Outcome::close;
   };
 
   if (chunked) {
     while (true) {
-      // Chunk size line.
       std::size_t nl;
-      while ((nl = c.in.find("\r\n")) == std::string::npos) {
-        if (c.in.size() > 1024) return fail(CURLE_RECV_ERROR);
-        const int rc = c.read_more(eof);
-        if (rc != CURLE_OK) return fail(rc);
-        if (eof) return fail(CURLE_PARTIAL_FILE);
-      }
+      if (const int rc = next_line(1024, nl); rc != CURLE_OK) return fail(rc);
       std::string_view size_text(c.in.data(), nl);
       size_text = trim(size_text.substr(0, size_text.find(';')));
       std::uint64_t size = 0;
@@ -310,60 +334,28 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
       c.in.erase(0, nl + 2);
       if (size == 0) {
         // Trailer fields, then the empty line.
-        while (true) {
-          while ((nl = c.in.find("\r\n")) == std::string::npos) {
-            if (c.in.size() > kMaxHeaderBytes) return fail(CURLE_RECV_ERROR);
-            const int rc = c.read_more(eof);
-            if (rc != CURLE_OK) return fail(rc);
-            if (eof) return fail(CURLE_PARTIAL_FILE);
-          }
+        do {
+          if (const int rc = next_line(kMaxHeaderBytes, nl); rc != CURLE_OK) return fail(rc);
           c.in.erase(0, nl + 2);
-          if (nl == 0) break;
-        }
+        } while (nl != 0);
         break;
       }
-      // The chunk's data, handed on as it arrives.
-      while (size > 0) {
-        if (c.in.empty()) {
-          const int rc = c.read_more(eof);
-          if (rc != CURLE_OK) return fail(rc);
-          if (eof) return fail(CURLE_PARTIAL_FILE);
-          continue;
-        }
-        const std::size_t take =
-            static_cast<std::size_t>(std::min<std::uint64_t>(size, c.in.size()));
-        if (!deliver(std::string_view(c.in.data(), take))) return Outcome::close;
-        c.in.erase(0, take);
-        size -= take;
-      }
-      while (c.in.size() < 2) {
-        const int rc = c.read_more(eof);
-        if (rc != CURLE_OK) return fail(rc);
-        if (eof) return fail(CURLE_PARTIAL_FILE);
-      }
-      if (c.in.compare(0, 2, "\r\n") != 0) return fail(CURLE_RECV_ERROR);
+      if (const int rc = pass_on(size); rc != CURLE_OK) return end_with(rc);
+      // The chunk's data ends with a CRLF of its own.
+      if (const int rc = next_line(2, nl); rc != CURLE_OK) return fail(rc);
+      if (nl != 0) return fail(CURLE_RECV_ERROR);
       c.in.erase(0, 2);
     }
   } else if (has_length || status == 204 || status == 304) {
-    std::uint64_t left = has_length ? length : 0;
-    while (left > 0) {
-      if (c.in.empty()) {
-        const int rc = c.read_more(eof);
-        if (rc != CURLE_OK) return fail(rc);
-        if (eof) return fail(CURLE_PARTIAL_FILE);
-        continue;
-      }
-      const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(left, c.in.size()));
-      if (!deliver(std::string_view(c.in.data(), take))) return Outcome::close;
-      c.in.erase(0, take);
-      left -= take;
-    }
+    if (const int rc = pass_on(has_length ? length : 0); rc != CURLE_OK) return end_with(rc);
   } else {
     // No length: the body runs to the end of the connection.
     keep_alive = false;
     while (true) {
-      if (!deliver(c.in)) return Outcome::close;
-      c.in.clear();
+      if (!c.in.empty()) {
+        if (on_body && !on_body(c.in)) return end_with(kAborted);
+        c.in.clear();
+      }
       const int rc = c.read_more(eof);
       if (rc != CURLE_OK) return fail(rc);
       if (eof) break;

@@ -151,6 +151,9 @@ std::unique_ptr<UpstreamHttp::Connection> UpstreamHttp::connect_(int& code) cons
   }
   curl_easy_setopt(c->curl, CURLOPT_URL, base_.c_str());
   curl_easy_setopt(c->curl, CURLOPT_CONNECT_ONLY, 1L);
+  // Through a proxy (http_proxy and friends), tunnel: the bytes written on
+  // the connection are meant for the model server itself.
+  curl_easy_setopt(c->curl, CURLOPT_HTTPPROXYTUNNEL, 1L);
   curl_easy_setopt(c->curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(c->curl, CURLOPT_TCP_NODELAY, 1L);
   curl_easy_setopt(c->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);

@@ -125,6 +125,76 @@ class ScriptedServer {
   std::vector<std::string> requests_;
 };
 
+// A CONNECT proxy: reads the CONNECT request, answers 200 and then copies
+// bytes both ways between the client and the target it named.
+class TunnelProxy {
+ public:
+  std::atomic<int> tunnels{0};
+  std::string last_connect;
+
+  TunnelProxy() {
+    listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    ::listen(listen_fd_, 16);
+    socklen_t len = sizeof addr;
+    ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+    thread_ = std::thread([this] { run(); });
+  }
+  ~TunnelProxy() {
+    ::shutdown(listen_fd_, SHUT_RDWR);
+    ::close(listen_fd_);
+    thread_.join();
+    for (auto& t : pumps_) t.join();
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  static void pump(int from, int to) {
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::recv(from, buf, sizeof buf, 0)) > 0) ::send(to, buf, n, MSG_NOSIGNAL);
+    ::shutdown(to, SHUT_WR);
+  }
+  void run() {
+    while (true) {
+      int client = ::accept(listen_fd_, nullptr, nullptr);
+      if (client < 0) return;
+      std::string head;
+      char c;
+      while (head.find("\r\n\r\n") == std::string::npos && ::recv(client, &c, 1, 0) == 1) {
+        head += c;
+      }
+      last_connect = head.substr(0, head.find("\r\n"));
+      const std::size_t colon = head.find(':', 8);
+      const int port = std::atoi(head.c_str() + colon + 1);
+      int target = ::socket(AF_INET, SOCK_STREAM, 0);
+      sockaddr_in addr{};
+      addr.sin_family = AF_INET;
+      addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      addr.sin_port = htons(static_cast<std::uint16_t>(port));
+      ::connect(target, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+      const std::string ok = "HTTP/1.1 200 Connection established\r\n\r\n";
+      ::send(client, ok.data(), ok.size(), MSG_NOSIGNAL);
+      ++tunnels;
+      pumps_.emplace_back([client, target] {
+        std::thread back(pump, target, client);
+        pump(client, target);
+        back.join();
+        ::close(client);
+        ::close(target);
+      });
+    }
+  }
+  int listen_fd_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+  std::vector<std::thread> pumps_;  // joined by the destructor
+};
+
 struct Collected {
   long status = 0;
   std::vector<std::string> pieces;
@@ -275,6 +345,33 @@ TEST(UpstreamHttp, FailuresCarryLibcurlCodes) {
   EXPECT_TRUE(r.aborted);
   EXPECT_EQ(seen, 1);
   EXPECT_EQ(client.idle_connections(), 0u);  // an aborted reply is not reused
+}
+
+// With a proxy configured, the connection is a tunnel through it and the
+// request still reaches the model server as written.
+TEST(UpstreamHttp, TunnelsThroughAConfiguredProxy) {
+  const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+  ScriptedServer server;
+  server.answers = {{{ok}}, {{ok}}};
+  server.start();
+  TunnelProxy proxy;
+  for (const char* name : {"no_proxy", "NO_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
+  ::setenv("http_proxy", proxy.url().c_str(), 1);
+  {
+    UpstreamHttp client(server.url());
+    for (int i = 0; i < 2; ++i) {
+      Collected out;
+      auto r = post(client, out);
+      ::unsetenv("http_proxy");  // read when connecting; the second call reuses
+      ASSERT_EQ(r.curl_code, CURLE_OK) << i;
+      EXPECT_EQ(out.body(), "ok");
+    }
+  }
+  ::unsetenv("http_proxy");
+  EXPECT_EQ(proxy.tunnels, 1);
+  EXPECT_EQ(proxy.last_connect.rfind("CONNECT 127.0.0.1:", 0), 0u) << proxy.last_connect;
+  ASSERT_EQ(server.requests().size(), 2u);
+  EXPECT_EQ(server.requests()[1].rfind("POST /api/chat HTTP/1.1\r\n", 0), 0u);
 }
 
 // Lines that arrive in one read are marked as followed by more, so that a

@@ -3,8 +3,10 @@
 #include <curl/curl.h>
 #include <poll.h>
 
+#include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 
 #include "kernel/text.h"
@@ -215,7 +217,12 @@ UpstreamHttp::Reply UpstreamHttp::post(std::string_view path, std::string_view c
 
 UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink& on_status,
                                                 const BodySink& on_body, Reply& reply) const {
+  // Body bytes decoded and not yet handed on. They go to the sink before any
+  // wait for more, so that whatever arrived together is handed on together
+  // (chunk framing does not split it) and nothing decoded waits on the network.
+  std::string ready;
   auto fail = [&](int code) {
+    if (!ready.empty() && on_body) on_body(ready);  // what arrived before the fault
     reply.curl_code = code;
     return Outcome::close;
   };
@@ -287,8 +294,15 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
   if (on_status) on_status(status);
 
   constexpr int kAborted = -1;  // the body sink asked to stop
+  auto flush = [&]() -> int {
+    if (ready.empty()) return CURLE_OK;
+    const bool go = !on_body || on_body(ready);
+    ready.clear();
+    return go ? CURLE_OK : kAborted;
+  };
   // Reads more of the body; a close before its end is a partial transfer.
   auto more = [&]() -> int {
+    if (const int rc = flush(); rc != CURLE_OK) return rc;
     const int rc = c.read_more(eof);
     if (rc != CURLE_OK) return rc;
     return eof ? CURLE_PARTIAL_FILE : CURLE_OK;
@@ -310,7 +324,7 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
         continue;
       }
       const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(n, c.in.size()));
-      if (on_body && !on_body(std::string_view(c.in.data(), take))) return kAborted;
+      ready.append(c.in, 0, take);
       c.in.erase(0, take);
       n -= take;
     }
@@ -325,7 +339,7 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
   if (chunked) {
     while (true) {
       std::size_t nl;
-      if (const int rc = next_line(1024, nl); rc != CURLE_OK) return fail(rc);
+      if (const int rc = next_line(1024, nl); rc != CURLE_OK) return end_with(rc);
       std::string_view size_text(c.in.data(), nl);
       size_text = trim(size_text.substr(0, size_text.find(';')));
       std::uint64_t size = 0;
@@ -338,19 +352,21 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
       if (size == 0) {
         // Trailer fields, then the empty line.
         do {
-          if (const int rc = next_line(kMaxHeaderBytes, nl); rc != CURLE_OK) return fail(rc);
+          if (const int rc = next_line(kMaxHeaderBytes, nl); rc != CURLE_OK) return end_with(rc);
           c.in.erase(0, nl + 2);
         } while (nl != 0);
         break;
       }
       if (const int rc = pass_on(size); rc != CURLE_OK) return end_with(rc);
       // The chunk's data ends with a CRLF of its own.
-      if (const int rc = next_line(2, nl); rc != CURLE_OK) return fail(rc);
+      if (const int rc = next_line(2, nl); rc != CURLE_OK) return end_with(rc);
       if (nl != 0) return fail(CURLE_RECV_ERROR);
       c.in.erase(0, 2);
     }
+    if (const int rc = flush(); rc != CURLE_OK) return end_with(rc);
   } else if (has_length || status == 204 || status == 304) {
     if (const int rc = pass_on(has_length ? length : 0); rc != CURLE_OK) return end_with(rc);
+    if (const int rc = flush(); rc != CURLE_OK) return end_with(rc);
   } else {
     // No length: the body runs to the end of the connection.
     keep_alive = false;

@@ -381,14 +381,20 @@ TEST(OllamaBackend, MarksChunksThatArrivedTogether) {
     return std::string("{\"model\":\"m\",\"message\":{\"role\":\"assistant\",\"content\":\"") +
            word + "\"},\"done\":" + (done ? "true,\"done_reason\":\"stop\"" : "false") + "}\n";
   };
-  const std::string together = line("a", false) + line("b", false) + line("c", false);
-  const std::string last = line("d", false) + line("", true);
+  // Chunked, one line a chunk, as a model server streams: the first three
+  // chunks arrive in one read, the last two in another.
+  auto chunk = [](const std::string& data) {
+    char size[16];
+    std::snprintf(size, sizeof size, "%zx\r\n", data.size());
+    return size + data + "\r\n";
+  };
   ScriptedServer server;
-  server.answers = {{{"HTTP/1.1 200 OK\r\nContent-Length: " +
-                          std::to_string(together.size() + last.size()) + "\r\n\r\n" + together,
-                      last},
-                     false,
-                     3}};
+  server.answers = {
+      {{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk(line("a", false)) +
+            chunk(line("b", false)) + chunk(line("c", false)),
+        chunk(line("d", false)) + chunk(line("", true)) + "0\r\n\r\n"},
+       false,
+       3}};
   server.start();
   OllamaBackend backend("o", server.url());
   ChatRequest req;

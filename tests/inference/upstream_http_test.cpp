@@ -23,6 +23,28 @@ namespace {
 
 using namespace std::chrono_literals;
 
+sockaddr_in loopback(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<std::uint16_t>(port));
+  return addr;
+}
+
+// A listening socket on a free loopback port; sets `port`.
+int listen_loopback(int& port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  int yes = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  sockaddr_in addr = loopback(0);
+  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  ::listen(fd, 16);
+  socklen_t len = sizeof addr;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  port = ntohs(addr.sin_port);
+  return fd;
+}
+
 // A loopback server that answers the n-th request (counted over all
 // connections) with answers[n]: its pieces are written one by one with a
 // pause between them, so the client sees them in separate reads. After an
@@ -39,19 +61,7 @@ class ScriptedServer {
   std::vector<Answer> answers;
   std::atomic<int> pieces_read{0};  // counted by the test's body sink
 
-  ScriptedServer() {
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    int yes = 1;
-    ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    ::listen(listen_fd_, 16);
-    socklen_t len = sizeof addr;
-    ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-  }
+  ScriptedServer() { listen_fd_ = listen_loopback(port_); }
   ~ScriptedServer() {
     ::shutdown(listen_fd_, SHUT_RDWR);
     ::close(listen_fd_);
@@ -133,15 +143,7 @@ class TunnelProxy {
   std::string last_connect;
 
   TunnelProxy() {
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    ::listen(listen_fd_, 16);
-    socklen_t len = sizeof addr;
-    ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
+    listen_fd_ = listen_loopback(port_);
     thread_ = std::thread([this] { run(); });
   }
   ~TunnelProxy() {
@@ -172,10 +174,7 @@ class TunnelProxy {
       const std::size_t colon = head.find(':', 8);
       const int port = std::atoi(head.c_str() + colon + 1);
       int target = ::socket(AF_INET, SOCK_STREAM, 0);
-      sockaddr_in addr{};
-      addr.sin_family = AF_INET;
-      addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      addr.sin_port = htons(static_cast<std::uint16_t>(port));
+      sockaddr_in addr = loopback(port);
       ::connect(target, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
       const std::string ok = "HTTP/1.1 200 Connection established\r\n\r\n";
       ::send(client, ok.data(), ok.size(), MSG_NOSIGNAL);

@@ -348,11 +348,13 @@ int InferenceModule::stream_sse_(ChatRequest chat,
   }
   bool gone = false;
   auto err = engine_->stream(chat, [&](const ChatChunk& c) {
-    if (c.delta.empty() && !c.finish_reason) return true;
-    const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
-    pending += kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
-                                                         created, c.delta, false, reason));
-    if (coalesce && (c.done || c.more_ready)) return true;
+    if (!c.delta.empty() || c.finish_reason) {
+      const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
+      pending += kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
+                                                           created, c.delta, false, reason));
+    }
+    // An empty piece still sends what was held back for it.
+    if (pending.empty() || (coalesce && (c.done || c.more_ready))) return true;
     gone = !write(pending);
     pending.clear();
     return !gone;

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "inference/ollama_fields.h"
 #include "kernel/text.h"
 
 namespace ostrel::inference {
@@ -52,21 +53,30 @@ bool on_stream_data(StreamState* st, std::string_view data) {
     std::string_view line(st->pending.data() + start, nl - start);
     start = nl + 1;
     if (line.empty() || st->finished) continue;
-    Json obj = Json::parse(line, nullptr, false);
-    if (!obj.is_object()) {
-      st->parse_error = std::string(line);
-      continue;
-    }
     ChatChunk chunk;
-    chunk.model = obj.value("model", st->model);
-    if (auto m = obj.find("message"); m != obj.end() && m->is_object()) {
-      chunk.delta = m->value("content", "");
+    if (OllamaFields f; scan_ollama_fields(line, f)) {
+      chunk.model = f.model ? *f.model : st->model;
+      if (f.message_is_object) chunk.delta = f.content.value_or("");
+      if (f.done.value_or(false)) {
+        chunk.done = true;
+        chunk.finish_reason = f.done_reason.value_or("stop");
+      }
+    } else {
+      Json obj = Json::parse(line, nullptr, false);
+      if (!obj.is_object()) {
+        st->parse_error = std::string(line);
+        continue;
+      }
+      chunk.model = obj.value("model", st->model);
+      if (auto m = obj.find("message"); m != obj.end() && m->is_object()) {
+        chunk.delta = m->value("content", "");
+      }
+      if (obj.value("done", false)) {
+        chunk.done = true;
+        chunk.finish_reason = obj.value("done_reason", "stop");
+      }
     }
-    if (obj.value("done", false)) {
-      chunk.done = true;
-      chunk.finish_reason = obj.value("done_reason", "stop");
-      st->finished = true;
-    }
+    st->finished = chunk.done;
     chunk.more_ready = !st->finished && st->pending.find('\n', start) != std::string::npos;
     if (!(*st->sink)(chunk)) {
       st->aborted = true;
@@ -238,22 +248,30 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
     }
     if (auto err = http_to_error(upstream.curl_code, upstream.status, body)) return err;
 
-    Json reply = Json::parse(body, nullptr, false);
-    if (!reply.is_object()) {
-      return InferenceError{502, "ollama: bad response JSON: " + body.substr(0, 200)};
-    }
     std::string content;
-    if (auto m = reply.find("message"); m != reply.end() && m->is_object()) {
-      content = m->value("content", "");
+    if (OllamaFields f; scan_ollama_fields(body, f)) {
+      content = f.message_is_object ? f.content.value_or("") : f.response.value_or("");
+      resp.model = f.model ? *f.model : req.model;
+      resp.finish_reason = f.done_reason.value_or("stop");
+      resp.prompt_tokens = f.prompt_eval_count.value_or(0);
+      resp.completion_tokens = f.eval_count.value_or(0);
     } else {
-      content = reply.value("response", "");
+      Json reply = Json::parse(body, nullptr, false);
+      if (!reply.is_object()) {
+        return InferenceError{502, "ollama: bad response JSON: " + body.substr(0, 200)};
+      }
+      if (auto m = reply.find("message"); m != reply.end() && m->is_object()) {
+        content = m->value("content", "");
+      } else {
+        content = reply.value("response", "");
+      }
+      resp.model = reply.value("model", req.model);
+      resp.finish_reason = reply.value("done_reason", "stop");
+      resp.prompt_tokens = reply.value("prompt_eval_count", std::int64_t{0});
+      resp.completion_tokens = reply.value("eval_count", std::int64_t{0});
     }
-    resp.model = reply.value("model", req.model);
     resp.backend_id = id_;
-    resp.message = Message{"assistant", content, "", ""};
-    resp.finish_reason = reply.value("done_reason", "stop");
-    resp.prompt_tokens = reply.value("prompt_eval_count", std::int64_t{0});
-    resp.completion_tokens = reply.value("eval_count", std::int64_t{0});
+    resp.message = Message{"assistant", std::move(content), "", ""};
     scope.succeed(static_cast<std::uint64_t>(resp.completion_tokens));
     return std::nullopt;
   } catch (const std::exception& e) {

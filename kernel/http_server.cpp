@@ -2,7 +2,9 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <httplib.h>
 #include <atomic>
@@ -10,6 +12,8 @@
 #include <cstdlib>
 #include <mutex>
 #include <thread>
+
+#include "kernel/http_connection.h"
 
 namespace ostrel::kernel {
 namespace {
@@ -20,14 +24,60 @@ constexpr size_t kKeepAliveMaxCount = 10000;
 constexpr time_t kKeepAliveTimeoutSec = 5;
 constexpr size_t kDefaultMaxBodyMb = 256;
 
-// The listening socket is a protected member of httplib::Server; the subclass
-// exposes it so that the accept backlog can be raised after the bind.
+// The connection the current server thread is answering: a streamed body
+// flushes the held response head through it before its producer starts, so a
+// client sees the head even while the first piece is slow to come.
+thread_local HttpConnection* t_connection = nullptr;
+
+// The library's server with its connection loop replaced: one HttpConnection
+// per connection for its whole life (pipelined bytes survive, the response head
+// leaves with the body, the peer address is looked up once), and idle
+// keep-alive connections sleep in one poll that stop() can interrupt instead of
+// waking every few milliseconds.
 class ListeningServer : public httplib::Server {
  public:
+  ListeningServer() : wake_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+  ~ListeningServer() override {
+    if (wake_fd_ >= 0) ::close(wake_fd_);
+  }
+
+  // The listening socket is a protected member of the library's server.
   void raise_backlog(int backlog) {
     socket_t fd = svr_sock_;
     if (fd != INVALID_SOCKET) ::listen(fd, backlog);
   }
+
+  // Ends every connection that is waiting for its next request (the eventfd
+  // stays readable), so that stopping does not wait out keep-alive timeouts.
+  void wake_idle_connections() {
+    if (wake_fd_ < 0) return;
+    std::uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = ::write(wake_fd_, &one, sizeof one);
+  }
+
+ private:
+  bool process_and_close_socket(socket_t sock) override {
+    using std::chrono::microseconds;
+    using std::chrono::seconds;
+    HttpConnection conn(sock, {microseconds(read_timeout_sec_ * 1000000 + read_timeout_usec_),
+                               microseconds(write_timeout_sec_ * 1000000 + write_timeout_usec_)});
+    t_connection = &conn;
+    bool ok = false;
+    for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
+      if (!conn.wait_for_request(seconds(keep_alive_timeout_sec_), wake_fd_)) break;
+      bool closed = false;
+      conn.begin_request();
+      ok = process_request(conn, left == 1, closed, nullptr);
+      ok = conn.flush() && ok;
+      if (!ok || closed || conn.closing()) break;
+    }
+    t_connection = nullptr;
+    ::shutdown(sock, SHUT_RDWR);
+    ::close(sock);
+    return ok;
+  }
+
+  const int wake_fd_;
 };
 
 void socket_options(socket_t fd) {
@@ -75,7 +125,7 @@ void write_response(Response& res, httplib::Response& out) {
   }
   auto producer = std::make_shared<StreamProducer>(std::move(res.stream));
   out.set_chunked_content_provider(res.content_type, [producer](size_t, httplib::DataSink& sink) {
-    bool open = true;
+    bool open = t_connection == nullptr || t_connection->flush();
     try {
       (*producer)([&](std::string_view piece) {
         if (!open) return false;
@@ -141,9 +191,13 @@ bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   server->Options(kAll, handler);
 
   // Errors the library answers itself (malformed request, body too large)
-  // still get a JSON body.
+  // still get a JSON body. After those the bytes on the connection cannot be
+  // trusted to start a request (an unread body), so it is closed.
   server->set_error_handler([](const httplib::Request&, httplib::Response& out) {
-    if (!out.body.empty()) return;
+    if (!out.body.empty()) return;  // the gateway's own answer
+    if (out.status == 400 || out.status == 413 || out.status == 414) {
+      out.set_header("Connection", "close");
+    }
     const char* code = out.status == 413   ? "payload_too_large"
                        : out.status == 414 ? "uri_too_long"
                        : out.status == 404 ? "not_found"
@@ -189,6 +243,7 @@ bool HttpServer::start(const std::string& bind, std::uint16_t port) {
 void HttpServer::stop() {
   std::lock_guard lock(impl_->lifecycle_mu);
   if (!impl_->server) return;
+  impl_->server->wake_idle_connections();
   impl_->server->stop();
   if (impl_->listen_thread.joinable()) impl_->listen_thread.join();
   impl_->server.reset();

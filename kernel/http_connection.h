@@ -1,0 +1,85 @@
+#pragma once
+
+#include <httplib.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace ostrel::kernel {
+
+// One accepted client connection as the HTTP library's byte stream, kept for
+// the connection's whole life so that bytes a client sent ahead (pipelined
+// requests) survive from one request to the next.
+//
+// It costs as few system calls as it can: reads go straight to the socket and
+// wait only when nothing is there; the first write of each response (the status
+// line and headers) is held back and leaves in one send with the body; the
+// peer's address is looked up once. Held bytes never wait on the client: they
+// go out before the stream blocks reading, on flush() (which the server calls
+// before a streamed body starts) and at the end of every request.
+//
+// Used by one thread at a time; not thread-safe.
+class HttpConnection final : public httplib::Stream {
+ public:
+  struct Timeouts {
+    std::chrono::microseconds read{std::chrono::seconds(5)};
+    std::chrono::microseconds write{std::chrono::seconds(5)};
+  };
+
+  HttpConnection(int fd, Timeouts timeouts);
+
+  // Waits for the first bytes of the next request: true when some are
+  // buffered or arrive within `idle`; false when the peer closed, the socket
+  // failed, the time passed, or `wake_fd` (>= 0) became readable.
+  bool wait_for_request(std::chrono::milliseconds idle, int wake_fd);
+
+  // Marks the start of a request: the next write is the response head.
+  void begin_request() {
+    hold_next_write_ = true;
+    closing_ = false;
+  }
+
+  // The last response head said "Connection: close".
+  bool closing() const { return closing_; }
+
+  // Sends whatever is held back; false when the peer is gone.
+  bool flush();
+
+  bool is_readable() const override;
+  bool is_writable() const override;
+  ssize_t read(char* ptr, size_t size) override;
+  ssize_t write(const char* ptr, size_t size) override;
+  void get_remote_ip_and_port(std::string& ip, int& port) const override;
+  void get_local_ip_and_port(std::string& ip, int& port) const override;
+  socket_t socket() const override { return fd_; }
+
+ private:
+  static constexpr size_t kReadBuffer = 16 * 1024;
+
+  bool send_all_(const char* a, size_t a_len, const char* b, size_t b_len) const;
+  bool flush_() const;
+  ssize_t recv_(char* ptr, size_t size);
+  bool wait_(short events, std::chrono::microseconds timeout) const;
+  bool peer_closed_() const;
+  void resolve_addresses_() const;
+
+  int fd_;
+  Timeouts timeouts_;
+  std::unique_ptr<char[]> in_;  // bytes read from the socket: [in_begin_, in_end_) unconsumed
+  size_t in_begin_ = 0;
+  size_t in_end_ = 0;
+  bool hold_next_write_ = false;
+  bool closing_ = false;
+  // Write state changes in is_writable() too, which the interface declares const.
+  mutable std::string pending_;  // response head held back for the next write
+  mutable bool failed_ = false;  // a send failed: the connection is finished
+
+  // Addresses looked up on first use (const accessors, hence mutable).
+  mutable bool addresses_known_ = false;
+  mutable std::string remote_ip_, local_ip_;
+  mutable int remote_port_ = 0, local_port_ = 0;
+};
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,192 @@
+#include "kernel/http_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace ostrel::kernel {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A client that speaks raw bytes, to control exactly what the server sees.
+class RawClient {
+ public:
+  explicit RawClient(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  }
+  ~RawClient() { ::close(fd_); }
+  bool connected() const { return connected_; }
+
+  void send(const std::string& bytes) {
+    ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  // Reads until `received` contains `needle` (true), or the peer closes or
+  // the time passes (false).
+  bool read_until(const std::string& needle, std::chrono::milliseconds timeout = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (received.find(needle) == std::string::npos) {
+      if (!read_some(deadline)) return false;
+    }
+    return true;
+  }
+
+  // True when the peer closes the connection within the time.
+  bool closes(std::chrono::milliseconds timeout = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (read_some(deadline)) {
+    }
+    return eof_;
+  }
+
+  std::string received;
+
+ private:
+  bool read_some(std::chrono::steady_clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd p{fd_, POLLIN, 0};
+    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+    char buf[4096];
+    ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+    if (n <= 0) {
+      eof_ = true;
+      return false;
+    }
+    received.append(buf, static_cast<size_t>(n));
+    return true;
+  }
+
+  int fd_;
+  bool connected_ = false;
+  bool eof_ = false;
+};
+
+size_t count(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+// Echoes method, path, body and client address; "/stream" answers a stream
+// whose first piece waits until the test opens the gate.
+struct EchoServer {
+  std::atomic<bool> gate{false};
+  std::atomic<int> piece_results{0};  // pieces the producer could write
+  HttpServer server{[this](Request& req, Response& res) {
+    if (req.path == "/stream") {
+      res.content_type = "text/event-stream";
+      res.stream = [this](const StreamWrite& write) {
+        for (int i = 0; i < 200 && !gate; ++i) std::this_thread::sleep_for(10ms);
+        if (write("data: one\n\n")) ++piece_results;
+        if (write("data: two\n\n")) ++piece_results;
+      };
+      return;
+    }
+    res.content_type = "text/plain";
+    res.body = req.method + " " + req.path + " " + req.body + " from " + req.client_addr;
+  }};
+};
+
+// Requests sent back to back in one packet are all answered, in order, on
+// the same connection; a request that expects "100 Continue" gets it before
+// it sends its body.
+TEST(HttpServer, PipelinedRequestsAndInterimContinue) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.server.start("127.0.0.1", 0));
+  RawClient c(echo.server.port());
+  ASSERT_TRUE(c.connected());
+
+  c.send(
+      "GET /a HTTP/1.1\r\nHost: x\r\n\r\n"
+      "POST /b HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nhello"
+      "GET /c HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(c.read_until("GET /c  from 127.0.0.1")) << c.received;
+  EXPECT_EQ(count(c.received, "HTTP/1.1 200 OK\r\n"), 3u);
+  size_t a = c.received.find("GET /a  from 127.0.0.1");
+  size_t b = c.received.find("POST /b hello from 127.0.0.1");
+  size_t last = c.received.find("GET /c  from 127.0.0.1");
+  EXPECT_LT(a, b);
+  EXPECT_LT(b, last);
+
+  c.received.clear();
+  c.send("POST /d HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 4\r\n\r\n");
+  ASSERT_TRUE(c.read_until("HTTP/1.1 100 Continue\r\n\r\n")) << c.received;
+  c.send("body");
+  ASSERT_TRUE(c.read_until("POST /d body from 127.0.0.1")) << c.received;
+  EXPECT_EQ(count(c.received, "HTTP/1.1 200 OK\r\n"), 1u);
+  echo.server.stop();
+}
+
+// A streamed answer sends its head at once, before the first piece exists;
+// the pieces follow as they are written.
+TEST(HttpServer, StreamHeadLeavesBeforeTheFirstPiece) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.server.start("127.0.0.1", 0));
+  RawClient c(echo.server.port());
+  c.send("GET /stream HTTP/1.1\r\nHost: x\r\n\r\n");
+  bool head = c.read_until("\r\n\r\n", 3s);
+  bool early = echo.piece_results == 0 && c.received.find("data:") == std::string::npos;
+  echo.gate = true;
+  EXPECT_TRUE(head) << c.received;
+  EXPECT_TRUE(early) << c.received;
+  EXPECT_NE(c.received.find("Transfer-Encoding: chunked"), std::string::npos);
+  ASSERT_TRUE(c.read_until("0\r\n\r\n")) << c.received;
+  EXPECT_NE(c.received.find("data: one\n\n"), std::string::npos);
+  EXPECT_NE(c.received.find("data: two\n\n"), std::string::npos);
+  EXPECT_EQ(echo.piece_results, 2);
+  echo.server.stop();
+}
+
+// Connections end when they should: after an HTTP/1.0 answer, after a
+// malformed request (answered 400 in JSON), and when the server stops while
+// they wait between requests — without waiting out the keep-alive time.
+TEST(HttpServer, ConnectionsCloseOnRequestAndOnStop) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.server.start("127.0.0.1", 0));
+
+  RawClient old(echo.server.port());
+  old.send("GET /old HTTP/1.0\r\n\r\n");
+  EXPECT_TRUE(old.closes());
+  EXPECT_NE(old.received.find("GET /old  from 127.0.0.1"), std::string::npos) << old.received;
+
+  RawClient bad(echo.server.port());
+  bad.send("NONSENSE\r\n\r\n");
+  EXPECT_TRUE(bad.closes());
+  EXPECT_NE(bad.received.find("HTTP/1.1 400"), std::string::npos) << bad.received;
+  EXPECT_NE(bad.received.find("{\"error\":\"bad_request\"}"), std::string::npos) << bad.received;
+
+  RawClient idle(echo.server.port());
+  idle.send("GET /idle HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(idle.read_until("GET /idle  from 127.0.0.1"));
+  RawClient silent(echo.server.port());  // connected, never sends a byte
+  ASSERT_TRUE(silent.connected());
+  std::this_thread::sleep_for(50ms);  // both now wait in the server for a request
+
+  auto before = std::chrono::steady_clock::now();
+  echo.server.stop();
+  auto took = std::chrono::steady_clock::now() - before;
+  EXPECT_LT(took, 3s);  // the keep-alive timeout is 5 s
+  EXPECT_TRUE(idle.closes(1s));
+  EXPECT_TRUE(silent.closes(1s));
+  EXPECT_FALSE(echo.server.running());
+}
+
+}  // namespace
+}  // namespace ostrel::kernel

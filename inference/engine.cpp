@@ -53,13 +53,13 @@ void Engine::prepare_request_(ChatRequest& req) {
 }
 
 std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp) {
+  std::optional<InferenceError> inline_err;
+  if (scheduler_.try_serve_inline(req, sink, resp, inline_err)) return inline_err;
   auto queued = std::make_shared<QueuedRequest>();
   queued->request = req;
   queued->sink = std::move(sink);
   std::future<ChatResponse> future = queued->promise.get_future();
-  if (!scheduler_.try_serve_inline(*queued) && !scheduler_.enqueue(queued)) {
-    return InferenceError{507, "scheduler: queue full"};
-  }
+  if (!scheduler_.enqueue(queued)) return InferenceError{507, "scheduler: queue full"};
   try {
     resp = future.get();
     return std::nullopt;

@@ -85,17 +85,16 @@ bool Scheduler::enqueue(std::shared_ptr<QueuedRequest> request) {
   return true;
 }
 
-bool Scheduler::try_serve_inline(QueuedRequest& request) {
+bool Scheduler::try_serve_inline(const ChatRequest& request, const ChunkSink& sink,
+                                 ChatResponse& resp, std::optional<InferenceError>& err) {
   {
     std::lock_guard lock(mu_);
     if (!running_ || total_queued_ > 0 || busy_ >= worker_count_) return false;
     ++busy_;
     ++accepted_;
-    request.key = request.request.tenant_id;
-    ++served_[request.key];
-    request.enqueued_at = std::chrono::steady_clock::now();
+    ++served_[request.tenant_id];
   }
-  serve_(request);
+  err = serve_(request, sink, std::chrono::steady_clock::now(), resp);
   release_slot_();
   return true;
 }
@@ -159,7 +158,13 @@ void Scheduler::worker_loop_() {
       if (next) ++busy_;
     }
     if (!next) continue;
-    serve_(*next);
+    ChatResponse resp;
+    auto err = serve_(next->request, next->sink, next->enqueued_at, resp);
+    if (err) {
+      next->promise.set_exception(std::make_exception_ptr(InferenceFailure(std::move(*err))));
+    } else {
+      next->promise.set_value(std::move(resp));
+    }
     release_slot_();
   }
 }
@@ -176,7 +181,9 @@ void Scheduler::release_slot_() {
   if (waiting) cv_.notify_one();
 }
 
-void Scheduler::serve_(QueuedRequest& q) {
+std::optional<InferenceError> Scheduler::serve_(const ChatRequest& req, const ChunkSink& sink,
+                                                std::chrono::steady_clock::time_point enqueued_at,
+                                                ChatResponse& resp) {
   BackendList healthy = healthy_backends();
   BackendSelector selector;
   {
@@ -184,31 +191,25 @@ void Scheduler::serve_(QueuedRequest& q) {
     selector = selector_;
   }
   // The selector reads backend stats: run it outside the lock.
-  std::shared_ptr<Backend> backend = selector(q.request, healthy);
+  std::shared_ptr<Backend> backend = selector(req, healthy);
   if (!backend) {
-    q.promise.set_exception(std::make_exception_ptr(InferenceFailure(
-        {502, "scheduler: no healthy backend can serve model '" + q.request.model + "'"})));
-    return;
+    return InferenceError{502, "scheduler: no healthy backend can serve model '" + req.model + "'"};
   }
-  ChatResponse resp;
   std::optional<InferenceError> err;
   try {
-    err = q.sink ? backend->stream(q.request, q.sink) : backend->complete(q.request, resp);
+    err = sink ? backend->stream(req, sink) : backend->complete(req, resp);
   } catch (const std::exception& e) {
     err = InferenceError{500, std::string("backend: ") + e.what()};
   } catch (...) {
     err = InferenceError{500, "backend: unknown exception"};
   }
-  if (err) {
-    q.promise.set_exception(std::make_exception_ptr(InferenceFailure(*err)));
-    return;
-  }
-  resp.request_id = q.request.request_id;
+  if (err) return err;
+  resp.request_id = req.request_id;
   if (resp.backend_id.empty()) resp.backend_id = backend->id();
   resp.latency_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        std::chrono::steady_clock::now() - q.enqueued_at)
+                        std::chrono::steady_clock::now() - enqueued_at)
                         .count();
-  q.promise.set_value(std::move(resp));
+  return std::nullopt;
 }
 
 }  // namespace ostrel::inference

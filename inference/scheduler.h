@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,8 +61,10 @@ class Scheduler {
   // Serves the request on the calling thread when that cannot overtake
   // anyone: the scheduler runs, nothing is queued and a worker slot is free.
   // The slot counts against the worker pool, so concurrency stays bounded.
-  // Saves two thread hand-offs per request. False: enqueue it instead.
-  bool try_serve_inline(QueuedRequest& request);
+  // Saves two thread hand-offs per request, and the promise. True: served,
+  // with `resp` filled or `err` set. False: enqueue it instead.
+  bool try_serve_inline(const ChatRequest& request, const ChunkSink& sink, ChatResponse& resp,
+                        std::optional<InferenceError>& err);
   BackendList healthy_backends() const;
   void set_selector(BackendSelector selector);
 
@@ -72,7 +75,9 @@ class Scheduler {
  private:
   void worker_loop_();
   std::shared_ptr<QueuedRequest> take_locked_();
-  void serve_(QueuedRequest& q);
+  std::optional<InferenceError> serve_(const ChatRequest& req, const ChunkSink& sink,
+                                       std::chrono::steady_clock::time_point enqueued_at,
+                                       ChatResponse& resp);
   void release_slot_();
 
   std::function<BackendList()> backends_;

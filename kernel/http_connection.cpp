@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace ostrel::kernel {
 namespace {
@@ -111,10 +112,13 @@ ssize_t HttpConnection::read(char* ptr, size_t size) {
 
 ssize_t HttpConnection::write(const char* ptr, size_t size) {
   if (failed_) return -1;
-  if (hold_next_write_) {
+  if (next_write_is_head_) {
+    next_write_is_head_ = false;
+    closing_ = std::string_view(ptr, size).find("\r\nConnection: close\r\n") != std::string::npos;
+  }
+  if (hold_next_write_ && pending_.empty()) {
     hold_next_write_ = false;
     pending_.assign(ptr, size);
-    closing_ = pending_.find("\r\nConnection: close\r\n") != std::string::npos;
     return static_cast<ssize_t>(size);
   }
   // Writes after the head belong to a streamed body: stop as soon as the

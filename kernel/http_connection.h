@@ -38,8 +38,13 @@ class HttpConnection final : public httplib::Stream {
   // Marks the start of a request: the next write is the response head.
   void begin_request() {
     hold_next_write_ = true;
+    next_write_is_head_ = true;
     closing_ = false;
   }
+
+  // The next write is held back to leave with the one after it (or at the
+  // end of the request, or before the stream blocks reading).
+  void hold_next_write() { hold_next_write_ = true; }
 
   // The last response head said "Connection: close".
   bool closing() const { return closing_; }
@@ -71,6 +76,7 @@ class HttpConnection final : public httplib::Stream {
   size_t in_begin_ = 0;
   size_t in_end_ = 0;
   bool hold_next_write_ = false;
+  bool next_write_is_head_ = false;
   bool closing_ = false;
   // Write state changes in is_writable() too, which the interface declares const.
   mutable std::string pending_;  // response head held back for the next write

@@ -116,6 +116,8 @@ Request to_request(const httplib::Request& in) {
   return req;
 }
 
+constexpr std::string_view kLastEvent = "data: [DONE]\n\n";
+
 void write_response(Response& res, httplib::Response& out) {
   out.status = res.status;
   for (const auto& [name, value] : res.headers) out.set_header(name, value);
@@ -130,6 +132,10 @@ void write_response(Response& res, httplib::Response& out) {
       (*producer)([&](std::string_view piece) {
         if (!open) return false;
         if (piece.empty()) return true;
+        // An event stream's closing event is its last piece: it leaves with
+        // the end of the chunked body instead of a write of its own. (Were
+        // the producer to write more, it would simply leave with that.)
+        if (t_connection && piece.ends_with(kLastEvent)) t_connection->hold_next_write();
         open = sink.write(piece.data(), piece.size());
         return open;
       });

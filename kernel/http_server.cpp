@@ -61,7 +61,10 @@ class ListeningServer : public httplib::Server {
     using std::chrono::seconds;
     HttpConnection conn(sock, {microseconds(read_timeout_sec_ * 1000000 + read_timeout_usec_),
                                microseconds(write_timeout_sec_ * 1000000 + write_timeout_usec_)});
-    t_connection = &conn;
+    struct Current {
+      explicit Current(HttpConnection* c) { t_connection = c; }
+      ~Current() { t_connection = nullptr; }
+    } current(&conn);
     bool ok = false;
     for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
       if (!conn.wait_for_request(seconds(keep_alive_timeout_sec_), wake_fd_)) break;
@@ -71,7 +74,6 @@ class ListeningServer : public httplib::Server {
       ok = conn.flush() && ok;
       if (!ok || closed || conn.closing()) break;
     }
-    t_connection = nullptr;
     ::shutdown(sock, SHUT_RDWR);
     ::close(sock);
     return ok;

@@ -32,21 +32,22 @@ void numeric_address(const sockaddr_storage& addr, socklen_t len, std::string& i
 HttpConnection::HttpConnection(int fd, Timeouts timeouts)
     : fd_(fd), timeouts_(timeouts), in_(new char[kReadBuffer]) {}
 
-bool HttpConnection::wait_for_request(std::chrono::milliseconds idle, int wake_fd) {
-  if (in_begin_ < in_end_) return true;
-  pollfd fds[2] = {{fd_, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-  const nfds_t count = wake_fd >= 0 ? 2 : 1;
-  const auto deadline = std::chrono::steady_clock::now() + idle;
+HttpConnection::Wait HttpConnection::wait_for_request(
+    std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd) {
+  if (in_begin_ < in_end_) return Wait::request;
+  // poll ignores the entries whose fd is negative.
+  pollfd fds[3] = {{fd_, POLLIN, 0}, {wake_fd, POLLIN, 0}, {yield_fd, POLLIN, 0}};
   for (;;) {
     auto left = std::chrono::duration_cast<std::chrono::microseconds>(
         deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    int n = ::poll(fds, count, to_poll_ms(left));
+    if (left.count() <= 0) return Wait::ended;
+    int n = ::poll(fds, 3, to_poll_ms(left));
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    if (count == 2 && fds[1].revents != 0) return false;
+    if (n <= 0) return Wait::ended;
     // Readable, or closed / failed: the read that follows tells which.
-    return fds[0].revents != 0;
+    if (fds[0].revents != 0) return Wait::request;
+    if (fds[1].revents != 0) return Wait::woken;
+    return Wait::yield_fd;
   }
 }
 

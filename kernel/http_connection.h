@@ -30,10 +30,16 @@ class HttpConnection final : public httplib::Stream {
 
   HttpConnection(int fd, Timeouts timeouts);
 
-  // Waits for the first bytes of the next request: true when some are
-  // buffered or arrive within `idle`; false when the peer closed, the socket
-  // failed, the time passed, or `wake_fd` (>= 0) became readable.
-  bool wait_for_request(std::chrono::milliseconds idle, int wake_fd);
+  enum class Wait {
+    request,   // bytes of a request are buffered or have arrived
+    ended,     // the peer closed, the socket failed or the time passed
+    woken,     // `wake_fd` became readable
+    yield_fd,  // `yield_fd` became readable
+  };
+
+  // Waits until `deadline` for the first bytes of the next request, or for
+  // one of the two fds (each may be -1) to become readable.
+  Wait wait_for_request(std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd);
 
   // Marks the start of a request: the next write is the response head.
   void begin_request() {

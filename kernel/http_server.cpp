@@ -7,12 +7,14 @@
 #include <unistd.h>
 
 #include <httplib.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
 
+#include "kernel/connection_pool.h"
 #include "kernel/http_connection.h"
 
 namespace ostrel::kernel {
@@ -23,6 +25,9 @@ constexpr int kListenBacklog = 1024;
 constexpr size_t kKeepAliveMaxCount = 10000;
 constexpr time_t kKeepAliveTimeoutSec = 5;
 constexpr size_t kDefaultMaxBodyMb = 256;
+// How long an answered connection must stay quiet before it may give its
+// thread to a connection that waits for one.
+constexpr std::chrono::milliseconds kIdleBeforeYield{100};
 
 // The connection the current server thread is answering: a streamed body
 // flushes the held response head through it before its producer starts, so a
@@ -33,10 +38,18 @@ thread_local HttpConnection* t_connection = nullptr;
 // per connection for its whole life (pipelined bytes survive, the response head
 // leaves with the body, the peer address is looked up once), and idle
 // keep-alive connections sleep in one poll that stop() can interrupt instead of
-// waking every few milliseconds.
+// waking every few milliseconds, and that ends when a new connection needs
+// their thread (ConnectionPool).
 class ListeningServer : public httplib::Server {
  public:
-  ListeningServer() : wake_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+  explicit ListeningServer(std::size_t threads)
+      : wake_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    new_task_queue = [this, threads] {
+      auto* pool = new ConnectionPool(threads);
+      pool_ = pool;
+      return pool;
+    };
+  }
   ~ListeningServer() override {
     if (wake_fd_ >= 0) ::close(wake_fd_);
   }
@@ -58,7 +71,6 @@ class ListeningServer : public httplib::Server {
  private:
   bool process_and_close_socket(socket_t sock) override {
     using std::chrono::microseconds;
-    using std::chrono::seconds;
     HttpConnection conn(sock, {microseconds(read_timeout_sec_ * 1000000 + read_timeout_usec_),
                                microseconds(write_timeout_sec_ * 1000000 + write_timeout_usec_)});
     struct Current {
@@ -66,8 +78,10 @@ class ListeningServer : public httplib::Server {
       ~Current() { t_connection = nullptr; }
     } current(&conn);
     bool ok = false;
+    // Jobs run only while the listen loop owns the pool.
+    ConnectionPool* pool = pool_;
     for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
-      if (!conn.wait_for_request(seconds(keep_alive_timeout_sec_), wake_fd_)) break;
+      if (!wait_for_request_(conn, pool, left < keep_alive_max_count_)) break;
       bool closed = false;
       conn.begin_request();
       ok = process_request(conn, left == 1, closed, nullptr);
@@ -79,7 +93,42 @@ class ListeningServer : public httplib::Server {
     return ok;
   }
 
+  // Waits for the connection's next request. One that has been answered and
+  // then stayed quiet for kIdleBeforeYield may hand its thread to a waiting
+  // connection; a busy client (requests back to back) keeps its thread, and a
+  // new connection keeps it until its first request is served.
+  bool wait_for_request_(HttpConnection& conn, ConnectionPool* pool, bool may_yield) {
+    using Wait = HttpConnection::Wait;
+    const auto now = std::chrono::steady_clock::now();
+    const auto deadline = now + std::chrono::seconds(keep_alive_timeout_sec_);
+    if (may_yield && pool && pool->yield_fd() >= 0) {
+      auto quiet_until = std::min(deadline, now + kIdleBeforeYield);
+      switch (conn.wait_for_request(quiet_until, wake_fd_, -1)) {
+        case Wait::request:
+          return true;
+        case Wait::woken:
+          return false;
+        default:
+          break;  // quiet so far
+      }
+      for (;;) {
+        switch (conn.wait_for_request(deadline, wake_fd_, pool->yield_fd())) {
+          case Wait::request:
+            return true;
+          case Wait::ended:
+          case Wait::woken:
+            return false;
+          case Wait::yield_fd:
+            if (pool->claim_yield()) return false;
+            break;  // another connection yielded: keep waiting
+        }
+      }
+    }
+    return conn.wait_for_request(deadline, wake_fd_, -1) == Wait::request;
+  }
+
   const int wake_fd_;
+  std::atomic<ConnectionPool*> pool_{nullptr};  // set when the listen loop makes its pool
 };
 
 void socket_options(socket_t fd) {
@@ -174,9 +223,7 @@ void HttpServer::set_worker_threads(int threads) {
 bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   std::lock_guard lock(impl_->lifecycle_mu);
   if (impl_->server) return false;
-  auto server = std::make_unique<ListeningServer>();
-  int threads = impl_->worker_threads;
-  server->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  auto server = std::make_unique<ListeningServer>(static_cast<std::size_t>(impl_->worker_threads));
   server->set_tcp_nodelay(true);
   server->set_socket_options(socket_options);
   server->set_keep_alive_max_count(kKeepAliveMaxCount);

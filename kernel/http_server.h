@@ -12,8 +12,10 @@ namespace ostrel::kernel {
 // The embedded HTTP server (cpp-httplib) behind the gateway: one catch-all
 // route per method that turns the library's request into a `Request`, calls the
 // dispatch function and writes the `Response` back (streamed bodies through a
-// chunked provider). Sockets get TCP_NODELAY; the worker pool is sized for tens
-// of keep-alive connections. Owns the listen thread and joins it in stop().
+// chunked provider). Sockets get TCP_NODELAY. Each open connection holds one
+// worker thread; when all are taken, a connection idling between requests
+// gives its thread to the newcomer. Owns the listen thread and joins it in
+// stop().
 class HttpServer {
  public:
   using Dispatch = std::function<void(Request&, Response&)>;

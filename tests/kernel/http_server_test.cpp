@@ -189,5 +189,40 @@ TEST(HttpServer, ConnectionsCloseOnRequestAndOnStop) {
   EXPECT_FALSE(echo.server.running());
 }
 
+// More connections than worker threads: a newcomer is answered while the
+// others sit idle between requests, one of which gives its thread up (and is
+// closed), rather than after their keep-alive time. A connection that has not
+// been answered yet never gives its thread up.
+TEST(HttpServer, IdleConnectionsMakeRoomForNewcomers) {
+  EchoServer echo;
+  echo.server.set_worker_threads(2);
+  ASSERT_TRUE(echo.server.start("127.0.0.1", 0));
+  RawClient first(echo.server.port());
+  first.send("GET /1 HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(first.read_until("GET /1  from"));
+  RawClient second(echo.server.port());
+  second.send("GET /2 HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(second.read_until("GET /2  from"));
+
+  // Both threads are held by idle connections; the keep-alive time is 5 s.
+  RawClient third(echo.server.port());
+  third.send("GET /3 HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_TRUE(third.read_until("GET /3  from", 2500ms)) << third.received;
+  bool first_closed = first.closes(500ms);
+  bool second_closed = second.closes(500ms);
+  EXPECT_TRUE(first_closed != second_closed);  // exactly one made room
+
+  // The newcomer holds its thread until it is answered, even now that
+  // another one waits for a thread: neither is turned away unanswered.
+  RawClient fourth(echo.server.port());
+  RawClient fifth(echo.server.port());
+  std::this_thread::sleep_for(100ms);
+  fourth.send("GET /4 HTTP/1.1\r\nHost: x\r\n\r\n");
+  fifth.send("GET /5 HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_TRUE(fourth.read_until("GET /4  from", 2500ms)) << fourth.received;
+  EXPECT_TRUE(fifth.read_until("GET /5  from", 2500ms)) << fifth.received;
+  echo.server.stop();
+}
+
 }  // namespace
 }  // namespace ostrel::kernel

@@ -3,7 +3,9 @@
 # (bench/fake_model_server.cpp) directly (POST /api/chat) and through a node
 # (POST /v1/inference/chat), rounds interleaved, non-streaming and streaming,
 # with 1 and 16 connections. Prints p50/p99 and requests/s of both and the
-# latency the node adds.
+# latency the node adds. Whole answers are also relayed by bench/min_relay.cpp,
+# the cheapest thread-per-connection relay (no parsing beyond framing): the
+# floor of what any gateway built that way adds on this machine.
 #   bench/inference_overhead.sh [build-dir]   (env: ROUNDS=3 DURATION=5s)
 set -euo pipefail
 build=${1:-build}
@@ -13,11 +15,14 @@ command -v wrk >/dev/null || { echo "wrk is not installed (scripts/install-deps.
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
 work=$(mktemp -d)
-trap 'kill $model_pid $node_pid 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
+trap 'kill $model_pid $node_pid $relay_pid 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
 model_port=$(free_port)
 node_port=$(free_port)
+relay_port=$(free_port)
 "$build/bench/fake_model_server" "$model_port" 8 &
 model_pid=$!
+"$build/bench/min_relay" "$relay_port" "$model_port" &
+relay_pid=$!
 mkdir -p "$work/modules.d" "$work/data" "$work/config"
 cp "$(dirname "$0")/../modules.d/inference.module.yaml" "$work/modules.d/"
 OSTREL_CONFIG_DIR="$work/config" "$build/ostrel-ulvo" --bind=127.0.0.1 --port="$node_port" \
@@ -53,19 +58,31 @@ for stream in false true; do
   for conns in 1 16; do
     measure "$model_port" /api/chat "$stream" "$conns" >/dev/null  # warm-up
     measure "$node_port" /v1/inference/chat "$stream" "$conns" >/dev/null
-    d_rps=(); d_p50=(); d_p99=(); n_rps=(); n_p50=(); n_p99=()
+    [ "$stream" = false ] && measure "$relay_port" /api/chat "$stream" "$conns" >/dev/null
+    d_rps=(); d_p50=(); d_p99=(); n_rps=(); n_p50=(); n_p99=(); r_rps=(); r_p50=(); r_p99=()
     for r in $(seq "$rounds"); do
       read -r a b c < <(measure "$model_port" /api/chat "$stream" "$conns")
-      read -r x y z < <(measure "$node_port" /v1/inference/chat "$stream" "$conns")
-      d_rps+=("$a"); d_p50+=("$b"); d_p99+=("$c"); n_rps+=("$x"); n_p50+=("$y"); n_p99+=("$z")
+      d_rps+=("$a"); d_p50+=("$b"); d_p99+=("$c")
+      if [ "$stream" = false ]; then
+        read -r a b c < <(measure "$relay_port" /api/chat "$stream" "$conns")
+        r_rps+=("$a"); r_p50+=("$b"); r_p99+=("$c")
+      fi
+      read -r a b c < <(measure "$node_port" /v1/inference/chat "$stream" "$conns")
+      n_rps+=("$a"); n_p50+=("$b"); n_p99+=("$c")
     done
     awk -v s="$stream" -v c="$conns" -v n="$rounds" \
         -v dr="$(median "${d_rps[@]}")" -v dp50="$(median "${d_p50[@]}")" -v dp99="$(median "${d_p99[@]}")" \
-        -v nr="$(median "${n_rps[@]}")" -v np50="$(median "${n_p50[@]}")" -v np99="$(median "${n_p99[@]}")" 'BEGIN {
+        -v nr="$(median "${n_rps[@]}")" -v np50="$(median "${n_p50[@]}")" -v np99="$(median "${n_p99[@]}")" \
+        -v rr="$( [ ${#r_rps[@]} -gt 0 ] && median "${r_rps[@]}")" \
+        -v rp50="$( [ ${#r_p50[@]} -gt 0 ] && median "${r_p50[@]}")" \
+        -v rp99="$( [ ${#r_p99[@]} -gt 0 ] && median "${r_p99[@]}")" 'BEGIN {
       printf "stream=%s connections=%d (median of %d rounds)\n", s, c, n
       printf "  direct: %.0f req/s, p50 %.0f us, p99 %.0f us\n", dr, dp50, dp99
       printf "  node:   %.0f req/s, p50 %.0f us, p99 %.0f us\n", nr, np50, np99
       printf "  throughput ratio node/direct: %.3f; node adds p50 %+.0f us, p99 %+.0f us\n", nr / dr, np50 - dp50, np99 - dp99
+      if (rr != "") {
+        printf "  relay floor (bench/min_relay): %.0f req/s, p50 %.0f us, p99 %.0f us; adds p50 %+.0f us, p99 %+.0f us\n", rr, rp50, rp99, rp50 - dp50, rp99 - dp99
+      }
     }'
   done
 done

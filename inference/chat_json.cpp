@@ -1,7 +1,9 @@
 #include "inference/chat_json.h"
 
+#include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "inference/json_scanner.h"
 #include "kernel/text.h"
 
 namespace ostrel::inference::chat_json {
@@ -124,7 +126,158 @@ bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::stri
   return true;
 }
 
+namespace {
+
+bool plain(JsonScanner& s, std::string& out) {
+  std::string_view v;
+  if (!s.plain_string(v)) return false;
+  out.assign(v);
+  return true;
+}
+
+// A number converted as the JSON path converts it: integers through a 64-bit
+// integer, other numbers through a double. Out of range: refused.
+bool to_float(JsonScanner& s, std::optional<float>& out) {
+  std::string_view t;
+  if (!s.number_text(t)) return false;
+  const char* end = t.data() + t.size();
+  if (t.find_first_of(".eE") == std::string_view::npos) {
+    std::int64_t v = 0;
+    auto [at, ec] = std::from_chars(t.data(), end, v);
+    if (ec != std::errc() || at != end) return false;
+    out = static_cast<float>(v);
+  } else {
+    double v = 0;
+    auto [at, ec] = std::from_chars(t.data(), end, v);
+    if (ec != std::errc() || at != end) return false;
+    out = static_cast<float>(v);
+  }
+  return true;
+}
+
+// Members of interest may appear once each: a repeat goes to the JSON path.
+struct Seen {
+  unsigned bits = 0;
+  bool first(unsigned bit) {
+    const bool fresh = !(bits & bit);
+    bits |= bit;
+    return fresh;
+  }
+};
+
+bool scan_message(JsonScanner& s, Message& m) {
+  if (!s.eat('{')) return false;
+  Seen seen;
+  if (!s.eat('}')) {
+    do {
+      std::string_view key;
+      if (!s.plain_string(key) || !s.eat(':')) return false;
+      bool ok;
+      if (key == "role") {
+        ok = seen.first(1) && plain(s, m.role);
+      } else if (key == "content") {
+        ok = seen.first(2) && plain(s, m.content);
+      } else if (key == "name") {
+        ok = seen.first(4) && plain(s, m.name);
+      } else if (key == "tool_call_id") {
+        ok = seen.first(8) && plain(s, m.tool_call_id);
+      } else {
+        ok = s.skip_value(2);
+      }
+      if (!ok) return false;
+    } while (s.eat(','));
+    if (!s.eat('}')) return false;
+  }
+  if (m.role.empty()) m.role = "user";
+  return true;
+}
+
+bool scan_stop(JsonScanner& s, std::vector<std::string>& stop) {
+  std::string one;
+  if (s.peek() != '[') {
+    if (!plain(s, one)) return false;
+    stop.push_back(std::move(one));
+    return true;
+  }
+  s.eat('[');
+  if (s.eat(']')) return true;
+  do {
+    if (!plain(s, one)) return false;
+    stop.push_back(std::move(one));
+  } while (s.eat(','));
+  return s.eat(']');
+}
+
+}  // namespace
+
+bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream) {
+  JsonScanner s(text);
+  if (!s.eat('{')) return false;
+  ChatRequest r;
+  bool st = false;
+  std::string user;
+  Seen seen;
+  if (!s.eat('}')) {
+    do {
+      std::string_view key;
+      if (!s.plain_string(key) || !s.eat(':')) return false;
+      bool ok;
+      if (key == "model") {
+        ok = seen.first(1) && plain(s, r.model);
+      } else if (key == "messages") {
+        ok = seen.first(2) && s.eat('[');
+        if (ok && !s.eat(']')) {
+          do {
+            Message m;
+            ok = scan_message(s, m);
+            if (ok) r.messages.push_back(std::move(m));
+          } while (ok && s.eat(','));
+          ok = ok && s.eat(']');
+        }
+      } else if (key == "stream") {
+        std::optional<bool> b;
+        ok = seen.first(4) && s.boolean(b);
+        if (ok) st = *b;
+      } else if (key == "temperature") {
+        ok = seen.first(8) && to_float(s, r.temperature);
+      } else if (key == "top_p") {
+        ok = seen.first(16) && to_float(s, r.top_p);
+      } else if (key == "presence_penalty") {
+        ok = seen.first(32) && to_float(s, r.presence_penalty);
+      } else if (key == "frequency_penalty") {
+        ok = seen.first(64) && to_float(s, r.frequency_penalty);
+      } else if (key == "max_tokens") {
+        ok = seen.first(128) && s.integer(r.max_tokens);
+      } else if (key == "stop") {
+        ok = seen.first(256) && scan_stop(s, r.stop);
+      } else if (key == "priority") {
+        std::optional<std::int64_t> p;
+        ok = seen.first(512) && s.integer(p);
+        if (ok) r.priority = *p;
+      } else if (key == "tenant_id") {
+        ok = seen.first(1024) && plain(s, r.tenant_id);
+      } else if (key == "session_id") {
+        ok = seen.first(2048) && plain(s, r.session_id);
+      } else if (key == "user_id") {
+        ok = seen.first(4096) && plain(s, r.user_id);
+      } else if (key == "user") {
+        ok = seen.first(8192) && plain(s, user);
+      } else {
+        ok = s.skip_value(1);
+      }
+      if (!ok) return false;
+    } while (s.eat(','));
+    if (!s.eat('}')) return false;
+  }
+  if (!s.at_end()) return false;
+  if (r.user_id.empty()) r.user_id = std::move(user);
+  out = std::move(r);
+  stream = st;
+  return true;
+}
+
 bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std::string& error) {
+  if (scan_chat_request(text, out, stream)) return true;
   Json j = text.empty() ? Json::object() : Json::parse(text, nullptr, false);
   if (j.is_discarded()) {
     error = "invalid JSON body";

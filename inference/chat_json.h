@@ -20,6 +20,12 @@ bool parse_chat_request(const nlohmann::json& j, ChatRequest& out, bool& stream,
 // JSON fails with "invalid JSON body".
 bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std::string& error);
 
+// The fast path of parse_chat_text: reads the common request shapes (plain
+// ASCII strings without escapes, string contents, members of the expected
+// types, none repeated) without building a JSON tree, exactly as the JSON path
+// reads them. False for anything else, which the JSON path then decides.
+bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream);
+
 // JSON texts.
 std::string render_completion(const ChatResponse& resp, std::int64_t created);
 // `error`, when given, is added as an "error" member (a failure mid-stream).

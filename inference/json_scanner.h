@@ -1,0 +1,183 @@
+#pragma once
+
+#include <cctype>
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace ostrel::inference {
+
+// The deepest nesting skip_value() passes over.
+inline constexpr int kJsonScanMaxDepth = 64;
+
+// A strict JSON reader over a text that refuses, rather than decodes,
+// anything beyond plain ASCII strings: refusal sends the caller to the full
+// JSON parser, so this reader never has to agree with it on the hard cases.
+// The fast paths that read common texts without building a JSON tree are
+// made of it.
+class JsonScanner {
+ public:
+  explicit JsonScanner(std::string_view text) : t_(text) {}
+
+  char peek() {
+    skip_space();
+    return p_ < t_.size() ? t_[p_] : '\0';
+  }
+  bool eat(char c) {
+    if (peek() != c) return false;
+    ++p_;
+    return true;
+  }
+  bool at_end() {
+    skip_space();
+    return p_ == t_.size();
+  }
+
+  // A string of printable ASCII with no escapes.
+  bool plain_string(std::string_view& out) {
+    if (!eat('"')) return false;
+    const std::size_t start = p_;
+    for (; p_ < t_.size(); ++p_) {
+      const unsigned char c = static_cast<unsigned char>(t_[p_]);
+      if (c == '"') {
+        out = t_.substr(start, p_ - start);
+        ++p_;
+        return true;
+      }
+      if (c == '\\' || c < 0x20 || c >= 0x7f) return false;
+    }
+    return false;
+  }
+
+  bool boolean(std::optional<bool>& out) {
+    if (literal("true")) {
+      out = true;
+    } else if (literal("false")) {
+      out = false;
+    } else {
+      return false;
+    }
+    return true;
+  }
+
+  // A JSON number, as its text.
+  bool number_text(std::string_view& out) {
+    const std::size_t start = (skip_space(), p_);
+    if (!number()) return false;
+    out = t_.substr(start, p_ - start);
+    return true;
+  }
+
+  // A JSON integer that fits in 64 bits (no fraction, no exponent).
+  bool integer(std::optional<std::int64_t>& out) {
+    std::string_view text;
+    if (!number_text(text)) return false;
+    if (text.find_first_of(".eE") != std::string_view::npos) return false;
+    std::int64_t v = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (ec != std::errc() || end != text.data() + text.size()) return false;
+    out = v;
+    return true;
+  }
+
+  // Any JSON value, checked and passed over.
+  bool skip_value(int depth) {
+    if (depth > kJsonScanMaxDepth) return false;
+    switch (peek()) {
+      case '"':
+        return skip_string();
+      case '{':
+        ++p_;
+        if (eat('}')) return true;
+        do {
+          if (!skip_string() || !eat(':') || !skip_value(depth + 1)) return false;
+        } while (eat(','));
+        return eat('}');
+      case '[':
+        ++p_;
+        if (eat(']')) return true;
+        do {
+          if (!skip_value(depth + 1)) return false;
+        } while (eat(','));
+        return eat(']');
+      case 't':
+        return literal("true");
+      case 'f':
+        return literal("false");
+      case 'n':
+        return literal("null");
+      default:
+        return number();
+    }
+  }
+
+ private:
+  void skip_space() {
+    while (p_ < t_.size() &&
+           (t_[p_] == ' ' || t_[p_] == '\t' || t_[p_] == '\n' || t_[p_] == '\r')) {
+      ++p_;
+    }
+  }
+  bool literal(std::string_view word) {
+    skip_space();
+    if (t_.substr(p_, word.size()) != word) return false;
+    p_ += word.size();
+    return true;
+  }
+  bool digits() {
+    const std::size_t start = p_;
+    while (p_ < t_.size() && t_[p_] >= '0' && t_[p_] <= '9') ++p_;
+    return p_ > start;
+  }
+  // -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
+  bool number() {
+    skip_space();
+    if (p_ < t_.size() && t_[p_] == '-') ++p_;
+    if (p_ < t_.size() && t_[p_] == '0') {
+      ++p_;
+    } else if (!digits()) {
+      return false;
+    }
+    if (p_ < t_.size() && t_[p_] == '.') {
+      ++p_;
+      if (!digits()) return false;
+    }
+    if (p_ < t_.size() && (t_[p_] == 'e' || t_[p_] == 'E')) {
+      ++p_;
+      if (p_ < t_.size() && (t_[p_] == '+' || t_[p_] == '-')) ++p_;
+      if (!digits()) return false;
+    }
+    return true;
+  }
+  // A string in ASCII, escapes checked but not decoded.
+  bool skip_string() {
+    if (!eat('"')) return false;
+    for (; p_ < t_.size(); ++p_) {
+      const unsigned char c = static_cast<unsigned char>(t_[p_]);
+      if (c == '"') {
+        ++p_;
+        return true;
+      }
+      if (c < 0x20 || c >= 0x7f) return false;
+      if (c != '\\') continue;
+      if (++p_ >= t_.size()) return false;
+      const char e = t_[p_];
+      if (e == 'u') {
+        for (int i = 0; i < 4; ++i) {
+          if (++p_ >= t_.size() || !std::isxdigit(static_cast<unsigned char>(t_[p_]))) {
+            return false;
+          }
+        }
+      } else if (std::string_view("\"\\/bfnrt").find(e) == std::string_view::npos) {
+        return false;
+      }
+    }
+    return false;
+  }
+
+  std::string_view t_;
+  std::size_t p_ = 0;
+};
+
+}  // namespace ostrel::inference

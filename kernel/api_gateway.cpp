@@ -109,10 +109,12 @@ struct ObsScope {
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     metrics.duration_ms.observe(ms);
     if (span) {
-      span->set_attribute("http.status", std::to_string(response.status));
-      if (route) span->set_attribute("http.route", *route);
-      span->set_attribute("http.status_class", status_class(response.status));
-      span->set_status(response.status >= 500 ? "error" : "ok");
+      if (obs::spans_recorded()) {
+        span->set_attribute("http.status", std::to_string(response.status));
+        if (route) span->set_attribute("http.route", *route);
+        span->set_attribute("http.status_class", status_class(response.status));
+        span->set_status(response.status >= 500 ? "error" : "ok");
+      }
       span->end();
     }
   }
@@ -232,12 +234,16 @@ void ApiGateway::handle(Request& req, Response& res) const {
   ObsScope scope(gateway_metrics(), res);
   if (!is_untraced(req.path)) {
     std::optional<obs::SpanContext> parent = obs::parse_traceparent(req.header("traceparent"));
-    scope.span.emplace(req.method + " " + req.path, obs::SpanKind::server,
-                       parent ? &*parent : nullptr);
-    scope.span->set_attribute("http.method", req.method);
-    scope.span->set_attribute("http.path", req.path);
-    scope.span->set_attribute("client.ip", req.client_addr);
-    scope.span->set_attribute("kernel.module", kernel_module_of(req.path));
+    // Names and attributes are built only for spans that go somewhere.
+    const bool recorded = obs::spans_recorded();
+    scope.span.emplace(recorded ? req.method + " " + req.path : std::string(),
+                       obs::SpanKind::server, parent ? &*parent : nullptr);
+    if (recorded) {
+      scope.span->set_attribute("http.method", req.method);
+      scope.span->set_attribute("http.path", req.path);
+      scope.span->set_attribute("client.ip", req.client_addr);
+      scope.span->set_attribute("kernel.module", kernel_module_of(req.path));
+    }
   }
 
   try {

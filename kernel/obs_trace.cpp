@@ -38,15 +38,15 @@ bool is_lower_hex(std::string_view s) {
 
 bool all_zero(std::string_view s) { return s.find_first_not_of('0') == std::string_view::npos; }
 
-bool trace_to_stderr() {
+}  // namespace
+
+bool spans_recorded() {
   static const bool on = [] {
     const char* v = std::getenv("OSTREL_TRACE_TO_STDERR");
     return v && *v && std::string_view(v) != "0";
   }();
   return on;
 }
-
-}  // namespace
 
 std::optional<SpanContext> parse_traceparent(std::string_view h) {
   // version(2) - trace id(32) - parent id(16) - flags(2)
@@ -117,7 +117,7 @@ ScopedSpan::ScopedSpan(std::string name, SpanKind kind, const SpanContext* paren
 ScopedSpan::~ScopedSpan() { end(); }
 
 void ScopedSpan::set_attribute(const std::string& key, std::string value) {
-  span_.attributes[key] = std::move(value);
+  if (spans_recorded()) span_.attributes[key] = std::move(value);
 }
 
 void ScopedSpan::end() {
@@ -125,7 +125,7 @@ void ScopedSpan::end() {
   ended_ = true;
   span_.end_us = now_us();
   if (t_current == &span_.context) t_current = previous_;
-  if (trace_to_stderr()) {
+  if (spans_recorded()) {
     std::string line = span_json(span_) + "\n";
     std::lock_guard lock(stderr_mutex());
     std::fwrite(line.data(), 1, line.size(), stderr);

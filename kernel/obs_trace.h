@@ -66,6 +66,7 @@ class ScopedSpan {
   ScopedSpan(const ScopedSpan&) = delete;
   ScopedSpan& operator=(const ScopedSpan&) = delete;
 
+  // Kept only when spans_recorded().
   void set_attribute(const std::string& key, std::string value);
   void set_status(std::string status) { span_.status = std::move(status); }
   const SpanContext& context() const { return span_.context; }
@@ -79,5 +80,10 @@ class ScopedSpan {
 
 // JSON line written by the OSTREL_TRACE_TO_STDERR sink.
 std::string span_json(const Span& span);
+
+// Whether finished spans go anywhere (OSTREL_TRACE_TO_STDERR). When they do
+// not, a span keeps only its context (ids for propagation) and drops its
+// attributes, which nothing would read.
+bool spans_recorded();
 
 }  // namespace ostrel::obs

@@ -65,6 +65,52 @@ TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigint) {
   EXPECT_TRUE(node.out().empty());
 }
 
+// A caller's trace context flows into the answer whether or not spans are
+// recorded; with OSTREL_TRACE_TO_STDERR each request's span, child of the
+// caller's, is one JSON line on stderr with its attributes.
+TEST_F(NodeProcess, TraceContextFlowsAndSpansAreWrittenWhenAsked) {
+  std::filesystem::create_directories(dir_ / "modules.d");
+  const std::string trace = "4bf92f3577b34da6a3ce929d0e0e4736";
+  const std::string parent = "00f067aa0ba902b7";
+  for (bool recorded : {false, true}) {
+    int port = free_port();
+    Process::Options o = node_options(port);
+    if (recorded) {
+      o.set_env["OSTREL_TRACE_TO_STDERR"] = "1";
+    } else {
+      o.unset_env.push_back("OSTREL_TRACE_TO_STDERR");
+    }
+    Process node(OSTREL_BINARY, o, dir_ / ("logs-" + std::to_string(recorded)));
+    ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+    httplib::Client client("127.0.0.1", port);
+    auto res =
+        client.Get("/api/v1/kernel/stats", {{"traceparent", "00-" + trace + "-" + parent + "-01"}});
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 200);
+    const std::string answered = res->get_header_value("traceparent");
+    ASSERT_EQ(answered.size(), 55u) << answered;
+    EXPECT_EQ(answered.substr(3, 32), trace);
+    EXPECT_NE(answered.substr(36, 16), parent);  // the node's own span
+
+    auto spans = lines_with(node.err(), "\"trace_id\":\"" + trace + "\"");
+    if (!recorded) {
+      EXPECT_TRUE(spans.empty()) << node.err();
+      continue;
+    }
+    ASSERT_EQ(spans.size(), 1u) << node.err();
+    Json span = Json::parse(spans[0]);
+    EXPECT_EQ(span["parent_span_id"], parent);
+    EXPECT_EQ(span["span_id"], answered.substr(36, 16));
+    EXPECT_EQ(span["name"], "GET /api/v1/kernel/stats");
+    EXPECT_EQ(span["status"], "ok");
+    EXPECT_EQ(span["attributes"]["http.method"], "GET");
+    EXPECT_EQ(span["attributes"]["http.path"], "/api/v1/kernel/stats");
+    EXPECT_EQ(span["attributes"]["http.status"], "200");
+    EXPECT_EQ(span["attributes"]["http.status_class"], "2xx");
+    EXPECT_EQ(span["attributes"]["client.ip"], "127.0.0.1");
+  }
+}
+
 TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigterm) {
   write_file(dir_ / "modules.d" / "alpha.module.yaml",
              "module:\n  name: alpha\n  version: 5.0.0\n"

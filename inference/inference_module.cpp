@@ -48,11 +48,14 @@ const std::set<std::string> kSettingsKeys = {
     "backend",          "gpu_layers", "ctx_length",  "max_contexts",         "batch_size",
     "batching_enabled", "auto_load",  "auto_unload", "auto_unload_timeout_s"};
 
+// 16 lower-case hex digits.
 std::string random_suffix() {
   thread_local std::mt19937_64 rng(std::random_device{}());
-  char buf[20];
-  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(rng()));
-  return buf;
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::uint64_t v = rng();
+  std::string out(16, '0');
+  for (int i = 15; i >= 0; --i, v >>= 4) out[static_cast<std::size_t>(i)] = kDigits[v & 0xf];
+  return out;
 }
 
 std::int64_t setting(const kernel::ConfigView& cfg, const std::string& key, std::int64_t fallback) {

@@ -9,24 +9,22 @@ void SessionStore::append(const std::string& id, const std::vector<Message>& mes
   if (it == sessions_.end()) {
     drop_expired_locked_(now);
     if (sessions_.size() >= max_sessions_ && !by_use_.empty()) {
-      erase_locked_(sessions_.find(by_use_.front()));
+      erase_locked_(sessions_.find(*by_use_.front()));
     }
-    by_use_.push_back(id);
-    it = sessions_.emplace(id, Entry{nullptr, std::prev(by_use_.end())}).first;
+    it = sessions_.try_emplace(id).first;
+    by_use_.push_back(&it->first);
+    it->second.use = std::prev(by_use_.end());
   } else {
     by_use_.splice(by_use_.end(), by_use_, it->second.use);
+    // Idle for too long: the same id starts a new history.
+    if (now - it->second.last_use > ttl_) it->second.history.clear();
   }
-  std::shared_ptr<Session>& slot = it->second.session;
-  if (!slot || now - slot->last_use > ttl_) {
-    slot = std::make_shared<Session>();
-    slot->id = id;
-  }
-  slot->last_use = now;
-  slot->history.insert(slot->history.end(), messages.begin(), messages.end());
-  if (slot->history.size() > max_history_) {
-    slot->history.erase(
-        slot->history.begin(),
-        slot->history.begin() + static_cast<std::ptrdiff_t>(slot->history.size() - max_history_));
+  Entry& e = it->second;
+  e.last_use = now;
+  e.history.insert(e.history.end(), messages.begin(), messages.end());
+  if (e.history.size() > max_history_) {
+    e.history.erase(e.history.begin(), e.history.begin() + static_cast<std::ptrdiff_t>(
+                                                               e.history.size() - max_history_));
   }
 }
 
@@ -34,11 +32,11 @@ std::shared_ptr<const Session> SessionStore::get(const std::string& id, Clock::t
   std::lock_guard lock(mu_);
   auto it = sessions_.find(id);
   if (it == sessions_.end()) return nullptr;
-  if (now - it->second.session->last_use > ttl_) {
+  if (now - it->second.last_use > ttl_) {
     erase_locked_(it);
     return nullptr;
   }
-  return std::make_shared<const Session>(*it->second.session);
+  return std::make_shared<const Session>(Session{id, it->second.history, it->second.last_use});
 }
 
 std::size_t SessionStore::sweep(Clock::time_point now) {
@@ -56,10 +54,10 @@ void SessionStore::erase_locked_(std::unordered_map<std::string, Entry>::iterato
 std::size_t SessionStore::drop_expired_locked_(Clock::time_point now) {
   std::size_t dropped = 0;
   while (!by_use_.empty()) {
-    auto it = sessions_.find(by_use_.front());
-    if (it != sessions_.end() && now - it->second.session->last_use <= ttl_) break;
+    auto it = sessions_.find(*by_use_.front());
+    if (it != sessions_.end() && now - it->second.last_use <= ttl_) break;
+    if (it == sessions_.end()) by_use_.pop_front();  // cannot happen: keys leave together
     erase_locked_(it);
-    if (it == sessions_.end()) by_use_.pop_front();
     ++dropped;
   }
   return dropped;

@@ -47,16 +47,20 @@ class SessionStore {
   std::chrono::seconds ttl_;
   std::size_t max_history_;
   std::size_t max_sessions_;
+  // A session's history and last use; its id is the map's key.
   struct Entry {
-    std::shared_ptr<Session> session;
-    std::list<std::string>::iterator use;  // its place in by_use_
+    std::vector<Message> history;
+    Clock::time_point last_use;
+    std::list<const std::string*>::iterator use;  // its place in by_use_
   };
   void erase_locked_(std::unordered_map<std::string, Entry>::iterator it);
   std::size_t drop_expired_locked_(Clock::time_point now);
 
   mutable std::mutex mu_;  // guards sessions_, by_use_ and the sessions' contents
   std::unordered_map<std::string, Entry> sessions_;
-  std::list<std::string> by_use_;  // session ids, least recently used first
+  // The keys of sessions_ (stable: map nodes never move), least recently used
+  // first.
+  std::list<const std::string*> by_use_;
 };
 
 }  // namespace ostrel::inference

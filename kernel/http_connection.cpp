@@ -98,17 +98,33 @@ ssize_t HttpConnection::read(char* ptr, size_t size) {
   if (in_begin_ == in_end_) {
     // The client may be waiting for what is held (an interim "100 Continue").
     if (!flush_()) return -1;
-    if (size >= kReadBuffer) return recv_(ptr, size);
+    if (size >= kReadBuffer && !in_request_head_) return recv_(ptr, size);
     ssize_t n = recv_(in_.get(), kReadBuffer);
     if (n <= 0) return n;
     in_begin_ = 0;
     in_end_ = static_cast<size_t>(n);
   }
   size_t n = std::min(size, in_end_ - in_begin_);
+  if (in_request_head_ && !count_head_(in_.get() + in_begin_, n)) return -1;
   std::memcpy(ptr, in_.get() + in_begin_, n);
   in_begin_ += n;
   if (in_begin_ == in_end_) in_begin_ = in_end_ = 0;
   return static_cast<ssize_t>(n);
+}
+
+// Counts bytes handed out as the request head until the blank line that ends
+// it; false when the head grows past its bound.
+bool HttpConnection::count_head_(const char* ptr, size_t n) {
+  constexpr std::uint32_t kEnd = 0x0d0a0d0a;  // "\r\n\r\n"
+  for (size_t i = 0; i < n; ++i) {
+    head_tail_ = (head_tail_ << 8) | static_cast<unsigned char>(ptr[i]);
+    if (head_tail_ == kEnd) {
+      in_request_head_ = false;
+      return true;
+    }
+  }
+  head_bytes_ += n;
+  return head_bytes_ <= kMaxRequestHead;
 }
 
 ssize_t HttpConnection::write(const char* ptr, size_t size) {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -41,11 +42,20 @@ class HttpConnection final : public httplib::Stream {
   // one of the two fds (each may be -1) to become readable.
   Wait wait_for_request(std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd);
 
-  // Marks the start of a request: the next write is the response head.
+  // The most bytes a request head (request line and headers) may take; a
+  // longer one fails to read, which the server answers 400 and closes. The
+  // HTTP library bounds each line but not their number.
+  static constexpr size_t kMaxRequestHead = 64 * 1024;
+
+  // Marks the start of a request: the next write is the response head, the
+  // next bytes read are the request head.
   void begin_request() {
     hold_next_write_ = true;
     next_write_is_head_ = true;
     closing_ = false;
+    in_request_head_ = true;
+    head_bytes_ = 0;
+    head_tail_ = 0;
   }
 
   // The next write is held back to leave with the one after it (or at the
@@ -72,6 +82,7 @@ class HttpConnection final : public httplib::Stream {
   bool send_all_(const char* a, size_t a_len, const char* b, size_t b_len) const;
   bool flush_() const;
   ssize_t recv_(char* ptr, size_t size);
+  bool count_head_(const char* ptr, size_t n);
   bool wait_(short events, std::chrono::microseconds timeout) const;
   bool peer_closed_() const;
   void resolve_addresses_() const;
@@ -81,6 +92,9 @@ class HttpConnection final : public httplib::Stream {
   std::unique_ptr<char[]> in_;  // bytes read from the socket: [in_begin_, in_end_) unconsumed
   size_t in_begin_ = 0;
   size_t in_end_ = 0;
+  bool in_request_head_ = false;  // reading the request head: counted and bounded
+  size_t head_bytes_ = 0;
+  std::uint32_t head_tail_ = 0;  // the last four bytes of the head, to see its end
   bool hold_next_write_ = false;
   bool next_write_is_head_ = false;
   bool closing_ = false;

@@ -189,6 +189,26 @@ TEST(HttpServer, ConnectionsCloseOnRequestAndOnStop) {
   EXPECT_FALSE(echo.server.running());
 }
 
+// A request head is bounded as a whole, not only line by line: endless
+// headers are refused (400, connection closed) instead of piling up in
+// memory, while a large but reasonable head is served.
+TEST(HttpServer, RequestHeadsAreBounded) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.server.start("127.0.0.1", 0));
+  std::string headers;
+  for (int i = 0; headers.size() < 40 * 1024; ++i) headers += "X-H" + std::to_string(i) + ": v\r\n";
+  RawClient fine(echo.server.port());
+  fine.send("POST /big HTTP/1.1\r\nHost: x\r\n" + headers + "Content-Length: 4\r\n\r\nbody");
+  EXPECT_TRUE(fine.read_until("POST /big body from 127.0.0.1")) << fine.received.substr(0, 200);
+
+  RawClient endless(echo.server.port());
+  endless.send("GET /endless HTTP/1.1\r\nHost: x\r\n" + headers + headers);
+  EXPECT_TRUE(endless.closes());
+  EXPECT_NE(endless.received.find("HTTP/1.1 400"), std::string::npos) << endless.received;
+  EXPECT_EQ(endless.received.find("/endless"), std::string::npos);
+  echo.server.stop();
+}
+
 // More connections than worker threads: a newcomer is answered while the
 // others sit idle between requests, one of which gives its thread up (and is
 // closed), rather than after their keep-alive time. A connection that has not

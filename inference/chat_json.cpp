@@ -155,121 +155,72 @@ bool to_float(JsonScanner& s, std::optional<float>& out) {
   return true;
 }
 
-// Members of interest may appear once each: a repeat goes to the JSON path.
-struct Seen {
-  unsigned bits = 0;
-  bool first(unsigned bit) {
-    const bool fresh = !(bits & bit);
-    bits |= bit;
-    return fresh;
-  }
-};
-
 bool scan_message(JsonScanner& s, Message& m) {
-  if (!s.eat('{')) return false;
-  Seen seen;
-  if (!s.eat('}')) {
-    do {
-      std::string_view key;
-      if (!s.plain_string(key) || !s.eat(':')) return false;
-      bool ok;
-      if (key == "role") {
-        ok = seen.first(1) && plain(s, m.role);
-      } else if (key == "content") {
-        ok = seen.first(2) && plain(s, m.content);
-      } else if (key == "name") {
-        ok = seen.first(4) && plain(s, m.name);
-      } else if (key == "tool_call_id") {
-        ok = seen.first(8) && plain(s, m.tool_call_id);
-      } else {
-        ok = s.skip_value(2);
-      }
-      if (!ok) return false;
-    } while (s.eat(','));
-    if (!s.eat('}')) return false;
-  }
+  OnceEach once;
+  bool ok = s.object([&](std::string_view key) {
+    if (key == "role") return once.first(1) && plain(s, m.role);
+    if (key == "content") return once.first(2) && plain(s, m.content);
+    if (key == "name") return once.first(4) && plain(s, m.name);
+    if (key == "tool_call_id") return once.first(8) && plain(s, m.tool_call_id);
+    return s.skip_value(2);
+  });
   if (m.role.empty()) m.role = "user";
-  return true;
+  return ok;
 }
 
 bool scan_stop(JsonScanner& s, std::vector<std::string>& stop) {
-  std::string one;
-  if (s.peek() != '[') {
-    if (!plain(s, one)) return false;
-    stop.push_back(std::move(one));
+  auto one = [&] {
+    std::string v;
+    if (!plain(s, v)) return false;
+    stop.push_back(std::move(v));
     return true;
-  }
-  s.eat('[');
-  if (s.eat(']')) return true;
-  do {
-    if (!plain(s, one)) return false;
-    stop.push_back(std::move(one));
-  } while (s.eat(','));
-  return s.eat(']');
+  };
+  return s.peek() == '[' ? s.array(one) : one();
 }
 
 }  // namespace
 
 bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream) {
   JsonScanner s(text);
-  if (!s.eat('{')) return false;
   ChatRequest r;
   bool st = false;
   std::string user;
-  Seen seen;
-  if (!s.eat('}')) {
-    do {
-      std::string_view key;
-      if (!s.plain_string(key) || !s.eat(':')) return false;
-      bool ok;
-      if (key == "model") {
-        ok = seen.first(1) && plain(s, r.model);
-      } else if (key == "messages") {
-        ok = seen.first(2) && s.eat('[');
-        if (ok && !s.eat(']')) {
-          do {
-            Message m;
-            ok = scan_message(s, m);
-            if (ok) r.messages.push_back(std::move(m));
-          } while (ok && s.eat(','));
-          ok = ok && s.eat(']');
-        }
-      } else if (key == "stream") {
-        std::optional<bool> b;
-        ok = seen.first(4) && s.boolean(b);
-        if (ok) st = *b;
-      } else if (key == "temperature") {
-        ok = seen.first(8) && to_float(s, r.temperature);
-      } else if (key == "top_p") {
-        ok = seen.first(16) && to_float(s, r.top_p);
-      } else if (key == "presence_penalty") {
-        ok = seen.first(32) && to_float(s, r.presence_penalty);
-      } else if (key == "frequency_penalty") {
-        ok = seen.first(64) && to_float(s, r.frequency_penalty);
-      } else if (key == "max_tokens") {
-        ok = seen.first(128) && s.integer(r.max_tokens);
-      } else if (key == "stop") {
-        ok = seen.first(256) && scan_stop(s, r.stop);
-      } else if (key == "priority") {
-        std::optional<std::int64_t> p;
-        ok = seen.first(512) && s.integer(p);
-        if (ok) r.priority = *p;
-      } else if (key == "tenant_id") {
-        ok = seen.first(1024) && plain(s, r.tenant_id);
-      } else if (key == "session_id") {
-        ok = seen.first(2048) && plain(s, r.session_id);
-      } else if (key == "user_id") {
-        ok = seen.first(4096) && plain(s, r.user_id);
-      } else if (key == "user") {
-        ok = seen.first(8192) && plain(s, user);
-      } else {
-        ok = s.skip_value(1);
-      }
-      if (!ok) return false;
-    } while (s.eat(','));
-    if (!s.eat('}')) return false;
-  }
-  if (!s.at_end()) return false;
+  OnceEach once;
+  bool ok = s.object([&](std::string_view key) {
+    if (key == "model") return once.first(1) && plain(s, r.model);
+    if (key == "messages") {
+      return once.first(2) && s.array([&] {
+        Message m;
+        if (!scan_message(s, m)) return false;
+        r.messages.push_back(std::move(m));
+        return true;
+      });
+    }
+    if (key == "stream") {
+      std::optional<bool> b;
+      if (!once.first(4) || !s.boolean(b)) return false;
+      st = *b;
+      return true;
+    }
+    if (key == "temperature") return once.first(8) && to_float(s, r.temperature);
+    if (key == "top_p") return once.first(16) && to_float(s, r.top_p);
+    if (key == "presence_penalty") return once.first(32) && to_float(s, r.presence_penalty);
+    if (key == "frequency_penalty") return once.first(64) && to_float(s, r.frequency_penalty);
+    if (key == "max_tokens") return once.first(128) && s.integer(r.max_tokens);
+    if (key == "stop") return once.first(256) && scan_stop(s, r.stop);
+    if (key == "priority") {
+      std::optional<std::int64_t> p;
+      if (!once.first(512) || !s.integer(p)) return false;
+      r.priority = *p;
+      return true;
+    }
+    if (key == "tenant_id") return once.first(1024) && plain(s, r.tenant_id);
+    if (key == "session_id") return once.first(2048) && plain(s, r.session_id);
+    if (key == "user_id") return once.first(4096) && plain(s, r.user_id);
+    if (key == "user") return once.first(8192) && plain(s, user);
+    return s.skip_value(1);
+  });
+  if (!ok || !s.at_end()) return false;
   if (r.user_id.empty()) r.user_id = std::move(user);
   out = std::move(r);
   stream = st;

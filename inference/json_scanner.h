@@ -11,6 +11,20 @@ namespace ostrel::inference {
 // The deepest nesting skip_value() passes over.
 inline constexpr int kJsonScanMaxDepth = 64;
 
+// The members of interest of one object, each allowed once: a repeat is
+// refused (the JSON parser keeps the last one; the scanner does not follow).
+class OnceEach {
+ public:
+  bool first(unsigned bit) {
+    const bool fresh = !(seen_ & bit);
+    seen_ |= bit;
+    return fresh;
+  }
+
+ private:
+  unsigned seen_ = 0;
+};
+
 // A strict JSON reader over a text that refuses, rather than decodes,
 // anything beyond plain ASCII strings: refusal sends the caller to the full
 // JSON parser, so this reader never has to agree with it on the hard cases.
@@ -79,6 +93,30 @@ class JsonScanner {
     if (ec != std::errc() || end != text.data() + text.size()) return false;
     out = v;
     return true;
+  }
+
+  // An object whose keys are plain strings: `member(key)` is called with the
+  // scanner at each value, which it must read or skip; false stops.
+  template <class Member>
+  bool object(Member&& member) {
+    if (!eat('{')) return false;
+    if (eat('}')) return true;
+    do {
+      std::string_view key;
+      if (!plain_string(key) || !eat(':') || !member(key)) return false;
+    } while (eat(','));
+    return eat('}');
+  }
+
+  // An array: `element()` is called at each element, which it must read.
+  template <class Element>
+  bool array(Element&& element) {
+    if (!eat('[')) return false;
+    if (eat(']')) return true;
+    do {
+      if (!element()) return false;
+    } while (eat(','));
+    return eat(']');
   }
 
   // Any JSON value, checked and passed over.

@@ -17,50 +17,24 @@ bool read_string(JsonScanner& s, std::optional<std::string>& out) {
 bool scan_ollama_fields(std::string_view text, OllamaFields& out) {
   out = OllamaFields{};
   JsonScanner s(text);
-  if (!s.eat('{')) return false;
-  unsigned seen = 0;  // one bit per member of interest: a repeat is refused
-  auto first = [&seen](unsigned bit) {
-    const bool fresh = !(seen & bit);
-    seen |= bit;
-    return fresh;
-  };
-  if (!s.eat('}')) {
-    do {
-      std::string_view key;
-      if (!s.plain_string(key) || !s.eat(':')) return false;
-      bool ok;
-      if (key == "model") {
-        ok = first(1) && read_string(s, out.model);
-      } else if (key == "response") {
-        ok = first(2) && read_string(s, out.response);
-      } else if (key == "done") {
-        ok = first(4) && s.boolean(out.done);
-      } else if (key == "done_reason") {
-        ok = first(8) && read_string(s, out.done_reason);
-      } else if (key == "prompt_eval_count") {
-        ok = first(16) && s.integer(out.prompt_eval_count);
-      } else if (key == "eval_count") {
-        ok = first(32) && s.integer(out.eval_count);
-      } else if (key == "message" && s.peek() == '{') {
-        ok = first(64);
-        out.message_is_object = true;
-        s.eat('{');
-        if (ok && !s.eat('}')) {
-          do {
-            std::string_view inner;
-            ok = s.plain_string(inner) && s.eat(':') &&
-                 (inner == "content" ? first(128) && read_string(s, out.content) : s.skip_value(2));
-          } while (ok && s.eat(','));
-          ok = ok && s.eat('}');
-        }
-      } else {
-        ok = (key != "message" || first(64)) && s.skip_value(1);
-      }
-      if (!ok) return false;
-    } while (s.eat(','));
-    if (!s.eat('}')) return false;
-  }
-  return s.at_end();
+  OnceEach once;
+  bool ok = s.object([&](std::string_view key) {
+    if (key == "model") return once.first(1) && read_string(s, out.model);
+    if (key == "response") return once.first(2) && read_string(s, out.response);
+    if (key == "done") return once.first(4) && s.boolean(out.done);
+    if (key == "done_reason") return once.first(8) && read_string(s, out.done_reason);
+    if (key == "prompt_eval_count") return once.first(16) && s.integer(out.prompt_eval_count);
+    if (key == "eval_count") return once.first(32) && s.integer(out.eval_count);
+    if (key != "message") return s.skip_value(1);
+    if (!once.first(64)) return false;
+    if (s.peek() != '{') return s.skip_value(1);
+    out.message_is_object = true;
+    OnceEach inner;
+    return s.object([&](std::string_view member) {
+      return member == "content" ? inner.first(1) && read_string(s, out.content) : s.skip_value(2);
+    });
+  });
+  return ok && s.at_end();
 }
 
 }  // namespace ostrel::inference

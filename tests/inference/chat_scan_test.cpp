@@ -6,6 +6,7 @@
 #include <string>
 
 #include "inference/chat_json.h"
+#include "tests/support/test_support.h"
 
 namespace ostrel::inference {
 namespace {
@@ -112,21 +113,7 @@ TEST(ChatScan, AgreesWithTheJsonPathOnEveryMutation) {
   int fast = 0;
   for (int i = 0; i < 30000; ++i) {
     std::string text = (i % 3) ? kPlain : kOdd;
-    const int edits = 1 + static_cast<int>(rng() % 3);
-    for (int e = 0; e < edits; ++e) {
-      const std::size_t at = rng() % (text.size() + 1);
-      const char c = alphabet[rng() % alphabet.size()];
-      switch (rng() % 3) {
-        case 0:
-          if (at < text.size()) text[at] = c;
-          break;
-        case 1:
-          text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), c);
-          break;
-        default:
-          if (at < text.size()) text.erase(at, 1);
-      }
-    }
+    text = ostrel::testing::mutate(std::move(text), rng, alphabet);
     fast += scanned(text);
     expect_same_as_json_path(text);
     if (HasFailure()) return;

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
 namespace ostrel::inference {
 namespace {
 
@@ -117,21 +119,7 @@ TEST(OllamaFields, AgreesWithTheJsonParserOnEveryMutation) {
   int accepted = 0;
   for (int i = 0; i < 30000; ++i) {
     std::string text = (i % 2) ? kLine : kLast;
-    const int edits = 1 + static_cast<int>(rng() % 3);
-    for (int e = 0; e < edits; ++e) {
-      const std::size_t at = rng() % (text.size() + 1);
-      const char c = alphabet[rng() % alphabet.size()];
-      switch (rng() % 3) {
-        case 0:
-          if (at < text.size()) text[at] = c;
-          break;
-        case 1:
-          text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), c);
-          break;
-        default:
-          if (at < text.size()) text.erase(at, 1);
-      }
-    }
+    text = ostrel::testing::mutate(std::move(text), rng, alphabet);
     OllamaFields f;
     accepted += scan_ollama_fields(text, f);
     expect_agrees(text);

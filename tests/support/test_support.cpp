@@ -155,4 +155,23 @@ std::vector<std::string> lines_with(const std::string& text, const std::string& 
   return out;
 }
 
+std::string mutate(std::string text, std::mt19937& rng, const std::string& alphabet) {
+  const int edits = 1 + static_cast<int>(rng() % 3);
+  for (int e = 0; e < edits; ++e) {
+    const std::size_t at = rng() % (text.size() + 1);
+    const char c = alphabet[rng() % alphabet.size()];
+    switch (rng() % 3) {
+      case 0:
+        if (at < text.size()) text[at] = c;
+        break;
+      case 1:
+        text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), c);
+        break;
+      default:
+        if (at < text.size()) text.erase(at, 1);
+    }
+  }
+  return text;
+}
+
 }  // namespace ostrel::testing

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,10 @@ class Process {
 
 // Polls GET /health on 127.0.0.1:port until it answers 200.
 bool wait_for_health(int port, std::chrono::milliseconds timeout);
+
+// `text` after 1 to 3 random one-byte edits (replace, insert or erase, new
+// bytes drawn from `alphabet`): inputs for checking a parser against another.
+std::string mutate(std::string text, std::mt19937& rng, const std::string& alphabet);
 
 // Lines of `text` that contain `needle`, in order.
 std::vector<std::string> lines_with(const std::string& text, const std::string& needle);

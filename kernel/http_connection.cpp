@@ -90,7 +90,14 @@ ssize_t HttpConnection::recv_(char* ptr, size_t size) {
     if (n >= 0) return n;
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (!wait_(POLLIN, timeouts_.read)) return -1;
+    auto timeout = timeouts_.read;
+    if (in_request_head_ && head_bytes_ > 0) {
+      auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+          head_deadline_ - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return -1;
+      timeout = std::min(timeout, left);
+    }
+    if (!wait_(POLLIN, timeout)) return -1;
   }
 }
 
@@ -116,6 +123,9 @@ ssize_t HttpConnection::read(char* ptr, size_t size) {
 // it; false when the head grows past its bound.
 bool HttpConnection::count_head_(const char* ptr, size_t n) {
   constexpr std::uint32_t kEnd = 0x0d0a0d0a;  // "\r\n\r\n"
+  if (head_bytes_ == 0 && n > 0) {
+    head_deadline_ = std::chrono::steady_clock::now() + timeouts_.request_head;
+  }
   for (size_t i = 0; i < n; ++i) {
     head_tail_ = (head_tail_ << 8) | static_cast<unsigned char>(ptr[i]);
     if (head_tail_ == kEnd) {

@@ -25,8 +25,11 @@ namespace ostrel::kernel {
 class HttpConnection final : public httplib::Stream {
  public:
   struct Timeouts {
-    std::chrono::microseconds read{std::chrono::seconds(5)};
-    std::chrono::microseconds write{std::chrono::seconds(5)};
+    std::chrono::microseconds read{std::chrono::seconds(5)};   // for each wait
+    std::chrono::microseconds write{std::chrono::seconds(5)};  // for each wait
+    // For the whole request head, from its first byte: a client that drips
+    // it cannot hold the connection's thread for longer.
+    std::chrono::microseconds request_head{std::chrono::seconds(30)};
   };
 
   HttpConnection(int fd, Timeouts timeouts);
@@ -43,8 +46,9 @@ class HttpConnection final : public httplib::Stream {
   Wait wait_for_request(std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd);
 
   // The most bytes a request head (request line and headers) may take; a
-  // longer one fails to read, which the server answers 400 and closes. The
-  // HTTP library bounds each line but not their number.
+  // longer one (or one slower than Timeouts::request_head) fails to read,
+  // which the server answers 400 and closes. The HTTP library bounds each
+  // line but not their number.
   static constexpr size_t kMaxRequestHead = 64 * 1024;
 
   // Marks the start of a request: the next write is the response head, the
@@ -94,6 +98,7 @@ class HttpConnection final : public httplib::Stream {
   size_t in_end_ = 0;
   bool in_request_head_ = false;  // reading the request head: counted and bounded
   size_t head_bytes_ = 0;
+  std::chrono::steady_clock::time_point head_deadline_;  // set by the head's first byte
   std::uint32_t head_tail_ = 0;  // the last four bytes of the head, to see its end
   bool hold_next_write_ = false;
   bool next_write_is_head_ = false;

@@ -1,5 +1,7 @@
 #include "kernel/http_server.h"
 
+#include "kernel/http_connection.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -207,6 +209,43 @@ TEST(HttpServer, RequestHeadsAreBounded) {
   EXPECT_NE(endless.received.find("HTTP/1.1 400"), std::string::npos) << endless.received;
   EXPECT_EQ(endless.received.find("/endless"), std::string::npos);
   echo.server.stop();
+}
+
+// A client that drips its request head is cut off when the head's time is
+// up, however steadily the bytes come; the next request starts afresh.
+TEST(HttpConnection, ASlowRequestHeadIsCutOff) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  HttpConnection conn(fds[0], {1s, 1s, 300ms});
+  const std::string head = "GET /slow HTTP/1.1\r\nHost: x\r\nX-Long: " + std::string(80, 'a');
+  std::atomic<bool> done{false};
+  std::thread dripper([&] {
+    for (char c : head) {
+      if (done || ::send(fds[1], &c, 1, MSG_NOSIGNAL) != 1) return;
+      std::this_thread::sleep_for(20ms);
+    }
+  });
+  conn.begin_request();
+  size_t got = 0;
+  char c;
+  while (conn.read(&c, 1) == 1) ++got;
+  done = true;
+  dripper.join();
+  EXPECT_GT(got, 0u);
+  EXPECT_LT(got, head.size() / 2);  // ~15 bytes in 300 ms, not the 110 sent over 2 s
+
+  // Whatever was left over is read as it comes; a whole head passes.
+  char drain[256];
+  while (::recv(fds[0], drain, sizeof drain, MSG_DONTWAIT) > 0) {
+  }
+  conn.begin_request();
+  const std::string next = "GET /next HTTP/1.1\r\nHost: x\r\n\r\n";
+  ASSERT_EQ(::send(fds[1], next.data(), next.size(), 0), static_cast<ssize_t>(next.size()));
+  std::string read_back;
+  while (read_back.size() < next.size() && conn.read(&c, 1) == 1) read_back += c;
+  EXPECT_EQ(read_back, next);
+  ::close(fds[0]);
+  ::close(fds[1]);
 }
 
 // More connections than worker threads: a newcomer is answered while the

@@ -68,7 +68,7 @@ bool HttpConnection::is_readable() const {
 }
 
 bool HttpConnection::is_writable() const {
-  return flush_() && wait_(POLLOUT, timeouts_.write) && !peer_closed_();
+  return flush() && wait_(POLLOUT, timeouts_.write) && !peer_closed_();
 }
 
 // A client that went away shows as end-of-stream or an error on a peek. Bytes
@@ -104,7 +104,7 @@ ssize_t HttpConnection::recv_(char* ptr, size_t size) {
 ssize_t HttpConnection::read(char* ptr, size_t size) {
   if (in_begin_ == in_end_) {
     // The client may be waiting for what is held (an interim "100 Continue").
-    if (!flush_()) return -1;
+    if (!flush()) return -1;
     if (size >= kReadBuffer && !in_request_head_) return recv_(ptr, size);
     ssize_t n = recv_(in_.get(), kReadBuffer);
     if (n <= 0) return n;
@@ -159,9 +159,7 @@ ssize_t HttpConnection::write(const char* ptr, size_t size) {
   return ok ? static_cast<ssize_t>(size) : -1;
 }
 
-bool HttpConnection::flush() { return flush_(); }
-
-bool HttpConnection::flush_() const {
+bool HttpConnection::flush() const {
   if (failed_) return false;
   if (pending_.empty()) return true;
   bool ok = send_all_(pending_.data(), pending_.size(), nullptr, 0);

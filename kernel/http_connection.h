@@ -70,7 +70,7 @@ class HttpConnection final : public httplib::Stream {
   bool closing() const { return closing_; }
 
   // Sends whatever is held back; false when the peer is gone.
-  bool flush();
+  bool flush() const;
 
   bool is_readable() const override;
   bool is_writable() const override;
@@ -84,7 +84,6 @@ class HttpConnection final : public httplib::Stream {
   static constexpr size_t kReadBuffer = 16 * 1024;
 
   bool send_all_(const char* a, size_t a_len, const char* b, size_t b_len) const;
-  bool flush_() const;
   ssize_t recv_(char* ptr, size_t size);
   bool count_head_(const char* ptr, size_t n);
   bool wait_(short events, std::chrono::microseconds timeout) const;

@@ -11,7 +11,7 @@
 #include <random>
 #include <thread>
 
-#include "identity/encoding.h"
+#include "base/encoding.h"
 
 namespace ostrel::clusterfs {
 namespace {
@@ -46,7 +46,7 @@ std::string ChunkStore::hash(const void* data, std::size_t length) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
   EVP_Digest(data, length, md, &len, EVP_sha256(), nullptr);
-  return identity::to_hex(md, len);
+  return base::to_hex(md, len);
 }
 
 fs::path ChunkStore::path_for_(const std::string& id) const {

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "identity/encoding.h"
+#include "base/encoding.h"
 
 namespace ostrel::clusterfs {
 namespace {
@@ -314,8 +314,7 @@ bool MetadataStore::put(ObjectMeta& meta, std::string& error) {
     if (s.step() == SQLITE_ROW) object_id = s.col_text(0);
   }
   if (object_id.empty()) {
-    object_id =
-        meta.object_id.empty() ? identity::to_hex(identity::random_bytes(16)) : meta.object_id;
+    object_id = meta.object_id.empty() ? base::to_hex(base::random_bytes(16)) : meta.object_id;
     Stmt s(db_, kCreate);
     s.text(1, object_id).text(2, meta.tenant_id).text(3, meta.path);
     s.integer(4, static_cast<std::int64_t>(meta.size_bytes)).text(5, meta.content_type);

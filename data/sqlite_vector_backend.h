@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "kernel/logger.h"
+#include "kernel/obs/logger.h"
 
 struct sqlite3;
 

@@ -9,12 +9,18 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "identity/encoding.h"
-#include "kernel/clock.h"
-#include "kernel/durable_file.h"
-#include "kernel/journal.h"
+#include "base/clock.h"
+#include "base/durable_file.h"
+#include "base/encoding.h"
+#include "base/journal.h"
+#include "base/json.h"
 
 namespace ostrel::identity {
+using base::base64url_decode;
+using base::base64url_encode;
+using base::from_hex;
+using base::random_bytes;
+using base::to_hex;
 namespace {
 
 using Json = nlohmann::json;
@@ -164,7 +170,7 @@ bool CapabilityIssuer::open(const fs::path& state_dir, std::string& error) {
     error = "no secure random bytes for master.key";
     return false;
   }
-  if (!kernel::write_file_atomically(key_file, key, error)) return false;
+  if (!base::write_file_atomically(key_file, key, error)) return false;
   master_key_ = key;
   return true;
 }
@@ -172,7 +178,7 @@ bool CapabilityIssuer::open(const fs::path& state_dir, std::string& error) {
 std::size_t CapabilityIssuer::load_keys() {
   if (master_key_.empty()) return 0;
   std::lock_guard lock(keys_mu_);
-  return kernel::replay_journal(keys_path_(), [this](const Json& r) {
+  return base::replay_journal(keys_path_(), [this](const Json& r) {
     if (!r.is_object()) return false;
     const std::string op = r.value("op", "");
     const std::string tenant = r.value("tenant", "");
@@ -196,20 +202,36 @@ std::size_t CapabilityIssuer::load_keys() {
 
 std::size_t CapabilityIssuer::load_revocations() {
   std::unique_lock lock(revoked_mu_);
-  return kernel::replay_journal(caps_path_(), [this](const Json& r) {
-    if (!r.is_object() || r.value("op", "") != "revoke") return false;
+  std::size_t revocations = 0;
+  base::replay_journal(caps_path_(), [this, &revocations](const Json& r) {
+    if (!r.is_object()) return false;
     auto id = r.find("id");
     if (id == r.end() || !id->is_string()) return false;
-    revoked_.insert(id->get<std::string>());
+    const std::string op = r.value("op", "");
+    if (op == "revoke") {
+      revoked_.insert(id->get<std::string>());
+      ++revocations;
+      return true;
+    }
+    if (op != "issue") return false;
+    Issued entry;
+    entry.durable = true;
+    auto exp = r.find("exp");
+    auto parent = r.find("parent");
+    if (exp != r.end() && exp->is_number_integer()) entry.expires_at_s = exp->get<std::int64_t>();
+    if (parent != r.end() && parent->is_string()) entry.parent = parent->get<std::string>();
+    issued_[id->get<std::string>()] = std::move(entry);
     return true;
   });
+  return revocations;
 }
 
 std::string CapabilityIssuer::issue(SourceCode holder, const std::vector<std::string>& scopes,
-                                    const std::string& tenant, std::int64_t lifetime_s) {
+                                    const std::string& tenant, std::int64_t lifetime_s,
+                                    const std::string& parent, CapabilityToken* minted) {
   auto now = clock_();
-  std::int64_t iat = kernel::unix_s(now);
-  std::int64_t exp = kernel::unix_s(now + std::chrono::seconds(lifetime_s));
+  std::int64_t iat = base::unix_s(now);
+  std::int64_t exp = base::unix_s(now + std::chrono::seconds(lifetime_s));
   auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count();
   char id[24];
   std::snprintf(id, sizeof id, "%016llx%04x", static_cast<unsigned long long>(ns), holder.value());
@@ -233,7 +255,55 @@ std::string CapabilityIssuer::issue(SourceCode holder, const std::vector<std::st
   if (signature.empty()) return "";
   Json envelope = {
       {"p", base64url_encode(payload_text)}, {"s", base64url_encode(signature)}, {"kid", kid}};
+
+  Issued entry{exp, parent, !kid.empty()};
+  {
+    std::unique_lock lock(revoked_mu_);
+    if (entry.durable && !state_dir_.empty()) {
+      Json record = {{"op", "issue"}, {"id", id}, {"exp", exp}};
+      if (!parent.empty()) record["parent"] = parent;
+      std::string error;
+      // A token whose id is not on disk could not be revoked after a restart.
+      if (!base::append_journal_line(caps_path_(), record.dump(), error)) return "";
+    }
+    issued_[id] = std::move(entry);
+    if (++issues_since_sweep_ >= 4096) forget_expired_locked_(iat);
+  }
+  if (minted) *minted = CapabilityToken{id, holder, scopes, tenant, iat, exp};
   return base64url_encode(envelope.dump());
+}
+
+bool CapabilityIssuer::attenuate(const CapabilityToken& parent,
+                                 const std::vector<std::string>& scopes, std::int64_t lifetime_s,
+                                 std::string& token, std::string& error, CapabilityToken* minted) {
+  for (const auto& s : scopes) {
+    if (std::find(parent.scopes.begin(), parent.scopes.end(), s) == parent.scopes.end()) {
+      error = "scope_not_subset";
+      return false;
+    }
+  }
+  const double now = std::chrono::duration<double>(clock_().time_since_epoch()).count();
+  const double remaining = static_cast<double>(parent.expires_at_s) - now;
+  if (remaining < 1.0) {
+    error = "expired";
+    return false;
+  }
+  lifetime_s = std::min(lifetime_s, static_cast<std::int64_t>(remaining));
+  token = issue(parent.holder, scopes, parent.tenant, lifetime_s, parent.id, minted);
+  if (token.empty()) {
+    error = "signing_failed";
+    return false;
+  }
+  return true;
+}
+
+void CapabilityIssuer::forget_expired_locked_(std::int64_t now_s) {
+  issues_since_sweep_ = 0;
+  // A child never outlives its parent, so dropping expired entries never
+  // breaks the chain of a token that still verifies.
+  for (auto it = issued_.begin(); it != issued_.end();) {
+    it = it->second.expires_at_s < now_s ? issued_.erase(it) : std::next(it);
+  }
 }
 
 std::shared_ptr<KeyPair> CapabilityIssuer::key_for_kid_(const std::string& kid) const {
@@ -252,7 +322,7 @@ bool CapabilityIssuer::verify(const std::string& token, CapabilityToken& out,
   };
   std::string envelope_text;
   if (!base64url_decode(token, envelope_text)) return fail("bad_encoding");
-  Json envelope = Json::parse(envelope_text, nullptr, false);
+  Json envelope = base::parse_json(envelope_text);
   if (!envelope.is_object()) return fail("bad_encoding");
   auto p = envelope.find("p");
   auto s = envelope.find("s");
@@ -270,7 +340,7 @@ bool CapabilityIssuer::verify(const std::string& token, CapabilityToken& out,
   if (!key) return fail("unknown_key");
   if (!key->verify(payload_text, signature)) return fail("bad_signature");
 
-  Json payload = Json::parse(payload_text, nullptr, false);
+  Json payload = base::parse_json(payload_text);
   if (!payload.is_object()) return fail("bad_encoding");
   auto v = payload.find("v");
   if (v == payload.end() || !v->is_number_integer() || v->get<std::int64_t>() != 1) {
@@ -292,7 +362,7 @@ bool CapabilityIssuer::verify(const std::string& token, CapabilityToken& out,
     // A signed payload of the wrong shape: only our own keys could make one.
     return fail("bad_encoding");
   }
-  std::int64_t now = kernel::unix_s(clock_());
+  std::int64_t now = base::unix_s(clock_());
   if (now < t.issued_at_s) return fail("not_yet_valid");
   if (t.expires_at_s < now) return fail("expired");
   if (is_revoked(t.id)) return fail("revoked");
@@ -330,7 +400,7 @@ bool CapabilityIssuer::add_tenant_key(const std::string& tenant, std::string& er
   Json record = {
       {"op", "add"}, {"tenant", tenant}, {"nonce", to_hex(nonce)}, {"ciphertext", to_hex(sealed)}};
   std::lock_guard lock(keys_mu_);
-  if (!kernel::append_journal_line(keys_path_(), record.dump(), error)) return false;
+  if (!base::append_journal_line(keys_path_(), record.dump(), error)) return false;
   tenant_keys_[tenant] = std::move(pair);
   return true;
 }
@@ -339,7 +409,11 @@ bool CapabilityIssuer::drop_tenant_key(const std::string& tenant) {
   std::lock_guard lock(keys_mu_);
   if (!tenant_keys_.count(tenant)) return false;
   std::string error;
-  kernel::append_journal_line(keys_path_(), Json{{"op", "drop"}, {"tenant", tenant}}.dump(), error);
+  if (!master_key_.empty() &&
+      !base::append_journal_line(keys_path_(), Json{{"op", "drop"}, {"tenant", tenant}}.dump(),
+                                 error)) {
+    return false;
+  }
   tenant_keys_.erase(tenant);
   return true;
 }
@@ -356,27 +430,58 @@ bool CapabilityIssuer::public_key(const std::string& tenant, std::string& raw32)
   return true;
 }
 
-void CapabilityIssuer::revoke(const std::string& id) {
+CapabilityIssuer::RevokeResult CapabilityIssuer::revoke(const std::string& id) {
   std::unique_lock lock(revoked_mu_);
-  if (revoked_.count(id)) return;
+  if (is_revoked_locked_(id)) return RevokeResult::already_revoked;
+  if (!issued_.count(id)) return RevokeResult::unknown;
   std::string error;
-  // A failed append still revokes in memory: refusing the token now matters more.
-  kernel::append_journal_line(caps_path_(), Json{{"op", "revoke"}, {"id", id}}.dump(), error);
+  bool journalled =
+      state_dir_.empty() ||
+      base::append_journal_line(caps_path_(), Json{{"op", "revoke"}, {"id", id}}.dump(), error);
+  // Refusing the token from now on matters more than the journal: it is
+  // revoked in memory either way, and the caller learns that it will not
+  // survive a restart.
   revoked_.insert(id);
+  return journalled ? RevokeResult::revoked : RevokeResult::journal_failed;
 }
 
 bool CapabilityIssuer::compact_revocations(std::string& error) {
   std::unique_lock lock(revoked_mu_);
+  forget_expired_locked_(base::unix_s(clock_()));
   std::vector<std::string> ids(revoked_.begin(), revoked_.end());
   std::sort(ids.begin(), ids.end());
   std::vector<std::string> lines;
   for (const auto& id : ids) lines.push_back(Json{{"op", "revoke"}, {"id", id}}.dump());
-  return kernel::rewrite_journal(caps_path_(), lines, error);
+  std::vector<std::pair<std::string, const Issued*>> live;
+  for (const auto& [id, entry] : issued_) {
+    if (entry.durable) live.emplace_back(id, &entry);
+  }
+  // Ids sort by issue time: parents come before their children.
+  std::sort(live.begin(), live.end());
+  for (const auto& [id, entry] : live) {
+    Json record = {{"op", "issue"}, {"id", id}, {"exp", entry->expires_at_s}};
+    if (!entry->parent.empty()) record["parent"] = entry->parent;
+    lines.push_back(record.dump());
+  }
+  return base::rewrite_journal(caps_path_(), lines, error);
+}
+
+bool CapabilityIssuer::is_revoked_locked_(const std::string& id) const {
+  std::string current = id;
+  // Bounded walk: a chain cannot be longer than the table (a cycle would
+  // need a token to be its own ancestor, which ids ordered by time forbid).
+  for (std::size_t hops = 0; hops <= issued_.size() && !current.empty(); ++hops) {
+    if (revoked_.count(current)) return true;
+    auto it = issued_.find(current);
+    if (it == issued_.end()) return false;
+    current = it->second.parent;
+  }
+  return false;
 }
 
 bool CapabilityIssuer::is_revoked(const std::string& id) const {
   std::shared_lock lock(revoked_mu_);
-  return revoked_.count(id) != 0;
+  return is_revoked_locked_(id);
 }
 
 std::vector<std::string> CapabilityIssuer::revocations() const {

@@ -65,12 +65,23 @@ class CapabilityIssuer {
   bool open(const std::filesystem::path& state_dir, std::string& error);
   // Replays "keys.jsonl"; returns the number of records applied.
   std::size_t load_keys();
-  // Replays "caps.jsonl"; returns the number of revocations read.
+  // Replays "caps.jsonl" (revocations and the ids of tenant-key tokens);
+  // returns the number of revocations read.
   std::size_t load_revocations();
 
-  // The token text, or "" when signing failed.
+  // The token text, or "" when signing failed. Tokens signed with a tenant
+  // key outlive the process, so their ids are journalled (revocation can then
+  // tell a known id from a stranger's); `parent` is the id of the token this
+  // one was attenuated from, so that revoking an ancestor revokes it too.
   std::string issue(SourceCode holder, const std::vector<std::string>& scopes,
-                    const std::string& tenant, std::int64_t lifetime_s);
+                    const std::string& tenant, std::int64_t lifetime_s,
+                    const std::string& parent = "", CapabilityToken* minted = nullptr);
+  // A child of the verified `parent` with a subset of its scopes and at most
+  // its remaining lifetime. False with "scope_not_subset", "expired" or
+  // "signing_failed".
+  bool attenuate(const CapabilityToken& parent, const std::vector<std::string>& scopes,
+                 std::int64_t lifetime_s, std::string& token, std::string& error,
+                 CapabilityToken* minted = nullptr);
   // False with one of "bad_encoding", "unknown_key", "bad_signature",
   // "unknown_version", "not_yet_valid", "expired", "revoked". Never throws.
   bool verify(const std::string& token, CapabilityToken& out, std::string& error) const;
@@ -85,11 +96,15 @@ class CapabilityIssuer {
   // The node key's public half ("" tenant) or a tenant's; false when unknown.
   bool public_key(const std::string& tenant, std::string& raw32) const;
 
-  // Journals, then adds, the id to the revocation set. Permanent.
-  void revoke(const std::string& id);
+  enum class RevokeResult { revoked, already_revoked, unknown, journal_failed };
+  // Journals, then adds, the id to the revocation set. Permanent. Only ids
+  // this node issued (and has not forgotten as expired) can be revoked.
+  RevokeResult revoke(const std::string& id);
+  // True when the token or any token it was attenuated from is revoked.
   bool is_revoked(const std::string& id) const;
   std::vector<std::string> revocations() const;
-  // Rewrites "caps.jsonl" as one record per revoked id.
+  // Rewrites "caps.jsonl" as one record per revoked id and per unexpired
+  // journalled token.
   bool compact_revocations(std::string& error);
 
   const std::filesystem::path& state_dir() const { return state_dir_; }
@@ -108,8 +123,21 @@ class CapabilityIssuer {
 
   mutable std::mutex keys_mu_;  // guards tenant_keys_ and appends to keys.jsonl
   std::unordered_map<std::string, std::shared_ptr<KeyPair>> tenant_keys_;
-  mutable std::shared_mutex revoked_mu_;  // guards revoked_ and appends to caps.jsonl
+  struct Issued {
+    std::int64_t expires_at_s = 0;
+    std::string parent;    // the token it was attenuated from, or ""
+    bool durable = false;  // signed with a tenant key: journalled
+  };
+  // REQUIRES: revoked_mu_ is held (shared or exclusive).
+  bool is_revoked_locked_(const std::string& id) const;
+  void forget_expired_locked_(std::int64_t now_s);
+
+  // Guards revoked_, issued_ and appends to caps.jsonl. The journal append
+  // happens under it so that the file's order is the order of the changes.
+  mutable std::shared_mutex revoked_mu_;
   std::unordered_set<std::string> revoked_;
+  std::unordered_map<std::string, Issued> issued_;  // ids this node signed
+  std::size_t issues_since_sweep_ = 0;
 };
 
 }  // namespace ostrel::identity

@@ -6,9 +6,6 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "kernel/logger.h"
-#include "kernel/manifest.h"
-
 namespace ostrel::identity {
 
 std::string SourceCode::hex() const {
@@ -213,12 +210,11 @@ bool domain_byte(const std::string& name, std::uint8_t& out) {
   return true;
 }
 
-IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel::Logger& logger) {
-  const auto& decl = def.source_code;
+IdentityResult register_source_code(const SourceCodeDecl& decl) {
   IdentityResult r;
   if (decl.domain.empty()) {
     r.status = IdentityStatus::warning;
-    r.message = "module '" + def.name + "' did not declare source_code.domain";
+    r.message = "module '" + decl.module + "' did not declare source_code.domain";
     return r;
   }
 
@@ -241,7 +237,7 @@ IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel:
           "subdomain registration failed: subdomain '" + decl.subdomain + "' is not a byte value";
       return r;
     }
-    const std::string& name = decl.subdomain_name.empty() ? def.name : decl.subdomain_name;
+    const std::string& name = decl.subdomain_name.empty() ? decl.module : decl.subdomain_name;
     SubdomainResult sr = register_subdomain_locked(t, r.domain, sub, name);
     if (!sr.ok) {
       r.status = IdentityStatus::error;
@@ -250,15 +246,14 @@ IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel:
     }
     r.subdomain = sub;
     std::string path = path_name_locked(t, r.domain, sub);
-    lock.unlock();
-    logger.info("registered " + def.name + " as " + path);
+    r.info_line = "registered " + decl.module + " as " + path;
     return r;
   }
 
   if (decl.subdomain_name.empty()) {
     r.status = IdentityStatus::warning;
-    r.message =
-        "module '" + def.name + "' pinned neither subdomain byte nor subdomain_name — no identity";
+    r.message = "module '" + decl.module +
+                "' pinned neither subdomain byte nor subdomain_name — no identity";
     return r;
   }
 
@@ -286,7 +281,7 @@ IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel:
   lock.unlock();
   char hex[4];
   std::snprintf(hex, sizeof hex, "%02x", sub);
-  logger.warn("module '" + def.name + "' pinned no subdomain byte — auto-allocated 0x" + hex);
+  r.warn_line = "module '" + decl.module + "' pinned no subdomain byte — auto-allocated 0x" + hex;
   r.status = IdentityStatus::warning;
   r.message = "auto-allocated extension-range byte (prefer pinning in manifest)";
   r.subdomain = static_cast<std::uint8_t>(sub);

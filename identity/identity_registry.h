@@ -5,11 +5,6 @@
 
 #include "identity/source_code.h"
 
-namespace ostrel::kernel {
-struct ModuleDefinition;
-class Logger;
-}  // namespace ostrel::kernel
-
 // The process-wide table of identity domains and their subdomains.
 // Thread-safe: every operation holds the registry mutex for its whole run
 // (seeding the domain table on first use included).
@@ -27,6 +22,17 @@ struct IdentityResult {
   std::string message;
   std::uint8_t domain = 0;
   std::uint8_t subdomain = 0;
+  // Lines for the caller's log: what was registered, what was auto-allocated.
+  std::string info_line;
+  std::string warn_line;
+};
+
+// The `source_code` block of a module's manifest.
+struct SourceCodeDecl {
+  std::string module;  // the module's name
+  std::string domain;
+  std::string subdomain_name;
+  std::string subdomain;  // a byte value as text, or empty
 };
 
 SubdomainResult register_subdomain(std::uint8_t domain, std::uint8_t sub, const std::string& name);
@@ -41,6 +47,6 @@ inline std::string path_name(identity::SourceCode code) {
 bool domain_byte(const std::string& name, std::uint8_t& out);
 
 // Binds the `source_code` block of a manifest to a registered identity.
-IdentityResult register_source_code(const kernel::ModuleDefinition& def, kernel::Logger& logger);
+IdentityResult register_source_code(const SourceCodeDecl& decl);
 
 }  // namespace ostrel::identity_registry

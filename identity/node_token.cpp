@@ -3,10 +3,15 @@
 #include <chrono>
 #include <cstdio>
 
-#include "identity/encoding.h"
-#include "kernel/clock.h"
+#include "base/clock.h"
+#include "base/encoding.h"
 
 namespace ostrel::identity {
+using base::constant_time_equal;
+using base::hmac_sha256;
+using base::random_bytes;
+using base::sha256;
+using base::to_hex;
 namespace {
 
 constexpr std::size_t kTokenLength = 83;
@@ -52,7 +57,7 @@ std::string generate_node_token_at(const std::string& secret, const std::string&
 }
 
 std::string generate_node_token(const std::string& secret, const std::string& node_id) {
-  return generate_node_token_at(secret, node_id, kernel::unix_s());
+  return generate_node_token_at(secret, node_id, base::unix_s());
 }
 
 bool verify_node_token_at(const std::string& secret, const std::string& node_id,
@@ -70,7 +75,7 @@ bool verify_node_token_at(const std::string& secret, const std::string& node_id,
 
 bool verify_node_token(const std::string& secret, const std::string& node_id,
                        const std::string& token) {
-  return verify_node_token_at(secret, node_id, token, kernel::unix_s());
+  return verify_node_token_at(secret, node_id, token, base::unix_s());
 }
 
 }  // namespace ostrel::identity

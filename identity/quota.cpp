@@ -1,15 +1,34 @@
 #include "identity/quota.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace ostrel::identity {
+namespace {
+
+// a + b without wrapping: clamped to the range of int64.
+std::int64_t saturating_add(std::int64_t a, std::int64_t b) {
+  std::int64_t out = 0;
+  if (!__builtin_add_overflow(a, b, &out)) return out;
+  return b > 0 ? std::numeric_limits<std::int64_t>::max()
+               : std::numeric_limits<std::int64_t>::min();
+}
+
+std::int64_t saturating_sub(std::int64_t a, std::int64_t b) {
+  std::int64_t out = 0;
+  if (!__builtin_sub_overflow(a, b, &out)) return out;
+  return b < 0 ? std::numeric_limits<std::int64_t>::max()
+               : std::numeric_limits<std::int64_t>::min();
+}
+
+}  // namespace
 
 QuotaCheck QuotaAccountant::check(const std::string& tenant, const std::string& resource,
                                   std::int64_t increment, std::int64_t limit) const {
   QuotaCheck c;
   c.usage = usage(tenant, resource);
   c.limit = limit;
-  c.projected_usage = c.usage + increment;
+  c.projected_usage = saturating_add(c.usage, increment);
   if (limit >= 0 && c.projected_usage > limit) {
     c.ok = false;
     c.reason = "quota_exceeded";
@@ -20,13 +39,15 @@ QuotaCheck QuotaAccountant::check(const std::string& tenant, const std::string& 
 std::int64_t QuotaAccountant::consume(const std::string& tenant, const std::string& resource,
                                       std::int64_t amount) {
   std::lock_guard lock(mu_);
-  return usage_[{tenant, resource}] += amount;
+  std::int64_t& v = usage_[{tenant, resource}];
+  return v = saturating_add(v, amount);
 }
 
 std::int64_t QuotaAccountant::release(const std::string& tenant, const std::string& resource,
                                       std::int64_t amount) {
   std::lock_guard lock(mu_);
-  return usage_[{tenant, resource}] -= amount;
+  std::int64_t& v = usage_[{tenant, resource}];
+  return v = saturating_sub(v, amount);
 }
 
 std::int64_t QuotaAccountant::usage(const std::string& tenant, const std::string& resource) const {

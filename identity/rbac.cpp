@@ -5,10 +5,10 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "kernel/clock.h"
-#include "kernel/journal.h"
-#include "kernel/json_body.h"
-#include "kernel/types.h"
+#include "base/clock.h"
+#include "base/journal.h"
+#include "base/json.h"
+#include "base/types.h"
 
 namespace ostrel::identity {
 namespace {
@@ -20,7 +20,7 @@ Role role_from_json(const Json& j) {
   r.tenant = j.value("tenant", "");
   r.id = j.value("id", "");
   r.display_name = j.value("display_name", "");
-  r.permissions = kernel::string_list(j, "permissions");
+  r.permissions = base::string_list(j, "permissions");
   r.created_at_ms = j.value("created_at_ms", std::int64_t{0});
   return r;
 }
@@ -32,7 +32,7 @@ User user_from_json(const Json& j) {
   u.display_name = j.value("display_name", "");
   u.state = j.value("state", "active");
   u.created_at_ms = j.value("created_at_ms", std::int64_t{0});
-  u.role_ids = kernel::string_list(j, "role_ids");
+  u.role_ids = base::string_list(j, "role_ids");
   return u;
 }
 
@@ -68,7 +68,7 @@ bool RBAC::create_role(Role role, std::string& error) {
     error = "already_exists";
     return false;
   }
-  if (!journal_.replaying()) role.created_at_ms = kernel::unix_ms();
+  if (!journal_.replaying()) role.created_at_ms = base::unix_ms();
   if (!journal_.append(Json{{"op", "role_create"}, {"role", role}})) {
     error = "journal_write_failed";
     return false;
@@ -139,7 +139,7 @@ bool RBAC::create_user(User user, std::string& error) {
       return false;
     }
   }
-  if (!journal_.replaying()) user.created_at_ms = kernel::unix_ms();
+  if (!journal_.replaying()) user.created_at_ms = base::unix_ms();
   if (!journal_.append(Json{{"op", "user_create"}, {"user", user}})) {
     error = "journal_write_failed";
     return false;
@@ -229,14 +229,15 @@ bool RBAC::unassign_role(const std::string& tenant, const std::string& user_id,
   return true;
 }
 
-void RBAC::drop_tenant(const std::string& tenant) {
+bool RBAC::drop_tenant(const std::string& tenant) {
   std::lock_guard lock(mu_);
-  journal_.append(Json{{"op", "drop_tenant"}, {"tenant", tenant}});
+  if (!journal_.append(Json{{"op", "drop_tenant"}, {"tenant", tenant}})) return false;
   std::erase_if(roles_, [&](const auto& e) { return e.first.first == tenant; });
   std::erase_if(users_, [&](const auto& e) { return e.first.first == tenant; });
+  return true;
 }
 
-void RBAC::seed_default_roles(const std::string& tenant) {
+bool RBAC::seed_default_roles(const std::string& tenant) {
   struct Seed {
     const char* id;
     const char* name;
@@ -252,10 +253,20 @@ void RBAC::seed_default_roles(const std::string& tenant) {
        {"data.memory.store", "data.memory.recall", "inference.chat", "agent.invoke", "audit.read"}},
       {"viewer", "Viewer", {"data.memory.recall", "audit.read"}},
   };
+  bool ok = true;
   for (const Seed& s : seeds) {
     std::string error;
-    create_role(Role{tenant, s.id, s.name, s.perms, 0}, error);
+    if (!create_role(Role{tenant, s.id, s.name, s.perms, 0}, error) && error != "already_exists") {
+      ok = false;
+    }
   }
+  return ok;
+}
+
+bool RBAC::has_roles(const std::string& tenant) const {
+  std::lock_guard lock(mu_);
+  auto it = roles_.lower_bound({tenant, ""});
+  return it != roles_.end() && it->first.first == tenant;
 }
 
 bool RBAC::user(const std::string& tenant, const std::string& user_id, User& out) const {
@@ -308,7 +319,7 @@ std::size_t RBAC::replay_journal() {
     if (op == "role_create" && r.contains("role"))
       return create_role(role_from_json(r["role"]), error);
     if (op == "role_perms")
-      return set_role_permissions(tenant, role_id, kernel::string_list(r, "permissions"), error);
+      return set_role_permissions(tenant, role_id, base::string_list(r, "permissions"), error);
     if (op == "role_delete") return delete_role(tenant, role_id, error);
     if (op == "user_create" && r.contains("user"))
       return create_user(user_from_json(r["user"]), error);
@@ -347,7 +358,7 @@ bool RBAC::compact_journal(std::string& error) {
               .dump());
     }
   }
-  return kernel::rewrite_journal(journal_.path(), lines, error);
+  return base::rewrite_journal(journal_.path(), lines, error);
 }
 
 namespace rbac::reject {
@@ -402,10 +413,9 @@ bool deny_if_cross_tenant(const std::string& authenticated_tenant,
   if (authenticated_tenant.empty() || authenticated_tenant == requested_tenant) return false;
   response.status = 403;
   response.content_type = "application/json";
-  response.body = Json{{"error", "cross_tenant_access_denied"},
-                       {"authenticated_tenant", authenticated_tenant},
-                       {"requested_tenant", requested_tenant}}
-                      .dump();
+  response.body = base::dump_json(Json{{"error", "cross_tenant_access_denied"},
+                                       {"authenticated_tenant", authenticated_tenant},
+                                       {"requested_tenant", requested_tenant}});
   return true;
 }
 

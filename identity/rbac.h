@@ -9,11 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "kernel/journal.h"
-
-namespace ostrel::kernel {
-struct Response;
-}
+#include "base/journal.h"
+#include "base/types.h"
 
 namespace ostrel::identity {
 
@@ -56,9 +53,12 @@ class RBAC {
                    const std::string& role_id, std::string& error);
   bool unassign_role(const std::string& tenant, const std::string& user_id,
                      const std::string& role_id, std::string& error);
-  void drop_tenant(const std::string& tenant);
+  // False (and nothing dropped) when the journal cannot be written.
+  bool drop_tenant(const std::string& tenant);
   // The "admin", "developer" and "viewer" roles; existing ones are kept.
-  void seed_default_roles(const std::string& tenant);
+  // False when one of them could not be journalled.
+  bool seed_default_roles(const std::string& tenant);
+  bool has_roles(const std::string& tenant) const;
 
   bool user(const std::string& tenant, const std::string& user_id, User& out) const;
   std::vector<User> users(const std::string& tenant) const;
@@ -74,7 +74,7 @@ class RBAC {
  private:
   using Key = std::pair<std::string, std::string>;  // (tenant, id)
 
-  kernel::RegistryJournal journal_;
+  base::RegistryJournal journal_;
   mutable std::mutex mu_;  // guards roles_, users_ and journal appends
   std::map<Key, Role> roles_;
   std::map<Key, User> users_;

@@ -9,8 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "identity/encoding.h"
-#include "kernel/paths.h"
+#include "base/encoding.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ostrel::source_header {
 namespace {
@@ -43,11 +44,11 @@ PolicyState& policy_state() {
 void load_policy_once() {
   PolicyState& s = policy_state();
   std::call_once(s.loaded, [&s] {
-    std::ifstream in(kernel::base_config_dir() + "/eis_policy.json");
+    std::ifstream in(base::base_config_dir() + "/eis_policy.json");
     if (!in) return;
     std::stringstream buf;
     buf << in.rdbuf();
-    Json j = Json::parse(buf.str(), nullptr, false);
+    Json j = base::parse_json(buf.str());
     std::lock_guard lock(s.mu);
     s.policy = Policy::fromJson(j);
   });
@@ -63,8 +64,8 @@ std::set<std::string> string_set(const Json& j, const char* key) {
   return out;
 }
 
-kernel::SourceDecision verdict(const char* action, int status, const char* error) {
-  kernel::SourceDecision d;
+SourceDecision verdict(const char* action, int status, const char* error) {
+  SourceDecision d;
   d.action = action;
   d.status = status;
   if (error) d.body = std::string("{\"error\":\"") + error + "\"}";
@@ -137,7 +138,7 @@ ParsedSource parse(const std::string& header) {
 
 std::string current_eis_id() {
   static const std::string id = [] {
-    const std::string path = kernel::base_config_dir() + "/eis_id";
+    const std::string path = base::base_config_dir() + "/eis_id";
     std::ifstream in(path);
     if (in) {
       std::stringstream buf;
@@ -149,7 +150,7 @@ std::string current_eis_id() {
       }
       if (!s.empty()) return s;
     }
-    std::string bytes = identity::random_bytes(16);
+    std::string bytes = base::random_bytes(16);
     if (bytes.size() != 16) {
       bytes.assign(16, '\0');
       auto mix = static_cast<unsigned long long>(::getpid()) ^
@@ -157,9 +158,9 @@ std::string current_eis_id() {
                  reinterpret_cast<std::uintptr_t>(&bytes);
       for (int k = 0; k < 16; ++k) bytes[k] = static_cast<char>(mix >> ((k % 8) * 8));
     }
-    std::string fresh = identity::to_hex(bytes);
+    std::string fresh = base::to_hex(bytes);
     std::error_code ec;
-    std::filesystem::create_directories(kernel::base_config_dir(), ec);
+    std::filesystem::create_directories(base::base_config_dir(), ec);
     std::ofstream out(path, std::ios::trunc);
     out << fresh;  // a failed write is ignored: the id still holds for this process
     return fresh;
@@ -192,9 +193,9 @@ void set_policy(Policy policy) {
   policy_state().policy = std::move(policy);
 }
 
-kernel::SourceDecision admit(const std::string& client_addr, const std::string& header) {
+SourceDecision admit(const std::string& client_addr, const std::string& header) {
   if (is_loopback(client_addr)) {
-    kernel::SourceDecision d;
+    SourceDecision d;
     d.action = "loopback";
     d.eis_known = !header.empty() && !parse(header).eis.empty();
     return d;
@@ -206,7 +207,7 @@ kernel::SourceDecision admit(const std::string& client_addr, const std::string& 
     return verdict("allowed", 0, nullptr);
   }
   ParsedSource src = parse(header);
-  kernel::SourceDecision d;
+  SourceDecision d;
   if (!src.ok) {
     d = verdict("denied_shape", 400, "invalid_eis_source_header");
   } else if (p.deny_unknown_eis && src.eis.empty()) {

@@ -4,12 +4,21 @@
 #include <set>
 #include <string>
 
-#include "kernel/api_gateway.h"
-
 // The cross-node source header "X-Ostrel-Source": who a request comes from
 // (EIS id, node, module, domain, tenant), and the policy by which the gateway
 // admits callers that are not on loopback.
 namespace ostrel::source_header {
+
+// What the admission policy decided for one request.
+struct SourceDecision {
+  std::string action = "allowed";  // "allowed", "loopback", "denied_shape", …
+  bool eis_known = false;
+  std::string eis_id;
+  std::string module;
+  std::string domain;
+  int status = 0;    // non-zero: refuse with this status …
+  std::string body;  // … and this JSON body
+};
 
 struct ParsedSource {
   bool ok = false;
@@ -50,6 +59,6 @@ Policy current_policy();
 void set_policy(Policy policy);
 
 // The gateway's admission verdict for one request.
-kernel::SourceDecision admit(const std::string& client_addr, const std::string& header);
+SourceDecision admit(const std::string& client_addr, const std::string& header);
 
 }  // namespace ostrel::source_header

@@ -4,9 +4,10 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 
-#include "kernel/clock.h"
-#include "kernel/journal.h"
-#include "kernel/json_body.h"
+#include "base/clock.h"
+#include "base/journal.h"
+#include "base/json.h"
+#include "base/names.h"
 
 namespace ostrel::identity {
 namespace {
@@ -37,7 +38,7 @@ Tenant tenant_from_json(const Json& j) {
   t.created_at_ms = j.value("created_at_ms", std::int64_t{0});
   t.updated_at_ms = j.value("updated_at_ms", std::int64_t{0});
   t.notes = j.value("notes", "");
-  t.admin_contacts = kernel::string_list(j, "admin_contacts");
+  t.admin_contacts = base::string_list(j, "admin_contacts");
   for (const char* name : kQuotaNames) {
     if (auto q = j.find(name); q != j.end() && q->is_number_integer()) {
       *quota_slot(t.quotas, name) = q->get<std::int64_t>();
@@ -77,6 +78,11 @@ bool TenantRegistry::create(Tenant t, std::string& error) {
     error = "missing id";
     return false;
   }
+  // Tenant ids become directory names in the data and memory stores.
+  if (std::string why; !base::safe_tenant_id(t.id, why)) {
+    error = "invalid_tenant_id: " + why;
+    return false;
+  }
   if (t.state.empty()) t.state = "active";
   if (!valid_state(t.state)) {
     error = "invalid_state";
@@ -87,7 +93,7 @@ bool TenantRegistry::create(Tenant t, std::string& error) {
     error = "already_exists";
     return false;
   }
-  if (!journal_.replaying()) t.created_at_ms = t.updated_at_ms = kernel::unix_ms();
+  if (!journal_.replaying()) t.created_at_ms = t.updated_at_ms = base::unix_ms();
   if (!journal_.append(Json{{"op", "create"}, {"tenant", t}})) {
     error = "journal_write_failed";
     return false;
@@ -157,7 +163,7 @@ bool TenantRegistry::update_metadata(const std::string& id, const Json& fields,
   Tenant updated = *current;
   Json changed = Json::object();
   if (!apply_update_locked_(updated, fields, changed, error)) return false;
-  if (!journal_.replaying()) updated.updated_at_ms = kernel::unix_ms();
+  if (!journal_.replaying()) updated.updated_at_ms = base::unix_ms();
   Json record = {{"op", "update"}, {"id", id}};
   record.update(changed);
   record["updated_at_ms"] = updated.updated_at_ms;
@@ -178,7 +184,7 @@ bool TenantRegistry::transition(const std::string& id, const std::string& new_st
   std::lock_guard lock(mu_);
   Tenant* current = changeable_locked_(id, "terminating_terminal", error);
   if (!current) return false;
-  std::int64_t stamp = journal_.replaying() ? current->updated_at_ms : kernel::unix_ms();
+  std::int64_t stamp = journal_.replaying() ? current->updated_at_ms : base::unix_ms();
   if (!journal_.append(Json{
           {"op", "transition"}, {"id", id}, {"new_state", new_state}, {"updated_at_ms", stamp}})) {
     error = "journal_write_failed";
@@ -253,7 +259,7 @@ bool TenantRegistry::compact_journal(std::string& error) {
   std::sort(sorted.begin(), sorted.end(),
             [](const Tenant* a, const Tenant* b) { return a->id < b->id; });
   for (const Tenant* t : sorted) lines.push_back(Json{{"op", "create"}, {"tenant", *t}}.dump());
-  return kernel::rewrite_journal(journal_.path(), lines, error);
+  return base::rewrite_journal(journal_.path(), lines, error);
 }
 
 }  // namespace ostrel::identity

@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "kernel/journal.h"
+#include "base/journal.h"
 
 namespace ostrel::identity {
 
@@ -71,7 +71,7 @@ class TenantRegistry {
   bool apply_update_locked_(Tenant& t, const nlohmann::json& fields, nlohmann::json& changed,
                             std::string& error);
 
-  kernel::RegistryJournal journal_;
+  base::RegistryJournal journal_;
   mutable std::mutex mu_;  // guards tenants_ and journal appends
   std::unordered_map<std::string, Tenant> tenants_;
 };

@@ -3,8 +3,8 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "base/text.h"
 #include "inference/json_scanner.h"
-#include "kernel/text.h"
 
 namespace ostrel::inference::chat_json {
 

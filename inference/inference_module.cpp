@@ -11,6 +11,12 @@
 #include <set>
 #include <sstream>
 
+#include "base/access.h"
+#include "base/clock.h"
+#include "base/durable_file.h"
+#include "base/json.h"
+#include "base/paths.h"
+#include "base/reply.h"
 #include "identity/source_header.h"
 #include "inference/chat_json.h"
 #include "inference/echo_backend.h"
@@ -20,14 +26,9 @@
 #include "inference/http_fetch.h"
 #include "inference/local_backends.h"
 #include "inference/ollama_backend.h"
-#include "kernel/access.h"
-#include "kernel/api_gateway.h"
-#include "kernel/clock.h"
-#include "kernel/durable_file.h"
-#include "kernel/json_body.h"
-#include "kernel/logger.h"
+#include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/paths.h"
+#include "kernel/obs/logger.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::inference {
@@ -151,7 +152,7 @@ bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
   log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("inference"));
   const kernel::ConfigView& cfg = *ctx.config;
-  config_dir_ = kernel::base_config_dir();
+  config_dir_ = base::base_config_dir();
   if (const char* dir = std::getenv("OSTREL_INFERENCE_MODEL_DIR"); dir && *dir) {
     model_dir_ = dir;
   } else {
@@ -220,7 +221,7 @@ Json InferenceModule::files_json_() const {
 }
 
 Json InferenceModule::models_list_() const {
-  const std::int64_t created = kernel::unix_s();
+  const std::int64_t created = base::unix_s();
   Json data = Json::array();
   std::set<std::string> seen;
   auto add = [&](const std::string& id, const std::string& owner) {
@@ -323,7 +324,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
       reply(res, chat_json::render_error(explain(*err)), err->code);
       return;
     }
-    res.body = chat_json::render_completion(resp, kernel::unix_s());
+    res.body = chat_json::render_completion(resp, base::unix_s());
     return;
   }
 
@@ -336,7 +337,7 @@ int InferenceModule::stream_sse_(ChatRequest chat,
                                  bool coalesce) {
   if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
   const std::string id = "chatcmpl-ulvo-" + chat.request_id;
-  const std::int64_t created = kernel::unix_s();
+  const std::int64_t created = base::unix_s();
   const std::string model = chat.model;
   // Coalescing (HTTP): the role chunk leaves with the first piece, pieces
   // that arrived together leave together, and the last one with the closing
@@ -380,7 +381,7 @@ int InferenceModule::stream_sse_(ChatRequest chat,
 
 Json InferenceModule::read_settings_() const {
   bool opened = false;
-  Json j = kernel::read_json_file(config_dir_ / "inference.json", opened);
+  Json j = base::read_json_file(config_dir_ / "inference.json", opened);
   return j.is_object() ? j : Json::object();
 }
 
@@ -403,7 +404,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
 
   gw.route("POST", "/v1/inference/embeddings", [this](const Request& req, Response& res) {
     Json body;
-    if (!kernel::parse_object_body(req, res, body)) return;
+    if (!base::parse_object_body(req, res, body)) return;
     int status = 200;
     Json out = embeddings_(body, status);
     reply(res, out, status);
@@ -537,7 +538,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     }
     fs::path target = model_dir_ / filename;
     std::string error;
-    if (!kernel::write_file_atomically(target, req.body, error)) {
+    if (!base::write_file_atomically(target, req.body, error)) {
       reply(res,
             {{"error", error.rfind("open", 0) == 0 ? "open_failed" : "write_failed"},
              {"detail", error}},
@@ -554,7 +555,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("POST", "/api/v1/inference/models/pull", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
     Json body;
-    if (!kernel::parse_object_body(req, res, body)) return;
+    if (!base::parse_object_body(req, res, body)) return;
     auto url = body.value("url", Json(""));
     if (!url.is_string() || url.get<std::string>().empty()) {
       reply(res, {{"error", "missing_url"}}, 400);
@@ -623,7 +624,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("PUT", "/api/v1/inference/config", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
     Json body;
-    if (!kernel::parse_object_body(req, res, body)) return;
+    if (!base::parse_object_body(req, res, body)) return;
     Json settings = read_settings_();
     for (auto it = body.begin(); it != body.end(); ++it) {
       if (!kSettingsKeys.count(it.key())) {
@@ -633,8 +634,8 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       settings[it.key()] = it.value();
     }
     std::string error;
-    bool persisted = kernel::write_file_atomically(config_dir_ / "inference.json",
-                                                   settings.dump(2) + "\n", error);
+    bool persisted =
+        base::write_file_atomically(config_dir_ / "inference.json", settings.dump(2) + "\n", error);
     if (!persisted) log_->warn("inference.json not written: " + error);
     reply(res,
           {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
@@ -686,7 +687,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("POST", "/api/v1/inference/local-backends", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
     Json body;
-    if (!kernel::parse_object_body(req, res, body)) return;
+    if (!base::parse_object_body(req, res, body)) return;
     LocalBackend b;
     std::string error;
     if (!local_backend_from_json(body, b, error)) {
@@ -737,7 +738,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
       if (auto err = engine_->complete(chat, resp)) {
         return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
       }
-      return kernel::SyscallResult::ok(chat_json::render_completion(resp, kernel::unix_s()));
+      return kernel::SyscallResult::ok(chat_json::render_completion(resp, base::unix_s()));
     } catch (const std::exception& e) {
       return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
     }

@@ -4,8 +4,9 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
-#include "kernel/journal.h"
-#include "kernel/json_body.h"
+#include "base/journal.h"
+#include "base/json.h"
+#include "base/reply.h"
 
 namespace ostrel::inference {
 
@@ -74,8 +75,8 @@ bool local_backend_from_json(const Json& j, LocalBackend& out, std::string& erro
   b.api_key = str("api_key");
   b.api_key_env = str("api_key_env");
   b.display_name = str("display_name");
-  b.models = kernel::string_list(j, "models");
-  b.capabilities = kernel::string_list(j, "capabilities");
+  b.models = base::string_list(j, "models");
+  b.capabilities = base::string_list(j, "capabilities");
   if (auto p = j.find("priority"); p != j.end() && p->is_number_integer()) b.priority = *p;
   if (auto a = j.find("auto_discover_models"); a != j.end() && a->is_boolean()) {
     b.auto_discover_models = *a;
@@ -87,7 +88,7 @@ bool local_backend_from_json(const Json& j, LocalBackend& out, std::string& erro
 
 std::size_t LocalBackendRegistry::replay() {
   std::lock_guard lock(mu_);
-  return kernel::replay_journal(journal_, [this](const Json& r) {
+  return base::replay_journal(journal_, [this](const Json& r) {
     const std::string op = r.value("op", "");
     const std::string id = r.value("id", "");
     if (op == "remove") {
@@ -109,7 +110,7 @@ std::size_t LocalBackendRegistry::replay() {
 bool LocalBackendRegistry::set(LocalBackend b, std::string& journal_error) {
   std::lock_guard lock(mu_);
   Json record = {{"op", "set"}, {"id", b.id}, {"backend", b}};
-  kernel::append_journal_line(journal_, record.dump(), journal_error);
+  base::append_journal_line(journal_, record.dump(), journal_error);
   bool fresh = !backends_.count(b.id);
   if (fresh) order_.push_back(b.id);
   backends_[b.id] = std::move(b);
@@ -119,7 +120,7 @@ bool LocalBackendRegistry::set(LocalBackend b, std::string& journal_error) {
 bool LocalBackendRegistry::remove(const std::string& id, std::string& journal_error) {
   std::lock_guard lock(mu_);
   if (!backends_.count(id)) return false;
-  kernel::append_journal_line(journal_, Json{{"op", "remove"}, {"id", id}}.dump(), journal_error);
+  base::append_journal_line(journal_, Json{{"op", "remove"}, {"id", id}}.dump(), journal_error);
   backends_.erase(id);
   std::erase(order_, id);
   return true;

@@ -5,8 +5,8 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "base/text.h"
 #include "inference/ollama_fields.h"
-#include "kernel/text.h"
 
 namespace ostrel::inference {
 namespace {

@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "kernel/text.h"
+#include "base/text.h"
 
 namespace ostrel::inference {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "kernel/types.h"
+#include "base/types.h"
 
 namespace ostrel::kernel {
 

@@ -3,14 +3,16 @@
 // entry points.
 #include <nlohmann/json.hpp>
 
+#include "base/json.h"
+#include "base/reply.h"
+#include "base/text.h"
 #include "identity/identity_registry.h"
-#include "kernel/json_body.h"
 #include "kernel/kernel.h"
-#include "kernel/obs_metrics.h"
-#include "kernel/telemetry.h"
-#include "kernel/text.h"
+#include "kernel/obs/metrics.h"
+#include "kernel/obs/telemetry.h"
 
 namespace ostrel::kernel {
+using base::parse_object_body;
 namespace {
 
 using Json = nlohmann::json;

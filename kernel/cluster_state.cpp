@@ -4,13 +4,17 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "base/clock.h"
+#include "base/durable_file.h"
+#include "base/json.h"
+#include "base/reply.h"
 #include "identity/node_token.h"
-#include "kernel/clock.h"
-#include "kernel/durable_file.h"
-#include "kernel/json_body.h"
 #include "kernel/kernel.h"
 
 namespace ostrel::kernel {
+using base::read_json_file;
+using base::unix_ms;
+using base::write_file_atomically;
 namespace {
 
 using Json = nlohmann::json;

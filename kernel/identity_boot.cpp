@@ -3,11 +3,12 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "base/clock.h"
 #include "identity/source_header.h"
-#include "kernel/clock.h"
 #include "kernel/kernel.h"
 
 namespace ostrel::kernel {
+using base::unix_s;
 namespace {
 
 constexpr std::int64_t kBootstrapLifetimeS = 365LL * 24 * 3600;
@@ -38,6 +39,10 @@ void Kernel::open_identity_stores_() {
   n = issuer_.load_revocations();
   logger_.info("capability revocation list replayed " + std::to_string(n) + " records from " +
                (state / "caps.jsonl").string());
+  if (std::size_t repaired = identity::repair_tenants(identity_context_()); repaired > 0) {
+    logger_.warn("repaired " + std::to_string(repaired) +
+                 " tenant(s) left half-made by an interrupted creation");
+  }
   logger_.info("user store: not available in this build — no identity.db opened");
 }
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "identity/identity_registry.h"
-#include "kernel/obs_metrics.h"
+#include "kernel/obs/metrics.h"
 #include "kernel/self_health.h"
 
 namespace ostrel::kernel {
@@ -119,7 +119,10 @@ bool Kernel::load_and_instantiate_modules() {
   size_t rejected = 0;
   for (auto& def : selected) {
     const std::string& name = def.name;
-    idreg::IdentityResult id = idreg::register_source_code(def, logger_);
+    idreg::IdentityResult id = idreg::register_source_code(
+        {name, def.source_code.domain, def.source_code.subdomain_name, def.source_code.subdomain});
+    if (!id.info_line.empty()) logger_.info(id.info_line);
+    if (!id.warn_line.empty()) logger_.warn(id.warn_line);
     if (id.status == idreg::IdentityStatus::error) {
       logger_.error("rejecting module '" + name + "': " + id.message);
       ++rejected;

@@ -12,20 +12,21 @@
 #include <vector>
 
 #include "identity/capability_issuer.h"
+#include "identity/identity_routes.h"
 #include "identity/quota.h"
 #include "identity/rbac.h"
 #include "identity/tenant_registry.h"
-#include "kernel/api_gateway.h"
 #include "kernel/auth_cache.h"
 #include "kernel/boot_sequencer.h"
 #include "kernel/config_view.h"
 #include "kernel/event_bus.h"
+#include "kernel/http/api_gateway.h"
 #include "kernel/kernel_config.h"
 #include "kernel/legacy_bus.h"
-#include "kernel/logger.h"
 #include "kernel/manifest.h"
-#include "kernel/metric_registry.h"
 #include "kernel/module.h"
+#include "kernel/obs/logger.h"
+#include "kernel/obs/metric_registry.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::kernel {
@@ -91,6 +92,7 @@ class Kernel {
   bool load_cluster_state_();
   void persist_cluster_state_();
   void open_identity_stores_();
+  identity::IdentityContext identity_context_();
   void register_identity_routes_();
   void register_identity_syscalls_();
   void register_compaction_route_();

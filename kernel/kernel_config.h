@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "kernel/api_gateway.h"
+#include "kernel/http/api_gateway.h"
 
 namespace ostrel::kernel {
 

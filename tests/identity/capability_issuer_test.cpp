@@ -8,10 +8,13 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "identity/encoding.h"
+#include "base/encoding.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::identity {
+using base::base64url_decode;
+using base::base64url_encode;
+using base::from_hex;
 namespace {
 
 using Json = nlohmann::json;
@@ -214,12 +217,37 @@ TEST(CapabilityIssuer, RestartKeepsTenantKeysAndRevocationsButNotTheNodeKey) {
   EXPECT_EQ(error, "unknown_key");
   EXPECT_FALSE(restarted.verify(revoked_token, t, error));
   EXPECT_EQ(error, "revoked");
-  // The torn tails are gone, so new records land on lines of their own.
-  restarted.revoke("abc");
+  // Ids this node never issued cannot be revoked; tenant-key tokens can be
+  // revoked after a restart, and revoking a parent revokes what was
+  // attenuated from it, also after the next restart.
+  EXPECT_EQ(restarted.revoke("abc"), CapabilityIssuer::RevokeResult::unknown);
+  ASSERT_TRUE(restarted.verify(acme_token, t, error));
+  std::string child, grandchild;
+  CapabilityToken child_t, grandchild_t;
+  ASSERT_TRUE(restarted.attenuate(t, {"x"}, 60, child, error, &child_t)) << error;
+  ASSERT_TRUE(restarted.attenuate(child_t, {"x"}, 60, grandchild, error, &grandchild_t));
+  EXPECT_EQ(restarted.revoke(child_t.id), CapabilityIssuer::RevokeResult::revoked);
+  EXPECT_FALSE(restarted.verify(grandchild, t, error));
+  EXPECT_EQ(error, "revoked");
+  EXPECT_TRUE(restarted.verify(acme_token, t, error));  // the parent still works
   CapabilityIssuer again;
   ASSERT_TRUE(again.open(dir.path(), error));
+  again.load_keys();
+  // The torn tails are gone, so new records land on lines of their own.
   EXPECT_EQ(again.load_revocations(), 2u);
-  EXPECT_TRUE(again.is_revoked("abc"));
+  EXPECT_TRUE(again.is_revoked(grandchild_t.id));
+  EXPECT_FALSE(again.verify(grandchild, t, error));
+  EXPECT_TRUE(again.verify(acme_token, t, error));
+  EXPECT_EQ(again.revoke(t.id), CapabilityIssuer::RevokeResult::revoked);
+  EXPECT_EQ(again.revoke(t.id), CapabilityIssuer::RevokeResult::already_revoked);
+  // Compaction keeps what is needed to rebuild exactly this.
+  ASSERT_TRUE(again.compact_revocations(error)) << error;
+  CapabilityIssuer compacted;
+  ASSERT_TRUE(compacted.open(dir.path(), error));
+  compacted.load_keys();
+  EXPECT_EQ(compacted.load_revocations(), 3u);
+  EXPECT_TRUE(compacted.is_revoked(grandchild_t.id));
+  EXPECT_EQ(compacted.revoke(grandchild_t.id), CapabilityIssuer::RevokeResult::already_revoked);
 }
 
 TEST(CapabilityIssuer, UnusableMasterKeyIsNeverReplaced) {

@@ -2,18 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "kernel/logger.h"
-#include "kernel/manifest.h"
-
 namespace ostrel::identity_registry {
 namespace {
 
-kernel::ModuleDefinition manifest(const std::string& name, const std::string& domain,
-                                  const std::string& sub, const std::string& sub_name) {
-  kernel::ModuleDefinition d;
-  d.name = name;
-  d.source_code = {domain, sub_name, sub};
-  return d;
+SourceCodeDecl manifest(const std::string& name, const std::string& domain, const std::string& sub,
+                        const std::string& sub_name) {
+  return {name, domain, sub_name, sub};
 }
 
 TEST(IdentityRegistry, SubdomainRules) {
@@ -44,48 +38,47 @@ TEST(IdentityRegistry, SubdomainRules) {
 }
 
 TEST(IdentityRegistry, SourceCodeBindingAndAutoAllocation) {
-  kernel::Logger log("test");
-  auto no_domain = register_source_code(manifest("m", "", "", ""), log);
+  auto no_domain = register_source_code(manifest("m", "", "", ""));
   EXPECT_EQ(no_domain.status, IdentityStatus::warning);
   EXPECT_EQ(no_domain.message, "module 'm' did not declare source_code.domain");
 
-  auto unknown = register_source_code(manifest("m", "nowhere", "1", ""), log);
+  auto unknown = register_source_code(manifest("m", "nowhere", "1", ""));
   EXPECT_EQ(unknown.status, IdentityStatus::error);
   EXPECT_EQ(unknown.message, "unknown domain 'nowhere' (not in canonical 32)");
 
-  auto pinned = register_source_code(manifest("alpha", "lab", "0x11", ""), log);
+  auto pinned = register_source_code(manifest("alpha", "lab", "0x11", ""));
   EXPECT_EQ(pinned.status, IdentityStatus::ok);
   EXPECT_EQ(pinned.domain, 0x25);
   EXPECT_EQ(pinned.subdomain, 0x11);
   EXPECT_EQ(path_name(0x25, 0x11), "lab/alpha");
 
-  auto clash = register_source_code(manifest("beta", "lab", "17", "alpha2"), log);
+  auto clash = register_source_code(manifest("beta", "lab", "17", "alpha2"));
   EXPECT_EQ(clash.status, IdentityStatus::error);
   EXPECT_EQ(clash.message,
             "subdomain registration failed: subdomain already registered with a different name: "
             "alpha");
 
-  auto neither = register_source_code(manifest("n", "lab", "", ""), log);
+  auto neither = register_source_code(manifest("n", "lab", "", ""));
   EXPECT_EQ(neither.status, IdentityStatus::warning);
 
   // Auto-allocation from the extension range skips bytes pinned earlier.
   ASSERT_TRUE(register_subdomain(0x20, 0x80, "pinned").ok);
-  auto first = register_source_code(manifest("e1", "infrastructure", "", "e1"), log);
+  auto first = register_source_code(manifest("e1", "infrastructure", "", "e1"));
   EXPECT_EQ(first.status, IdentityStatus::warning);
   EXPECT_EQ(first.message, "auto-allocated extension-range byte (prefer pinning in manifest)");
   EXPECT_EQ(first.subdomain, 0x81);
-  EXPECT_EQ(register_source_code(manifest("e2", "infrastructure", "", "e2"), log).subdomain, 0x82);
+  EXPECT_EQ(register_source_code(manifest("e2", "infrastructure", "", "e2")).subdomain, 0x82);
   // The same name again fails, even from the same module.
-  EXPECT_EQ(register_source_code(manifest("e1", "infrastructure", "", "e1"), log).status,
+  EXPECT_EQ(register_source_code(manifest("e1", "infrastructure", "", "e1")).status,
             IdentityStatus::error);
 
   // 96 bytes in the extension range; an empty domain runs out after them.
   for (int i = 0; i < 96; ++i) {
-    auto r = register_source_code(manifest("x", "mining", "", "x" + std::to_string(i)), log);
+    auto r = register_source_code(manifest("x", "mining", "", "x" + std::to_string(i)));
     ASSERT_EQ(r.status, IdentityStatus::warning) << i;
     EXPECT_EQ(r.subdomain, i < 64 ? 0x80 + i : 0xC0 + (i - 64));
   }
-  auto exhausted = register_source_code(manifest("x", "mining", "", "x96"), log);
+  auto exhausted = register_source_code(manifest("x", "mining", "", "x96"));
   EXPECT_EQ(exhausted.status, IdentityStatus::error);
   EXPECT_EQ(exhausted.message,
             "auto-allocation failed in extension range (exhausted or name taken)");

@@ -5,10 +5,10 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "base/types.h"
 #include "identity/quota.h"
 #include "identity/rbac.h"
 #include "identity/tenant_registry.h"
-#include "kernel/types.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::identity {

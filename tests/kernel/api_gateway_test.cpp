@@ -1,4 +1,4 @@
-#include "kernel/api_gateway.h"
+#include "kernel/http/api_gateway.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -6,8 +6,8 @@
 #include <atomic>
 #include <thread>
 
-#include "kernel/obs_metrics.h"
-#include "kernel/telemetry.h"
+#include "kernel/obs/metrics.h"
+#include "kernel/obs/telemetry.h"
 
 namespace ostrel::kernel {
 namespace {

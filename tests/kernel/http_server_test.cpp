@@ -1,6 +1,6 @@
-#include "kernel/http_server.h"
+#include "kernel/http/http_server.h"
 
-#include "kernel/http_connection.h"
+#include "kernel/http/http_connection.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -2,9 +2,9 @@
 
 #include <thread>
 
-#include "kernel/metric_registry.h"
-#include "kernel/obs_metrics.h"
-#include "kernel/telemetry.h"
+#include "kernel/obs/metric_registry.h"
+#include "kernel/obs/metrics.h"
+#include "kernel/obs/telemetry.h"
 
 namespace ostrel::kernel {
 namespace {

@@ -1,4 +1,4 @@
-#include "kernel/route_table.h"
+#include "kernel/http/route_table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,54 @@
+#include "base/access.h"
+
+#include <string>
+
+#include "base/text.h"
+
+namespace ostrel::kernel {
+
+bool credential_checked(const Request& req) {
+  return req.auth_source == "capability" || req.auth_source == "api_key";
+}
+
+bool is_admin(const Request& req) {
+  if (!credential_checked(req)) return true;
+  for (const auto& s : req.scopes) {
+    if (s == "*" || s == "admin.*" || s == "kernel.*") return true;
+  }
+  return false;
+}
+
+bool has_scope(const Request& req, std::string_view required) {
+  if (is_admin(req)) return true;
+  for (const std::string& s : req.scopes) {
+    std::string_view scope = s;
+    if (scope == required) return true;
+    if (scope.size() >= 2 && scope.ends_with(".*") &&
+        required.substr(0, scope.size() - 1) == scope.substr(0, scope.size() - 1)) {
+      return true;
+    }
+    if (required.size() > scope.size() + 1 && required.substr(0, scope.size()) == scope &&
+        required[scope.size()] == ':') {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool require_admin(const Request& req, Response& res) {
+  if (is_admin(req)) return true;
+  res.status = 403;
+  res.body = "{\"error\":\"forbidden\",\"reason\":\"admin scope required\"}";
+  return false;
+}
+
+bool require_scope(const Request& req, Response& res, std::string_view required) {
+  if (has_scope(req, required)) return true;
+  res.status = 403;
+  res.body = "{\"error\":\"forbidden\",\"reason\":";
+  text::append_json_string(res.body, "scope " + std::string(required) + " required");
+  res.body += '}';
+  return false;
+}
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string_view>
+
+#include "base/types.h"
+
+// Route-level access rules over the caller's credential. With auth off, and
+// for peers that came in with a node token, no credential was checked and
+// every rule passes; a capability or API key must carry the scope.
+namespace ostrel::kernel {
+
+// True when a credential was checked for this request.
+bool credential_checked(const Request& req);
+
+// "admin.*", "kernel.*" or "*": the scopes that pass every check.
+bool is_admin(const Request& req);
+
+// True when the caller may use `required` ("inference.chat"): an equal scope,
+// an administrator's scope, a wildcard "inference.*", or a scope that is a
+// prefix of `required` ending where it has ':' ("audit.read" grants
+// "audit.read:tenant-a").
+bool has_scope(const Request& req, std::string_view required);
+
+// Each answers 403 {"error":"forbidden","reason":…} and returns false when
+// the caller lacks the right.
+bool require_admin(const Request& req, Response& res);
+bool require_scope(const Request& req, Response& res, std::string_view required);
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,129 @@
+#include "base/encoding.h"
+
+#include <array>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
+
+namespace ostrel::base {
+
+std::string to_hex(std::string_view bytes) {
+  static const char* digits = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (unsigned char c : bytes) {
+    out += digits[c >> 4];
+    out += digits[c & 0xf];
+  }
+  return out;
+}
+
+bool from_hex(std::string_view hex, std::string& out) {
+  if (hex.size() % 2 != 0) return false;
+  auto nibble = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  out.clear();
+  out.reserve(hex.size() / 2);
+  for (size_t i = 0; i < hex.size(); i += 2) {
+    int hi = nibble(hex[i]), lo = nibble(hex[i + 1]);
+    if (hi < 0 || lo < 0) return false;
+    out += static_cast<char>((hi << 4) | lo);
+  }
+  return true;
+}
+
+namespace {
+constexpr char kB64Url[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+}  // namespace
+
+std::string base64url_encode(std::string_view bytes) {
+  std::string out;
+  out.reserve((bytes.size() * 4 + 2) / 3);
+  size_t i = 0;
+  for (; i + 3 <= bytes.size(); i += 3) {
+    std::uint32_t v = (static_cast<unsigned char>(bytes[i]) << 16) |
+                      (static_cast<unsigned char>(bytes[i + 1]) << 8) |
+                      static_cast<unsigned char>(bytes[i + 2]);
+    out += kB64Url[(v >> 18) & 63];
+    out += kB64Url[(v >> 12) & 63];
+    out += kB64Url[(v >> 6) & 63];
+    out += kB64Url[v & 63];
+  }
+  size_t rest = bytes.size() - i;
+  if (rest == 1) {
+    std::uint32_t v = static_cast<unsigned char>(bytes[i]) << 16;
+    out += kB64Url[(v >> 18) & 63];
+    out += kB64Url[(v >> 12) & 63];
+  } else if (rest == 2) {
+    std::uint32_t v = (static_cast<unsigned char>(bytes[i]) << 16) |
+                      (static_cast<unsigned char>(bytes[i + 1]) << 8);
+    out += kB64Url[(v >> 18) & 63];
+    out += kB64Url[(v >> 12) & 63];
+    out += kB64Url[(v >> 6) & 63];
+  }
+  return out;
+}
+
+bool base64url_decode(std::string_view text, std::string& out) {
+  static const auto table = [] {
+    std::array<int, 256> t{};
+    t.fill(-1);
+    for (int i = 0; i < 64; ++i) t[static_cast<unsigned char>(kB64Url[i])] = i;
+    return t;
+  }();
+  if (text.size() % 4 == 1) return false;
+  out.clear();
+  out.reserve(text.size() * 3 / 4);
+  std::uint32_t acc = 0;
+  int bits = 0;
+  for (char c : text) {
+    int v = table[static_cast<unsigned char>(c)];
+    if (v < 0) return false;
+    acc = (acc << 6) | static_cast<std::uint32_t>(v);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      out += static_cast<char>((acc >> bits) & 0xff);
+    }
+  }
+  // Leftover bits must be zero, or the text was not produced by an encoder.
+  return (acc & ((1u << bits) - 1)) == 0;
+}
+
+std::string sha256(std::string_view data) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  if (EVP_Digest(data.data(), data.size(), md, &len, EVP_sha256(), nullptr) != 1) return "";
+  return std::string(reinterpret_cast<const char*>(md), len);
+}
+
+std::string hmac_sha256(std::string_view key, std::string_view message) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  if (!HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+            reinterpret_cast<const unsigned char*>(message.data()), message.size(), md, &len)) {
+    return "";
+  }
+  return std::string(reinterpret_cast<const char*>(md), len);
+}
+
+std::string random_bytes(std::size_t size) {
+  std::string out(size, '\0');
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(out.data()), static_cast<int>(size)) != 1) {
+    return "";
+  }
+  return out;
+}
+
+bool constant_time_equal(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  return CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+}  // namespace ostrel::base

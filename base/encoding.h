@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ostrel::base {
+
+// Lower-case hexadecimal of raw bytes.
+std::string to_hex(std::string_view bytes);
+inline std::string to_hex(const unsigned char* data, std::size_t size) {
+  return to_hex(std::string_view(reinterpret_cast<const char*>(data), size));
+}
+
+// Parses lower- or upper-case hex; false on an odd length or a non-hex digit.
+bool from_hex(std::string_view hex, std::string& out);
+
+// RFC 4648 URL-safe base64 without "=" padding, and its strict decoder (which
+// refuses padding, other alphabets and impossible lengths).
+std::string base64url_encode(std::string_view bytes);
+bool base64url_decode(std::string_view text, std::string& out);
+
+// SHA-256 of `data`, as 32 raw bytes.
+std::string sha256(std::string_view data);
+// HMAC-SHA256 of `message` under `key`, as 32 raw bytes.
+std::string hmac_sha256(std::string_view key, std::string_view message);
+// `size` bytes from the system's secure random source; empty on failure.
+std::string random_bytes(std::size_t size);
+// Constant-time comparison of two equally long texts; false when lengths differ.
+bool constant_time_equal(std::string_view a, std::string_view b);
+
+}  // namespace ostrel::base

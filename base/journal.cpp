@@ -1,0 +1,101 @@
+#include "base/journal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "base/durable_file.h"
+#include "base/json.h"
+
+namespace ostrel::base {
+
+namespace fs = std::filesystem;
+
+bool append_journal_line(const fs::path& path, std::string_view line, std::string& error) {
+  std::error_code ec;
+  if (path.has_parent_path()) fs::create_directories(path.parent_path(), ec);
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    error = std::string("open ") + path.string() + ": " + std::strerror(errno);
+    return false;
+  }
+  std::string buf;
+  buf.reserve(line.size() + 1);
+  buf.append(line);
+  buf += '\n';
+  size_t written = 0;
+  bool ok = true;
+  while (written < buf.size()) {
+    ssize_t n = ::write(fd, buf.data() + written, buf.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      ok = false;
+      break;
+    }
+    written += static_cast<size_t>(n);
+  }
+  if (ok && ::fdatasync(fd) != 0) ok = false;
+  if (!ok) error = std::string("write ") + path.string() + ": " + std::strerror(errno);
+  ::close(fd);
+  return ok;
+}
+
+std::size_t replay_journal(const fs::path& path,
+                           const std::function<bool(const nlohmann::json&)>& apply) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return 0;
+  std::stringstream buf;
+  buf << in.rdbuf();
+  const std::string data = buf.str();
+  in.close();
+
+  std::size_t applied = 0;
+  std::size_t start = 0;
+  while (start < data.size()) {
+    std::size_t nl = data.find('\n', start);
+    if (nl == std::string::npos) break;  // torn tail
+    std::string_view line(data.data() + start, nl - start);
+    if (!line.empty()) {
+      nlohmann::json record = parse_json(line);
+      if (!record.is_discarded() && apply(record)) ++applied;
+    }
+    start = nl + 1;
+  }
+  if (start < data.size()) {
+    // Cut the torn tail so that the next append begins on its own line.
+    std::error_code ec;
+    fs::resize_file(path, start, ec);
+  }
+  return applied;
+}
+
+bool RegistryJournal::append(const nlohmann::json& record) {
+  if (replaying_ || path_.empty()) return true;
+  std::string error;
+  return append_journal_line(path_, dump_json(record), error);
+}
+
+std::size_t RegistryJournal::replay(const std::function<bool(const nlohmann::json&)>& apply) {
+  if (path_.empty()) return 0;
+  replaying_ = true;
+  std::size_t n = replay_journal(path_, apply);
+  replaying_ = false;
+  return n;
+}
+
+bool rewrite_journal(const fs::path& path, const std::vector<std::string>& lines,
+                     std::string& error) {
+  std::string content;
+  for (const auto& l : lines) {
+    content += l;
+    content += '\n';
+  }
+  return write_file_atomically(path, content, error);
+}
+
+}  // namespace ostrel::base

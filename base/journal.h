@@ -1,0 +1,53 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ostrel::base {
+
+// Append-only JSON-lines journals: one compact JSON object per line.
+
+// Appends `line` and a newline in one write and flushes it to disk before
+// returning. False with a reason when the file cannot be written.
+bool append_journal_line(const std::filesystem::path& path, std::string_view line,
+                         std::string& error);
+
+// Calls `apply` for every complete line that parses as JSON, in order; lines
+// that do not parse are skipped. A torn last line (no trailing newline, as a
+// crash mid-append leaves it) is skipped and cut off the file so that the next
+// append starts on a clean line. Returns how many records `apply` accepted.
+std::size_t replay_journal(const std::filesystem::path& path,
+                           const std::function<bool(const nlohmann::json&)>& apply);
+
+// Replaces the journal with `lines` (each without its newline) through a
+// temporary file "<path>.tmp" and a rename.
+bool rewrite_journal(const std::filesystem::path& path, const std::vector<std::string>& lines,
+                     std::string& error);
+
+// The journal of an in-memory registry. The registry calls append() under
+// its own mutex for every change; replay() feeds the journal back through the
+// registry's ordinary mutators, during which append() writes nothing.
+// Thread-safety: as the owning registry's mutex provides.
+class RegistryJournal {
+ public:
+  explicit RegistryJournal(std::filesystem::path path) : path_(std::move(path)) {}
+
+  // True when the record is on disk (or there is nothing to write: no path,
+  // or a replay in progress).
+  bool append(const nlohmann::json& record);
+  std::size_t replay(const std::function<bool(const nlohmann::json&)>& apply);
+  bool replaying() const { return replaying_.load(); }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+  std::atomic<bool> replaying_{false};
+};
+
+}  // namespace ostrel::base

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ostrel::base {
+
+// The deepest nesting of arrays and objects any JSON text from outside may
+// have. The JSON library parses recursively, so an unbounded depth is a stack
+// overflow waiting for a body of "[[[[…".
+constexpr std::size_t kMaxJsonDepth = 64;
+
+// True when no array or object in `text` nests deeper than `max_depth`
+// (strings are skipped, so brackets inside them do not count). Does not
+// validate anything else.
+bool json_depth_ok(std::string_view text, std::size_t max_depth = kMaxJsonDepth);
+
+// Parses `text` without throwing: a discarded value when it is not JSON or is
+// nested deeper than kMaxJsonDepth.
+nlohmann::json parse_json(std::string_view text);
+
+// Compact JSON text that never throws: bytes that are not valid UTF-8 in
+// strings are replaced by U+FFFD.
+std::string dump_json(const nlohmann::json& value, int indent = -1);
+
+// The string elements of the array member `key` (other elements and other
+// member types give nothing).
+std::vector<std::string> string_list(const nlohmann::json& j, const char* key);
+
+// A whole file parsed as JSON (discarded when it does not parse); `opened`
+// tells whether the file could be read at all.
+nlohmann::json read_json_file(const std::filesystem::path& path, bool& opened);
+
+}  // namespace ostrel::base

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+
+#include "base/types.h"
+#include "identity/capability_issuer.h"
+#include "identity/quota.h"
+#include "identity/rbac.h"
+#include "identity/tenant_registry.h"
+
+// The HTTP faces and syscalls of the identity stores: capability tokens,
+// tenants, roles, users and quotas. They speak only the shared request,
+// response and syscall-result types; the kernel adds them to its gateway and
+// syscall table through the two callbacks below.
+namespace ostrel::identity {
+
+using RouteFn = std::function<void(const kernel::Request&, kernel::Response&)>;
+using AddRoute = std::function<void(const std::string& method, const std::string& path, RouteFn)>;
+using SyscallFn = std::function<kernel::SyscallResult(std::string_view)>;
+using AddSyscall = std::function<void(const std::string& name, SyscallFn)>;
+
+// The stores the routes work on and the kernel's hooks they call. The
+// pointers are borrowed from the kernel, which outlives every route.
+struct IdentityContext {
+  CapabilityIssuer* issuer = nullptr;
+  TenantRegistry* tenants = nullptr;
+  RBAC* rbac = nullptr;
+  QuotaAccountant* quotas = nullptr;
+  // Drops every cached credential check (a tenant changed state, …).
+  std::function<void()> credentials_changed;
+  std::function<void(const std::string&)> log_info;
+  // Records a security-relevant action: {"action", "tenant", "subject", …}.
+  std::function<void(const kernel::Request* caller, const nlohmann::json& event)> audit;
+};
+
+void register_capability_routes(const IdentityContext& ctx, const AddRoute& add);
+void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add);
+void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add);
+
+// Creates a tenant with its signing key and default roles, in an order that a
+// crash cannot leave unusable: key, then the tenant (metadata included in its
+// one journal record), then roles, which repair_tenants() completes at boot.
+bool create_tenant(const IdentityContext& ctx, const nlohmann::json& spec, Tenant& out,
+                   std::string& error);
+
+// Completes tenants that a crash left half-made (no roles, no key); returns
+// how many were repaired.
+std::size_t repair_tenants(const IdentityContext& ctx);
+
+}  // namespace ostrel::identity

@@ -1,0 +1,347 @@
+#include "kernel/http/api_gateway.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "base/text.h"
+#include "kernel/http/http_server.h"
+#include "kernel/obs/metrics.h"
+#include "kernel/obs/telemetry.h"
+#include "kernel/obs/trace.h"
+
+namespace ostrel::kernel {
+namespace {
+
+// Handles to the request metrics, created once.
+struct GatewayMetrics {
+  obs::Counter& requests;
+  obs::Counter& failed;
+  obs::Histogram& duration_ms;
+};
+
+const GatewayMetrics& gateway_metrics() {
+  static const GatewayMetrics m{
+      obs::MetricsRegistry::instance().counter("ostrel_requests_total",
+                                               "HTTP requests received by the API gateway"),
+      obs::MetricsRegistry::instance().counter("ostrel_requests_failed_total",
+                                               "HTTP requests that ended in a 4xx/5xx response"),
+      obs::MetricsRegistry::instance().histogram(
+          "ostrel_requests_duration_ms", {1, 5, 10, 25, 50, 100, 250, 500, 1000, 2500, 5000, 10000},
+          "End-to-end HTTP request duration (ms)"),
+  };
+  return m;
+}
+
+// The source-policy counter "ostrel.eis.requests_total", one handle per
+// (eis_known, action) pair, looked up once.
+obs::Counter& eis_counter(bool eis_known, const std::string& action) {
+  static constexpr std::array<const char*, 7> kActions = {
+      "allowed",       "loopback",      "denied_shape", "denied_unknown",
+      "denied_module", "denied_domain", "denied_eis_id"};
+  static std::array<std::array<obs::Counter*, kActions.size()>, 2> handles = [] {
+    std::array<std::array<obs::Counter*, kActions.size()>, 2> h{};
+    for (int known = 0; known < 2; ++known) {
+      for (size_t a = 0; a < kActions.size(); ++a) {
+        h[known][a] = &telemetry::Telemetry::instance().counter_series(
+            "ostrel.eis.requests_total",
+            {{"eis_known", known ? "true" : "false"}, {"action", kActions[a]}});
+      }
+    }
+    return h;
+  }();
+  for (size_t a = 0; a < kActions.size(); ++a) {
+    if (action == kActions[a]) return *handles[eis_known ? 1 : 0][a];
+  }
+  return telemetry::Telemetry::instance().counter_series(
+      "ostrel.eis.requests_total",
+      {{"eis_known", eis_known ? "true" : "false"}, {"action", action}});
+}
+
+bool starts_with(std::string_view s, std::string_view p) { return s.substr(0, p.size()) == p; }
+
+// Probes and user-interface pages get no trace span.
+bool is_untraced(std::string_view path) {
+  return path == "/health" || path == "/metrics" || path == "/favicon.ico" || path == "/chat" ||
+         path == "/" || path == "/login" || path == "/admin" || path == "/graph" ||
+         path == "/dashboard" || starts_with(path, "/dashboard/");
+}
+
+bool is_loopback(std::string_view addr) {
+  return starts_with(addr, "127.") || addr == "::1" || addr == "0:0:0:0:0:0:0:1" ||
+         starts_with(addr, "::ffff:127.");
+}
+
+std::string kernel_module_of(std::string_view path) {
+  constexpr std::string_view api = "/api/v1/";
+  if (!starts_with(path, api)) return "kernel";
+  std::string_view rest = path.substr(api.size());
+  std::string_view segment = rest.substr(0, rest.find('/'));
+  return segment.empty() ? "kernel" : std::string(segment);
+}
+
+const char* status_class(int status) {
+  if (status >= 500) return "5xx";
+  if (status >= 400) return "4xx";
+  if (status >= 300) return "3xx";
+  if (status >= 200) return "2xx";
+  return "1xx";
+}
+
+// Records the request on every exit path: failed counter, duration histogram
+// and the span's closing attributes.
+struct ObsScope {
+  const GatewayMetrics& metrics;
+  const Response& response;
+  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+  std::optional<obs::ScopedSpan> span;
+  const std::string* route = nullptr;
+
+  ObsScope(const GatewayMetrics& m, const Response& r) : metrics(m), response(r) {
+    metrics.requests.add();
+  }
+  ~ObsScope() {
+    if (response.status >= 400) metrics.failed.add();
+    double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    metrics.duration_ms.observe(ms);
+    if (span) {
+      if (obs::spans_recorded()) {
+        span->set_attribute("http.status", std::to_string(response.status));
+        if (route) span->set_attribute("http.route", *route);
+        span->set_attribute("http.status_class", status_class(response.status));
+        span->set_status(response.status >= 500 ? "error" : "ok");
+      }
+      span->end();
+    }
+  }
+};
+
+std::string bearer_token(const std::string& authorization) {
+  constexpr std::string_view kBearer = "bearer ";
+  if (authorization.size() <= kBearer.size()) return "";
+  if (!text::iequals(std::string_view(authorization).substr(0, kBearer.size()), kBearer)) {
+    return "";
+  }
+  size_t start = authorization.find_first_not_of(' ', kBearer.size());
+  return start == std::string::npos ? "" : authorization.substr(start);
+}
+
+bool wants_event_stream(const Request& req) {
+  if (req.method != "POST" && req.method != "PUT") return false;
+  if (req.header("Accept").find("text/event-stream") == std::string::npos) return false;
+  auto body = nlohmann::json::parse(req.body, nullptr, false);
+  if (!body.is_object()) return false;
+  auto it = body.find("stream");
+  return it != body.end() && it->is_boolean() && it->get<bool>();
+}
+
+}  // namespace
+
+bool is_public_path(std::string_view method, std::string_view path) {
+  static constexpr std::string_view kExact[] = {"/health",
+                                                "/metrics",
+                                                "/favicon.ico",
+                                                "/",
+                                                "/chat",
+                                                "/login",
+                                                "/admin",
+                                                "/graph",
+                                                "/dashboard",
+                                                "/theme",
+                                                "/branding/logo",
+                                                "/v1/models",
+                                                "/v1/embeddings",
+                                                "/v1/chat/completions",
+                                                "/v1/completions",
+                                                "/v1/cloud/embeddings",
+                                                "/api/v1/auth/whoami",
+                                                "/api/v1/cluster/join",
+                                                "/api/v1/cluster/register",
+                                                "/api/v1/cloud/backends/public",
+                                                "/api/v1/inference/local-backends/public",
+                                                "/api/v1/cluster/topology/public",
+                                                "/api/v1/vector/search/peer"};
+  static constexpr std::string_view kPrefixes[] = {"/dashboard/", "/api/v1/auth/",
+                                                   "/api/v1/artifacts/share/"};
+  for (auto p : kExact) {
+    if (path == p) return true;
+  }
+  for (auto p : kPrefixes) {
+    if (starts_with(path, p)) return true;
+  }
+  return false;
+}
+
+struct ApiGateway::Impl {
+  RouteTable routes;
+  // Switched at run time when the node starts enforcing (first user registered).
+  std::atomic<AuthMode> auth_mode{AuthMode::off};
+  // Hooks installed during boot, before the server starts; read-only afterwards.
+  AuthVerifier verifier;
+  NodeTokenVerifier node_verifier;
+  SourcePolicy source_policy;
+  std::unique_ptr<HttpServer> server;
+
+  void dispatch(Request& req, Response& res, ObsScope& scope) const;
+  SourceDecision decide_source(const Request& req) const;
+};
+
+ApiGateway::ApiGateway() : impl_(std::make_unique<Impl>()) {
+  impl_->server =
+      std::make_unique<HttpServer>([this](Request& req, Response& res) { handle(req, res); });
+  gateway_metrics();  // the request metrics exist (at zero) before the first request
+}
+
+ApiGateway::~ApiGateway() { stop(); }
+
+bool ApiGateway::route(const std::string& method, const std::string& path, RouteHandler handler) {
+  return impl_->routes.add(method, path, std::move(handler));
+}
+
+std::vector<RouteInfo> ApiGateway::routes() const { return impl_->routes.routes(); }
+
+void ApiGateway::set_auth_mode(AuthMode mode) { impl_->auth_mode = mode; }
+AuthMode ApiGateway::auth_mode() const { return impl_->auth_mode; }
+void ApiGateway::set_auth_verifier(AuthVerifier v) { impl_->verifier = std::move(v); }
+bool ApiGateway::has_auth_verifier() const { return static_cast<bool>(impl_->verifier); }
+void ApiGateway::set_node_token_verifier(NodeTokenVerifier v) {
+  impl_->node_verifier = std::move(v);
+}
+void ApiGateway::set_source_policy(SourcePolicy p) { impl_->source_policy = std::move(p); }
+void ApiGateway::set_worker_threads(int threads) { impl_->server->set_worker_threads(threads); }
+
+bool ApiGateway::start(const std::string& bind, std::uint16_t port) {
+  return impl_->server->start(bind, port);
+}
+void ApiGateway::stop() {
+  if (impl_ && impl_->server) impl_->server->stop();
+}
+std::uint16_t ApiGateway::port() const { return impl_->server->port(); }
+bool ApiGateway::running() const { return impl_->server->running(); }
+
+SourceDecision ApiGateway::Impl::decide_source(const Request& req) const {
+  if (source_policy) return source_policy(req);
+  SourceDecision d;
+  d.action = is_loopback(req.client_addr) ? "loopback" : "allowed";
+  return d;
+}
+
+void ApiGateway::handle(Request& req, Response& res) const {
+  ObsScope scope(gateway_metrics(), res);
+  if (!is_untraced(req.path)) {
+    std::optional<obs::SpanContext> parent = obs::parse_traceparent(req.header("traceparent"));
+    // Names and attributes are built only for spans that go somewhere.
+    const bool recorded = obs::spans_recorded();
+    scope.span.emplace(recorded ? req.method + " " + req.path : std::string(),
+                       obs::SpanKind::server, parent ? &*parent : nullptr);
+    if (recorded) {
+      scope.span->set_attribute("http.method", req.method);
+      scope.span->set_attribute("http.path", req.path);
+      scope.span->set_attribute("client.ip", req.client_addr);
+      scope.span->set_attribute("kernel.module", kernel_module_of(req.path));
+    }
+  }
+
+  try {
+    impl_->dispatch(req, res, scope);
+  } catch (const std::exception& e) {
+    res = Response{};
+    res.status = 500;
+    // The exception text goes in as it is, unescaped.
+    res.body = std::string("{\"error\":\"internal\",\"message\":\"") + e.what() + "\"}";
+  } catch (...) {
+    res = Response{};
+    res.status = 500;
+    res.body = "{\"error\":\"internal\",\"message\":\"unknown exception\"}";
+  }
+
+  if (res.stream) {
+    if (res.content_type == "application/json") res.content_type = "text/event-stream";
+  } else if (wants_event_stream(req)) {
+    res.body = "data: " + res.body + "\n\ndata: [DONE]\n\n";
+    res.content_type = "text/event-stream";
+  }
+  if (scope.span) res.headers["traceparent"] = obs::format_traceparent(scope.span->context());
+}
+
+void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope) const {
+  // Node-to-node calls: an accepted node token records the peer.
+  const std::string& node_token = req.header("X-Ostrel-Node-Token");
+  const std::string& node_id = req.header("X-Ostrel-Node-Id");
+  if (!node_token.empty() && !node_id.empty() && node_verifier &&
+      node_verifier(node_id, node_token)) {
+    req.peer_node_id = node_id;
+    req.auth_source = "node";
+    if (scope.span) scope.span->set_attribute("auth.node_id", node_id);
+  }
+
+  if (starts_with(req.path, "/api/v1/")) {
+    SourceDecision d = decide_source(req);
+    eis_counter(d.eis_known, d.action).add();
+    if (scope.span && d.action != "loopback") {
+      scope.span->set_attribute("eis.id", d.eis_id);
+      scope.span->set_attribute("eis.module", d.module);
+      scope.span->set_attribute("eis.domain", d.domain);
+      if (d.action.rfind("denied", 0) == 0) scope.span->set_attribute("eis.action", d.action);
+    }
+    if (d.status != 0) {
+      res.status = d.status;
+      res.body = d.body;
+      return;
+    }
+  }
+
+  if (auth_mode == AuthMode::enforce && req.peer_node_id.empty() &&
+      !is_public_path(req.method, req.path)) {
+    std::string token = req.header("X-Ostrel-Capability");
+    if (token.empty()) token = bearer_token(req.header("Authorization"));
+    if (token.empty()) token = req.header("X-API-Key");
+    if (token.empty()) {
+      res.error(401, "unauthenticated", "missing X-Ostrel-Capability");
+      return;
+    }
+    if (!verifier) {
+      res.error(503, "auth_misconfigured", "enforce without verifier");
+      return;
+    }
+    AuthResult auth = verifier(token);
+    if (!auth.valid) {
+      res.status = 403;
+      res.body = "{\"error\":\"forbidden\",\"reason\":" + text::json_quote(auth.reason) + "}";
+      return;
+    }
+    req.tenant = std::move(auth.tenant);
+    req.token_id = std::move(auth.token_id);
+    req.scopes = std::move(auth.scopes);
+    req.user_id = std::move(auth.user_id);
+    req.auth_source = "capability";
+    if (scope.span) {
+      scope.span->set_attribute("auth.tenant", req.tenant);
+      scope.span->set_attribute("auth.token_id", req.token_id);
+    }
+  }
+
+  std::string_view lookup_method = req.method == "HEAD" ? std::string_view("GET") : req.method;
+  RouteTable::Match match = routes.find(lookup_method, req.path);
+  if (!match) {
+    std::vector<std::string> allowed = routes.methods_matching(req.path);
+    if (!allowed.empty()) {
+      std::string allow;
+      for (const auto& m : allowed) allow += (allow.empty() ? "" : ", ") + m;
+      res.headers["Allow"] = allow;
+      res.error(405, "method_not_allowed");
+      return;
+    }
+    res.status = 404;
+    res.body = "{\"error\":\"not_found\",\"path\":" + text::json_quote(req.path) + "}";
+    return;
+  }
+  scope.route = match.pattern;
+  (*match.handler)(req, res);
+}
+
+}  // namespace ostrel::kernel

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/types.h"
+#include "identity/source_header.h"
+#include "kernel/http/route_table.h"
+
+namespace ostrel::kernel {
+
+enum class AuthMode : std::uint8_t { off = 0, enforce = 1 };
+
+using SourceDecision = source_header::SourceDecision;
+
+using AuthVerifier = std::function<AuthResult(const std::string& token)>;
+using NodeTokenVerifier = std::function<bool(const std::string& node_id, const std::string& token)>;
+using SourcePolicy = std::function<SourceDecision(const Request&)>;
+
+// "/health", "/metrics", the UI pages and the other paths that need no
+// capability in enforce mode.
+bool is_public_path(std::string_view method, std::string_view path);
+
+// The node's HTTP front door: owns the embedded HTTP server and the route
+// table, and runs every request through one dispatch path (node token,
+// source policy, capability check, tracing and metrics, route lookup, handler,
+// response shaping). Handlers run concurrently on the server's worker threads.
+// Thread-safe: routes may be added from any thread; the verifier and policy
+// hooks are installed during boot, before start().
+class ApiGateway {
+ public:
+  ApiGateway();
+  ~ApiGateway();
+  ApiGateway(const ApiGateway&) = delete;
+  ApiGateway& operator=(const ApiGateway&) = delete;
+
+  bool route(const std::string& method, const std::string& path, RouteHandler handler);
+  std::vector<RouteInfo> routes() const;
+
+  void set_auth_mode(AuthMode mode);
+  AuthMode auth_mode() const;
+  void set_auth_verifier(AuthVerifier verifier);
+  bool has_auth_verifier() const;
+  void set_node_token_verifier(NodeTokenVerifier verifier);
+  void set_source_policy(SourcePolicy policy);
+
+  // Worker threads of the HTTP server; 0 keeps the default (64).
+  void set_worker_threads(int threads);
+
+  // Binds and starts the listen loop on its own thread. Port 0 picks a free
+  // port (see port()). False when the address cannot be bound.
+  bool start(const std::string& bind, std::uint16_t port);
+  // Stops the listen loop and joins its thread. Safe to call twice.
+  void stop();
+  std::uint16_t port() const;
+  bool running() const;
+
+  // The whole dispatch path for one request, without a socket: what start()
+  // serves, and what tests and benchmarks can call directly. On return the
+  // response is final (status, content type, SSE wrapping done).
+  void handle(Request& request, Response& response) const;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ostrel::kernel

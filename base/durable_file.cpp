@@ -1,8 +1,10 @@
 #include "base/durable_file.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -10,55 +12,155 @@ namespace ostrel::base {
 
 namespace fs = std::filesystem;
 
-bool write_file_atomically(const fs::path& path, std::string_view content, std::string& error) {
+namespace {
+
+std::string errno_text(const char* step) { return std::string(step) + ": " + std::strerror(errno); }
+
+fs::path temporary_for(const fs::path& target) {
+  static std::atomic<std::uint64_t> counter{0};
+  return target.parent_path() / ("." + target.filename().string() + ".tmp." +
+                                 std::to_string(::getpid()) + "." +
+                                 std::to_string(counter.fetch_add(1)));
+}
+
+bool write_all(int fd, std::string_view data) {
+  std::size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool sync_directory(const fs::path& dir, std::string& error) {
+  int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    error = errno_text("open directory");
+    return false;
+  }
+  bool ok = ::fsync(fd) == 0;
+  if (!ok) error = errno_text("fsync directory");
+  ::close(fd);
+  return ok;
+}
+
+AtomicFileWriter::AtomicFileWriter(fs::path target) : target_(std::move(target)) {}
+
+AtomicFileWriter::~AtomicFileWriter() { abandon(); }
+
+bool AtomicFileWriter::open(std::string& error) {
   std::error_code ec;
-  if (path.has_parent_path()) {
-    fs::create_directories(path.parent_path(), ec);
+  if (target_.has_parent_path()) {
+    fs::create_directories(target_.parent_path(), ec);
     if (ec) {
-      error = "cannot create " + path.parent_path().string() + ": " + ec.message();
+      error = "cannot create directory: " + ec.message();
       return false;
     }
   }
-  fs::path tmp = path;
-  tmp += ".tmp." + std::to_string(::getpid());
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    error = std::string("open: ") + std::strerror(errno);
+  tmp_ = temporary_for(target_);
+  fd_ = ::open(tmp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd_ < 0) {
+    error = errno_text("open");
+    tmp_.clear();
     return false;
-  }
-  auto fail = [&](const char* step) {
-    error = std::string(step) + ": " + std::strerror(errno);
-    ::close(fd);
-    ::unlink(tmp.c_str());
-    return false;
-  };
-  size_t written = 0;
-  while (written < content.size()) {
-    ssize_t n = ::write(fd, content.data() + written, content.size() - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return fail("write");
-    }
-    written += static_cast<size_t>(n);
-  }
-  if (::fsync(fd) != 0) return fail("fsync");
-  if (::close(fd) != 0) {
-    error = std::string("close: ") + std::strerror(errno);
-    ::unlink(tmp.c_str());
-    return false;
-  }
-  if (::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = std::string("rename: ") + std::strerror(errno);
-    ::unlink(tmp.c_str());
-    return false;
-  }
-  // Make the rename itself durable.
-  int dir = ::open(path.has_parent_path() ? path.parent_path().c_str() : ".", O_RDONLY | O_CLOEXEC);
-  if (dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
   }
   return true;
+}
+
+bool AtomicFileWriter::write(std::string_view data, std::string& error) {
+  if (fd_ < 0) {
+    error = "write: not open";
+    return false;
+  }
+  if (!write_all(fd_, data)) {
+    error = errno_text("write");
+    return false;
+  }
+  size_ += data.size();
+  return true;
+}
+
+bool AtomicFileWriter::commit(std::string& error, bool replace) {
+  if (fd_ < 0) {
+    error = "commit: not open";
+    return false;
+  }
+  if (::fdatasync(fd_) != 0) {
+    error = errno_text("fdatasync");
+    abandon();
+    return false;
+  }
+  int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) {
+    error = errno_text("close");
+    abandon();
+    return false;
+  }
+  int rc = replace ? ::rename(tmp_.c_str(), target_.c_str())
+                   : ::renameat2(AT_FDCWD, tmp_.c_str(), AT_FDCWD, target_.c_str(),
+                                 RENAME_NOREPLACE);
+  if (rc != 0) {
+    error = !replace && errno == EEXIST ? "file_exists" : errno_text("rename");
+    abandon();
+    return false;
+  }
+  tmp_.clear();
+  return sync_directory(target_.parent_path(), error);
+}
+
+void AtomicFileWriter::abandon() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  if (!tmp_.empty()) {
+    ::unlink(tmp_.c_str());
+    tmp_.clear();
+  }
+}
+
+bool write_file_atomically(const fs::path& path, std::string_view content, std::string& error) {
+  AtomicFileWriter w(path);
+  return w.open(error) && w.write(content, error) && w.commit(error);
+}
+
+bool is_temporary_name(std::string_view name) {
+  if (name.size() > 5 && name.substr(name.size() - 5) == ".part") return true;
+  std::size_t at = name.rfind(".tmp.");
+  if (at == std::string_view::npos) return false;
+  // ".tmp." followed by digits and dots only: a process id and a counter.
+  for (char c : name.substr(at + 5)) {
+    if ((c < '0' || c > '9') && c != '.') return false;
+  }
+  return at + 5 < name.size();
+}
+
+std::size_t remove_stale_temporaries(const fs::path& dir, bool recursive) {
+  std::size_t removed = 0;
+  std::error_code ec;
+  auto consider = [&](const fs::directory_entry& e) {
+    std::error_code type_ec;
+    if (!e.is_regular_file(type_ec)) return;
+    if (!is_temporary_name(e.path().filename().string())) return;
+    if (fs::remove(e.path(), type_ec)) ++removed;
+  };
+  if (recursive) {
+    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+      consider(*it);
+    }
+  } else {
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+      consider(*it);
+    }
+  }
+  return removed;
 }
 
 }  // namespace ostrel::base

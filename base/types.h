@@ -25,6 +25,11 @@ using HeaderMap = std::unordered_map<std::string, std::string, HeaderHash, Heade
 // The gateway's view of one HTTP request, handed to route handlers by const
 // reference. A plain copyable value: handlers that pass work to another thread
 // copy it.
+// Reads a streamed request body piece by piece, for routes that take their
+// body themselves (uploads to disk). `sink` returns false to stop; the reader
+// returns false when the client failed or the sink stopped.
+using BodyReader = std::function<bool(const std::function<bool(std::string_view)>& sink)>;
+
 struct Request {
   std::string method;  // upper case
   std::string path;    // without the query string
@@ -39,7 +44,11 @@ struct Request {
   std::vector<std::string> scopes;
   std::string peer_node_id;  // set when a node token was accepted
   std::string user_id;
-  std::string auth_source;  // "capability", "node", "loopback", … or empty
+  std::string auth_source;  // "capability", "api_key", "node" or empty (nothing checked)
+
+  // Set only for routes registered to stream their body; valid while the
+  // handler runs.
+  BodyReader body_reader;
 
   // The header's value, or "" when absent.
   const std::string& header(std::string_view name) const;

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "base/json.h"
 #include "base/encoding.h"
 
 namespace ostrel::clusterfs {
@@ -129,7 +130,7 @@ std::string layout_json(const StripeLayout& l) {
 
 StripeLayout parse_layout(const std::string& text) {
   StripeLayout l;
-  Json j = Json::parse(text, nullptr, false);
+  Json j = base::parse_json(text);
   if (!j.is_object()) return l;
   if (auto v = j.find("stripe_count"); v != j.end() && v->is_number_integer()) l.stripe_count = *v;
   if (auto v = j.find("stripe_size"); v != j.end() && v->is_number_integer()) l.stripe_size = *v;

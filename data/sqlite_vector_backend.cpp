@@ -9,6 +9,8 @@
 #include <queue>
 #include <sstream>
 
+#include "base/json.h"
+
 namespace ostrel::modules_data {
 namespace {
 
@@ -59,7 +61,7 @@ SearchHit hit_from_row(sqlite3_stmt* s, double score) {
   h.namespace_id = column_text(s, 3);
   std::string meta = column_text(s, 4);
   if (!meta.empty()) {
-    Json j = Json::parse(meta, nullptr, false);
+    Json j = base::parse_json(meta);
     if (j.is_object()) h.metadata = std::move(j);
   }
   h.score = score;

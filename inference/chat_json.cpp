@@ -3,6 +3,7 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "base/json.h"
 #include "base/text.h"
 #include "inference/json_scanner.h"
 
@@ -229,7 +230,7 @@ bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream) {
 
 bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std::string& error) {
   if (scan_chat_request(text, out, stream)) return true;
-  Json j = text.empty() ? Json::object() : Json::parse(text, nullptr, false);
+  Json j = text.empty() ? Json::object() : base::parse_json(text);
   if (j.is_discarded()) {
     error = "invalid JSON body";
     return false;

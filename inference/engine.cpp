@@ -1,5 +1,8 @@
 #include "inference/engine.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <random>
 #include <set>
@@ -19,12 +22,23 @@ std::string new_request_id() {
 Engine::Engine(EngineOptions options)
     : options_(options),
       sessions_(options.session_idle_ttl),
-      scheduler_([this] { return backends(); }, options.worker_threads, options.max_queue_depth) {}
+      scheduler_([this] { return backends(); }, options.worker_threads, options.max_queue_depth),
+      abort_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-Engine::~Engine() { stop(); }
+Engine::~Engine() {
+  stop();
+  if (abort_fd_ >= 0) ::close(abort_fd_);
+}
+
+void Engine::abort_inflight() {
+  if (abort_fd_ < 0) return;
+  std::uint64_t one = 1;
+  [[maybe_unused]] ssize_t n = ::write(abort_fd_, &one, sizeof one);
+}
 
 void Engine::register_backend(std::shared_ptr<Backend> backend) {
   if (!backend) return;
+  backend->set_abort_fd(abort_fd_);
   backend->poll_health();
   std::lock_guard lock(mu_);
   const std::string id = backend->id();
@@ -48,8 +62,15 @@ BackendList Engine::backends() const {
 }
 
 void Engine::prepare_request_(ChatRequest& req) {
-  if (!req.session_id.empty()) sessions_.append(req.session_id, req.messages);
   if (req.request_id.empty()) req.request_id = new_request_id();
+}
+
+void Engine::remember_(const ChatRequest& req, Message answer) {
+  if (req.session_id.empty()) return;
+  // Only a turn that was answered is kept: a failed request leaves nothing.
+  std::vector<Message> turn = req.messages;
+  turn.push_back(std::move(answer));
+  sessions_.append(req.session_id, turn);
 }
 
 std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp) {
@@ -75,7 +96,7 @@ std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, Cha
 std::optional<InferenceError> Engine::complete(ChatRequest req, ChatResponse& resp) {
   prepare_request_(req);
   auto err = run_(req, nullptr, resp);
-  if (!err && !req.session_id.empty()) sessions_.append(req.session_id, {resp.message});
+  if (!err) remember_(req, resp.message);
   return err;
 }
 
@@ -92,9 +113,7 @@ std::optional<InferenceError> Engine::stream(ChatRequest req, ChunkSink sink) {
   };
   ChatResponse resp;
   auto err = run_(req, std::move(collecting), resp);
-  if (!req.session_id.empty() && !text->empty()) {
-    sessions_.append(req.session_id, {Message{"assistant", *text, "", ""}});
-  }
+  if (!err) remember_(req, Message{"assistant", *text, "", ""});
   return err;
 }
 
@@ -125,9 +144,51 @@ void Engine::stop() {
   scheduler_.stop();
 }
 
+void Engine::set_log(LogFn log) {
+  log_ = std::move(log);
+  scheduler_.set_observer(
+      [this](const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err) {
+        observe_(req, backend, err);
+      });
+}
+
+void Engine::observe_(const ChatRequest& req, Backend& backend,
+                      const std::optional<InferenceError>& err) {
+  // Each kind of notice once per backend and model: the lines are for an
+  // operator, not a request log.
+  auto first_time = [this](const std::string& key) {
+    std::lock_guard lock(noticed_mu_);
+    if (noticed_.size() > 10000) return false;  // a flood of distinct models: enough said
+    return noticed_.insert(key).second;
+  };
+  const std::string id = backend.id();
+  if (err && err->code != 499) {
+    if (first_time("fail\n" + id + "\n" + req.model + "\n" + std::to_string(err->code))) {
+      log_(true, "model '" + req.model + "' on backend '" + id + "' failed (" +
+                     std::to_string(err->code) + "): " + err->message);
+    }
+    return;
+  }
+  if (err) return;
+  if (!first_time("unlisted\n" + id + "\n" + req.model)) return;
+  std::vector<std::string> models = backend.stats().models;
+  if (std::find(models.begin(), models.end(), req.model) == models.end()) {
+    log_(true, "model '" + req.model + "' is not listed by backend '" + id +
+                   "' — it answered anyway (a misspelt model name?)");
+  }
+}
+
 void Engine::health_loop_() {
   while (true) {
-    for (const auto& b : backends()) b->poll_health();
+    for (const auto& b : backends()) {
+      bool healthy = b->poll_health();
+      auto [it, first] = health_seen_.try_emplace(b->id(), healthy);
+      if (log_ && (first ? !healthy : it->second != healthy)) {
+        log_(!healthy, "backend '" + b->id() + "' is " +
+                           (healthy ? "healthy again" : "unhealthy: it does not answer"));
+      }
+      it->second = healthy;
+    }
     sessions_.sweep();
     std::unique_lock lock(health_mu_);
     if (health_cv_.wait_for(lock, options_.health_poll_interval, [this] { return health_stop_; })) {

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,6 +47,17 @@ class Engine {
   // Distinct model names of the healthy backends, sorted.
   std::vector<std::string> available_models() const;
 
+  // Ends every backend call in progress, and makes later ones fail at once
+  // (the node is shutting down). Streams end with their error chunk.
+  void abort_inflight();
+
+  // Where the engine reports what an operator should see: a backend turning
+  // unhealthy or healthy again, a model server failing, a request answered
+  // by a backend that does not list its model (each once per backend and
+  // model). `warn` says whether the line is a warning. Set before start().
+  using LogFn = std::function<void(bool warn, const std::string& line)>;
+  void set_log(LogFn log);
+
   // Starts the scheduler's workers and the health thread.
   void start();
   void stop();
@@ -54,8 +67,15 @@ class Engine {
 
  private:
   void prepare_request_(ChatRequest& req);
+  void remember_(const ChatRequest& req, Message answer);
   std::optional<InferenceError> run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp);
   void health_loop_();
+  void observe_(const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err);
+
+  LogFn log_;
+  std::mutex noticed_mu_;  // guards noticed_
+  std::set<std::string> noticed_;  // "<kind>\n<backend>\n<model>" already logged
+  std::map<std::string, bool> health_seen_;  // health thread only: last state per backend
 
   EngineOptions options_;
   mutable std::mutex mu_;  // guards backends_ and order_
@@ -68,6 +88,7 @@ class Engine {
   std::condition_variable health_cv_;
   bool health_stop_ = false;
   std::thread health_thread_;
+  const int abort_fd_;  // eventfd, readable after abort_inflight()
 };
 
 }  // namespace ostrel::inference

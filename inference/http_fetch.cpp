@@ -2,9 +2,9 @@
 
 #include <curl/curl.h>
 
-#include <unistd.h>
-
 #include <cstdio>
+
+#include "base/durable_file.h"
 
 namespace ostrel::inference::http_fetch {
 namespace {
@@ -12,10 +12,6 @@ namespace {
 size_t to_string(char* data, size_t size, size_t n, void* user) {
   static_cast<std::string*>(user)->append(data, size * n);
   return size * n;
-}
-
-size_t to_file(char* data, size_t size, size_t n, void* user) {
-  return std::fwrite(data, size, n, static_cast<std::FILE*>(user)) * size;
 }
 
 }  // namespace
@@ -49,43 +45,76 @@ Result post(const std::string& url, const std::string& body,
 }
 
 Result download(const std::string& url, const std::filesystem::path& target,
-                const std::string& user_agent) {
+                const std::string& user_agent, const DownloadLimits& limits) {
   Result r;
-  std::filesystem::path tmp = target;
-  tmp += ".part";
-  std::FILE* out = std::fopen(tmp.c_str(), "wb");
-  if (!out) {
-    r.error = "open_failed";
+  base::AtomicFileWriter file(target);
+  if (!file.open(r.error)) {
+    r.error = "open_failed: " + r.error;
     return r;
   }
   CURL* curl = curl_easy_init();
   if (!curl) {
-    std::fclose(out);
-    std::remove(tmp.c_str());
     r.error = "curl_easy_init failed";
     return r;
   }
+  struct Sink {
+    base::AtomicFileWriter* file;
+    std::uint64_t max;
+    bool too_large = false;
+    std::string error;
+  } sink{&file, limits.max_bytes};
+  auto write = [](char* data, size_t size, size_t n, void* user) -> size_t {
+    auto* s = static_cast<Sink*>(user);
+    const size_t bytes = size * n;
+    if (s->max && s->file->size() + bytes > s->max) {
+      s->too_large = true;
+      return 0;
+    }
+    return s->file->write(std::string_view(data, bytes), s->error) ? bytes : 0;
+  };
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_USERAGENT, user_agent.c_str());
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 10000L);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, to_file);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, out);
+  if (limits.total_timeout_ms > 0) curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, limits.total_timeout_ms);
+  if (limits.max_bytes) {
+    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.max_bytes));
+  }
+  // Only a 2xx body is worth writing.
+  curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +write);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
   CURLcode rc = curl_easy_perform(curl);
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &r.status);
   curl_easy_cleanup(curl);
-  bool flushed = std::fflush(out) == 0 && ::fsync(fileno(out)) == 0;
-  std::fclose(out);
-  r.transport_ok = rc == CURLE_OK;
-  if (!r.transport_ok) r.error = curl_easy_strerror(rc);
-  if (!r.transport_ok || r.status < 200 || r.status >= 300 || !flushed ||
-      std::rename(tmp.c_str(), target.c_str()) != 0) {
-    std::remove(tmp.c_str());
-    if (r.error.empty()) r.error = flushed ? "http " + std::to_string(r.status) : "write_failed";
-    r.transport_ok = r.transport_ok && flushed;
+  r.transport_ok = rc == CURLE_OK || rc == CURLE_HTTP_RETURNED_ERROR;
+  if (sink.too_large || rc == CURLE_FILESIZE_EXCEEDED) {
+    r.error = "too_large";
+    return r;
+  }
+  if (!sink.error.empty()) {
+    r.error = "write_failed: " + sink.error;
+    return r;
+  }
+  if (rc != CURLE_OK) {
+    r.error = rc == CURLE_HTTP_RETURNED_ERROR ? "http " + std::to_string(r.status)
+                                              : curl_easy_strerror(rc);
+    return r;
+  }
+  if (limits.accept) {
+    std::string why;
+    if (!limits.accept(file.temporary(), why)) {
+      r.error = "rejected: " + why;
+      return r;
+    }
+  }
+  if (!file.commit(r.error, /*replace=*/false)) {
+    if (r.error != "file_exists") r.error = "write_failed: " + r.error;
+    return r;
   }
   return r;
 }

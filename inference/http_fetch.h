@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,9 +20,19 @@ struct Result {
 Result post(const std::string& url, const std::string& body,
             const std::vector<std::string>& headers, long timeout_ms);
 
-// Downloads into `target` through a temporary file renamed into place on a
-// 2xx answer; nothing is left behind otherwise.
+struct DownloadLimits {
+  std::uint64_t max_bytes = 0;         // 0: no limit
+  long total_timeout_ms = 0;           // 0: no limit
+  // Checks the finished temporary file before it takes the target's place;
+  // false with a reason refuses it.
+  std::function<bool(const std::filesystem::path& file, std::string& why)> accept;
+};
+
+// Downloads into `target` through a temporary file of its own that takes
+// the target's place on a 2xx answer, only if no file has that name yet
+// (error "file_exists"); nothing is left behind otherwise. Errors:
+// "too_large", "rejected: <why>", "http <status>", libcurl's text.
 Result download(const std::string& url, const std::filesystem::path& target,
-                const std::string& user_agent);
+                const std::string& user_agent, const DownloadLimits& limits = {});
 
 }  // namespace ostrel::inference::http_fetch

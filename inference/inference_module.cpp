@@ -1,7 +1,9 @@
 // The "inference" module: the engine behind syscalls and OpenAI-shaped routes,
 // local backends, model files on disk and the GPU inventory.
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -10,13 +12,16 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 #include "base/reply.h"
+#include "base/text.h"
 #include "identity/source_header.h"
 #include "inference/chat_json.h"
 #include "inference/echo_backend.h"
@@ -26,6 +31,7 @@
 #include "inference/http_fetch.h"
 #include "inference/local_backends.h"
 #include "inference/ollama_backend.h"
+#include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
 #include "kernel/obs/logger.h"
@@ -74,21 +80,38 @@ std::string file_type(const fs::path& p) {
   return "unknown";
 }
 
-// A relative path of plain segments ending in ".gguf": no "..", no absolute
-// path, no hidden segments, no control characters.
+// A relative path of plain segments ending in ".gguf" (the shared name check:
+// no "..", no absolute path, no hidden segments, valid UTF-8).
 bool safe_model_path(const std::string& name) {
-  if (name.empty() || name.size() > 255 || name[0] == '/' || name.find('\\') != std::string::npos) {
-    return false;
+  std::string why;
+  if (!base::safe_file_path(name, why)) return false;
+  return name.size() >= 6 && name.compare(name.size() - 5, 5, ".gguf") == 0 &&
+         !base::is_temporary_name(fs::path(name).filename().string());
+}
+
+// A GGUF file starts with the four bytes "GGUF".
+bool has_gguf_magic(const fs::path& file, std::string& why) {
+  char magic[4] = {0};
+  std::FILE* f = std::fopen(file.c_str(), "rb");
+  bool ok = f && std::fread(magic, 1, 4, f) == 4 && std::memcmp(magic, "GGUF", 4) == 0;
+  if (f) std::fclose(f);
+  if (!ok) why = "the content is not a GGUF model file";
+  return ok;
+}
+
+// Where a model file is, as answers show it: relative to the model
+// directory, never a host path.
+std::string shown_path(const std::string& filename) { return "models/" + filename; }
+
+std::set<std::string> split_list(const std::string& text) {
+  std::set<std::string> out;
+  std::stringstream ss(text);
+  std::string item;
+  while (std::getline(ss, item, ',')) {
+    auto b = item.find_first_not_of(" \t"), e = item.find_last_not_of(" \t");
+    if (b != std::string::npos) out.insert(item.substr(b, e - b + 1));
   }
-  if (name.size() < 6 || name.compare(name.size() - 5, 5, ".gguf") != 0) return false;
-  for (const auto& seg : fs::path(name)) {
-    std::string s = seg.string();
-    if (s.empty() || s == "." || s == ".." || s[0] == '.') return false;
-  }
-  for (unsigned char c : name) {
-    if (c < 0x20 || c == 0x7f) return false;
-  }
-  return true;
+  return out;
 }
 
 // "No healthy backend" reaches clients with the explanation of what to do.
@@ -98,10 +121,7 @@ InferenceError explain(InferenceError e) {
   return e;
 }
 
-void reply(Response& res, const Json& body, int status = 200) {
-  res.status = status;
-  res.body = body.dump();
-}
+using base::reply;
 
 class InferenceModule : public kernel::ModuleBase {
  public:
@@ -111,13 +131,8 @@ class InferenceModule : public kernel::ModuleBase {
   identity::SourceCode source_code() const override { return kInferenceSource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
-  bool start() override {
-    engine_->start();
-    return true;
-  }
-  void stop() override {
-    if (engine_) engine_->stop();
-  }
+  bool start() override;
+  void stop() override;
   bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
@@ -137,6 +152,10 @@ class InferenceModule : public kernel::ModuleBase {
   Json runtime_config_json_() const;
   Json read_settings_() const;
   bool admin_(const Request& req, Response& res) const;
+  void register_model_file_routes_(kernel::ApiGateway& gw);
+  void register_backend_routes_(kernel::ApiGateway& gw);
+  void gpu_loop_();
+  Json gpu_inventory_() const;
 
   kernel::ModuleContext ctx_;
   std::unique_ptr<kernel::Logger> log_;
@@ -146,6 +165,19 @@ class InferenceModule : public kernel::ModuleBase {
   fs::path model_dir_;
   std::string ollama_url_;
   EngineOptions options_;
+  std::uint64_t model_max_bytes_ = 64ULL << 30;
+  long pull_timeout_ms_ = 2L * 3600 * 1000;
+  std::uint64_t draining_subscription_ = 0;
+
+  std::mutex settings_mu_;  // serialises read-modify-write of inference.json
+
+  // The GPU inventory, refreshed by gpu_thread_ so that no request waits on
+  // nvidia-smi.
+  mutable std::mutex gpu_mu_;  // guards gpu_devices_ and gpu_stop_
+  std::condition_variable gpu_cv_;
+  Json gpu_devices_ = Json::array();
+  bool gpu_stop_ = false;
+  std::thread gpu_thread_;  // joined in stop()
 };
 
 bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
@@ -167,17 +199,100 @@ bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
   ollama_url_ = cfg.get("ollama_url", "");
   if (ollama_url_.empty()) ollama_url_ = "http://127.0.0.1:11434";
 
-  locals_ = std::make_unique<LocalBackendRegistry>(config_dir_ / "inference-local-backends.jsonl");
+  model_max_bytes_ = static_cast<std::uint64_t>(
+      setting(cfg, "model_max_bytes", static_cast<std::int64_t>(model_max_bytes_)));
+  pull_timeout_ms_ = setting(cfg, "pull_timeout_seconds", 7200) * 1000;
+  // Writes a crash cut short leave temporaries behind; they are nobody's.
+  std::size_t stale = base::remove_stale_temporaries(model_dir_, true) +
+                      base::remove_stale_temporaries(config_dir_);
+  if (stale > 0) log_->info("removed " + std::to_string(stale) + " unfinished temporary file(s)");
+
+  locals_ = std::make_unique<LocalBackendRegistry>(
+      config_dir_ / "inference-local-backends.jsonl",
+      split_list(cfg.get("api_key_env_allowlist", "")));
   std::size_t replayed = locals_->replay();
   log_->info("inference local-backend journal replayed " + std::to_string(replayed) +
              " record(s) from " + locals_->journal_path().string());
 
   engine_ = std::make_unique<Engine>(options_);
+  engine_->set_log([log = log_.get()](bool warn, const std::string& line) {
+    if (warn) {
+      log->warn(line);
+    } else {
+      log->info(line);
+    }
+  });
   engine_->register_backend(std::make_shared<EchoBackend>());
   engine_->register_backend(std::make_shared<OllamaBackend>("ollama-local", ollama_url_));
   log_->info("registered Ollama backend at " + ollama_url_);
   for (const auto& b : locals_->list()) register_local_engine_backend_(b);
   return true;
+}
+
+bool InferenceModule::start() {
+  engine_->start();
+  // At shutdown, once the kernel's drain time is up, model calls still in
+  // progress end at once: streams get their error chunk and "[DONE]".
+  draining_subscription_ = ctx_.bus->subscribe(
+      kInferenceSource, "kernel.draining",
+      [this](std::string_view, std::string_view) { engine_->abort_inflight(); });
+  {
+    std::lock_guard lock(gpu_mu_);
+    gpu_stop_ = false;
+  }
+  gpu_thread_ = std::thread([this] { gpu_loop_(); });
+  return true;
+}
+
+void InferenceModule::stop() {
+  if (draining_subscription_) ctx_.bus->unsubscribe(draining_subscription_);
+  draining_subscription_ = 0;
+  {
+    std::lock_guard lock(gpu_mu_);
+    gpu_stop_ = true;
+  }
+  gpu_cv_.notify_all();
+  if (gpu_thread_.joinable()) gpu_thread_.join();
+  if (engine_) engine_->stop();
+}
+
+Json InferenceModule::gpu_inventory_() const {
+  Json devices = Json::array();
+  std::FILE* p = ::popen(
+      "nvidia-smi --query-gpu=index,name,memory.total,memory.used,utilization.gpu,"
+      "temperature.gpu --format=csv,noheader,nounits 2>/dev/null",
+      "r");
+  if (!p) return devices;
+  char line[512];
+  while (std::fgets(line, sizeof line, p)) {
+    std::vector<std::string> f;
+    std::stringstream ss(line);
+    std::string cell;
+    while (std::getline(ss, cell, ',')) {
+      size_t b = cell.find_first_not_of(" \t\r\n"), e = cell.find_last_not_of(" \t\r\n");
+      f.push_back(b == std::string::npos ? "" : cell.substr(b, e - b + 1));
+    }
+    if (f.size() < 6) continue;
+    auto num = [](const std::string& s) { return std::strtod(s.c_str(), nullptr); };
+    devices.push_back({{"index", num(f[0])},
+                       {"name", f[1]},
+                       {"vram_total_mb", num(f[2])},
+                       {"vram_used_mb", num(f[3])},
+                       {"util_pct", num(f[4])},
+                       {"temperature_c", num(f[5])}});
+  }
+  ::pclose(p);
+  return devices;
+}
+
+void InferenceModule::gpu_loop_() {
+  constexpr auto kRefresh = std::chrono::seconds(60);
+  for (;;) {
+    Json devices = gpu_inventory_();
+    std::unique_lock lock(gpu_mu_);
+    gpu_devices_ = std::move(devices);
+    if (gpu_cv_.wait_for(lock, kRefresh, [this] { return gpu_stop_; })) return;
+  }
 }
 
 void InferenceModule::register_local_engine_backend_(const LocalBackend& b) {
@@ -211,9 +326,18 @@ Json InferenceModule::files_json_() const {
   for (fs::recursive_directory_iterator it(model_dir_, ec), end; !ec && it != end;
        it.increment(ec)) {
     std::error_code type_ec;
-    if (!it->is_regular_file(type_ec) || it->path().extension() == ".part") continue;
-    out.push_back({{"filename", fs::relative(it->path(), model_dir_, type_ec).string()},
-                   {"path", it->path().string()},
+    const std::string name = it->path().filename().string();
+    // Hidden entries (temporaries of writes in progress among them) and
+    // names no client could have given are not content.
+    if (!name.empty() && name[0] == '.') {
+      if (it->is_directory(type_ec)) it.disable_recursion_pending();
+      continue;
+    }
+    if (!it->is_regular_file(type_ec) || base::is_temporary_name(name)) continue;
+    const std::string filename = fs::relative(it->path(), model_dir_, type_ec).string();
+    if (!text::valid_utf8(filename)) continue;
+    out.push_back({{"filename", filename},
+                   {"path", shown_path(filename)},
                    {"size_bytes", it->file_size(type_ec)},
                    {"type", file_type(it->path())}});
   }
@@ -294,7 +418,7 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
             {"detail",
              "http " + std::to_string(r.status) + ": " + (r.transport_ok ? r.body : r.error)}};
   }
-  Json answer = Json::parse(r.body, nullptr, false);
+  Json answer = base::parse_json(r.body);
   if (answer.is_discarded()) {
     status = 502;
     return {{"error", "upstream_failed"}, {"detail", "http 200: answer is not JSON"}};
@@ -313,8 +437,13 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   std::string session = req.header("X-Session-Id");
   if (session.empty()) session = chat.session_id;
   if (session.empty()) session = "sess-" + random_suffix();
+  if (std::string why; !base::safe_id(session, why)) {
+    reply(res, chat_json::render_error({400, "session id " + why}), 400);
+    return;
+  }
   chat.session_id = session;
-  if (chat.tenant_id.empty()) chat.tenant_id = req.tenant;
+  // A caller bound to a tenant is queued and counted as that tenant.
+  if (!req.tenant.empty() || chat.tenant_id.empty()) chat.tenant_id = req.tenant;
   if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
   res.headers["X-Session-Id"] = session;
 
@@ -399,16 +528,28 @@ Json InferenceModule::runtime_config_json_() const {
 }
 
 void InferenceModule::register_routes(kernel::ApiGateway& gw) {
-  gw.route("POST", "/v1/inference/chat",
-           [this](const Request& req, Response& res) { handle_chat_(req, res); });
+  kernel::RouteOptions large;
+  large.max_body = kernel::RouteOptions::kLargeBody;
 
-  gw.route("POST", "/v1/inference/embeddings", [this](const Request& req, Response& res) {
-    Json body;
-    if (!base::parse_object_body(req, res, body)) return;
-    int status = 200;
-    Json out = embeddings_(body, status);
-    reply(res, out, status);
-  });
+  gw.route(
+      "POST", "/v1/inference/chat",
+      [this](const Request& req, Response& res) {
+        if (!kernel::require_scope(req, res, "inference.chat")) return;
+        handle_chat_(req, res);
+      },
+      large);
+
+  gw.route(
+      "POST", "/v1/inference/embeddings",
+      [this](const Request& req, Response& res) {
+        if (!kernel::require_scope(req, res, "inference.chat")) return;
+        Json body;
+        if (!base::parse_object_body(req, res, body)) return;
+        int status = 200;
+        Json out = embeddings_(body, status);
+        reply(res, out, status);
+      },
+      large);
 
   gw.route("GET", "/v1/inference/models",
            [this](const Request&, Response& res) { reply(res, models_list_()); });
@@ -423,11 +564,15 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("GET", "/api/v1/inference/models/*", [this](const Request& req, Response& res) {
     const std::string id = req.path.substr(std::string("/api/v1/inference/models/").size());
     const std::string action = req.param("action");
-    fs::path file = model_dir_ / id;
-    std::error_code ec;
-    if (!fs::is_regular_file(file, ec)) file = model_dir_ / (id + ".gguf");
-    bool has_file = safe_model_path(fs::relative(file, model_dir_, ec).string()) &&
-                    fs::is_regular_file(file, ec);
+    std::string why;
+    bool has_file = false;
+    fs::path file;
+    if (base::safe_file_path(id, why)) {
+      std::error_code ec;
+      std::string name = safe_model_path(id) ? id : id + ".gguf";
+      file = model_dir_ / name;
+      has_file = safe_model_path(name) && fs::is_regular_file(file, ec);
+    }
     bool known = false;
     const Json models = models_list_();  // named: a range over a temporary's member dangles
     for (const auto& m : models["data"]) known = known || m["id"] == id;
@@ -436,7 +581,9 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
         reply(res, {{"error", "not_found"}}, 404);
         return;
       }
-      reply(res, {{"id", id}, {"file", has_file ? Json(file.string()) : Json()}});
+      reply(res, {{"id", id},
+                  {"file", has_file ? Json(shown_path(fs::relative(file, model_dir_).string()))
+                                    : Json()}});
       return;
     }
     if (action != "inspect") {
@@ -484,7 +631,15 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
 
   gw.route("POST", "/api/v1/inference/models/load", [this](const Request& req, Response& res) {
     if (!ctx_.syscalls->has("inference.models.load")) {
-      reply(res, {{"error", "load syscall unavailable"}}, 501);
+      // No in-process model runtime in this build: models live in the model
+      // servers registered as backends, which load them on first use.
+      reply(res,
+            {{"error", "load syscall unavailable"},
+             {"message",
+              "this build has no in-process model runtime; a model listed by a healthy "
+              "backend (GET /api/v1/inference/engine) is loaded by its model server on first "
+              "use, and other servers can be added with POST /api/v1/inference/local-backends"}},
+            501);
       return;
     }
     kernel::SyscallResult r =
@@ -525,32 +680,114 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, {{"files", files_json_()}});
   });
 
-  gw.route("POST", "/api/v1/inference/models/upload", [this](const Request& req, Response& res) {
+  register_model_file_routes_(gw);
+
+  gw.route("GET", "/api/v1/inference/config",
+           [this](const Request&, Response& res) { reply(res, runtime_config_json_()); });
+
+  gw.route("PUT", "/api/v1/inference/config", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
-    const std::string filename = req.param("filename");
-    if (filename.empty()) {
-      reply(res, {{"error", "missing_filename_query"}}, 400);
-      return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    for (auto it = body.begin(); it != body.end(); ++it) {
+      if (!kSettingsKeys.count(it.key())) {
+        reply(res, {{"error", "unknown_key"}, {"key", it.key()}}, 400);
+        return;
+      }
     }
-    if (!safe_model_path(filename)) {
-      reply(res, {{"error", "invalid_path"}}, 400);
-      return;
+    bool persisted = false;
+    {
+      // Two writers must not both read the old file and lose one's keys.
+      std::lock_guard lock(settings_mu_);
+      Json settings = read_settings_();
+      for (auto it = body.begin(); it != body.end(); ++it) settings[it.key()] = it.value();
+      std::string error;
+      persisted = base::write_file_atomically(config_dir_ / "inference.json",
+                                              base::dump_json(settings, 2) + "\n", error);
+      if (!persisted) log_->warn("inference.json not written: " + error);
     }
-    fs::path target = model_dir_ / filename;
-    std::string error;
-    if (!base::write_file_atomically(target, req.body, error)) {
-      reply(res,
-            {{"error", error.rfind("open", 0) == 0 ? "open_failed" : "write_failed"},
-             {"detail", error}},
-            500);
-      return;
-    }
-    log_->info("model uploaded: " + target.string());
-    reply(res, {{"status", "uploaded"},
-                {"filename", filename},
-                {"path", target.string()},
-                {"size_bytes", req.body.size()}});
+    reply(res,
+          {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
   });
+
+  gw.route("GET", "/api/v1/inference/gpu", [this](const Request&, Response& res) {
+    Json devices;
+    {
+      std::lock_guard lock(gpu_mu_);
+      devices = gpu_devices_;
+    }
+    reply(res, {{"device_count", devices.size()}, {"devices", devices}});
+  });
+
+  register_backend_routes_(gw);
+}
+
+void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
+  // Uploads go straight to disk: the body is never held in memory.
+  kernel::RouteOptions upload;
+  upload.stream_body = true;
+  gw.route(
+      "POST", "/api/v1/inference/models/upload",
+      [this](const Request& req, Response& res) {
+        if (!admin_(req, res)) return;
+        const std::string filename = req.param("filename");
+        if (filename.empty()) {
+          reply(res, {{"error", "missing_filename_query"}}, 400);
+          return;
+        }
+        if (!safe_model_path(filename)) {
+          reply(res, {{"error", "invalid_path"}}, 400);
+          return;
+        }
+        base::AtomicFileWriter file(model_dir_ / filename);
+        std::string error;
+        if (!file.open(error)) {
+          log_->warn("model upload: cannot open a file in the model directory: " + error);
+          reply(res, {{"error", "open_failed"}}, 500);
+          return;
+        }
+        bool too_large = false;
+        bool write_failed = false;
+        bool read = req.body_reader([&](std::string_view piece) {
+          if (file.size() + piece.size() > model_max_bytes_) return !(too_large = true);
+          if (!file.write(piece, error)) return !(write_failed = true);
+          return true;
+        });
+        if (too_large) {
+          reply(res,
+                {{"error", "payload_too_large"},
+                 {"message", "a model file may not exceed " + std::to_string(model_max_bytes_) +
+                                 " bytes (inference.model_max_bytes)"}},
+                413);
+          return;
+        }
+        if (write_failed) {
+          log_->warn("model upload: write failed: " + error);
+          reply(res, {{"error", "write_failed"}}, 500);
+          return;
+        }
+        if (!read) {
+          reply(res, {{"error", "bad_request"}, {"message", "the upload was cut short"}}, 400);
+          return;
+        }
+        std::string why;
+        if (!has_gguf_magic(file.temporary(), why)) {
+          reply(res, {{"error", "not_gguf"}, {"message", why}}, 400);
+          return;
+        }
+        const std::uint64_t size = file.size();
+        if (!file.commit(error)) {
+          log_->warn("model upload: write failed: " + error);
+          reply(res, {{"error", "write_failed"}}, 500);
+          return;
+        }
+        log_->info("model uploaded: " + filename);
+        reply(res, {{"status", "uploaded"},
+                    {"filename", filename},
+                    {"path", shown_path(filename)},
+                    {"size_bytes", size}});
+      },
+      upload);
 
   gw.route("POST", "/api/v1/inference/models/pull", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
@@ -582,19 +819,29 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     fs::path target = model_dir_ / filename;
     std::error_code ec;
     if (fs::exists(target, ec)) {
-      reply(res, {{"error", "file_exists"}, {"path", target.string()}}, 409);
+      reply(res, {{"error", "file_exists"}, {"path", shown_path(filename)}}, 409);
       return;
     }
-    fs::create_directories(target.parent_path(), ec);
-    http_fetch::Result r = http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller");
-    if (!r.transport_ok || r.status < 200 || r.status >= 300) {
-      reply(res, {{"error", "download_failed"}, {"detail", r.error}, {"status", r.status}}, 502);
+    http_fetch::DownloadLimits limits;
+    limits.max_bytes = model_max_bytes_;
+    limits.total_timeout_ms = pull_timeout_ms_;
+    limits.accept = has_gguf_magic;
+    http_fetch::Result r =
+        http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller", limits);
+    if (r.error == "file_exists") {
+      reply(res, {{"error", "file_exists"}, {"path", shown_path(filename)}}, 409);
       return;
     }
-    log_->info("model pulled: " + u + " → " + target.string());
+    if (!r.error.empty()) {
+      log_->warn("model pull of " + u + " failed: " + r.error);
+      int status = r.error == "too_large" ? 413 : r.error.rfind("rejected", 0) == 0 ? 422 : 502;
+      reply(res, {{"error", "download_failed"}, {"detail", r.error}, {"status", r.status}}, status);
+      return;
+    }
+    log_->info("model pulled: " + u + " → " + filename);
     reply(res, {{"status", "downloaded"},
                 {"filename", filename},
-                {"path", target.string()},
+                {"path", shown_path(filename)},
                 {"size_bytes", fs::file_size(target, ec)}});
   });
 
@@ -612,65 +859,15 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       return;
     }
     if (!fs::remove(target, ec)) {
-      reply(res, {{"error", "delete_failed"}, {"detail", ec.message()}}, 500);
+      log_->warn("model delete: " + ec.message());
+      reply(res, {{"error", "delete_failed"}}, 500);
       return;
     }
     reply(res, {{"status", "deleted"}, {"filename", name}});
   });
+}
 
-  gw.route("GET", "/api/v1/inference/config",
-           [this](const Request&, Response& res) { reply(res, runtime_config_json_()); });
-
-  gw.route("PUT", "/api/v1/inference/config", [this](const Request& req, Response& res) {
-    if (!admin_(req, res)) return;
-    Json body;
-    if (!base::parse_object_body(req, res, body)) return;
-    Json settings = read_settings_();
-    for (auto it = body.begin(); it != body.end(); ++it) {
-      if (!kSettingsKeys.count(it.key())) {
-        reply(res, {{"error", "unknown_key"}, {"key", it.key()}}, 400);
-        return;
-      }
-      settings[it.key()] = it.value();
-    }
-    std::string error;
-    bool persisted =
-        base::write_file_atomically(config_dir_ / "inference.json", settings.dump(2) + "\n", error);
-    if (!persisted) log_->warn("inference.json not written: " + error);
-    reply(res,
-          {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
-  });
-
-  gw.route("GET", "/api/v1/inference/gpu", [](const Request&, Response& res) {
-    Json devices = Json::array();
-    std::FILE* p = ::popen(
-        "nvidia-smi --query-gpu=index,name,memory.total,memory.used,utilization.gpu,"
-        "temperature.gpu --format=csv,noheader,nounits 2>/dev/null",
-        "r");
-    if (p) {
-      char line[512];
-      while (std::fgets(line, sizeof line, p)) {
-        std::vector<std::string> f;
-        std::stringstream ss(line);
-        std::string cell;
-        while (std::getline(ss, cell, ',')) {
-          size_t b = cell.find_first_not_of(" \t\r\n"), e = cell.find_last_not_of(" \t\r\n");
-          f.push_back(b == std::string::npos ? "" : cell.substr(b, e - b + 1));
-        }
-        if (f.size() < 6) continue;
-        auto num = [](const std::string& s) { return std::strtod(s.c_str(), nullptr); };
-        devices.push_back({{"index", num(f[0])},
-                           {"name", f[1]},
-                           {"vram_total_mb", num(f[2])},
-                           {"vram_used_mb", num(f[3])},
-                           {"util_pct", num(f[4])},
-                           {"temperature_c", num(f[5])}});
-      }
-      ::pclose(p);
-    }
-    reply(res, {{"device_count", devices.size()}, {"devices", devices}});
-  });
-
+void InferenceModule::register_backend_routes_(kernel::ApiGateway& gw) {
   gw.route("GET", "/api/v1/inference/local-backends", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
     Json list = Json::array();
@@ -690,7 +887,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     if (!base::parse_object_body(req, res, body)) return;
     LocalBackend b;
     std::string error;
-    if (!local_backend_from_json(body, b, error)) {
+    if (!local_backend_from_json(body, b, error) || !locals_->check_env(b, error)) {
       reply(res, {{"error", error}}, 400);
       return;
     }
@@ -700,7 +897,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     register_local_engine_backend_(b);
     reply(res, {{"status", fresh ? "registered" : "updated"},
                 {"id", b.id},
-                {"journal", locals_->journal_path().string()}});
+                {"journal", locals_->journal_path().filename().string()}});
   });
 
   gw.route("DELETE", "/api/v1/inference/local-backends/*",
@@ -722,7 +919,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
 
 void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
   auto parse_args = [](std::string_view args, Json& out) {
-    out = args.empty() ? Json::object() : Json::parse(args, nullptr, false);
+    out = args.empty() ? Json::object() : base::parse_json(args);
     return out.is_object();
   };
 
@@ -788,7 +985,8 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
         Json args;
         LocalBackend b;
         std::string error;
-        if (!parse_args(a, args) || !local_backend_from_json(args, b, error)) {
+        if (!parse_args(a, args) || !local_backend_from_json(args, b, error) ||
+            !locals_->check_env(b, error)) {
           return kernel::SyscallResult{
               -1, Json{{"error", error.empty() ? "invalid_json" : error}}.dump()};
         }

@@ -6,6 +6,7 @@
 
 #include "base/journal.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/reply.h"
 
 namespace ostrel::inference {
@@ -14,7 +15,7 @@ using Json = nlohmann::json;
 
 std::string LocalBackend::resolved_key() const {
   if (!api_key.empty()) return api_key;
-  if (!api_key_env.empty()) {
+  if (!api_key_env.empty() && env_allowed) {
     if (const char* v = std::getenv(api_key_env.c_str())) return v;
   }
   return "";
@@ -72,6 +73,14 @@ bool local_backend_from_json(const Json& j, LocalBackend& out, std::string& erro
     error = "missing id / provider / api_base";
     return false;
   }
+  if (std::string why; !base::safe_id(b.id, why)) {
+    error = "invalid id: " + why;
+    return false;
+  }
+  if (b.api_base.rfind("http://", 0) != 0 && b.api_base.rfind("https://", 0) != 0) {
+    error = "api_base must be an http or https URL";
+    return false;
+  }
   b.api_key = str("api_key");
   b.api_key_env = str("api_key_env");
   b.display_name = str("display_name");
@@ -84,6 +93,13 @@ bool local_backend_from_json(const Json& j, LocalBackend& out, std::string& erro
   if (auto s = str("source"); !s.empty()) b.source = s;
   out = std::move(b);
   return true;
+}
+
+bool LocalBackendRegistry::check_env(const LocalBackend& b, std::string& error) const {
+  if (b.api_key_env.empty() || env_allowlist_.count(b.api_key_env)) return true;
+  error = "api_key_env_not_allowed: " + b.api_key_env +
+          " is not in the administrator's allowlist (inference.api_key_env_allowlist)";
+  return false;
 }
 
 std::size_t LocalBackendRegistry::replay() {
@@ -101,6 +117,9 @@ std::size_t LocalBackendRegistry::replay() {
       return false;
     }
     b.source = "journal";
+    // A journal written before the allowlist changed keeps its entry, but
+    // the variable is only read while it is allowed.
+    b.env_allowed = !b.api_key_env.empty() && env_allowlist_.count(b.api_key_env);
     if (!backends_.count(b.id)) order_.push_back(b.id);
     backends_[b.id] = std::move(b);
     return true;
@@ -108,9 +127,10 @@ std::size_t LocalBackendRegistry::replay() {
 }
 
 bool LocalBackendRegistry::set(LocalBackend b, std::string& journal_error) {
+  b.env_allowed = !b.api_key_env.empty() && env_allowlist_.count(b.api_key_env);
   std::lock_guard lock(mu_);
   Json record = {{"op", "set"}, {"id", b.id}, {"backend", b}};
-  base::append_journal_line(journal_, record.dump(), journal_error);
+  base::append_journal_line(journal_, base::dump_json(record), journal_error);
   bool fresh = !backends_.count(b.id);
   if (fresh) order_.push_back(b.id);
   backends_[b.id] = std::move(b);
@@ -120,7 +140,8 @@ bool LocalBackendRegistry::set(LocalBackend b, std::string& journal_error) {
 bool LocalBackendRegistry::remove(const std::string& id, std::string& journal_error) {
   std::lock_guard lock(mu_);
   if (!backends_.count(id)) return false;
-  base::append_journal_line(journal_, Json{{"op", "remove"}, {"id", id}}.dump(), journal_error);
+  base::append_journal_line(journal_, base::dump_json(Json{{"op", "remove"}, {"id", id}}),
+                            journal_error);
   backends_.erase(id);
   std::erase(order_, id);
   return true;

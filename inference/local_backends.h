@@ -6,6 +6,7 @@
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,15 +25,20 @@ struct LocalBackend {
   std::int64_t priority = 0;
   bool auto_discover_models = false;
   std::string source = "api";
+  // api_key_env names a variable the administrator allowed; set by the
+  // registry, never read from outside.
+  bool env_allowed = false;
 
-  // The key itself, or the value of the variable named by api_key_env.
+  // The key itself, or the value of the variable named by api_key_env when
+  // that variable is allowed.
   std::string resolved_key() const;
   // api_base without a trailing "/api/v1/", "/api/v1", "/v1/", "/v1", "/api/" or "/api".
   std::string normalised_base() const;
 };
 
 void to_json(nlohmann::json& j, const LocalBackend& b);
-// False with a reason when id, provider or api_base is missing.
+// False with a reason when id, provider or api_base is missing or malformed
+// (an id longer than 128 bytes, an api_base that is not http(s)).
 bool local_backend_from_json(const nlohmann::json& j, LocalBackend& out, std::string& error);
 // The public view: no key, no key variable.
 nlohmann::json public_view(const LocalBackend& b);
@@ -43,9 +49,16 @@ nlohmann::json public_view(const LocalBackend& b);
 // equals registration order.
 class LocalBackendRegistry {
  public:
-  explicit LocalBackendRegistry(std::filesystem::path journal) : journal_(std::move(journal)) {}
+  // `env_allowlist`: the environment variables a backend's api_key_env may
+  // name (an administrator's choice; none by default). A key sent to a model
+  // server is a secret leaving the node, so no client may pick the variable.
+  LocalBackendRegistry(std::filesystem::path journal, std::set<std::string> env_allowlist = {})
+      : journal_(std::move(journal)), env_allowlist_(std::move(env_allowlist)) {}
 
   std::size_t replay();
+  // False with "api_key_env_not_allowed: …" when `b` names a variable that
+  // is not on the allowlist.
+  bool check_env(const LocalBackend& b, std::string& error) const;
   // True when the id was new ("registered"), false when it replaced one ("updated").
   // `journal_error` is set when the append failed (the change still holds).
   bool set(LocalBackend b, std::string& journal_error);
@@ -56,6 +69,7 @@ class LocalBackendRegistry {
 
  private:
   std::filesystem::path journal_;
+  const std::set<std::string> env_allowlist_;
   mutable std::mutex mu_;  // guards backends_, order_ and journal appends
   std::map<std::string, LocalBackend> backends_;
   std::vector<std::string> order_;  // registration order: first match wins for a model

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "base/json.h"
 #include "base/text.h"
 #include "inference/ollama_fields.h"
 
@@ -62,7 +63,7 @@ bool on_stream_data(StreamState* st, std::string_view data) {
         chunk.finish_reason = f.done_reason.value_or("stop");
       }
     } else {
-      Json obj = Json::parse(line, nullptr, false);
+      Json obj = base::parse_json(line);
       if (!obj.is_object()) {
         st->parse_error = std::string(line);
         continue;
@@ -178,6 +179,9 @@ std::string OllamaBackend::build_chat_body(const ChatRequest& req, bool stream) 
 
 std::optional<InferenceError> OllamaBackend::http_to_error(int curl_code, long status,
                                                            const std::string& body) {
+  if (curl_code == CURLE_ABORTED_BY_CALLBACK) {
+    return InferenceError{503, "ollama: node shutting down"};
+  }
   if (curl_code != CURLE_OK) {
     return InferenceError{
         502, std::string("ollama: curl ") + curl_easy_strerror(static_cast<CURLcode>(curl_code))};
@@ -211,7 +215,7 @@ std::vector<std::string> OllamaBackend::list_models() {
   release_(std::move(h));
 
   std::vector<std::string> names;
-  Json reply = rc == CURLE_OK && status == 200 ? Json::parse(body, nullptr, false) : Json();
+  Json reply = rc == CURLE_OK && status == 200 ? base::parse_json(body) : Json();
   if (!reply.is_object()) {
     healthy_ = false;
     std::lock_guard lock(models_mu_);
@@ -256,7 +260,7 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
       resp.prompt_tokens = f.prompt_eval_count.value_or(0);
       resp.completion_tokens = f.eval_count.value_or(0);
     } else {
-      Json reply = Json::parse(body, nullptr, false);
+      Json reply = base::parse_json(body);
       if (!reply.is_object()) {
         return InferenceError{502, "ollama: bad response JSON: " + body.substr(0, 200)};
       }

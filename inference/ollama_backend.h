@@ -22,6 +22,7 @@ class OllamaBackend : public Backend {
  public:
   OllamaBackend(std::string id, std::string base_url);
   ~OllamaBackend() override;
+  void set_abort_fd(int fd) override { chat_.set_abort_fd(fd); }
 
   std::string id() const override { return id_; }
   std::string kind() const override { return "ollama"; }

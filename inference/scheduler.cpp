@@ -203,6 +203,7 @@ std::optional<InferenceError> Scheduler::serve_(const ChatRequest& req, const Ch
   } catch (...) {
     err = InferenceError{500, "backend: unknown exception"};
   }
+  if (observer_) observer_(req, *backend, err);
   if (err) return err;
   resp.request_id = req.request_id;
   if (resp.backend_id.empty()) resp.backend_id = backend->id();

@@ -50,6 +50,13 @@ class Scheduler {
             std::size_t max_queue_depth);
   ~Scheduler();
 
+  // Told after every request which backend served it and how it ended
+  // (nullopt: success). Runs on the serving thread, outside every lock.
+  using Observer = std::function<void(const ChatRequest& req, Backend& backend,
+                                      const std::optional<InferenceError>& err)>;
+  // Set before start().
+  void set_observer(Observer observer) { observer_ = std::move(observer); }
+
   void start();
   // Joins the workers, then fails every request still queued with 499.
   void stop();
@@ -84,6 +91,7 @@ class Scheduler {
   std::size_t worker_count_;
   std::size_t max_depth_;
 
+  Observer observer_;  // set before start(); read-only afterwards
   mutable std::mutex mu_;  // guards everything below
   std::condition_variable cv_;
   std::map<std::string, std::deque<std::shared_ptr<QueuedRequest>>> queues_;

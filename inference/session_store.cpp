@@ -2,6 +2,23 @@
 
 namespace ostrel::inference {
 
+std::size_t SessionStore::message_bytes(const Message& m) {
+  return 64 + m.role.size() + m.content.size() + m.name.size() + m.tool_call_id.size();
+}
+
+void SessionStore::trim_locked_(Entry& e) {
+  std::size_t drop = 0, freed = 0;
+  const std::size_t n = e.history.size();
+  while (drop < n && (n - drop > max_history_ || e.bytes - freed > max_session_bytes_)) {
+    freed += message_bytes(e.history[drop]);
+    ++drop;
+  }
+  if (drop == 0) return;
+  e.history.erase(e.history.begin(), e.history.begin() + static_cast<std::ptrdiff_t>(drop));
+  e.bytes -= freed;
+  total_bytes_ -= freed;
+}
+
 void SessionStore::append(const std::string& id, const std::vector<Message>& messages,
                           Clock::time_point now) {
   std::lock_guard lock(mu_);
@@ -17,15 +34,31 @@ void SessionStore::append(const std::string& id, const std::vector<Message>& mes
   } else {
     by_use_.splice(by_use_.end(), by_use_, it->second.use);
     // Idle for too long: the same id starts a new history.
-    if (now - it->second.last_use > ttl_) it->second.history.clear();
+    if (now - it->second.last_use > ttl_) {
+      total_bytes_ -= it->second.bytes;
+      it->second.bytes = 0;
+      it->second.history.clear();
+    }
   }
   Entry& e = it->second;
   e.last_use = now;
-  e.history.insert(e.history.end(), messages.begin(), messages.end());
-  if (e.history.size() > max_history_) {
-    e.history.erase(e.history.begin(), e.history.begin() + static_cast<std::ptrdiff_t>(
-                                                               e.history.size() - max_history_));
+  for (const Message& m : messages) {
+    const std::size_t b = message_bytes(m);
+    e.history.push_back(m);
+    e.bytes += b;
+    total_bytes_ += b;
   }
+  trim_locked_(e);
+  // Over the store's bound: the least recently used sessions go (never the
+  // one just written, which is the most recent).
+  while (total_bytes_ > max_bytes_ && by_use_.size() > 1) {
+    erase_locked_(sessions_.find(*by_use_.front()));
+  }
+}
+
+std::size_t SessionStore::bytes() const {
+  std::lock_guard lock(mu_);
+  return total_bytes_;
 }
 
 std::shared_ptr<const Session> SessionStore::get(const std::string& id, Clock::time_point now) {
@@ -46,6 +79,7 @@ std::size_t SessionStore::sweep(Clock::time_point now) {
 
 void SessionStore::erase_locked_(std::unordered_map<std::string, Entry>::iterator it) {
   if (it == sessions_.end()) return;
+  total_bytes_ -= it->second.bytes;
   by_use_.erase(it->second.use);
   sessions_.erase(it);
 }

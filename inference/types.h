@@ -94,6 +94,9 @@ class Backend {
   virtual std::optional<InferenceError> complete(const ChatRequest& req, ChatResponse& resp) = 0;
   virtual std::optional<InferenceError> stream(const ChatRequest& req, const ChunkSink& sink) = 0;
   virtual BackendStats stats() const = 0;
+  // Once `fd` (borrowed from the engine) is readable, calls in progress and
+  // later ones end at once: the node is shutting down.
+  virtual void set_abort_fd(int fd) {}
 };
 
 }  // namespace ostrel::inference

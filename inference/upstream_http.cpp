@@ -23,15 +23,17 @@ struct CurlGlobal {
   CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 };
 
-// Waits until the socket is ready for `events`. Returns CURLE_OK, or
-// CURLE_OPERATION_TIMEDOUT when nothing happened for `timeout_ms`.
-int wait_for(curl_socket_t fd, short events, int timeout_ms) {
-  pollfd p{fd, events, 0};
+// Waits until the socket is ready for `events`. Returns CURLE_OK,
+// CURLE_OPERATION_TIMEDOUT when nothing happened for `timeout_ms`, or
+// CURLE_ABORTED_BY_CALLBACK once `abort_fd` (may be -1) is readable.
+int wait_for(curl_socket_t fd, short events, int timeout_ms, int abort_fd) {
+  pollfd p[2] = {{fd, events, 0}, {abort_fd, POLLIN, 0}};
   int rc;
   do {
-    rc = ::poll(&p, 1, timeout_ms);
+    rc = ::poll(p, 2, timeout_ms);
   } while (rc < 0 && errno == EINTR);
   if (rc == 0) return CURLE_OPERATION_TIMEDOUT;
+  if (rc > 0 && p[1].revents != 0) return CURLE_ABORTED_BY_CALLBACK;
   return rc > 0 ? CURLE_OK : (events == POLLIN ? CURLE_RECV_ERROR : CURLE_SEND_ERROR);
 }
 
@@ -58,6 +60,7 @@ struct UpstreamHttp::Connection {
   std::string in;            // bytes received and not yet consumed
   bool wait_first = true;    // nothing buffered: wait before the next read
   int idle_timeout_ms = -1;  // longest wait for the peer
+  int abort_fd = -1;         // readable: give up at once
   ~Connection() {
     if (curl) curl_easy_cleanup(curl);
   }
@@ -69,7 +72,7 @@ struct UpstreamHttp::Connection {
       std::size_t n = 0;
       CURLcode rc = curl_easy_send(curl, data.data() + done, data.size() - done, &n);
       if (rc == CURLE_AGAIN) {
-        if (int w = wait_for(fd, POLLOUT, idle_timeout_ms); w != CURLE_OK) return w;
+        if (int w = wait_for(fd, POLLOUT, idle_timeout_ms, abort_fd); w != CURLE_OK) return w;
         continue;
       }
       if (rc != CURLE_OK) return rc;
@@ -86,7 +89,7 @@ struct UpstreamHttp::Connection {
     eof = false;
     while (true) {
       if (wait_first) {
-        if (int w = wait_for(fd, POLLIN, idle_timeout_ms); w != CURLE_OK) return w;
+        if (int w = wait_for(fd, POLLIN, idle_timeout_ms, abort_fd); w != CURLE_OK) return w;
       }
       std::size_t n = 0;
       CURLcode rc = curl_easy_recv(curl, buf, sizeof buf, &n);
@@ -146,6 +149,7 @@ std::unique_ptr<UpstreamHttp::Connection> UpstreamHttp::take_idle_() {
 std::unique_ptr<UpstreamHttp::Connection> UpstreamHttp::connect_(int& code) const {
   auto c = std::make_unique<Connection>();
   c->idle_timeout_ms = static_cast<int>(idle_timeout_.count());
+  c->abort_fd = abort_fd_.load();
   c->curl = curl_easy_init();
   if (!c->curl) {
     code = CURLE_FAILED_INIT;

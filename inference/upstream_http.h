@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -45,6 +46,11 @@ class UpstreamHttp {
   Reply post(std::string_view path, std::string_view content_type, std::string_view accept,
              std::string_view body, const StatusSink& on_status, const BodySink& on_body);
 
+  // Once `fd` (borrowed, may be -1) is readable, transfers in progress and
+  // later ones fail at once with CURLE_ABORTED_BY_CALLBACK: the node is
+  // shutting down.
+  void set_abort_fd(int fd) { abort_fd_ = fd; }
+
   // Idle connections kept for reuse (for tests).
   std::size_t idle_connections() const;
 
@@ -62,6 +68,7 @@ class UpstreamHttp {
   std::string host_;    // the Host header
   std::string prefix_;  // path of the base URL, without a trailing slash
   std::chrono::milliseconds idle_timeout_;
+  std::atomic<int> abort_fd_{-1};
   mutable std::mutex mu_;  // guards idle_
   std::vector<std::unique_ptr<Connection>> idle_;
 };

@@ -4,7 +4,9 @@
 #include <nlohmann/json.hpp>
 
 #include "base/json.h"
+#include "base/access.h"
 #include "base/reply.h"
+#include "kernel/syscall_access.h"
 #include "base/text.h"
 #include "identity/identity_registry.h"
 #include "kernel/kernel.h"
@@ -17,10 +19,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-void reply(Response& res, const Json& body, int status = 200) {
-  res.status = status;
-  res.body = body.dump();
-}
+using base::reply;
 
 HealthStatus safe_health(ModuleBase& module) {
   try {
@@ -91,13 +90,18 @@ void Kernel::register_builtin_routes() {
 
   gateway_.route("GET", "/api/v1/kernel/stats", [this](const Request&, Response& res) {
     auto& registry = obs::MetricsRegistry::instance();
-    reply(res, {{"requests_total", registry.counter("ostrel_requests_total").value()},
-                {"errors_total", registry.counter("ostrel_requests_failed_total").value()},
+    auto count = [&](const char* name) {
+      return static_cast<std::uint64_t>(registry.counter(name).value());
+    };
+    reply(res, {{"requests_total", count("ostrel_requests_total")},
+                {"errors_total", count("ostrel_requests_failed_total")},
                 {"modules", modules_.size()},
                 {"node_id", config_.node_id}});
   });
 
   gateway_.route("GET", "/api/v1/kernel/config", [this](const Request& req, Response& res) {
+    // Module settings may hold credentials.
+    if (!require_admin(req, res)) return;
     std::string name = req.param("module");
     for (const auto& m : modules_) {
       if (m.definition.name != name) continue;
@@ -134,16 +138,16 @@ void Kernel::register_builtin_routes() {
       return;
     }
     Json args = body.value("args", Json::object());
+    if (!authorize_syscall(req, syscall, args, res)) return;
     SyscallResult r;
     try {
-      r = syscalls_.call(self, syscall, args.dump());
+      r = syscalls_.call(self, syscall, base::dump_json(args));
     } catch (const std::exception& e) {
-      r = SyscallResult::failure("internal");
-      r.body = Json{{"error", "internal"}, {"message", e.what()}}.dump();
+      r = base::syscall_error("internal", base::client_safe_what(e));
     }
     // The result body is JSON text; a handler that returned something else
     // still gets a well-formed answer, with its text as a string.
-    Json result = Json::parse(r.body, nullptr, false);
+    Json result = base::parse_json(r.body);
     if (result.is_discarded()) result = r.body;
     reply(res, {{"name", syscall}, {"status", r.status}, {"body", result}});
   });
@@ -169,8 +173,9 @@ void Kernel::register_builtin_routes() {
           res.error(400, "missing_topic");
           return;
         }
+        if (!authorize_publish(req, topic->get<std::string>(), res)) return;
         Json payload = body.value("payload", Json::object());
-        std::size_t notified = bus_.publish(self, topic->get<std::string>(), payload.dump());
+        std::size_t notified = bus_.publish(self, topic->get<std::string>(), base::dump_json(payload));
         reply(res, {{"topic", *topic}, {"subscribers_notified", notified}});
       });
 }

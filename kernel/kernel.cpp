@@ -81,6 +81,14 @@ bool Kernel::boot() {
   if (const char* threads = std::getenv("OSTREL_ULVO_HTTP_THREADS"); threads && *threads) {
     gateway_.set_worker_threads(std::atoi(threads));
   }
+  // At stop, requests in progress get a few seconds; then the modules are
+  // told to end long work (upstream calls, streams) before the rest is cut.
+  const int drain_s = std::max(0, std::atoi(env_or("OSTREL_ULVO_DRAIN_TIMEOUT_S", "5").c_str()));
+  gateway_.set_drain(std::chrono::seconds(drain_s), [this, drain_s] {
+    logger_.warn("drain: requests still running after " + std::to_string(drain_s) +
+                 "s — ending them");
+    bus_.publish(identity::kKernelSource, "kernel.draining", "{}");
+  });
   if (!gateway_.start(config_.bind, config_.port)) {
     logger_.error("gateway failed to bind " + config_.bind + ":" + std::to_string(config_.port));
     return false;
@@ -319,9 +327,22 @@ void Kernel::run_self_health_() {
   constexpr int kStrikes = 2;
   int failures = 0;
   std::string host = probe_host_for(config_.bind);
+  std::uint64_t finished = gateway_.requests_finished();
   while (sleep_unless_stopping_(kPeriod)) {
     if (!running_.load()) continue;  // still booting or already draining
-    if (probe_health(host, gateway_.port(), 5000)) {
+    const std::uint64_t before = finished;
+    const bool answered = probe_health(host, gateway_.port(), 5000);
+    finished = gateway_.requests_finished();
+    if (answered) {
+      failures = 0;
+      continue;
+    }
+    // A gateway that keeps finishing requests is busy, not hung: restarting
+    // it would only drop the work in progress.
+    if (finished > before) {
+      logger_.warn("self-health: GET /health did not answer, but " +
+                   std::to_string(finished - before) +
+                   " request(s) finished since the last probe — busy, not hung");
       failures = 0;
       continue;
     }

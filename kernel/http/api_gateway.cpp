@@ -6,8 +6,11 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <cstdlib>
 
 #include "base/text.h"
+#include "base/json.h"
+#include "base/reply.h"
 #include "kernel/http/http_server.h"
 #include "kernel/obs/metrics.h"
 #include "kernel/obs/telemetry.h"
@@ -130,10 +133,69 @@ std::string bearer_token(const std::string& authorization) {
   return start == std::string::npos ? "" : authorization.substr(start);
 }
 
+std::size_t env_mb(const char* name, std::size_t fallback_mb) {
+  const char* v = std::getenv(name);
+  std::size_t mb = fallback_mb;
+  if (v && *v) {
+    char* end = nullptr;
+    unsigned long n = std::strtoul(v, &end, 10);
+    if (end != v && n > 0) mb = n;
+  }
+  return mb * 1024 * 1024;
+}
+
+// Bytes of request bodies held in memory across all requests at once, so
+// that many large bodies together cannot exhaust the node's memory.
+class BodyBudget {
+ public:
+  explicit BodyBudget(std::size_t limit) : limit_(limit) {}
+  bool reserve(std::size_t n) {
+    std::size_t cur = used_.load(std::memory_order_relaxed);
+    do {
+      if (cur + n > limit_) return false;
+    } while (!used_.compare_exchange_weak(cur, cur + n, std::memory_order_relaxed));
+    return true;
+  }
+  void release(std::size_t n) { used_.fetch_sub(n, std::memory_order_relaxed); }
+
+ private:
+  const std::size_t limit_;
+  std::atomic<std::size_t> used_{0};
+};
+
+// Reservations of one request, released when it is answered.
+struct Reservation {
+  BodyBudget& budget;
+  std::size_t bytes = 0;
+  ~Reservation() { budget.release(bytes); }
+  bool add(std::size_t n) {
+    if (!budget.reserve(n)) return false;
+    bytes += n;
+    return true;
+  }
+};
+
+bool valid_request_text(const Request& req) {
+  if (!text::valid_utf8(req.path)) return false;
+  for (const auto& [k, v] : req.params) {
+    if (!text::valid_utf8(k) || !text::valid_utf8(v)) return false;
+  }
+  return true;
+}
+
+// The first byte that is not white space opens an array or object.
+bool looks_like_json(std::string_view body) {
+  for (char c : body) {
+    if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+    return c == '{' || c == '[';
+  }
+  return false;
+}
+
 bool wants_event_stream(const Request& req) {
   if (req.method != "POST" && req.method != "PUT") return false;
   if (req.header("Accept").find("text/event-stream") == std::string::npos) return false;
-  auto body = nlohmann::json::parse(req.body, nullptr, false);
+  auto body = base::parse_json(req.body);
   if (!body.is_object()) return false;
   auto it = body.find("stream");
   return it != body.end() && it->is_boolean() && it->get<bool>();
@@ -178,6 +240,8 @@ bool is_public_path(std::string_view method, std::string_view path) {
 
 struct ApiGateway::Impl {
   RouteTable routes;
+  const std::size_t max_body = env_mb("OSTREL_ULVO_HTTP_MAX_BODY_MB", 256);
+  mutable BodyBudget body_budget{env_mb("OSTREL_ULVO_HTTP_BODY_BUDGET_MB", 512)};
   // Switched at run time when the node starts enforcing (first user registered).
   std::atomic<AuthMode> auth_mode{AuthMode::off};
   // Hooks installed during boot, before the server starts; read-only afterwards.
@@ -186,20 +250,25 @@ struct ApiGateway::Impl {
   SourcePolicy source_policy;
   std::unique_ptr<HttpServer> server;
 
-  void dispatch(Request& req, Response& res, ObsScope& scope) const;
+  void dispatch(Request& req, Response& res, ObsScope& scope, BodySource* body) const;
+  // Reads the body the route takes into req.body (or wires req.body_reader);
+  // false when it answered instead.
+  bool take_body(Request& req, Response& res, const RouteOptions& options, BodySource* body,
+                 Reservation& reservation, bool& consumed) const;
   SourceDecision decide_source(const Request& req) const;
 };
 
 ApiGateway::ApiGateway() : impl_(std::make_unique<Impl>()) {
-  impl_->server =
-      std::make_unique<HttpServer>([this](Request& req, Response& res) { handle(req, res); });
+  impl_->server = std::make_unique<HttpServer>(
+      [this](Request& req, Response& res, BodySource* body) { handle(req, res, body); });
   gateway_metrics();  // the request metrics exist (at zero) before the first request
 }
 
 ApiGateway::~ApiGateway() { stop(); }
 
-bool ApiGateway::route(const std::string& method, const std::string& path, RouteHandler handler) {
-  return impl_->routes.add(method, path, std::move(handler));
+bool ApiGateway::route(const std::string& method, const std::string& path, RouteHandler handler,
+                       RouteOptions options) {
+  return impl_->routes.add(method, path, std::move(handler), options);
 }
 
 std::vector<RouteInfo> ApiGateway::routes() const { return impl_->routes.routes(); }
@@ -213,6 +282,11 @@ void ApiGateway::set_node_token_verifier(NodeTokenVerifier v) {
 }
 void ApiGateway::set_source_policy(SourcePolicy p) { impl_->source_policy = std::move(p); }
 void ApiGateway::set_worker_threads(int threads) { impl_->server->set_worker_threads(threads); }
+void ApiGateway::set_drain(std::chrono::milliseconds drain, std::function<void()> on_deadline) {
+  impl_->server->set_drain(drain, std::move(on_deadline));
+}
+std::uint64_t ApiGateway::requests_finished() const { return impl_->server->requests_finished(); }
+std::size_t ApiGateway::max_body_bytes() const { return impl_->max_body; }
 
 bool ApiGateway::start(const std::string& bind, std::uint16_t port) {
   return impl_->server->start(bind, port);
@@ -230,7 +304,7 @@ SourceDecision ApiGateway::Impl::decide_source(const Request& req) const {
   return d;
 }
 
-void ApiGateway::handle(Request& req, Response& res) const {
+void ApiGateway::handle(Request& req, Response& res, BodySource* body) const {
   ObsScope scope(gateway_metrics(), res);
   if (!is_untraced(req.path)) {
     std::optional<obs::SpanContext> parent = obs::parse_traceparent(req.header("traceparent"));
@@ -247,12 +321,19 @@ void ApiGateway::handle(Request& req, Response& res) const {
   }
 
   try {
-    impl_->dispatch(req, res, scope);
+    impl_->dispatch(req, res, scope, body);
+  } catch (const nlohmann::json::exception&) {
+    // A member of the wrong type in a body the handler read: bad input.
+    res = Response{};
+    res.status = 400;
+    res.body = "{\"error\":\"invalid_field\",\"message\":\"a JSON value has an unexpected type\"}";
   } catch (const std::exception& e) {
     res = Response{};
     res.status = 500;
-    // The exception text goes in as it is, unescaped.
-    res.body = std::string("{\"error\":\"internal\",\"message\":\"") + e.what() + "\"}";
+    // The exception text goes in as it is, unescaped; library texts that
+    // would name host paths are replaced by their kind.
+    res.body = std::string("{\"error\":\"internal\",\"message\":\"") + base::client_safe_what(e) +
+               "\"}";
   } catch (...) {
     res = Response{};
     res.status = 500;
@@ -268,7 +349,24 @@ void ApiGateway::handle(Request& req, Response& res) const {
   if (scope.span) res.headers["traceparent"] = obs::format_traceparent(scope.span->context());
 }
 
-void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope) const {
+void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
+                               BodySource* body) const {
+  // Whatever the answer, a body left unread on the connection means the
+  // connection cannot carry another request.
+  bool consumed = body == nullptr || !body->present;
+  struct CloseUnlessConsumed {
+    Response& res;
+    const bool& consumed;
+    ~CloseUnlessConsumed() {
+      if (!consumed) res.headers["Connection"] = "close";
+    }
+  } close_guard{res, consumed};
+
+  if (!valid_request_text(req)) {
+    res.error(400, "invalid_utf8", "the path or a query value is not valid UTF-8");
+    return;
+  }
+
   // Node-to-node calls: an accepted node token records the peer.
   const std::string& node_token = req.header("X-Ostrel-Node-Token");
   const std::string& node_id = req.header("X-Ostrel-Node-Id");
@@ -341,7 +439,86 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope) co
     return;
   }
   scope.route = match.pattern;
+  Reservation reservation{body_budget};
+  if (!take_body(req, res, *match.options, body, reservation, consumed)) return;
   (*match.handler)(req, res);
+}
+
+bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions& options,
+                                 BodySource* body, Reservation& reservation,
+                                 bool& consumed) const {
+  const std::size_t limit = std::min(options.max_body, max_body);
+  auto too_large = [&] {
+    base::reply(res,
+                {{"error", "payload_too_large"},
+                 {"message", "the request body may not exceed " + std::to_string(limit) +
+                                 " bytes on this route"},
+                 {"limit_bytes", limit}},
+                413);
+    return false;
+  };
+  if (body && body->present) {
+    if (body->multipart) {
+      res.error(415, "unsupported_media_type",
+                "multipart bodies are not accepted; send the content as the request body");
+      return false;
+    }
+    if (!body->chunked && !body->length) {
+      res.error(400, "invalid_content_length");
+      return false;
+    }
+    if (options.stream_body) {
+      // The handler reads it; whether it read all of it decides whether the
+      // connection can go on.
+      req.body_reader = [body, &consumed](const std::function<bool(std::string_view)>& sink) {
+        bool ok = body->read([&sink](const char* data, std::size_t n) {
+          return sink(std::string_view(data, n));
+        });
+        consumed = ok;
+        return ok;
+      };
+      return true;
+    }
+    if (body->length && *body->length > limit) return too_large();
+    if (body->length && !reservation.add(*body->length)) {
+      res.error(503, "server_busy", "too many large request bodies in progress; retry shortly");
+      return false;
+    }
+    if (body->length) req.body.reserve(*body->length);
+    bool over = false, busy = false;
+    bool ok = body->read([&](const char* data, std::size_t n) {
+      if (req.body.size() + n > limit) return !(over = true);
+      if (!body->length && !reservation.add(n)) return !(busy = true);
+      req.body.append(data, n);
+      return true;
+    });
+    if (over) return too_large();
+    if (busy) {
+      res.error(503, "server_busy", "too many large request bodies in progress; retry shortly");
+      return false;
+    }
+    if (!ok) {
+      res.error(400, "bad_request", "the request body could not be read");
+      return false;
+    }
+    consumed = true;
+  } else if (options.stream_body) {
+    // Nothing on the connection (an in-process call): the body is what the
+    // request already holds.
+    req.body_reader = [&req](const std::function<bool(std::string_view)>& sink) {
+      return req.body.empty() || sink(req.body);
+    };
+    return true;
+  } else if (req.body.size() > limit) {
+    return too_large();
+  }
+  if (looks_like_json(req.body) && !base::json_depth_ok(req.body)) {
+    res.error(400, "json_too_deep",
+              "the body nests arrays or objects deeper than " +
+                  std::to_string(base::kMaxJsonDepth) + " levels");
+    return false;
+  }
+  return true;
 }
 
 }  // namespace ostrel::kernel

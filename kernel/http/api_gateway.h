@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -8,6 +9,7 @@
 
 #include "base/types.h"
 #include "identity/source_header.h"
+#include "kernel/http/http_server.h"
 #include "kernel/http/route_table.h"
 
 namespace ostrel::kernel {
@@ -37,7 +39,8 @@ class ApiGateway {
   ApiGateway(const ApiGateway&) = delete;
   ApiGateway& operator=(const ApiGateway&) = delete;
 
-  bool route(const std::string& method, const std::string& path, RouteHandler handler);
+  bool route(const std::string& method, const std::string& path, RouteHandler handler,
+             RouteOptions options = {});
   std::vector<RouteInfo> routes() const;
 
   void set_auth_mode(AuthMode mode);
@@ -49,6 +52,12 @@ class ApiGateway {
 
   // Worker threads of the HTTP server; 0 keeps the default (64).
   void set_worker_threads(int threads);
+  // How stop() drains requests in progress (see HttpServer::set_drain).
+  void set_drain(std::chrono::milliseconds drain, std::function<void()> on_deadline);
+  // Requests answered so far: progress, for the watchdog.
+  std::uint64_t requests_finished() const;
+  // The largest body any route buffers in memory (OSTREL_ULVO_HTTP_MAX_BODY_MB).
+  std::size_t max_body_bytes() const;
 
   // Binds and starts the listen loop on its own thread. Port 0 picks a free
   // port (see port()). False when the address cannot be bound.
@@ -61,7 +70,9 @@ class ApiGateway {
   // The whole dispatch path for one request, without a socket: what start()
   // serves, and what tests and benchmarks can call directly. On return the
   // response is final (status, content type, SSE wrapping done).
-  void handle(Request& request, Response& response) const;
+  // `body`: the request body still on the connection (null when
+  // request.body already holds it, as in tests).
+  void handle(Request& request, Response& response, BodySource* body = nullptr) const;
 
   struct Impl;
 

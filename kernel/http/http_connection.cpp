@@ -29,12 +29,17 @@ void numeric_address(const sockaddr_storage& addr, socklen_t len, std::string& i
 
 }  // namespace
 
-HttpConnection::HttpConnection(int fd, Timeouts timeouts)
-    : fd_(fd), timeouts_(timeouts), in_(new char[kReadBuffer]) {}
+HttpConnection::HttpConnection(int fd, Timeouts timeouts, std::string buffered)
+    : fd_(fd), timeouts_(timeouts), in_(new char[kReadBuffer]), preread_(std::move(buffered)) {}
 
 HttpConnection::Wait HttpConnection::wait_for_request(
     std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd) {
-  if (in_begin_ < in_end_) return Wait::request;
+  if (in_begin_ < in_end_ || preread_pos_ < preread_.size()) return Wait::request;
+  return wait_readable(deadline, wake_fd, yield_fd);
+}
+
+HttpConnection::Wait HttpConnection::wait_readable(std::chrono::steady_clock::time_point deadline,
+                                                   int wake_fd, int yield_fd) {
   // poll ignores the entries whose fd is negative.
   pollfd fds[3] = {{fd_, POLLIN, 0}, {wake_fd, POLLIN, 0}, {yield_fd, POLLIN, 0}};
   for (;;) {
@@ -64,7 +69,54 @@ bool HttpConnection::wait_(short events, std::chrono::microseconds timeout) cons
 }
 
 bool HttpConnection::is_readable() const {
-  return in_begin_ < in_end_ || wait_(POLLIN, timeouts_.read);
+  return in_begin_ < in_end_ || preread_pos_ < preread_.size() || wait_(POLLIN, timeouts_.read);
+}
+
+bool HttpConnection::fill_available() {
+  // Move what was handed over into the read buffer first, so that one
+  // buffer holds everything unconsumed.
+  if (preread_pos_ < preread_.size()) {
+    std::string rest = take_unread();
+    if (rest.size() > kReadBuffer) return false;  // cannot happen: heads are bounded
+    std::memcpy(in_.get(), rest.data(), rest.size());
+    in_begin_ = 0;
+    in_end_ = rest.size();
+  } else if (in_begin_ > 0) {
+    std::memmove(in_.get(), in_.get() + in_begin_, in_end_ - in_begin_);
+    in_end_ -= in_begin_;
+    in_begin_ = 0;
+  }
+  while (in_end_ < kReadBuffer) {
+    ssize_t n = ::recv(fd_, in_.get() + in_end_, kReadBuffer - in_end_, MSG_DONTWAIT);
+    if (n > 0) {
+      in_end_ += static_cast<size_t>(n);
+      continue;
+    }
+    if (n == 0) return false;
+    if (errno == EINTR) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+  }
+  return true;
+}
+
+bool HttpConnection::head_buffered() const {
+  auto has_end = [](std::string_view b) {
+    return b.find("\n\r\n") != std::string_view::npos || b.find("\n\n") != std::string_view::npos;
+  };
+  if (preread_pos_ < preread_.size()) {
+    return has_end(std::string_view(preread_).substr(preread_pos_));
+  }
+  return has_end(std::string_view(in_.get() + in_begin_, in_end_ - in_begin_));
+}
+
+std::string HttpConnection::take_unread() {
+  std::string out;
+  if (preread_pos_ < preread_.size()) out.assign(preread_, preread_pos_);
+  preread_.clear();
+  preread_pos_ = 0;
+  out.append(in_.get() + in_begin_, in_end_ - in_begin_);
+  in_begin_ = in_end_ = 0;
+  return out;
 }
 
 bool HttpConnection::is_writable() const {
@@ -102,6 +154,17 @@ ssize_t HttpConnection::recv_(char* ptr, size_t size) {
 }
 
 ssize_t HttpConnection::read(char* ptr, size_t size) {
+  if (preread_pos_ < preread_.size()) {
+    size_t n = std::min(size, preread_.size() - preread_pos_);
+    if (in_request_head_ && !count_head_(preread_.data() + preread_pos_, n)) return -1;
+    std::memcpy(ptr, preread_.data() + preread_pos_, n);
+    preread_pos_ += n;
+    if (preread_pos_ == preread_.size()) {
+      preread_.clear();
+      preread_pos_ = 0;
+    }
+    return static_cast<ssize_t>(n);
+  }
   if (in_begin_ == in_end_) {
     // The client may be waiting for what is held (an interim "100 Continue").
     if (!flush()) return -1;
@@ -139,6 +202,11 @@ bool HttpConnection::count_head_(const char* ptr, size_t n) {
 
 ssize_t HttpConnection::write(const char* ptr, size_t size) {
   if (failed_) return -1;
+  // An interim answer ("100 Continue") leaves at once: the client waits for
+  // it before it sends the body. It is not the response head.
+  if (next_write_is_head_ && size >= 10 && std::string_view(ptr, 10) == "HTTP/1.1 1") {
+    return send_all_(ptr, size, nullptr, 0) ? static_cast<ssize_t>(size) : -1;
+  }
   if (next_write_is_head_) {
     next_write_is_head_ = false;
     closing_ = std::string_view(ptr, size).find("\r\nConnection: close\r\n") != std::string::npos;

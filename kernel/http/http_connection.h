@@ -32,7 +32,9 @@ class HttpConnection final : public httplib::Stream {
     std::chrono::microseconds request_head{std::chrono::seconds(30)};
   };
 
-  HttpConnection(int fd, Timeouts timeouts);
+  // `buffered`: bytes already read from the socket (the request head the
+  // acceptor collected), served before anything new is read.
+  HttpConnection(int fd, Timeouts timeouts, std::string buffered = {});
 
   enum class Wait {
     request,   // bytes of a request are buffered or have arrived
@@ -44,6 +46,20 @@ class HttpConnection final : public httplib::Stream {
   // Waits until `deadline` for the first bytes of the next request, or for
   // one of the two fds (each may be -1) to become readable.
   Wait wait_for_request(std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd);
+
+  // Waits until `deadline` for the socket or one of the fds (each may be -1)
+  // to become readable, whatever is already buffered.
+  Wait wait_readable(std::chrono::steady_clock::time_point deadline, int wake_fd, int yield_fd);
+
+  // Reads what the socket has now, without waiting; false when the peer
+  // closed or the socket failed.
+  bool fill_available();
+
+  // A whole request head (up to its blank line) is buffered.
+  bool head_buffered() const;
+
+  // Bytes read from the socket and not yet consumed (taken out).
+  std::string take_unread();
 
   // The most bytes a request head (request line and headers) may take; a
   // longer one (or one slower than Timeouts::request_head) fails to read,
@@ -93,6 +109,8 @@ class HttpConnection final : public httplib::Stream {
   int fd_;
   Timeouts timeouts_;
   std::unique_ptr<char[]> in_;  // bytes read from the socket: [in_begin_, in_end_) unconsumed
+  std::string preread_;         // bytes handed over at construction, served first
+  size_t preread_pos_ = 0;
   size_t in_begin_ = 0;
   size_t in_end_ = 0;
   bool in_request_head_ = false;  // reading the request head: counted and bounded

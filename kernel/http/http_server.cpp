@@ -1,8 +1,8 @@
 #include "kernel/http/http_server.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/eventfd.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,10 +11,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
-#include <thread>
 
-#include "kernel/http/connection_pool.h"
+#include "kernel/http/connection_hub.h"
 #include "kernel/http/http_connection.h"
 
 namespace ostrel::kernel {
@@ -23,130 +23,36 @@ namespace {
 constexpr int kDefaultWorkerThreads = 64;
 constexpr int kListenBacklog = 1024;
 constexpr size_t kKeepAliveMaxCount = 10000;
-constexpr time_t kKeepAliveTimeoutSec = 5;
-constexpr size_t kDefaultMaxBodyMb = 256;
-// How long an answered connection must stay quiet before it may give its
-// thread to a connection that waits for one.
-constexpr std::chrono::milliseconds kIdleBeforeYield{100};
+constexpr auto kDefaultDrain = std::chrono::seconds(5);
 
-// The connection the current server thread is answering: a streamed body
-// flushes the held response head through it before its producer starts, so a
-// client sees the head even while the first piece is slow to come.
+// The connection the current worker is answering: a streamed body flushes the
+// held response head through it before its producer starts, so a client sees
+// the head even while the first piece is slow to come.
 thread_local HttpConnection* t_connection = nullptr;
 
-// The library's server with its connection loop replaced: one HttpConnection
-// per connection for its whole life (pipelined bytes survive, the response head
-// leaves with the body, the peer address is looked up once), and idle
-// keep-alive connections sleep in one poll that stop() can interrupt instead of
-// waking every few milliseconds, and that ends when a new connection needs
-// their thread (ConnectionPool).
-class ListeningServer : public httplib::Server {
+std::size_t env_size(const char* name, std::size_t fallback) {
+  const char* v = std::getenv(name);
+  if (!v || !*v) return fallback;
+  char* end = nullptr;
+  unsigned long long n = std::strtoull(v, &end, 10);
+  return (end != v && *end == '\0' && n > 0) ? static_cast<std::size_t>(n) : fallback;
+}
+
+// The library's server, used only to parse requests and write responses on
+// connections that the hub hands over.
+class ParsingServer : public httplib::Server {
  public:
-  explicit ListeningServer(std::size_t threads)
-      : wake_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    new_task_queue = [this, threads] {
-      auto* pool = new ConnectionPool(threads);
-      pool_ = pool;
-      return pool;
-    };
+  ParsingServer() {
+    set_keep_alive_max_count(kKeepAliveMaxCount);
+    set_keep_alive_timeout(5);
   }
-  ~ListeningServer() override {
-    if (wake_fd_ >= 0) ::close(wake_fd_);
+  bool serve_request(HttpConnection& conn, bool close, bool& closed) {
+    return process_request(conn, close, closed, nullptr);
   }
-
-  // The listening socket is a protected member of the library's server.
-  void raise_backlog(int backlog) {
-    socket_t fd = svr_sock_;
-    if (fd != INVALID_SOCKET) ::listen(fd, backlog);
-  }
-
-  // Ends every connection that is waiting for its next request (the eventfd
-  // stays readable), so that stopping does not wait out keep-alive timeouts.
-  void wake_idle_connections() {
-    if (wake_fd_ < 0) return;
-    std::uint64_t one = 1;
-    [[maybe_unused]] ssize_t n = ::write(wake_fd_, &one, sizeof one);
-  }
-
- private:
-  bool process_and_close_socket(socket_t sock) override {
-    using std::chrono::microseconds;
-    HttpConnection conn(sock, {microseconds(read_timeout_sec_ * 1000000 + read_timeout_usec_),
-                               microseconds(write_timeout_sec_ * 1000000 + write_timeout_usec_)});
-    struct Current {
-      explicit Current(HttpConnection* c) { t_connection = c; }
-      ~Current() { t_connection = nullptr; }
-    } current(&conn);
-    bool ok = false;
-    // Jobs run only while the listen loop owns the pool.
-    ConnectionPool* pool = pool_;
-    for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
-      if (!wait_for_request_(conn, pool, left < keep_alive_max_count_)) break;
-      bool closed = false;
-      conn.begin_request();
-      ok = process_request(conn, left == 1, closed, nullptr);
-      ok = conn.flush() && ok;
-      if (!ok || closed || conn.closing()) break;
-    }
-    ::shutdown(sock, SHUT_RDWR);
-    ::close(sock);
-    return ok;
-  }
-
-  // Waits for the connection's next request. One that has been answered and
-  // then stayed quiet for kIdleBeforeYield may hand its thread to a waiting
-  // connection; a busy client (requests back to back) keeps its thread, and a
-  // new connection keeps it until its first request is served.
-  bool wait_for_request_(HttpConnection& conn, ConnectionPool* pool, bool may_yield) {
-    using Wait = HttpConnection::Wait;
-    const auto now = std::chrono::steady_clock::now();
-    const auto deadline = now + std::chrono::seconds(keep_alive_timeout_sec_);
-    if (may_yield && pool && pool->yield_fd() >= 0) {
-      auto quiet_until = std::min(deadline, now + kIdleBeforeYield);
-      switch (conn.wait_for_request(quiet_until, wake_fd_, -1)) {
-        case Wait::request:
-          return true;
-        case Wait::woken:
-          return false;
-        default:
-          break;  // quiet so far
-      }
-      for (;;) {
-        switch (conn.wait_for_request(deadline, wake_fd_, pool->yield_fd())) {
-          case Wait::request:
-            return true;
-          case Wait::ended:
-          case Wait::woken:
-            return false;
-          case Wait::yield_fd:
-            if (pool->claim_yield()) return false;
-            break;  // another connection yielded: keep waiting
-        }
-      }
-    }
-    return conn.wait_for_request(deadline, wake_fd_, -1) == Wait::request;
-  }
-
-  const int wake_fd_;
-  std::atomic<ConnectionPool*> pool_{nullptr};  // set when the listen loop makes its pool
+  // The library ends streamed bodies when its listening socket is gone; the
+  // hub owns the real one, so this only marks the server as live.
+  void set_live(bool live) { svr_sock_ = live ? 0 : INVALID_SOCKET; }
 };
-
-void socket_options(socket_t fd) {
-  int yes = 1;
-  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-}
-
-size_t max_body_bytes() {
-  const char* v = std::getenv("OSTREL_ULVO_HTTP_MAX_BODY_MB");
-  size_t mb = kDefaultMaxBodyMb;
-  if (v && *v) {
-    char* end = nullptr;
-    unsigned long n = std::strtoul(v, &end, 10);
-    if (end != v && n > 0) mb = n;
-  }
-  return mb * 1024 * 1024;
-}
 
 Request to_request(const httplib::Request& in) {
   Request req;
@@ -165,6 +71,31 @@ Request to_request(const httplib::Request& in) {
   }
   for (const auto& [name, value] : in.params) req.params.try_emplace(name, value);
   return req;
+}
+
+std::optional<std::uint64_t> content_length(const httplib::Request& in) {
+  if (!in.has_header("Content-Length")) return std::nullopt;
+  const std::string v = in.get_header_value("Content-Length");
+  if (v.empty() || v.size() > 19 || !std::all_of(v.begin(), v.end(), ::isdigit)) {
+    return std::nullopt;
+  }
+  return std::strtoull(v.c_str(), nullptr, 10);
+}
+
+BodySource body_source(const httplib::Request& in, const httplib::ContentReader& reader) {
+  BodySource body;
+  body.length = content_length(in);
+  const std::string te = in.get_header_value("Transfer-Encoding");
+  body.chunked = te.find("chunked") != std::string::npos;
+  body.multipart = in.is_multipart_form_data();
+  // A request without Content-Length or chunked framing has no body: it is
+  // not read to the end of the connection.
+  body.present = body.chunked || in.has_header("Content-Length");
+  if (body.length && *body.length == 0 && !body.chunked) body.present = false;
+  body.read = [&reader](const std::function<bool(const char*, std::size_t)>& sink) {
+    return reader([&sink](const char* data, std::size_t n) { return sink(data, n); });
+  };
+  return body;
 }
 
 constexpr std::string_view kLastEvent = "data: [DONE]\n\n";
@@ -198,17 +129,146 @@ void write_response(Response& res, httplib::Response& out) {
   });
 }
 
+int open_listener(const std::string& bind, std::uint16_t port, std::uint16_t& bound) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* res = nullptr;
+  const std::string service = std::to_string(port);
+  if (::getaddrinfo(bind.empty() ? nullptr : bind.c_str(), service.c_str(), &hints, &res) != 0) {
+    return -1;
+  }
+  int fd = -1;
+  for (addrinfo* ai = res; ai && fd < 0; ai = ai->ai_next) {
+    fd = ::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, ai->ai_protocol);
+    if (fd < 0) continue;
+    int yes = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    if (::bind(fd, ai->ai_addr, ai->ai_addrlen) != 0 || ::listen(fd, kListenBacklog) != 0) {
+      ::close(fd);
+      fd = -1;
+    }
+  }
+  ::freeaddrinfo(res);
+  if (fd < 0) return -1;
+  sockaddr_storage addr{};
+  socklen_t len = sizeof addr;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  bound = ntohs(addr.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(addr).sin6_port
+                                           : reinterpret_cast<sockaddr_in&>(addr).sin_port);
+  return fd;
+}
+
+// Room for every connection the node may hold, below the descriptor limit.
+std::size_t default_max_connections() {
+  rlimit lim{};
+  std::size_t fds = 1024;
+  if (::getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur != RLIM_INFINITY) fds = lim.rlim_cur;
+  return std::clamp<std::size_t>(fds > 256 ? fds - 128 : fds / 2, 16, 8192);
+}
+
 }  // namespace
 
 struct HttpServer::Impl {
   Dispatch dispatch;
   int worker_threads = kDefaultWorkerThreads;
-  std::unique_ptr<ListeningServer> server;
-  std::thread listen_thread;
+  std::chrono::milliseconds drain = kDefaultDrain;
+  std::function<void()> on_deadline;
+  std::unique_ptr<ParsingServer> parser;
+  std::unique_ptr<ConnectionHub> hub;
   std::atomic<std::uint16_t> port{0};
-  std::atomic<bool> loop_done{false};  // set when the listen loop has returned
-  std::mutex lifecycle_mu;             // serialises start() and stop()
+  mutable std::mutex lifecycle_mu;  // serialises start() and stop(); guards hub
+
+  ConnectionHub::Outcome serve(ConnectionHub::Job& job);
+  void install_handlers();
 };
+
+ConnectionHub::Outcome HttpServer::Impl::serve(ConnectionHub::Job& job) {
+  using Outcome = ConnectionHub::Outcome;
+  using Wait = HttpConnection::Wait;
+  HttpConnection conn(job.fd, {}, std::move(job.buffered));
+  struct Current {
+    explicit Current(HttpConnection* c) { t_connection = c; }
+    ~Current() { t_connection = nullptr; }
+  } current(&conn);
+  for (size_t left = kKeepAliveMaxCount; left > 0; --left) {
+    bool closed = false;
+    conn.begin_request();
+    bool ok = parser->serve_request(conn, left == 1 || hub->stopping(), closed);
+    ok = conn.flush() && ok;
+    hub->request_finished();
+    if (!ok || closed || conn.closing() || hub->stopping()) return Outcome::close;
+    if (conn.head_buffered()) continue;  // pipelined
+    if (job.probe_lane) {
+      job.buffered = conn.take_unread();
+      return Outcome::park;
+    }
+    // Keep the thread for a client that sends its next request at once,
+    // unless a connection waits for a worker.
+    const auto deadline = std::chrono::steady_clock::now() + hub->limits().linger;
+    for (;;) {
+      Wait w = conn.wait_readable(deadline, hub->stop_fd(), hub->busy_fd());
+      if (w == Wait::woken) return Outcome::close;
+      if (w != Wait::request) {
+        job.buffered = conn.take_unread();
+        return Outcome::park;
+      }
+      if (!conn.fill_available()) return Outcome::close;
+      if (conn.head_buffered()) break;
+    }
+  }
+  return Outcome::close;
+}
+
+void HttpServer::Impl::install_handlers() {
+  Dispatch* d = &dispatch;
+  auto handler = [d](const httplib::Request& in, httplib::Response& out) {
+    Request req = to_request(in);
+    Response res;
+    (*d)(req, res, nullptr);
+    write_response(res, out);
+  };
+  // Methods that may carry a body take it through a reader, so the gateway
+  // decides whether and how much of it to read.
+  auto with_body = [d](const httplib::Request& in, httplib::Response& out,
+                       const httplib::ContentReader& reader) {
+    Request req = to_request(in);
+    BodySource body = body_source(in, reader);
+    Response res;
+    (*d)(req, res, &body);
+    write_response(res, out);
+  };
+  const char* kAll = ".*";
+  parser->Get(kAll, handler);
+  parser->Options(kAll, handler);
+  parser->Post(kAll, with_body);
+  parser->Put(kAll, with_body);
+  parser->Patch(kAll, with_body);
+  parser->Delete(kAll, with_body);
+  // Bodies are bounded per route by the gateway.
+  parser->set_payload_max_length(std::numeric_limits<std::size_t>::max());
+
+  // Errors the library answers itself (a malformed request line) still get a
+  // JSON body, and the connection is closed: what follows cannot be trusted
+  // to start a request.
+  parser->set_error_handler([](const httplib::Request&, httplib::Response& out) {
+    if (!out.body.empty()) return;  // the gateway's own answer
+    if (out.status == 400 || out.status == 413 || out.status == 414) {
+      out.set_header("Connection", "close");
+    }
+    const char* code = out.status == 413   ? "payload_too_large"
+                       : out.status == 414 ? "uri_too_long"
+                       : out.status == 404 ? "not_found"
+                                           : "bad_request";
+    out.set_content(std::string("{\"error\":\"") + code + "\"}", "application/json");
+  });
+  parser->set_exception_handler(
+      [](const httplib::Request&, httplib::Response& out, std::exception_ptr) {
+        out.status = 500;
+        out.set_content("{\"error\":\"internal\"}", "application/json");
+      });
+}
 
 HttpServer::HttpServer(Dispatch dispatch) : impl_(std::make_unique<Impl>()) {
   impl_->dispatch = std::move(dispatch);
@@ -220,95 +280,69 @@ void HttpServer::set_worker_threads(int threads) {
   impl_->worker_threads = threads > 0 ? threads : kDefaultWorkerThreads;
 }
 
+void HttpServer::set_drain(std::chrono::milliseconds drain, std::function<void()> on_deadline) {
+  std::lock_guard lock(impl_->lifecycle_mu);
+  impl_->drain = drain;
+  impl_->on_deadline = std::move(on_deadline);
+}
+
 bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   std::lock_guard lock(impl_->lifecycle_mu);
-  if (impl_->server) return false;
-  auto server = std::make_unique<ListeningServer>(static_cast<std::size_t>(impl_->worker_threads));
-  server->set_tcp_nodelay(true);
-  server->set_socket_options(socket_options);
-  server->set_keep_alive_max_count(kKeepAliveMaxCount);
-  server->set_keep_alive_timeout(kKeepAliveTimeoutSec);
-  server->set_payload_max_length(max_body_bytes());
-
-  Dispatch* dispatch = &impl_->dispatch;
-  auto handler = [dispatch](const httplib::Request& in, httplib::Response& out) {
-    Request req = to_request(in);
-    Response res;
-    (*dispatch)(req, res);
-    write_response(res, out);
-  };
-  const char* kAll = ".*";
-  server->Get(kAll, handler);
-  server->Post(kAll, handler);
-  server->Put(kAll, handler);
-  server->Patch(kAll, handler);
-  server->Delete(kAll, handler);
-  server->Options(kAll, handler);
-
-  // Errors the library answers itself (malformed request, body too large)
-  // still get a JSON body. After those the bytes on the connection cannot be
-  // trusted to start a request (an unread body), so it is closed.
-  server->set_error_handler([](const httplib::Request&, httplib::Response& out) {
-    if (!out.body.empty()) return;  // the gateway's own answer
-    if (out.status == 400 || out.status == 413 || out.status == 414) {
-      out.set_header("Connection", "close");
-    }
-    const char* code = out.status == 413   ? "payload_too_large"
-                       : out.status == 414 ? "uri_too_long"
-                       : out.status == 404 ? "not_found"
-                                           : "bad_request";
-    out.set_content(std::string("{\"error\":\"") + code + "\"}", "application/json");
-  });
-  server->set_exception_handler(
-      [](const httplib::Request&, httplib::Response& out, std::exception_ptr) {
-        out.status = 500;
-        out.set_content("{\"error\":\"internal\"}", "application/json");
-      });
-
-  int bound = 0;
-  if (port == 0) {
-    bound = server->bind_to_any_port(bind);
-    if (bound <= 0) return false;
-  } else {
-    if (!server->bind_to_port(bind, port)) return false;
-    bound = port;
+  if (impl_->hub) return false;
+  std::uint16_t bound = 0;
+  int fd = open_listener(bind, port, bound);
+  if (fd < 0) return false;
+  if (!impl_->parser) {
+    impl_->parser = std::make_unique<ParsingServer>();
+    impl_->install_handlers();
   }
-  server->raise_backlog(kListenBacklog);
-  impl_->port = static_cast<std::uint16_t>(bound);
-  ListeningServer* raw = server.get();
-  impl_->server = std::move(server);
-  impl_->loop_done = false;
-  impl_->listen_thread = std::thread([this, raw] {
-    raw->listen_after_bind();
-    impl_->loop_done = true;
-  });
-  // stop() only interrupts a loop that is already running; wait for it so that
-  // a stop right after start cannot miss it and leave the join hanging.
-  while (!raw->is_running() && !impl_->loop_done) {
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
-  }
-  if (impl_->loop_done) {
-    impl_->listen_thread.join();
-    impl_->server.reset();
+  ConnectionHub::Limits limits;
+  limits.workers = static_cast<std::size_t>(impl_->worker_threads);
+  limits.max_connections = env_size("OSTREL_ULVO_HTTP_MAX_CONNECTIONS", default_max_connections());
+  limits.max_per_client = env_size("OSTREL_ULVO_HTTP_MAX_CONN_PER_CLIENT", 512);
+  limits.head_timeout =
+      std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_HEAD_TIMEOUT_S", 10));
+  Impl* impl = impl_.get();
+  auto hub = std::make_unique<ConnectionHub>(
+      limits, [impl](ConnectionHub::Job& job) { return impl->serve(job); });
+  impl_->hub = std::move(hub);
+  if (!impl_->hub->start(fd)) {
+    impl_->hub.reset();
+    ::close(fd);
     return false;
   }
+  impl_->parser->set_live(true);
+  impl_->port = bound;
   return true;
 }
 
 void HttpServer::stop() {
+  std::unique_ptr<ConnectionHub> hub;
+  std::chrono::milliseconds drain;
+  std::function<void()> on_deadline;
+  {
+    std::lock_guard lock(impl_->lifecycle_mu);
+    if (!impl_->hub) return;
+    drain = impl_->drain;
+    on_deadline = impl_->on_deadline;
+  }
+  // Not under lifecycle_mu: the workers finishing their requests may ask
+  // running() meanwhile.
+  impl_->hub->stop(drain, on_deadline);
   std::lock_guard lock(impl_->lifecycle_mu);
-  if (!impl_->server) return;
-  impl_->server->wake_idle_connections();
-  impl_->server->stop();
-  if (impl_->listen_thread.joinable()) impl_->listen_thread.join();
-  impl_->server.reset();
+  hub = std::move(impl_->hub);
 }
 
 std::uint16_t HttpServer::port() const { return impl_->port; }
 
 bool HttpServer::running() const {
   std::lock_guard lock(impl_->lifecycle_mu);
-  return impl_->server != nullptr;
+  return impl_->hub != nullptr && !impl_->hub->stopping();
+}
+
+std::uint64_t HttpServer::requests_finished() const {
+  std::lock_guard lock(impl_->lifecycle_mu);
+  return impl_->hub ? impl_->hub->requests_finished() : 0;
 }
 
 }  // namespace ostrel::kernel

@@ -1,24 +1,37 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/types.h"
 
 namespace ostrel::kernel {
 
-// The embedded HTTP server (cpp-httplib) behind the gateway: one catch-all
-// route per method that turns the library's request into a `Request`, calls the
-// dispatch function and writes the `Response` back (streamed bodies through a
-// chunked provider). Sockets get TCP_NODELAY. Each open connection holds one
-// worker thread; when all are taken, a connection idling between requests
-// gives its thread to the newcomer. Owns the listen thread and joins it in
-// stop().
+// A request body still on the connection. The gateway reads it only after
+// the request was admitted and its route found, and never past the route's
+// limit.
+struct BodySource {
+  bool present = false;                 // the request carries a body
+  bool chunked = false;                 // Transfer-Encoding: chunked
+  bool multipart = false;               // multipart/form-data
+  std::optional<std::uint64_t> length;  // Content-Length, when given and valid
+  // Hands the body to `sink` piece by piece; false when the client failed,
+  // the framing was bad or the sink returned false.
+  std::function<bool(const std::function<bool(const char*, std::size_t)>& sink)> read;
+};
+
+// The embedded HTTP server behind the gateway. cpp-httplib parses requests
+// and writes responses; the connections themselves live in a ConnectionHub
+// (one acceptor holding waiting connections in epoll, workers serving
+// complete requests), so idle and slow clients cost no threads. Sockets get
+// TCP_NODELAY. Owns the hub and joins its threads in stop().
 class HttpServer {
  public:
-  using Dispatch = std::function<void(Request&, Response&)>;
+  using Dispatch = std::function<void(Request&, Response&, BodySource*)>;
 
   explicit HttpServer(Dispatch dispatch);
   ~HttpServer();
@@ -26,10 +39,15 @@ class HttpServer {
   HttpServer& operator=(const HttpServer&) = delete;
 
   void set_worker_threads(int threads);
+  // How stop() drains: requests in progress get `drain`; then `on_deadline`
+  // runs (it should end long work) and what remains is cut a second later.
+  void set_drain(std::chrono::milliseconds drain, std::function<void()> on_deadline);
   bool start(const std::string& bind, std::uint16_t port);
   void stop();
   std::uint16_t port() const;
   bool running() const;
+  // Requests answered so far (any status): progress, for the watchdog.
+  std::uint64_t requests_finished() const;
 
  private:
   struct Impl;

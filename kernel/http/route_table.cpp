@@ -20,7 +20,8 @@ bool RouteTable::Wildcard::matches(std::string_view path) const {
   return middle.find('/') == std::string_view::npos;
 }
 
-bool RouteTable::add(const std::string& method, const std::string& pattern, RouteHandler handler) {
+bool RouteTable::add(const std::string& method, const std::string& pattern, RouteHandler handler,
+                     RouteOptions options) {
   size_t stars = std::count(pattern.begin(), pattern.end(), '*');
   size_t star = pattern.find('*');
   std::unique_lock lock(mu_);
@@ -28,16 +29,17 @@ bool RouteTable::add(const std::string& method, const std::string& pattern, Rout
     for (const auto& w : prefixes_) {
       if (w.method == method && w.pattern == pattern) return false;
     }
-    prefixes_.push_back({method, pattern.substr(0, star), "", pattern, std::move(handler)});
+    prefixes_.push_back(
+        {method, pattern.substr(0, star), "", pattern, std::move(handler), options});
   } else if (stars == 1 && star > 0) {
     for (const auto& w : mids_) {
       if (w.method == method && w.pattern == pattern) return false;
     }
-    mids_.push_back(
-        {method, pattern.substr(0, star), pattern.substr(star + 1), pattern, std::move(handler)});
+    mids_.push_back({method, pattern.substr(0, star), pattern.substr(star + 1), pattern,
+                     std::move(handler), options});
   } else {
     // No "*", a leading lone "*", or several: matched literally.
-    if (!exact_.try_emplace(Key{method, pattern}, Exact{pattern, std::move(handler)}).second) {
+    if (!exact_.try_emplace(Key{method, pattern}, Exact{pattern, std::move(handler), options}).second) {
       return false;
     }
   }
@@ -47,7 +49,7 @@ bool RouteTable::add(const std::string& method, const std::string& pattern, Rout
 
 RouteTable::Match RouteTable::find_locked_(std::string_view method, std::string_view path) const {
   auto it = exact_.find(KeyView{method, path});
-  if (it != exact_.end()) return {&it->second.handler, &it->second.pattern};
+  if (it != exact_.end()) return {&it->second.handler, &it->second.pattern, &it->second.options};
 
   const Wildcard* best = nullptr;
   size_t best_len = 0;
@@ -62,7 +64,7 @@ RouteTable::Match RouteTable::find_locked_(std::string_view method, std::string_
   for (const auto& w : mids_) consider(w);
   for (const auto& w : prefixes_) consider(w);
   if (!best) return {};
-  return {&best->handler, &best->pattern};
+  return {&best->handler, &best->pattern, &best->options};
 }
 
 RouteTable::Match RouteTable::find(std::string_view method, std::string_view path) const {

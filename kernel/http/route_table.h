@@ -14,6 +14,19 @@ namespace ostrel::kernel {
 
 using RouteHandler = std::function<void(const Request&, Response&)>;
 
+// How the gateway takes a route's request body. Bodies are read only after
+// the request was admitted (node token, source policy, credential) and its
+// route found, and never past the route's limit.
+struct RouteOptions {
+  // The largest body kept in memory for the handler (Request::body).
+  static constexpr std::size_t kDefaultMaxBody = 1 << 20;  // JSON control routes
+  static constexpr std::size_t kLargeBody = 16 << 20;      // chat, embeddings, ingest
+  std::size_t max_body = kDefaultMaxBody;
+  // The handler reads the body itself through Request::body_reader (uploads
+  // that go straight to disk); max_body then bounds nothing.
+  bool stream_body = false;
+};
+
 struct RouteInfo {
   std::string method;
   std::string path;  // the pattern as registered
@@ -32,11 +45,13 @@ class RouteTable {
   struct Match {
     const RouteHandler* handler = nullptr;
     const std::string* pattern = nullptr;
+    const RouteOptions* options = nullptr;
     explicit operator bool() const { return handler != nullptr; }
   };
 
   // False (first handler kept) when the method and pattern are taken.
-  bool add(const std::string& method, const std::string& pattern, RouteHandler handler);
+  bool add(const std::string& method, const std::string& pattern, RouteHandler handler,
+           RouteOptions options = {});
   Match find(std::string_view method, std::string_view path) const;
   // Methods under which some route matches `path` (for 405 answers).
   std::vector<std::string> methods_matching(std::string_view path) const;
@@ -68,6 +83,7 @@ class RouteTable {
   struct Exact {
     std::string pattern;
     RouteHandler handler;
+    RouteOptions options;
   };
   struct Wildcard {
     std::string method;
@@ -75,6 +91,7 @@ class RouteTable {
     std::string suffix;  // empty for prefix routes
     std::string pattern;
     RouteHandler handler;
+    RouteOptions options;
     bool matches(std::string_view path) const;
     bool is_mid() const { return !suffix.empty(); }
   };

@@ -204,7 +204,7 @@ TEST(Engine, EngineQueueOverflowIs507) {
   second.join();
 }
 
-TEST(Engine, SessionsKeepHistoryIncludingPartialStreams) {
+TEST(Engine, SessionsKeepAnsweredTurnsOnly) {
   Engine engine;
   engine.register_backend(std::make_shared<EchoBackend>());
   engine.start();
@@ -219,12 +219,16 @@ TEST(Engine, SessionsKeepHistoryIncludingPartialStreams) {
   auto err = engine.stream(req, [&](const ChatChunk&) { return ++chunks < 2; });
   ASSERT_TRUE(err);
   EXPECT_EQ(err->message, "echo: stream aborted by sink");
+  // The stream failed: its turn leaves nothing behind.
   auto session = engine.sessions().get("s1");
   ASSERT_TRUE(session);
-  ASSERT_EQ(session->history.size(), 4u);
+  ASSERT_EQ(session->history.size(), 2u);
   EXPECT_EQ(session->history[1].content, "Echo: one two three");
   EXPECT_EQ(session->history[1].role, "assistant");
-  EXPECT_EQ(session->history[3].content, "Echo: four ");  // the partial text
+  ASSERT_FALSE(engine.stream(req, [](const ChatChunk&) { return true; }));
+  session = engine.sessions().get("s1");
+  ASSERT_EQ(session->history.size(), 4u);
+  EXPECT_EQ(session->history[3].content, "Echo: four five");
 
   SessionStore store(std::chrono::seconds(10));
   auto t0 = SessionStore::Clock::now();
@@ -233,6 +237,7 @@ TEST(Engine, SessionsKeepHistoryIncludingPartialStreams) {
   EXPECT_FALSE(store.get("x", t0 + 16s));  // idle past the TTL
   store.append("x", {Message{}}, t0 + 20s);
   EXPECT_EQ(store.get("x", t0 + 20s)->history.size(), 1u);  // a fresh history
+
   EXPECT_EQ(store.sweep(t0 + 60s), 1u);
 
   // A bounded store drops the least recently used sessions when full.
@@ -258,6 +263,21 @@ TEST(Engine, SessionsKeepHistoryIncludingPartialStreams) {
   EXPECT_TRUE(ttl.get("c", t0 + 12s));
   EXPECT_EQ(ttl.sweep(t0 + 19s), 1u);  // c expires, d stays
   EXPECT_TRUE(ttl.get("d", t0 + 19s));
+  // Memory is bounded by bytes: a session keeps its newest text within its
+  // bound (a message larger than the bound is not kept), and the store drops
+  // its least recently used sessions to stay within its own.
+  SessionStore by_bytes(std::chrono::seconds(60), 1000, 1000, 10000, 1000);
+  const Message big{"user", std::string(2000, 'x'), "", ""};
+  const Message mid{"user", std::string(600, 'y'), "", ""};
+  by_bytes.append("a", {big}, t0);
+  EXPECT_EQ(by_bytes.get("a", t0)->history.size(), 0u);
+  EXPECT_EQ(by_bytes.bytes(), 0u);
+  by_bytes.append("a", {mid, mid}, t0);
+  EXPECT_EQ(by_bytes.get("a", t0)->history.size(), 1u);  // the newest one fits
+  for (int i = 0; i < 30; ++i) by_bytes.append("s" + std::to_string(i), {mid}, t0 + 1s * i);
+  EXPECT_LE(by_bytes.bytes(), 10000u);
+  EXPECT_FALSE(by_bytes.get("a", t0 + 30s));                // the oldest went first
+  EXPECT_TRUE(by_bytes.get("s29", t0 + 30s));
 }
 
 TEST(OllamaBackend, SpeaksTheChatProtocol) {

@@ -35,7 +35,8 @@ class InferenceNode : public ::testing::Test {
     cfg.bind = "127.0.0.1";
     cfg.port = static_cast<std::uint16_t>(testing::free_port());
     cfg.config_overrides = {"inference.ollama_url=" + ollama_.url(),
-                            "inference.health_poll_interval_seconds=3600"};
+                            "inference.health_poll_interval_seconds=3600",
+                            "inference.api_key_env_allowlist=OTHER_KEY, TEST_EMBED_KEY"};
     cfg.config_overrides.insert(cfg.config_overrides.end(), overrides.begin(), overrides.end());
     port_ = cfg.port;
     kernel_ = std::make_unique<kernel::Kernel>(cfg);
@@ -260,6 +261,18 @@ TEST_F(InferenceNode, EmbeddingsOfflineAndThroughLocalBackends) {
       post("/v1/inference/embeddings", {{"model", "e5"}, {"input", "x"}}, 404)["error"]["type"],
       "not_implemented");
 
+  // A backend may only name a key variable the administrator allowed: no
+  // client can make the node send the cluster secret to a server of its own.
+  EXPECT_EQ(post("/api/v1/inference/local-backends",
+                 {{"id", "evil"},
+                  {"provider", "openai"},
+                  {"api_base", "http://127.0.0.1:9/"},
+                  {"api_key_env", "OSTREL_CLUSTER_SECRET"},
+                  {"models", {"e6"}}},
+                 400)["error"]
+                .get<std::string>()
+                .rfind("api_key_env_not_allowed", 0),
+            0u);
   // A local backend whose base ends in "/v1/" and one without a suffix reach the same URL.
   ::setenv("TEST_EMBED_KEY", "sekret", 1);
   Json reg = post("/api/v1/inference/local-backends",

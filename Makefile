@@ -3,6 +3,9 @@
 BUILD_DIR ?= build
 BUILD_TYPE ?= Release
 PORT ?= 8880
+# The node listens on loopback unless told otherwise (BIND=0.0.0.0 exposes it;
+# see README before doing so).
+BIND ?= 127.0.0.1
 DATA_DIR ?= $(CURDIR)/var
 JOBS ?= $(shell nproc)
 # Relative paths in ccache's hashes let fresh clones reuse the cache.
@@ -25,7 +28,8 @@ build: configure
 
 run: build
 	@mkdir -p $(DATA_DIR)
-	$(BUILD_DIR)/ostrel-ulvo --modules-d=$(CURDIR)/modules.d --data-dir=$(DATA_DIR) --port=$(PORT)
+	$(BUILD_DIR)/ostrel-ulvo --modules-d=$(CURDIR)/modules.d --data-dir=$(DATA_DIR) \
+	  --bind=$(BIND) --port=$(PORT) $(RUN_ARGS)
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300

@@ -11,6 +11,7 @@
 #include <random>
 #include <thread>
 
+#include "base/durable_file.h"
 #include "base/encoding.h"
 
 namespace ostrel::clusterfs {
@@ -136,6 +137,11 @@ bool ChunkStore::put(const void* data, std::size_t length, std::string& chunk_id
   }
   if (::rename(tmp.c_str(), final_path.c_str()) != 0) {
     return discard(std::string("rename failed: ") + errno_text());
+  }
+  // The rename itself must survive a crash before the put is acknowledged.
+  if (std::string sync_error; !base::sync_directory(final_path.parent_path(), sync_error)) {
+    error = "sync " + final_path.parent_path().string() + ": " + sync_error;
+    return false;
   }
   written_.fetch_add(1);
   chunk_id = id;

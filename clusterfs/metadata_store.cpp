@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/json.h"
+#include "base/sqlite.h"
 #include "base/encoding.h"
 
 namespace ostrel::clusterfs {
@@ -79,32 +80,7 @@ constexpr const char* kCountChunks = "SELECT COUNT(*) FROM chunks";
 
 #undef OBJECT_COLUMNS
 
-// A prepared statement finalised on every exit path.
-class Stmt {
- public:
-  Stmt(sqlite3* db, const char* sql) { rc_ = sqlite3_prepare_v2(db, sql, -1, &s_, nullptr); }
-  ~Stmt() { sqlite3_finalize(s_); }
-  bool ok() const { return rc_ == SQLITE_OK; }
-  sqlite3_stmt* get() { return s_; }
-  Stmt& text(int i, const std::string& v) {
-    sqlite3_bind_text(s_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
-    return *this;
-  }
-  Stmt& integer(int i, std::int64_t v) {
-    sqlite3_bind_int64(s_, i, v);
-    return *this;
-  }
-  int step() { return sqlite3_step(s_); }
-  std::string col_text(int i) {
-    const unsigned char* t = sqlite3_column_text(s_, i);
-    return t ? std::string(reinterpret_cast<const char*>(t), sqlite3_column_bytes(s_, i)) : "";
-  }
-  std::int64_t col_int(int i) { return sqlite3_column_int64(s_, i); }
-
- private:
-  sqlite3_stmt* s_ = nullptr;
-  int rc_;
-};
+using base::sqlite::Statement;
 
 std::string iso8601(TimePoint t) {
   std::time_t tt = std::chrono::system_clock::to_time_t(t);
@@ -142,29 +118,27 @@ StripeLayout parse_layout(const std::string& text) {
   return l;
 }
 
-ObjectMeta hydrate(Stmt& s) {
+ObjectMeta hydrate(const Statement& s) {
   ObjectMeta m;
-  m.object_id = s.col_text(0);
-  m.tenant_id = s.col_text(1);
-  m.path = s.col_text(2);
-  m.size_bytes = static_cast<std::uint64_t>(s.col_int(3));
-  m.version = s.col_int(4);
-  m.content_type = s.col_text(5);
-  m.tier = static_cast<int>(s.col_int(6));
-  m.layout = parse_layout(s.col_text(7));
-  m.created_at = parse_iso8601(s.col_text(8)).value_or(TimePoint{});
-  m.modified_at = parse_iso8601(s.col_text(9)).value_or(TimePoint{});
-  m.accessed_at = parse_iso8601(s.col_text(10));
-  m.access_count = s.col_int(11);
-  m.attrs_json = s.col_text(12);
+  m.object_id = s.text(0);
+  m.tenant_id = s.text(1);
+  m.path = s.text(2);
+  m.size_bytes = static_cast<std::uint64_t>(s.int64(3));
+  m.version = s.int64(4);
+  m.content_type = s.text(5);
+  m.tier = static_cast<int>(s.int64(6));
+  m.layout = parse_layout(s.text(7));
+  m.created_at = parse_iso8601(s.text(8)).value_or(TimePoint{});
+  m.modified_at = parse_iso8601(s.text(9)).value_or(TimePoint{});
+  m.accessed_at = parse_iso8601(s.text(10));
+  m.access_count = s.int64(11);
+  m.attrs_json = s.text(12);
   return m;
 }
 
 }  // namespace
 
-MetadataStore::~MetadataStore() {
-  if (db_) sqlite3_close(db_);
-}
+MetadataStore::~MetadataStore() = default;
 
 bool MetadataStore::valid_tenant_id(const std::string& id) {
   if (id.size() < 2 || id.size() > 63 || id.front() == '-' || id.back() == '-') return false;
@@ -175,13 +149,7 @@ bool MetadataStore::valid_tenant_id(const std::string& id) {
 }
 
 bool MetadataStore::exec_locked_(const char* sql, std::string& error) {
-  char* msg = nullptr;
-  if (sqlite3_exec(db_, sql, nullptr, nullptr, &msg) != SQLITE_OK) {
-    error = msg ? msg : sqlite3_errmsg(db_);
-    sqlite3_free(msg);
-    return false;
-  }
-  return true;
+  return db_.exec(sql, error);
 }
 
 bool MetadataStore::open(const std::filesystem::path& db, std::string& error) {
@@ -189,40 +157,34 @@ bool MetadataStore::open(const std::filesystem::path& db, std::string& error) {
   if (db_) return true;
   std::error_code ec;
   if (db.has_parent_path()) std::filesystem::create_directories(db.parent_path(), ec);
-  if (sqlite3_open_v2(db.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-      SQLITE_OK) {
-    error = db_ ? sqlite3_errmsg(db_) : "sqlite3_open failed";
-    sqlite3_close(db_);
-    db_ = nullptr;
+  base::sqlite::Connection conn;
+  if (!conn.open(db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error)) return false;
+  sqlite3_busy_timeout(conn.get(), 5000);
+  if (!conn.exec("PRAGMA journal_mode=WAL; PRAGMA foreign_keys=ON; PRAGMA synchronous=NORMAL;",
+                 error) ||
+      !conn.exec(kSchema, error)) {
     return false;
   }
-  sqlite3_busy_timeout(db_, 5000);
-  if (!exec_locked_("PRAGMA journal_mode=WAL; PRAGMA foreign_keys=ON; PRAGMA synchronous=NORMAL;",
-                    error) ||
-      !exec_locked_(kSchema, error)) {
-    sqlite3_close(db_);
-    db_ = nullptr;
-    return false;
-  }
+  db_ = std::move(conn);
   return true;
 }
 
 bool MetadataStore::load_chunks_locked_(ObjectMeta& meta, std::string& error) {
-  Stmt s(db_, kChunks);
-  if (!s.ok()) {
-    error = sqlite3_errmsg(db_);
+  Statement s = db_.prepare(kChunks, prep_error_);
+  if (!s) {
+    error = db_.message();
     return false;
   }
-  s.text(1, meta.object_id);
+  s.bind(1, meta.object_id);
   meta.chunks.clear();
   int rc;
   while ((rc = s.step()) == SQLITE_ROW) {
-    meta.chunks.push_back({s.col_text(0), static_cast<std::uint64_t>(s.col_int(1)),
-                           static_cast<std::uint64_t>(s.col_int(2)),
-                           static_cast<std::uint64_t>(s.col_int(3))});
+    meta.chunks.push_back({s.text(0), static_cast<std::uint64_t>(s.int64(1)),
+                           static_cast<std::uint64_t>(s.int64(2)),
+                           static_cast<std::uint64_t>(s.int64(3))});
   }
   if (rc != SQLITE_DONE) {
-    error = sqlite3_errmsg(db_);
+    error = db_.message();
     return false;
   }
   return true;
@@ -236,8 +198,8 @@ bool MetadataStore::lookup(const std::string& tenant_id, const std::string& path
   }
   std::lock_guard lock(mu_);
   if (!db_) return error = "metadata store not open", false;
-  Stmt s(db_, kLookup);
-  s.text(1, tenant_id).text(2, path);
+  Statement s = db_.prepare(kLookup, prep_error_);
+  s.bind(1, tenant_id).bind(2, path);
   if (s.step() != SQLITE_ROW) {
     error = "no object at " + tenant_id + ":" + path;
     return false;
@@ -249,8 +211,8 @@ bool MetadataStore::lookup(const std::string& tenant_id, const std::string& path
 bool MetadataStore::get(const std::string& object_id, ObjectMeta& out, std::string& error) {
   std::lock_guard lock(mu_);
   if (!db_) return error = "metadata store not open", false;
-  Stmt s(db_, kGet);
-  s.text(1, object_id);
+  Statement s = db_.prepare(kGet, prep_error_);
+  s.bind(1, object_id);
   if (s.step() != SQLITE_ROW) {
     error = "no such object: " + object_id;
     return false;
@@ -264,10 +226,10 @@ std::vector<ObjectMeta> MetadataStore::list(const std::string& tenant_id,
   std::vector<ObjectMeta> out;
   std::lock_guard lock(mu_);
   if (!db_) return out;
-  Stmt s(db_, kList);
+  Statement s = db_.prepare(kList, prep_error_);
   // LIKE treats "%" and "_" as wildcards and ignores ASCII case: the pattern
   // narrows the scan, and the exact prefix test below decides.
-  s.text(1, tenant_id).text(2, prefix + "%");
+  s.bind(1, tenant_id).bind(2, prefix + "%");
   while (s.step() == SQLITE_ROW) {
     ObjectMeta m = hydrate(s);
     if (m.path.compare(0, prefix.size(), prefix) == 0) out.push_back(std::move(m));
@@ -282,7 +244,7 @@ void MetadataStore::for_each(const std::function<void(const ObjectMeta&)>& visit
   {
     std::lock_guard lock(mu_);
     if (!db_) return;
-    Stmt s(db_, kAll);
+    Statement s = db_.prepare(kAll, prep_error_);
     while (s.step() == SQLITE_ROW) all.push_back(hydrate(s));
     std::string error;
     for (auto& m : all) load_chunks_locked_(m, error);
@@ -302,7 +264,7 @@ bool MetadataStore::put(ObjectMeta& meta, std::string& error) {
   const std::string now = iso8601(std::chrono::system_clock::now());
   if (!exec_locked_("BEGIN IMMEDIATE", error)) return false;
   auto fail = [&] {
-    error = sqlite3_errmsg(db_);
+    error = db_.message();
     std::string ignored;
     exec_locked_("ROLLBACK", ignored);
     return false;
@@ -310,75 +272,75 @@ bool MetadataStore::put(ObjectMeta& meta, std::string& error) {
 
   std::string object_id;
   {
-    Stmt s(db_, kExists);
-    s.text(1, meta.tenant_id).text(2, meta.path);
-    if (s.step() == SQLITE_ROW) object_id = s.col_text(0);
+    Statement s = db_.prepare(kExists, prep_error_);
+    s.bind(1, meta.tenant_id).bind(2, meta.path);
+    if (s.step() == SQLITE_ROW) object_id = s.text(0);
   }
   if (object_id.empty()) {
     object_id = meta.object_id.empty() ? base::to_hex(base::random_bytes(16)) : meta.object_id;
-    Stmt s(db_, kCreate);
-    s.text(1, object_id).text(2, meta.tenant_id).text(3, meta.path);
-    s.integer(4, static_cast<std::int64_t>(meta.size_bytes)).text(5, meta.content_type);
-    s.integer(6, meta.tier).text(7, layout_json(meta.layout)).text(8, now).text(9, now);
+    Statement s = db_.prepare(kCreate, prep_error_);
+    s.bind(1, object_id).bind(2, meta.tenant_id).bind(3, meta.path);
+    s.bind(4, static_cast<std::int64_t>(meta.size_bytes)).bind(5, meta.content_type);
+    s.bind(6, meta.tier).bind(7, layout_json(meta.layout)).bind(8, now).bind(9, now);
     if (s.step() != SQLITE_DONE) return fail();
   } else {
-    Stmt s(db_, kOverwrite);
-    s.integer(1, static_cast<std::int64_t>(meta.size_bytes));
+    Statement s = db_.prepare(kOverwrite, prep_error_);
+    s.bind(1, static_cast<std::int64_t>(meta.size_bytes));
     if (meta.content_type.empty()) {
-      sqlite3_bind_null(s.get(), 2);  // keep the stored content type
+      s.bind_null(2);  // keep the stored content type
     } else {
-      s.text(2, meta.content_type);
+      s.bind(2, meta.content_type);
     }
-    s.text(3, layout_json(meta.layout)).text(4, now).text(5, object_id);
+    s.bind(3, layout_json(meta.layout)).bind(4, now).bind(5, object_id);
     if (s.step() != SQLITE_DONE) return fail();
-    Stmt d(db_, kDeleteChunks);
-    d.text(1, object_id);
+    Statement d = db_.prepare(kDeleteChunks, prep_error_);
+    d.bind(1, object_id);
     if (d.step() != SQLITE_DONE) return fail();
   }
   for (std::size_t seq = 0; seq < meta.chunks.size(); ++seq) {
     const ChunkRef& c = meta.chunks[seq];
-    Stmt s(db_, kInsertChunk);
-    s.text(1, object_id).integer(2, static_cast<std::int64_t>(seq)).text(3, c.chunk_id);
-    s.integer(4, static_cast<std::int64_t>(c.offset))
-        .integer(5, static_cast<std::int64_t>(c.length));
-    s.integer(6, static_cast<std::int64_t>(c.compressed_length));
+    Statement s = db_.prepare(kInsertChunk, prep_error_);
+    s.bind(1, object_id).bind(2, static_cast<std::int64_t>(seq)).bind(3, c.chunk_id);
+    s.bind(4, static_cast<std::int64_t>(c.offset))
+        .bind(5, static_cast<std::int64_t>(c.length));
+    s.bind(6, static_cast<std::int64_t>(c.compressed_length));
     if (s.step() != SQLITE_DONE) return fail();
   }
   if (!exec_locked_("COMMIT", error)) return fail();
   meta.object_id = object_id;
-  Stmt v(db_, kGet);
-  v.text(1, object_id);
-  if (v.step() == SQLITE_ROW) meta.version = v.col_int(4);
+  Statement v = db_.prepare(kGet, prep_error_);
+  v.bind(1, object_id);
+  if (v.step() == SQLITE_ROW) meta.version = v.int64(4);
   return true;
 }
 
 bool MetadataStore::touch_access(const std::string& object_id, std::string& error) {
   std::lock_guard lock(mu_);
   if (!db_) return error = "metadata store not open", false;
-  Stmt s(db_, kAccess);
-  s.text(1, iso8601(std::chrono::system_clock::now())).text(2, object_id);
-  if (s.step() != SQLITE_DONE) return error = sqlite3_errmsg(db_), false;
-  if (sqlite3_changes(db_) == 0) return error = "no such object: " + object_id, false;
+  Statement s = db_.prepare(kAccess, prep_error_);
+  s.bind(1, iso8601(std::chrono::system_clock::now())).bind(2, object_id);
+  if (s.step() != SQLITE_DONE) return error = db_.message(), false;
+  if (sqlite3_changes(db_.get()) == 0) return error = "no such object: " + object_id, false;
   return true;
 }
 
 bool MetadataStore::set_tier(const std::string& object_id, int tier, std::string& error) {
   std::lock_guard lock(mu_);
   if (!db_) return error = "metadata store not open", false;
-  Stmt s(db_, kTier);
-  s.integer(1, tier).text(2, object_id);
-  if (s.step() != SQLITE_DONE) return error = sqlite3_errmsg(db_), false;
-  if (sqlite3_changes(db_) == 0) return error = "no such object: " + object_id, false;
+  Statement s = db_.prepare(kTier, prep_error_);
+  s.bind(1, tier).bind(2, object_id);
+  if (s.step() != SQLITE_DONE) return error = db_.message(), false;
+  if (sqlite3_changes(db_.get()) == 0) return error = "no such object: " + object_id, false;
   return true;
 }
 
 bool MetadataStore::remove(const std::string& object_id, std::string& error) {
   std::lock_guard lock(mu_);
   if (!db_) return error = "metadata store not open", false;
-  Stmt s(db_, kDelete);
-  s.text(1, object_id);
-  if (s.step() != SQLITE_DONE) return error = sqlite3_errmsg(db_), false;
-  if (sqlite3_changes(db_) == 0) return error = "no such object: " + object_id, false;
+  Statement s = db_.prepare(kDelete, prep_error_);
+  s.bind(1, object_id);
+  if (s.step() != SQLITE_DONE) return error = db_.message(), false;
+  if (sqlite3_changes(db_.get()) == 0) return error = "no such object: " + object_id, false;
   return true;
 }
 
@@ -386,13 +348,13 @@ MetadataStore::Stats MetadataStore::stats() {
   Stats st;
   std::lock_guard lock(mu_);
   if (!db_) return st;
-  Stmt a(db_, kCountObjects);
+  Statement a = db_.prepare(kCountObjects, prep_error_);
   if (a.step() == SQLITE_ROW) {
-    st.objects = a.col_int(0);
-    st.bytes = a.col_int(1);
+    st.objects = a.int64(0);
+    st.bytes = a.int64(1);
   }
-  Stmt b(db_, kCountChunks);
-  if (b.step() == SQLITE_ROW) st.chunk_rows = b.col_int(0);
+  Statement b = db_.prepare(kCountChunks, prep_error_);
+  if (b.step() == SQLITE_ROW) st.chunk_rows = b.int64(0);
   return st;
 }
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-struct sqlite3;
+#include "base/sqlite.h"
 
 namespace ostrel::clusterfs {
 
@@ -89,7 +89,8 @@ class MetadataStore {
   bool exec_locked_(const char* sql, std::string& error);
 
   std::mutex mu_;  // serialises all use of db_
-  sqlite3* db_ = nullptr;
+  base::sqlite::Connection db_;
+  std::string prep_error_;  // the last prepare failure; db_.message() says the same
 };
 
 }  // namespace ostrel::clusterfs

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "base/durable_file.h"
 #include "data/matrix_kernels.h"
 
 namespace ostrel::data {
@@ -190,21 +191,15 @@ bool MatrixMemory::writeFile(const std::string& path) const {
     std::memcpy(block + 4, matrix_.data() + first, count * 4);
     put<std::uint32_t>(block, 0, crc32(block + 4, count * 4));
   }
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  std::size_t done = 0;
-  bool ok = true;
-  while (done < buf.size()) {
-    ssize_t n = ::write(fd, buf.data() + done, buf.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = false;
-      break;
-    }
-    done += static_cast<std::size_t>(n);
+  // The primary file and the checkpoint are replaced whole: a crash leaves
+  // the old copy or the new one.
+  std::string error;
+  if (!base::write_file_atomically(
+          path, std::string_view(reinterpret_cast<const char*>(buf.data()), buf.size()), error)) {
+    err_line("Write of " + path + " failed: " + error);
+    return false;
   }
-  ok = ok && ::fdatasync(fd) == 0;
-  return ::close(fd) == 0 && ok;
+  return true;
 }
 
 bool MatrixMemory::readFile(const std::string& path) {
@@ -334,19 +329,19 @@ bool MatrixMemory::load(const std::string& path) {
 bool MatrixMemory::save() {
   std::lock_guard lock(mu_);
   if (!open_) return false;
-  const std::string tmp = config_.file_path + ".tmp";
-  if (!writeFile(tmp)) {
+  // The primary goes through a temporary file of its own and a rename.
+  if (!writeFile(config_.file_path)) {
     err_line("Failed to write temp file");
     return false;
   }
   std::error_code ec;
-  fs::rename(tmp, config_.file_path, ec);
-  if (ec) {
-    err_line("Rename failed: " + ec.message());
-    return false;
-  }
   if (fs::exists(config_.wal_path, ec)) {
-    fs::resize_file(config_.wal_path, 0, ec);
+    // Records the primary already holds are skipped at replay by their
+    // sequence numbers, so a WAL that could not be cut costs time, not data.
+    if (::truncate(config_.wal_path.c_str(), 0) != 0) {
+      err_line("WAL truncate failed: " + config_.wal_path + ": " + std::strerror(errno));
+      return false;
+    }
     wal_size_ = 0;
   }
   return true;

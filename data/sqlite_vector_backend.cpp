@@ -48,26 +48,24 @@ double cosine(double dot_qr, double sumsq_q, double sumsq_r) {
   return dot_qr / (std::sqrt(sumsq_r) * std::sqrt(sumsq_q));
 }
 
-std::string column_text(sqlite3_stmt* s, int i) {
-  const unsigned char* t = sqlite3_column_text(s, i);
-  return t ? std::string(reinterpret_cast<const char*>(t), sqlite3_column_bytes(s, i)) : "";
-}
+using base::sqlite::Connection;
+using base::sqlite::Statement;
 
-SearchHit hit_from_row(sqlite3_stmt* s, double score) {
+SearchHit hit_from_row(const Statement& s, double score) {
   SearchHit h;
-  h.id = column_text(s, 0);
-  h.content = column_text(s, 1);
-  h.source = column_text(s, 2);
-  h.namespace_id = column_text(s, 3);
-  std::string meta = column_text(s, 4);
+  h.id = s.text(0);
+  h.content = s.text(1);
+  h.source = s.text(2);
+  h.namespace_id = s.text(3);
+  std::string meta = s.text(4);
   if (!meta.empty()) {
     Json j = base::parse_json(meta);
     if (j.is_object()) h.metadata = std::move(j);
   }
   h.score = score;
-  h.created_at = sqlite3_column_int64(s, 6);
-  h.chunk_index = static_cast<std::int32_t>(sqlite3_column_int(s, 8));
-  h.total_chunks = static_cast<std::int32_t>(sqlite3_column_int(s, 9));
+  h.created_at = s.int64(6);
+  h.chunk_index = static_cast<std::int32_t>(s.int64(8));
+  h.total_chunks = static_cast<std::int32_t>(s.int64(9));
   return h;
 }
 
@@ -116,16 +114,6 @@ class TopK {
   std::vector<Entry> heap_;
 };
 
-std::int64_t data_version(sqlite3* db) {
-  sqlite3_stmt* s = nullptr;
-  std::int64_t v = -1;
-  if (sqlite3_prepare_v2(db, "PRAGMA data_version", -1, &s, nullptr) == SQLITE_OK &&
-      sqlite3_step(s) == SQLITE_ROW) {
-    v = sqlite3_column_int64(s, 0);
-  }
-  sqlite3_finalize(s);
-  return v;
-}
 
 }  // namespace
 
@@ -142,9 +130,7 @@ struct SqliteVectorBackend::Decoded {
 
 SqliteVectorBackend::SqliteVectorBackend() = default;
 
-SqliteVectorBackend::~SqliteVectorBackend() {
-  for (auto& [path, db] : dbs_) sqlite3_close(db);
-}
+SqliteVectorBackend::~SqliteVectorBackend() = default;
 
 bool SqliteVectorBackend::initialize(const std::string& vectors_root,
                                      const kernel::Logger& logger) {
@@ -169,28 +155,27 @@ fs::path SqliteVectorBackend::db_path_(const std::string& tenant, const std::str
   return root_ / (tenant.empty() ? ns + ".db" : tenant + "_" + ns + ".db");
 }
 
-sqlite3* SqliteVectorBackend::get_db_(const std::string& path) {
+Connection* SqliteVectorBackend::get_db_(const std::string& path) {
   {
     std::lock_guard lock(mu_);
     auto it = dbs_.find(path);
-    if (it != dbs_.end()) return it->second;
+    if (it != dbs_.end()) return it->second.get();
   }
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, nullptr) !=
-      SQLITE_OK) {
-    log_->warn("sqlite_vector_backend: open '" + path +
-               "' failed: " + (db ? sqlite3_errmsg(db) : "unknown"));
-    sqlite3_close(db);
+  auto db = std::make_unique<Connection>();
+  std::string error;
+  if (!db->open(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, error)) {
+    log_->warn("sqlite_vector_backend: open '" + path + "' failed: " + error);
     return nullptr;
   }
-  sqlite3_busy_timeout(db, 2000);
+  sqlite3_busy_timeout(db->get(), 2000);
   // Reading embeddings through a mapping instead of one read() per page is
   // several times faster for a full scan.
-  sqlite3_exec(db, "PRAGMA mmap_size=1073741824", nullptr, nullptr, nullptr);
+  if (!db->exec("PRAGMA mmap_size=1073741824", error)) {
+    log_->warn("sqlite_vector_backend: mmap_size on '" + path + "' refused: " + error);
+  }
   std::lock_guard lock(mu_);
-  auto [it, inserted] = dbs_.emplace(path, db);
-  if (!inserted) sqlite3_close(db);
-  return it->second;
+  auto [it, inserted] = dbs_.emplace(path, std::move(db));
+  return it->second.get();
 }
 
 std::string SqliteVectorBackend::fts_query(const std::string& text) {
@@ -210,8 +195,8 @@ std::string SqliteVectorBackend::fts_query(const std::string& text) {
 }
 
 std::shared_ptr<const SqliteVectorBackend::Decoded> SqliteVectorBackend::decoded_(
-    const std::string& path, sqlite3* db, std::size_t dim) {
-  const std::int64_t version = data_version(db);
+    const std::string& path, Connection& db, std::size_t dim) {
+  const std::int64_t version = db.scalar("PRAGMA data_version");
   std::error_code ec;
   const auto size = static_cast<std::int64_t>(fs::file_size(path, ec));
   {
@@ -226,23 +211,22 @@ std::shared_ptr<const SqliteVectorBackend::Decoded> SqliteVectorBackend::decoded
   d->dim = dim;
   d->version = version;
   d->file_size = size;
-  sqlite3_stmt* s = nullptr;
-  if (sqlite3_prepare_v2(db, kEmbeddings, -1, &s, nullptr) != SQLITE_OK) return nullptr;
-  while (sqlite3_step(s) == SQLITE_ROW) {
-    const void* blob = sqlite3_column_blob(s, 1);
-    const int bytes = sqlite3_column_bytes(s, 1);
+  std::string error;
+  Statement s = db.prepare(kEmbeddings, error);
+  if (!s) return nullptr;
+  int rc;
+  while ((rc = s.step()) == SQLITE_ROW) {
+    const void* blob = s.blob(1);
+    const int bytes = s.bytes(1);
     if (!blob || bytes <= 0 || static_cast<std::size_t>(bytes) != dim * sizeof(float)) continue;
-    if (d->values.size() + dim > kMaxCachedFloats) {
-      sqlite3_finalize(s);
-      return nullptr;  // too large to hold: scan instead
-    }
+    if (d->values.size() + dim > kMaxCachedFloats) return nullptr;  // too large: scan instead
     const std::size_t at = d->values.size();
     d->values.resize(at + dim);
     std::memcpy(d->values.data() + at, blob, static_cast<std::size_t>(bytes));
-    d->rowids.push_back(sqlite3_column_int64(s, 0));
+    d->rowids.push_back(s.int64(0));
     d->sumsq.push_back(dot(d->values.data() + at, d->values.data() + at, dim));
   }
-  sqlite3_finalize(s);
+  if (rc != SQLITE_DONE) return nullptr;  // a partial copy would miss rows: scan instead
   std::lock_guard lock(cache_mu_);
   cache_[path] = d;
   return d;
@@ -258,7 +242,7 @@ std::vector<SearchHit> SqliteVectorBackend::search(const std::string& tenant, co
     log_->warn("sqlite_vector_backend: search miss — no .db at '" + path + "'");
     return {};
   }
-  sqlite3* db = get_db_(path);
+  Connection* db = get_db_(path);
   if (!db) return {};
   const std::size_t dim = query.size();
   const double qsq = dot(query.data(), query.data(), dim);
@@ -267,7 +251,7 @@ std::vector<SearchHit> SqliteVectorBackend::search(const std::string& tenant, co
   const std::string match = text.empty() ? std::string() : fts_query(text);
   if (match.empty()) {
     // Vector-only search over the decoded copy; hits are then read by rowid.
-    if (auto d = decoded_(path, db, dim)) {
+    if (auto d = decoded_(path, *db, dim)) {
       TopK<std::size_t> best(static_cast<std::size_t>(k));
       const std::size_t rows = d->rowids.size();
       for (std::size_t r = 0; r < rows; ++r) {
@@ -279,43 +263,46 @@ std::vector<SearchHit> SqliteVectorBackend::search(const std::string& tenant, co
         best.offer(score, std::move(row));
       }
       std::vector<SearchHit> hits;
-      sqlite3_stmt* s = nullptr;
-      if (sqlite3_prepare_v2(db, kByRowid, -1, &s, nullptr) != SQLITE_OK) return {};
+      std::string error;
+      Statement s = db->prepare(kByRowid, error);
+      if (!s) {
+        log_->warn("sqlite_vector_backend: prepare failed: " + error);
+        return {};
+      }
       for (std::size_t r : best.take()) {
-        sqlite3_reset(s);
-        sqlite3_bind_int64(s, 1, d->rowids[r]);
-        if (sqlite3_step(s) != SQLITE_ROW) continue;  // deleted since the copy was made
+        s.reset().bind(1, d->rowids[r]);
+        if (s.step() != SQLITE_ROW) continue;  // deleted since the copy was made
         const double score =
             cosine(dot(query.data(), d->values.data() + r * dim, dim), qsq, d->sumsq[r]);
         hits.push_back(hit_from_row(s, score));
       }
-      sqlite3_finalize(s);
       return hits;
     }
   }
 
-  sqlite3_stmt* s = nullptr;
+  Statement s;
+  std::string error;
   if (!match.empty()) {
     const std::string sql = kPrefilter + std::to_string(std::max(20 * k, 50));
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK) {
-      sqlite3_bind_text(s, 1, match.c_str(), -1, SQLITE_TRANSIENT);
+    s = db->prepare(sql, error);
+    if (s) {
+      s.bind(1, match);
     } else {
-      log_->warn(std::string("sqlite_vector_backend: FTS prefilter prepare failed (") +
-                 sqlite3_errmsg(db) + "); falling back to full scan");
-      s = nullptr;
+      log_->warn("sqlite_vector_backend: FTS prefilter prepare failed (" + error +
+                 "); falling back to full scan");
     }
   }
-  if (!s && sqlite3_prepare_v2(db, kScan, -1, &s, nullptr) != SQLITE_OK) {
-    log_->warn(std::string("sqlite_vector_backend: prepare failed: ") + sqlite3_errmsg(db));
-    sqlite3_finalize(s);
+  if (!s) s = db->prepare(kScan, error);
+  if (!s) {
+    log_->warn("sqlite_vector_backend: prepare failed: " + error);
     return {};
   }
   TopK<SearchHit> best(static_cast<std::size_t>(k));
   std::vector<float> row(dim);
   int rc;
-  while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
-    const void* blob = sqlite3_column_blob(s, 5);
-    const int bytes = sqlite3_column_bytes(s, 5);
+  while ((rc = s.step()) == SQLITE_ROW) {
+    const void* blob = s.blob(5);
+    const int bytes = s.bytes(5);
     if (!blob || bytes <= 0 || static_cast<std::size_t>(bytes) != dim * sizeof(float)) continue;
     std::memcpy(row.data(), blob, static_cast<std::size_t>(bytes));
     const double rsq = dot(row.data(), row.data(), dim);
@@ -325,10 +312,7 @@ std::vector<SearchHit> SqliteVectorBackend::search(const std::string& tenant, co
     if (best.full() && !(score > best.floor_score())) continue;  // cannot enter: skip decoding
     best.offer(score, hit_from_row(s, score));
   }
-  if (rc != SQLITE_DONE) {
-    log_->warn(std::string("sqlite_vector_backend: step ended with ") + sqlite3_errmsg(db));
-  }
-  sqlite3_finalize(s);
+  if (rc != SQLITE_DONE) log_->warn("sqlite_vector_backend: step ended with " + db->message());
   return best.take();
 }
 
@@ -352,19 +336,14 @@ std::vector<NamespaceInfo> SqliteVectorBackend::list_namespaces(const std::strin
     std::error_code size_ec;
     auto size = fs::file_size(it->path(), size_ec);
     info.size_bytes = size_ec ? 0 : size;
-    sqlite3* db = get_db_(info.db_path);
+    Connection* db = get_db_(info.db_path);
     if (!db) continue;
-    sqlite3_stmt* s = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM vectors", -1, &s, nullptr) == SQLITE_OK &&
-        sqlite3_step(s) == SQLITE_ROW) {
-      info.document_count = sqlite3_column_int64(s, 0);
-    }
-    sqlite3_finalize(s);
-    if (info.document_count != 0 &&
-        sqlite3_prepare_v2(db, "SELECT embedding FROM vectors WHERE embedding IS NOT NULL LIMIT 1",
-                           -1, &s, nullptr) == SQLITE_OK) {
-      if (sqlite3_step(s) == SQLITE_ROW) info.embedding_dim = sqlite3_column_bytes(s, 0) / 4;
-      sqlite3_finalize(s);
+    info.document_count = std::max<std::int64_t>(0, db->scalar("SELECT COUNT(*) FROM vectors", 0));
+    if (info.document_count != 0) {
+      std::string error;
+      Statement s =
+          db->prepare("SELECT embedding FROM vectors WHERE embedding IS NOT NULL LIMIT 1", error);
+      if (s && s.step() == SQLITE_ROW) info.embedding_dim = s.bytes(0) / 4;
     }
     out.push_back(std::move(info));
   }

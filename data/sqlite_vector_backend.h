@@ -9,9 +9,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/sqlite.h"
 #include "kernel/obs/logger.h"
 
-struct sqlite3;
 
 namespace ostrel::modules_data {
 
@@ -65,14 +65,18 @@ class SqliteVectorBackend {
  private:
   struct Decoded;
   std::filesystem::path db_path_(const std::string& tenant, const std::string& ns) const;
-  sqlite3* get_db_(const std::string& path);
-  std::shared_ptr<const Decoded> decoded_(const std::string& path, sqlite3* db, std::size_t dim);
+  // The read-only connection to `path`, opened once; null when it cannot be.
+  base::sqlite::Connection* get_db_(const std::string& path);
+  std::shared_ptr<const Decoded> decoded_(const std::string& path, base::sqlite::Connection& db,
+                                          std::size_t dim);
 
   std::unique_ptr<kernel::Logger> log_;
   std::filesystem::path root_;
   bool ready_ = false;
   std::mutex mu_;  // guards dbs_
-  std::unordered_map<std::string, sqlite3*> dbs_;
+  // Connections are never closed while the backend lives, so the pointers
+  // get_db_ hands out stay valid.
+  std::unordered_map<std::string, std::unique_ptr<base::sqlite::Connection>> dbs_;
   std::mutex cache_mu_;  // guards cache_
   std::unordered_map<std::string, std::shared_ptr<const Decoded>> cache_;
 };

@@ -253,14 +253,23 @@ bool RBAC::seed_default_roles(const std::string& tenant) {
        {"data.memory.store", "data.memory.recall", "inference.chat", "agent.invoke", "audit.read"}},
       {"viewer", "Viewer", {"data.memory.recall", "audit.read"}},
   };
-  bool ok = true;
+  if (tenant.empty()) return false;
+  std::lock_guard lock(mu_);
+  std::vector<Role> missing;
   for (const Seed& s : seeds) {
-    std::string error;
-    if (!create_role(Role{tenant, s.id, s.name, s.perms, 0}, error) && error != "already_exists") {
-      ok = false;
+    if (!roles_.count({tenant, s.id})) {
+      missing.push_back(Role{tenant, s.id, s.name, s.perms, base::unix_ms()});
     }
   }
-  return ok;
+  if (missing.empty()) return true;
+  // One record for all of them: a crash cannot leave a tenant with some.
+  Json roles = Json::array();
+  for (const Role& r : missing) roles.push_back(r);
+  if (!journal_.append(Json{{"op", "seed_defaults"}, {"tenant", tenant}, {"roles", roles}})) {
+    return false;
+  }
+  for (Role& r : missing) roles_[{tenant, r.id}] = std::move(r);
+  return true;
 }
 
 bool RBAC::has_roles(const std::string& tenant) const {
@@ -327,6 +336,10 @@ std::size_t RBAC::replay_journal() {
     if (op == "user_delete") return delete_user(tenant, user_id, error);
     if (op == "assign_role") return assign_role(tenant, user_id, role_id, error);
     if (op == "unassign_role") return unassign_role(tenant, user_id, role_id, error);
+    if (op == "seed_defaults" && r.contains("roles") && r["roles"].is_array()) {
+      for (const auto& role : r["roles"]) create_role(role_from_json(role), error);
+      return true;
+    }
     if (op == "drop_tenant" && !tenant.empty()) {
       drop_tenant(tenant);
       return true;

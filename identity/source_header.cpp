@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "base/durable_file.h"
 #include "base/encoding.h"
 #include "base/json.h"
 #include "base/paths.h"
@@ -159,10 +160,9 @@ std::string current_eis_id() {
       for (int k = 0; k < 16; ++k) bytes[k] = static_cast<char>(mix >> ((k % 8) * 8));
     }
     std::string fresh = base::to_hex(bytes);
-    std::error_code ec;
-    std::filesystem::create_directories(base::base_config_dir(), ec);
-    std::ofstream out(path, std::ios::trunc);
-    out << fresh;  // a failed write is ignored: the id still holds for this process
+    std::string error;
+    // A failed write is ignored: the id still holds for this process.
+    base::write_file_atomically(path, fresh, error);
     return fresh;
   }();
   return id;

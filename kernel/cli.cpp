@@ -116,6 +116,9 @@ ParseOutcome parse(int argc, const char* const* argv, const EnvLookup& env, std:
       out.action = Action::exit;
       out.exit_status = 0;
       return out;
+    } else if (arg == "--version") {
+      out.action = Action::version;
+      return out;
     } else if (arg == "--list-modules") {
       list_modules = true;
     } else if (arg == "--lax-identity") {

@@ -8,7 +8,7 @@
 
 namespace ostrel::kernel::cli {
 
-enum class Action { run, list_modules, exit };
+enum class Action { run, list_modules, version, exit };
 
 struct ParseOutcome {
   Action action = Action::run;

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "base/clock.h"
+#include "base/durable_file.h"
 #include "identity/source_header.h"
 #include "kernel/kernel.h"
 
@@ -19,6 +20,11 @@ void Kernel::open_identity_stores_() {
   const std::filesystem::path state = std::filesystem::path(config_.data_dir) / "state";
   std::error_code ec;
   std::filesystem::create_directories(state, ec);
+  // Whole-file writes that a crash cut short leave temporaries behind.
+  if (std::size_t stale = base::remove_stale_temporaries(state); stale > 0) {
+    logger_.info("removed " + std::to_string(stale) + " unfinished temporary file(s) from " +
+                 state.string());
+  }
 
   std::size_t n = tenants_.replay_journal();
   logger_.info("tenant registry replayed " + std::to_string(n) + " records from " +

@@ -112,6 +112,14 @@ bool Kernel::load_and_instantiate_modules() {
     logger_.error("manifest failed: " + f.definition.source_path.string());
     for (const auto& e : f.errors) logger_.error("  " + e);
   }
+  if (bulk.definitions.empty() && bulk.failures.empty()) {
+    std::error_code ec;
+    std::filesystem::path where = std::filesystem::absolute(config_.modules_d, ec);
+    logger_.warn("no module manifests (*.module.yaml) found in " + where.string() +
+                 " — only the kernel's routes will be served; pass --modules-d=<dir> (the "
+                 "repository's modules.d) to load modules");
+  }
+  warn_about_unknown_options_(bulk.definitions);
 
   std::vector<ModuleDefinition> selected;
   for (auto& def : bulk.definitions) {
@@ -207,6 +215,43 @@ bool Kernel::load_and_instantiate_modules() {
   }
   if (modules_.empty()) logger_.warn("no modules loaded — kernel will serve only built-in routes");
   return true;
+}
+
+void Kernel::warn_about_unknown_options_(const std::vector<ModuleDefinition>& defs) {
+  auto manifest = [&](const std::string& name) -> const ModuleDefinition* {
+    for (const auto& d : defs) {
+      if (d.name == name) return &d;
+    }
+    return nullptr;
+  };
+  for (const auto& role : config_.roles) {
+    if (!manifest(role)) {
+      logger_.warn("--role names '" + role + "', but no manifest in " + config_.modules_d +
+                   " declares that module");
+    }
+  }
+  for (const auto& text : config_.config_overrides) {
+    const std::size_t eq = text.find('=');
+    const std::size_t dot = text.find('.');
+    if (eq == std::string::npos || dot == std::string::npos || dot > eq || dot == 0 ||
+        dot + 1 == eq) {
+      logger_.warn("--config-set '" + text + "' is malformed (expected module.key=value) — ignored");
+      continue;
+    }
+    const std::string module = text.substr(0, dot), key = text.substr(dot + 1, eq - dot - 1);
+    const ModuleDefinition* def = manifest(module);
+    if (!def) {
+      logger_.warn("--config-set '" + text + "' names module '" + module +
+                   "', which has no manifest — ignored");
+      continue;
+    }
+    bool declared = false;
+    for (const auto& f : def->config) declared = declared || f.key == key;
+    if (!declared) {
+      logger_.warn("--config-set '" + text + "': module '" + module + "' declares no key '" + key +
+                   "' (set anyway)");
+    }
+  }
 }
 
 bool Kernel::init_and_start_modules() {

@@ -85,6 +85,8 @@ class Kernel {
 
  private:
   bool load_and_instantiate_modules();
+  // WARN lines for --role names and --config-set texts that match nothing.
+  void warn_about_unknown_options_(const std::vector<ModuleDefinition>& defs);
   bool init_and_start_modules();
   void register_builtin_routes();
   void establish_cluster_identity_();

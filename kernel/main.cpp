@@ -1,4 +1,6 @@
 // Process entry: command line and environment → KernelConfig → Kernel.
+#include <malloc.h>
+
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -30,13 +32,26 @@ void install_log_dispatcher() {
 
 }  // namespace
 
+// Large buffers (request bodies, long messages) are mapped and returned to
+// the system when freed. Left to itself, glibc raises its mapping threshold
+// after every such free, and the buffers then stay in the per-thread heaps:
+// a burst of large requests would keep its memory for good.
+void bound_heap_growth() {
+  ::mallopt(M_MMAP_THRESHOLD, 512 * 1024);
+}
+
 int main(int argc, char** argv) {
   using namespace ostrel::kernel;
+  bound_heap_growth();
   install_log_dispatcher();
 
   cli::ParseOutcome parsed = cli::parse(
       argc, argv, [](const char* name) { return std::getenv(name); }, stderr);
   if (parsed.action == cli::Action::exit) return parsed.exit_status;
+  if (parsed.action == cli::Action::version) {
+    std::printf("ostrel-ulvo 5.0.0\n");
+    return 0;
+  }
   if (parsed.action == cli::Action::list_modules) {
     std::vector<std::string> names = registered_module_names();
     std::printf("Registered module factories (%zu):\n", names.size());
@@ -61,7 +76,9 @@ int main(int argc, char** argv) {
   }
   kernel->set_running();
   const KernelConfig& cfg = kernel->config();
-  kernel->logger().info("ready — serving on " + cfg.bind + ":" + std::to_string(cfg.port));
+  // With --port=0 the system chose the port: the line names the real one.
+  kernel->logger().info("ready — serving on " + cfg.bind + ":" +
+                        std::to_string(kernel->gateway().port()));
 
   while (kernel->running() && !kernel->stop_requested()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));

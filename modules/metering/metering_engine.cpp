@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "base/sqlite.h"
+
 namespace ostrel::metering {
 namespace {
 
@@ -69,39 +71,25 @@ std::pair<std::int64_t, std::int64_t> month_range(std::int64_t ts_ms) {
 
 }  // namespace
 
+using base::sqlite::Statement;
+
 struct MeteringEngine::Impl {
   std::mutex mu;  // serialises every use of db and the statements
-  sqlite3* db = nullptr;
-  sqlite3_stmt* insert = nullptr;
-  sqlite3_stmt* set_quota = nullptr;
-  sqlite3_stmt* get_quota = nullptr;
-  sqlite3_stmt* list_quotas = nullptr;
-  sqlite3_stmt* delete_quota = nullptr;
-  sqlite3_stmt* aggregate = nullptr;
+  base::sqlite::Connection db;
+  Statement insert, set_quota, get_quota, list_quotas, delete_quota, aggregate;
 
-  ~Impl() {
-    for (sqlite3_stmt* s : {insert, set_quota, get_quota, list_quotas, delete_quota, aggregate}) {
-      sqlite3_finalize(s);
-    }
-    if (db) sqlite3_close(db);
-  }
-
-  std::string message() const { return db ? sqlite3_errmsg(db) : "no database"; }
-
-  void bind_text(sqlite3_stmt* s, int i, const std::string& v) {
-    sqlite3_bind_text(s, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
-  }
+  std::string message() const { return db.message(); }
 
   bool insert_locked(const Event& e, std::string& error) {
-    sqlite3_reset(insert);
-    sqlite3_bind_int64(insert, 1, e.ts_ms);
-    bind_text(insert, 2, e.tenant_id);
-    bind_text(insert, 3, e.project_id);
-    bind_text(insert, 4, e.user_id);
-    bind_text(insert, 5, e.dimension);
-    sqlite3_bind_int64(insert, 6, e.value);
-    bind_text(insert, 7, e.attrs_json.empty() ? std::string("{}") : e.attrs_json);
-    if (sqlite3_step(insert) != SQLITE_DONE) {
+    insert.reset()
+        .bind(1, e.ts_ms)
+        .bind(2, e.tenant_id)
+        .bind(3, e.project_id)
+        .bind(4, e.user_id)
+        .bind(5, e.dimension)
+        .bind(6, e.value)
+        .bind(7, e.attrs_json.empty() ? std::string_view("{}") : std::string_view(e.attrs_json));
+    if (insert.step() != SQLITE_DONE) {
       error = message();
       return false;
     }
@@ -113,34 +101,29 @@ MeteringEngine::MeteringEngine(const std::filesystem::path& path)
     : impl_(std::make_unique<Impl>()) {
   std::error_code ec;
   if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
-  if (sqlite3_open_v2(path.c_str(), &impl_->db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                      nullptr) != SQLITE_OK) {
-    throw std::runtime_error("metering: open " + path.string() + ": " + impl_->message());
+  std::string error;
+  auto fail = [&](const std::string& why) {
+    throw std::runtime_error("metering: open " + path.string() + ": " + why);
+  };
+  if (!impl_->db.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error)) fail(error);
+  sqlite3_busy_timeout(impl_->db.get(), 5000);
+  for (const char* sql : {"PRAGMA journal_mode = WAL", "PRAGMA synchronous = NORMAL",
+                          "PRAGMA foreign_keys = ON"}) {
+    if (!impl_->db.exec(sql, error)) fail(error);
   }
-  sqlite3_busy_timeout(impl_->db, 5000);
-  auto exec = [&](const char* sql) {
-    char* msg = nullptr;
-    if (sqlite3_exec(impl_->db, sql, nullptr, nullptr, &msg) != SQLITE_OK) {
-      std::string why = msg ? msg : impl_->message();
-      sqlite3_free(msg);
-      throw std::runtime_error("metering: open " + path.string() + ": " + why);
-    }
+  for (const char* sql : kSchema) {
+    if (!impl_->db.exec(sql, error)) fail(error);
+  }
+  auto prepare = [&](const char* sql, Statement& out) {
+    out = impl_->db.prepare(sql, error);
+    if (!out) throw std::runtime_error("metering: prepare: " + error);
   };
-  exec("PRAGMA journal_mode = WAL");
-  exec("PRAGMA synchronous = NORMAL");
-  exec("PRAGMA foreign_keys = ON");
-  for (const char* sql : kSchema) exec(sql);
-  auto prepare = [&](const char* sql, sqlite3_stmt** out) {
-    if (sqlite3_prepare_v2(impl_->db, sql, -1, out, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string("metering: prepare: ") + impl_->message());
-    }
-  };
-  prepare(kInsert, &impl_->insert);
-  prepare(kSetQuota, &impl_->set_quota);
-  prepare(kGetQuota, &impl_->get_quota);
-  prepare(kListQuotas, &impl_->list_quotas);
-  prepare(kDeleteQuota, &impl_->delete_quota);
-  prepare(kAggregate, &impl_->aggregate);
+  prepare(kInsert, impl_->insert);
+  prepare(kSetQuota, impl_->set_quota);
+  prepare(kGetQuota, impl_->get_quota);
+  prepare(kListQuotas, impl_->list_quotas);
+  prepare(kDeleteQuota, impl_->delete_quota);
+  prepare(kAggregate, impl_->aggregate);
 }
 
 MeteringEngine::~MeteringEngine() = default;
@@ -156,34 +139,24 @@ bool MeteringEngine::record(std::int64_t ts_ms, const std::string& tenant_id,
 
 bool MeteringEngine::record_batch(const std::vector<Event>& events, std::string& error) {
   std::lock_guard lock(impl_->mu);
-  if (sqlite3_exec(impl_->db, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    error = impl_->message();
-    return false;
-  }
+  base::sqlite::Transaction tx(impl_->db, error);
+  if (!tx.ok()) return false;
   for (const auto& e : events) {
-    if (!impl_->insert_locked(e, error)) {
-      sqlite3_exec(impl_->db, "ROLLBACK", nullptr, nullptr, nullptr);
-      return false;
-    }
+    if (!impl_->insert_locked(e, error)) return false;  // rolled back by tx
   }
-  if (sqlite3_exec(impl_->db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    error = impl_->message();
-    sqlite3_exec(impl_->db, "ROLLBACK", nullptr, nullptr, nullptr);
-    return false;
-  }
-  return true;
+  return tx.commit(error);
 }
 
 bool MeteringEngine::set_quota(const Quota& q, std::string& error) {
   std::lock_guard lock(impl_->mu);
-  sqlite3_stmt* s = impl_->set_quota;
-  sqlite3_reset(s);
-  impl_->bind_text(s, 1, q.tenant_id);
-  impl_->bind_text(s, 2, q.dimension);
-  impl_->bind_text(s, 3, q.period.empty() ? std::string("monthly") : q.period);
-  sqlite3_bind_int64(s, 4, q.hard_limit);
-  sqlite3_bind_int64(s, 5, q.soft_limit);
-  if (sqlite3_step(s) != SQLITE_DONE) {
+  Statement& s = impl_->set_quota;
+  s.reset()
+      .bind(1, q.tenant_id)
+      .bind(2, q.dimension)
+      .bind(3, q.period.empty() ? std::string_view("monthly") : std::string_view(q.period))
+      .bind(4, q.hard_limit)
+      .bind(5, q.soft_limit);
+  if (s.step() != SQLITE_DONE) {
     error = impl_->message();
     return false;
   }
@@ -193,33 +166,30 @@ bool MeteringEngine::set_quota(const Quota& q, std::string& error) {
 std::optional<Quota> MeteringEngine::get_quota(const std::string& tenant_id,
                                                const std::string& dimension) {
   std::lock_guard lock(impl_->mu);
-  sqlite3_stmt* s = impl_->get_quota;
-  sqlite3_reset(s);
-  impl_->bind_text(s, 1, tenant_id);
-  impl_->bind_text(s, 2, dimension);
-  if (sqlite3_step(s) != SQLITE_ROW) return std::nullopt;
+  Statement& s = impl_->get_quota;
+  s.reset().bind(1, tenant_id).bind(2, dimension);
+  if (s.step() != SQLITE_ROW) return std::nullopt;
   Quota q;
   q.tenant_id = tenant_id;
   q.dimension = dimension;
-  q.period = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-  q.hard_limit = sqlite3_column_int64(s, 1);
-  q.soft_limit = sqlite3_column_int64(s, 2);
+  q.period = s.text(0);
+  q.hard_limit = s.int64(1);
+  q.soft_limit = s.int64(2);
   return q;
 }
 
 std::vector<Quota> MeteringEngine::list_quotas(const std::string& tenant_id) {
   std::lock_guard lock(impl_->mu);
-  sqlite3_stmt* s = impl_->list_quotas;
-  sqlite3_reset(s);
-  impl_->bind_text(s, 1, tenant_id);
+  Statement& s = impl_->list_quotas;
+  s.reset().bind(1, tenant_id);
   std::vector<Quota> out;
-  while (sqlite3_step(s) == SQLITE_ROW) {
+  while (s.step() == SQLITE_ROW) {
     Quota q;
     q.tenant_id = tenant_id;
-    q.dimension = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-    q.period = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
-    q.hard_limit = sqlite3_column_int64(s, 2);
-    q.soft_limit = sqlite3_column_int64(s, 3);
+    q.dimension = s.text(0);
+    q.period = s.text(1);
+    q.hard_limit = s.int64(2);
+    q.soft_limit = s.int64(3);
     out.push_back(std::move(q));
   }
   return out;
@@ -228,11 +198,9 @@ std::vector<Quota> MeteringEngine::list_quotas(const std::string& tenant_id) {
 bool MeteringEngine::delete_quota(const std::string& tenant_id, const std::string& dimension,
                                   std::string& error) {
   std::lock_guard lock(impl_->mu);
-  sqlite3_stmt* s = impl_->delete_quota;
-  sqlite3_reset(s);
-  impl_->bind_text(s, 1, tenant_id);
-  impl_->bind_text(s, 2, dimension);
-  if (sqlite3_step(s) != SQLITE_DONE) {
+  Statement& s = impl_->delete_quota;
+  s.reset().bind(1, tenant_id).bind(2, dimension);
+  if (s.step() != SQLITE_DONE) {
     error = impl_->message();
     return false;
   }
@@ -250,18 +218,14 @@ bool MeteringEngine::aggregate(const std::string& tenant_id, const std::string& 
   std::map<std::int64_t, std::int64_t> sums;
   {
     std::lock_guard lock(impl_->mu);
-    sqlite3_stmt* s = impl_->aggregate;
-    sqlite3_reset(s);
-    impl_->bind_text(s, 1, tenant_id);
-    impl_->bind_text(s, 2, dimension);
-    sqlite3_bind_int64(s, 3, from_ms);
-    sqlite3_bind_int64(s, 4, to_ms);
+    Statement& s = impl_->aggregate;
+    s.reset().bind(1, tenant_id).bind(2, dimension).bind(3, from_ms).bind(4, to_ms);
     std::int64_t last_bucket = 0, month_start = 1, month_end = 0;
     std::int64_t* last_sum = nullptr;
     int rc;
-    while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
-      const std::int64_t ts = sqlite3_column_int64(s, 0);
-      const std::int64_t value = sqlite3_column_int64(s, 1);
+    while ((rc = s.step()) == SQLITE_ROW) {
+      const std::int64_t ts = s.int64(0);
+      const std::int64_t value = s.int64(1);
       std::int64_t bucket;
       if (g == "hour") {
         bucket = floor_div(ts, kHourMs);

@@ -80,7 +80,12 @@ class FakeOllama {
               }
               ++sent;
               ++pieces_sent_;
-              std::this_thread::sleep_for(piece_delay);
+              // Interruptible, so that a test can end a stalled stream.
+              auto until = std::chrono::steady_clock::now() + piece_delay;
+              while (!stopping_ && std::chrono::steady_clock::now() < until) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+              }
+              if (stopping_) return false;
             }
             std::string last =
                 nlohmann::json{{"model", model}, {"done", true}, {"done_reason", "length"}}.dump() +
@@ -95,6 +100,7 @@ class FakeOllama {
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   ~FakeOllama() {
+    stopping_ = true;
     server_.stop();
     thread_.join();
   }
@@ -115,6 +121,7 @@ class FakeOllama {
   std::vector<nlohmann::json> bodies_;
   std::atomic<bool> client_gone_{false};
   std::atomic<int> pieces_sent_{0};
+  std::atomic<bool> stopping_{false};
 };
 
 }  // namespace ostrel::testing

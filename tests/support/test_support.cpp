@@ -136,6 +136,36 @@ bool Process::wait_for_err(const std::string& text, std::chrono::milliseconds ti
   return false;
 }
 
+int wait_for_ready_port(Process& node, std::chrono::milliseconds timeout) {
+  const std::string marker = "ready — serving on ";
+  if (!node.wait_for_err(marker, timeout)) return -1;
+  std::string err = node.err();
+  std::size_t at = err.find(marker);
+  std::size_t eol = err.find('\n', at);
+  std::string line = err.substr(at, eol - at);
+  return std::atoi(line.substr(line.rfind(':') + 1).c_str());
+}
+
+std::string bootstrap_token(const Process& node) {
+  std::istringstream out(node.out());
+  std::string line;
+  bool next = false;
+  while (std::getline(out, line)) {
+    if (next) return line.substr(line.find_first_not_of(' '));
+    next = line.find("Bootstrap admin token") != std::string::npos;
+  }
+  return "";
+}
+
+std::size_t resident_bytes(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
+  }
+  return 0;
+}
+
 bool wait_for_health(int port, std::chrono::milliseconds timeout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   while (std::chrono::steady_clock::now() < deadline) {

@@ -63,6 +63,16 @@ class Process {
   std::filesystem::path err_path_;
 };
 
+// The port a node started with --port=0 listens on, read from its
+// "ready — serving on <bind>:<port>" line; -1 when it does not get there.
+int wait_for_ready_port(Process& node, std::chrono::milliseconds timeout);
+
+// The bootstrap administrator token a node in enforce mode printed on stdout.
+std::string bootstrap_token(const Process& node);
+
+// The node's resident memory in bytes, from /proc.
+std::size_t resident_bytes(pid_t pid);
+
 // Polls GET /health on 127.0.0.1:port until it answers 200.
 bool wait_for_health(int port, std::chrono::milliseconds timeout);
 

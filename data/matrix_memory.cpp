@@ -138,7 +138,8 @@ bool MatrixMemory::create(const MatrixMemoryConfig& config, const std::string& b
   dim_ = config.dimension;
   rank_ = config.rank;
   created_at_ = updated_at_ = now_s();
-  matrix_.assign(static_cast<std::size_t>(std::max(dim_, 0)) * std::max(rank_, 0), 0.0f);
+  matrix_.assign(static_cast<std::size_t>(std::max(dim_.load(), 0)) * std::max(rank_.load(), 0),
+                 0.0f);
   fs::path dir = fs::path(base_dir) / config.tenant_id;
   std::error_code ec;
   fs::create_directories(dir, ec);
@@ -167,8 +168,8 @@ bool MatrixMemory::writeFile(const std::string& path) const {
   unsigned char* h = buf.data();
   std::memcpy(h, "QMM\0", 4);
   put<std::uint32_t>(h, 4, kFormatVersion);
-  put<std::uint32_t>(h, 8, static_cast<std::uint32_t>(std::max(dim_, 0)));
-  put<std::uint32_t>(h, 12, static_cast<std::uint32_t>(std::max(rank_, 0)));
+  put<std::uint32_t>(h, 8, static_cast<std::uint32_t>(std::max(dim_.load(), 0)));
+  put<std::uint32_t>(h, 12, static_cast<std::uint32_t>(std::max(rank_.load(), 0)));
   put<std::uint32_t>(h, 16, static_cast<std::uint32_t>(std::max(config_.max_rank, 0)));
   h[20] = static_cast<std::uint8_t>(config_.level);
   h[22] = static_cast<std::uint8_t>(config_.format_mode & 0xFF);
@@ -240,8 +241,8 @@ bool MatrixMemory::readFile(const std::string& path) {
     config_.beta_base = get<float>(h, 113);
   }
   // Sizes come from the file: refuse shapes no memory of this system has.
-  const std::uint64_t elements = static_cast<std::uint64_t>(std::max(dim_, 0)) *
-                                 static_cast<std::uint64_t>(std::max(rank_, 0));
+  const std::uint64_t elements = static_cast<std::uint64_t>(std::max(dim_.load(), 0)) *
+                                 static_cast<std::uint64_t>(std::max(rank_.load(), 0));
   if (dim_ < 0 || rank_ < 0 || elements > (1ull << 30)) {
     err_line("Implausible shape in " + path);
     return false;
@@ -567,11 +568,13 @@ MatrixMemoryStats MatrixMemory::getStats() const {
   s.saturation = saturation_;
   s.write_count = write_count_.load();
   s.recall_count = recall_count_.load();
-  s.size_bytes = static_cast<std::uint64_t>(std::max(dim_, 0)) * std::max(rank_, 0) * 4 + 128;
+  s.size_bytes =
+      static_cast<std::uint64_t>(std::max(dim_.load(), 0)) * std::max(rank_.load(), 0) * 4 + 128;
   std::error_code ec;
   auto wal = fs::file_size(config_.wal_path, ec);
   s.wal_size_bytes = ec ? 0 : wal;
-  s.block_count = block_count(static_cast<std::int64_t>(std::max(dim_, 0)) * std::max(rank_, 0));
+  s.block_count =
+      block_count(static_cast<std::int64_t>(std::max(dim_.load(), 0)) * std::max(rank_.load(), 0));
   s.corrupted_blocks = 0;
   s.created_at = created_at_;
   s.updated_at = updated_at_;

@@ -112,16 +112,18 @@ class MatrixMemory {
 
   MatrixMemoryConfig config_;
   bool open_ = false;
-  mutable std::mutex mu_;  // guards everything below but the two counters
+  mutable std::mutex mu_;  // guards everything below but the atomics
   std::vector<float> matrix_;
-  std::int32_t dim_ = 0;
-  std::int32_t rank_ = 0;
+  // Written under mu_; atomic because getStats reads them without it while
+  // a store may grow the rank.
+  std::atomic<std::int32_t> dim_{0};
+  std::atomic<std::int32_t> rank_{0};
   std::atomic<std::uint64_t> write_count_{0};
   std::atomic<std::uint64_t> recall_count_{0};
-  float saturation_ = 0;
-  std::int64_t created_at_ = 0;
-  std::int64_t updated_at_ = 0;
-  std::int64_t last_checkpoint_ = 0;
+  std::atomic<float> saturation_{0};
+  std::atomic<std::int64_t> created_at_{0};
+  std::atomic<std::int64_t> updated_at_{0};
+  std::atomic<std::int64_t> last_checkpoint_{0};
   std::uint64_t wal_seq_ = 0;
   std::uint64_t wal_size_ = 0;
   int wal_fd_ = -1;  // the open write-ahead log, or -1

@@ -142,7 +142,7 @@ bool KeyPair::verify(std::string_view message, std::string_view signature) const
 }
 
 CapabilityIssuer::CapabilityIssuer()
-    : node_key_(KeyPair::generate()), clock_([] { return std::chrono::system_clock::now(); }) {}
+    : node_key_(KeyPair::generate()), clock_([] { return base::now(); }) {}
 
 CapabilityIssuer::~CapabilityIssuer() = default;
 

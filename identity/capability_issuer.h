@@ -52,7 +52,11 @@ struct CapabilityToken {
 // own key, whose private half is kept in "keys.jsonl" encrypted with
 // AES-256-GCM under "master.key". Revocations are journalled in "caps.jsonl".
 // Thread-safe: keys_mu_ guards the tenant key table, revoked_mu_ the
-// revocation set; signing and verification run outside both locks.
+// revocation set and lineage; signing and verification run outside both
+// locks. Journal appends (synced) happen under the lock of what they change,
+// so that each journal's order is the order of the changes; key changes,
+// revocations and tenant-key issues are rare next to verifications, which
+// take no lock on the write side.
 class CapabilityIssuer {
  public:
   using Clock = std::function<std::chrono::system_clock::time_point()>;

@@ -36,7 +36,10 @@ void to_json(nlohmann::json& j, const User& u);
 
 // Per-tenant roles (sets of permission strings) and users (holding roles),
 // journalled in "rbac.jsonl".
-// Thread-safe: mu_ guards both tables and every journal append.
+// Thread-safe: mu_ guards both tables and every journal append; the synced journal append happens
+// under it on purpose, so that the journal's order is the order of the changes in memory and a
+// replay rebuilds exactly this state; changes are rare administrative acts, so one fdatasync under
+// the mutex costs little.
 class RBAC {
  public:
   explicit RBAC(std::filesystem::path journal = {});

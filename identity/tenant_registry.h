@@ -42,7 +42,10 @@ void to_json(nlohmann::json& j, const Tenant& t);
 
 // Isolated customer spaces with a lifecycle (active ⇄ suspended → terminating,
 // which is final) and quotas, journalled in "tenants.jsonl".
-// Thread-safe: mu_ guards the table and every journal append.
+// Thread-safe: mu_ guards the table and every journal append; the synced journal append happens
+// under it on purpose, so that the journal's order is the order of the changes in memory and a
+// replay rebuilds exactly this state; changes are rare administrative acts, so one fdatasync under
+// the mutex costs little.
 class TenantRegistry {
  public:
   // An empty path keeps the registry in memory only.

@@ -45,8 +45,10 @@ nlohmann::json public_view(const LocalBackend& b);
 
 // The registered local backends, journalled in
 // "inference-local-backends.jsonl" ({"op":"set"|"remove","id",…}).
-// Thread-safe: mu_ guards the map and every journal append, so replay order
-// equals registration order.
+// Thread-safe: mu_ guards the map and every journal append; the synced journal append happens under
+// it on purpose, so that the journal's order is the order of the changes in memory and a replay
+// rebuilds exactly this state; changes are rare administrative acts, so one fdatasync under the
+// mutex costs little.
 class LocalBackendRegistry {
  public:
   // `env_allowlist`: the environment variables a backend's api_key_env may

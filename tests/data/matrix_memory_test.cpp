@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -248,6 +249,34 @@ TEST(MatrixMemory, SaturationMatchesAPlainComputationAndGrowsTheRank) {
   std::vector<float> key = random_vector(rng, 43);
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(m.store(key, key, 1.0f));
   EXPECT_GT(m.recall(key).confidence, 0.5f);
+}
+
+// Statistics are read while stores grow the rank on another thread: every
+// answer is a consistent size for some rank, and the sanitizer build sees no
+// race.
+TEST(MatrixMemory, StatsAreSafeToReadWhileTheRankGrows) {
+  testing::TempDir dir;
+  MatrixMemoryConfig c = config(43, 13);
+  c.max_rank = 104;
+  c.saturation_threshold = 0.01f;
+  MatrixMemory m;
+  ::testing::internal::CaptureStdout();
+  ASSERT_TRUE(m.create(c, dir.path().string()));
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done) {
+      MatrixMemoryStats s = m.getStats();
+      EXPECT_GE(s.rank, 13);
+      EXPECT_LE(s.rank, 104);
+      EXPECT_EQ(s.size_bytes % 4, 0u);
+    }
+  });
+  std::mt19937 rng(5);
+  for (int i = 0; i < 60; ++i) m.store(random_vector(rng, 43), random_vector(rng, 43), 1.0f);
+  done = true;
+  reader.join();
+  ::testing::internal::GetCapturedStdout();
+  EXPECT_GT(m.getStats().rank, 13);
 }
 
 TEST(MatrixMemory, RecoversFromTornWalCorruptPrimaryAndOldVersions) {

@@ -10,6 +10,7 @@
 #include "inference/echo_backend.h"
 #include "inference/ollama_backend.h"
 #include "tests/support/fake_ollama.h"
+#include "tests/support/test_support.h"
 
 namespace ostrel::inference {
 namespace {
@@ -171,7 +172,8 @@ TEST(Scheduler, QueueBoundShutdownAndTenantFairness) {
     ASSERT_TRUE(s.enqueue(q));
   };
   submit("a", "a1");
-  while (backend->served_snapshot().empty()) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(testing::eventually([&] { return !backend->served_snapshot().empty(); }))
+      << "the first request never reached the backend";
   submit("a", "a2");
   submit("a", "a3");
   submit("b", "b1");
@@ -190,9 +192,11 @@ TEST(Engine, EngineQueueOverflowIs507) {
   engine.start();
   ChatResponse r1, r2;
   std::thread first([&] { engine.complete(ask("m", "1"), r1); });
-  while (backend->served_snapshot().empty()) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(testing::eventually([&] { return !backend->served_snapshot().empty(); }))
+      << "the first request never reached the backend";
   std::thread second([&] { engine.complete(ask("m", "2"), r2); });  // waits in the queue
-  while (engine.scheduler().queued() == 0) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(testing::eventually([&] { return engine.scheduler().queued() > 0; }))
+      << "the second request was never queued";
   ChatResponse r3;
   auto err = engine.complete(ask("m", "3"), r3);
   ASSERT_TRUE(err);
@@ -276,7 +280,7 @@ TEST(Engine, SessionsKeepAnsweredTurnsOnly) {
   EXPECT_EQ(by_bytes.get("a", t0)->history.size(), 1u);  // the newest one fits
   for (int i = 0; i < 30; ++i) by_bytes.append("s" + std::to_string(i), {mid}, t0 + 1s * i);
   EXPECT_LE(by_bytes.bytes(), 10000u);
-  EXPECT_FALSE(by_bytes.get("a", t0 + 30s));                // the oldest went first
+  EXPECT_FALSE(by_bytes.get("a", t0 + 30s));  // the oldest went first
   EXPECT_TRUE(by_bytes.get("s29", t0 + 30s));
 }
 
@@ -329,7 +333,7 @@ TEST(OllamaBackend, AbortsTransfersAndMapsErrors) {
   auto err = backend.stream(ask("llama3", "x"), [&](const ChatChunk&) { return ++seen < 2; });
   ASSERT_TRUE(err);
   EXPECT_EQ(err->message, "ollama: stream aborted by sink");
-  for (int i = 0; i < 100 && !server.client_gone(); ++i) std::this_thread::sleep_for(10ms);
+  testing::eventually([&] { return server.client_gone(); }, 1000ms);
   EXPECT_TRUE(server.client_gone());
   EXPECT_LT(server.pieces_sent(), 6);
   EXPECT_EQ(backend.stream(ask("llama3", "x"), nullptr)->message, "ollama: sink callback is null");

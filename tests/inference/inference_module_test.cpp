@@ -33,14 +33,14 @@ class InferenceNode : public ::testing::Test {
     cfg.data_dir = (dir_ / "data").string();
     cfg.modules_d = (dir_ / "modules.d").string();
     cfg.bind = "127.0.0.1";
-    cfg.port = static_cast<std::uint16_t>(testing::free_port());
+    cfg.port = 0;
     cfg.config_overrides = {"inference.ollama_url=" + ollama_.url(),
                             "inference.health_poll_interval_seconds=3600",
                             "inference.api_key_env_allowlist=OTHER_KEY, TEST_EMBED_KEY"};
     cfg.config_overrides.insert(cfg.config_overrides.end(), overrides.begin(), overrides.end());
-    port_ = cfg.port;
     kernel_ = std::make_unique<kernel::Kernel>(cfg);
     ASSERT_TRUE(kernel_->boot());
+    port_ = kernel_->gateway().port();
     kernel_->set_running();
     ASSERT_EQ(kernel_->modules().size(), 1u);
   }
@@ -192,7 +192,7 @@ TEST_F(InferenceNode, StreamsIncrementallyAndStopsUpstreamWhenTheClientLeaves) {
     post_streaming(quitter, "/v1/inference/chat", chat_body(true).dump(),
                    [&](const char*, size_t) { return ++got < 3; });
   }
-  for (int i = 0; i < 200 && !ollama_.client_gone(); ++i) std::this_thread::sleep_for(10ms);
+  testing::eventually([&] { return ollama_.client_gone(); }, 2000ms);
   EXPECT_TRUE(ollama_.client_gone());
   ollama_.piece_delay = 0ms;
   auto after = client().Post("/v1/inference/chat", chat_body(false).dump(), "application/json");
@@ -233,7 +233,8 @@ TEST_F(InferenceNode, EmbeddingsOfflineAndThroughLocalBackends) {
   });
   int port = openai.bind_to_any_port("127.0.0.1");
   std::thread t([&] { openai.listen_after_bind(); });
-  while (!openai.is_running()) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(testing::eventually([&] { return openai.is_running(); }))
+      << "the OpenAI-shaped test server did not start";
   boot();
 
   Json a = post("/v1/inference/embeddings",

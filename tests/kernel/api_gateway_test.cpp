@@ -8,6 +8,7 @@
 
 #include "kernel/obs/metrics.h"
 #include "kernel/obs/telemetry.h"
+#include "tests/support/test_support.h"
 
 namespace ostrel::kernel {
 namespace {
@@ -253,9 +254,7 @@ TEST(ApiGateway, ServesStreamsOverHttpAndSurvivesDisconnects) {
       return received < 64 * 1024;  // hang up after a few pieces
     });
   }
-  for (int i = 0; i < 200 && !producer_saw_close; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  testing::eventually([&] { return producer_saw_close.load(); }, std::chrono::milliseconds(2000));
   EXPECT_TRUE(producer_saw_close.load());
   EXPECT_LT(produced.load(), 100000);
   auto after = client.Get("/api/v1/stream");

@@ -31,10 +31,9 @@ class NodeProcess : public ::testing::Test {
 
 TEST_F(NodeProcess, ServesHealthAndStopsCleanlyOnSigint) {
   std::filesystem::create_directories(dir_ / "modules.d");
-  int port = free_port();
-  Process node(OSTREL_BINARY, node_options(port), dir_ / "logs");
-  ASSERT_TRUE(node.wait_for_err("ready — serving on 127.0.0.1:" + std::to_string(port), 10s))
-      << node.err();
+  Process node(OSTREL_BINARY, node_options(0), dir_ / "logs");
+  const int port = wait_for_ready_port(node, 10s);
+  ASSERT_GT(port, 0) << node.err();
   EXPECT_NE(node.err().find("[INFO][kernel] ready — serving on 127.0.0.1:" + std::to_string(port)),
             std::string::npos);
 
@@ -73,15 +72,15 @@ TEST_F(NodeProcess, TraceContextFlowsAndSpansAreWrittenWhenAsked) {
   const std::string trace = "4bf92f3577b34da6a3ce929d0e0e4736";
   const std::string parent = "00f067aa0ba902b7";
   for (bool recorded : {false, true}) {
-    int port = free_port();
-    Process::Options o = node_options(port);
+    Process::Options o = node_options(0);
     if (recorded) {
       o.set_env["OSTREL_TRACE_TO_STDERR"] = "1";
     } else {
       o.unset_env.push_back("OSTREL_TRACE_TO_STDERR");
     }
     Process node(OSTREL_BINARY, o, dir_ / ("logs-" + std::to_string(recorded)));
-    ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+    const int port = wait_for_ready_port(node, 10s);
+    ASSERT_GT(port, 0) << node.err();
     httplib::Client client("127.0.0.1", port);
     auto res =
         client.Get("/api/v1/kernel/stats", {{"traceparent", "00-" + trace + "-" + parent + "-01"}});
@@ -120,9 +119,9 @@ TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigterm) {
              "module:\n  name: beta\n  version: 5.0.0\n"
              "  source_code: {domain: lab, subdomain: \"0x12\"}\n"
              "  help: [{id: beta.intro}]\n");
-  int port = free_port();
-  Process node(OSTREL_TESTMODS_BINARY, node_options(port), dir_ / "logs");
-  ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+  Process node(OSTREL_TESTMODS_BINARY, node_options(0), dir_ / "logs");
+  const int port = wait_for_ready_port(node, 10s);
+  ASSERT_GT(port, 0) << node.err();
   httplib::Client client("127.0.0.1", port);
   auto health = client.Get("/health");
   ASSERT_TRUE(health);
@@ -143,9 +142,9 @@ TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigterm) {
 
 TEST_F(NodeProcess, TakenPortExitsOneWithBootFailed) {
   std::filesystem::create_directories(dir_ / "modules.d");
-  int port = free_port();
-  Process first(OSTREL_BINARY, node_options(port), dir_ / "logs");
-  ASSERT_TRUE(first.wait_for_err("ready — serving", 10s)) << first.err();
+  Process first(OSTREL_BINARY, node_options(0), dir_ / "logs");
+  const int port = wait_for_ready_port(first, 10s);
+  ASSERT_GT(port, 0) << first.err();
 
   Process second(OSTREL_BINARY, node_options(port), dir_ / "logs");
   ASSERT_EQ(second.wait_exit(10s), std::optional<int>(1));
@@ -204,9 +203,9 @@ std::string bootstrap_token(const std::string& out) {
 
 TEST_F(NodeProcess, EnforceModeNeedsCapabilitiesAndKeepsProbesOpen) {
   std::filesystem::create_directories(dir_ / "modules.d");
-  int port = free_port();
-  Process node(OSTREL_BINARY, node_options(port, {"--auth=enforce"}), dir_ / "logs");
-  ASSERT_TRUE(node.wait_for_err("ready — serving", 10s)) << node.err();
+  Process node(OSTREL_BINARY, node_options(0, {"--auth=enforce"}), dir_ / "logs");
+  const int port = wait_for_ready_port(node, 10s);
+  ASSERT_GT(port, 0) << node.err();
   std::string out = node.out();
   std::string token = bootstrap_token(out);
   ASSERT_FALSE(token.empty()) << out;

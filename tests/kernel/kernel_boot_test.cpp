@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "base/clock.h"
 #include "identity/node_token.h"
 #include "tests/kernel/test_modules.h"
 #include "tests/support/test_support.h"
@@ -68,7 +69,7 @@ class KernelBoot : public ::testing::Test {
     c.data_dir = (dir_ / "data").string();
     c.modules_d = (dir_ / "modules.d").string();
     c.bind = "127.0.0.1";
-    c.port = static_cast<std::uint16_t>(testing::free_port());
+    c.port = 0;  // the system picks; tests read the port from the gateway
     return c;
   }
   void add_manifest(const std::string& file, const std::string& text) {
@@ -94,6 +95,7 @@ TEST_F(KernelBoot, ModuleContractEndToEnd) {
   KernelConfig cfg = config();
   auto kernel = std::make_unique<Kernel>(cfg);
   ASSERT_TRUE(kernel->boot());
+  cfg.port = kernel->gateway().port();
   kernel->set_running();
   ASSERT_EQ(kernel->modules().size(), 2u);
   std::string first = kernel->modules()[0].definition.name;
@@ -204,6 +206,7 @@ TEST_F(KernelBoot, RoleFilterAndConfigurationPrecedence) {
   ::setenv("OSTREL_ALPHA_RELAY_TO", "alpha", 1);
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
+  cfg.port = k.gateway().port();
   ::unsetenv("OSTREL_ALPHA_GREETING");
   ::unsetenv("OSTREL_ALPHA_RELAY_TO");
   k.set_running();
@@ -254,9 +257,8 @@ TEST_F(KernelBoot, InitFailureFailsTheBootBeforeAnyStart) {
   EXPECT_FALSE(k.boot());
   EXPECT_TRUE(log_.has("[ERROR][kernel] module beta initialize() returned false"));
   EXPECT_EQ(contract_log(), std::vector<std::string>{"beta:initialize"});
-  // The gateway never started: the port is still free.
-  ApiGateway probe;
-  EXPECT_TRUE(probe.start("127.0.0.1", cfg.port));
+  // The gateway never started.
+  EXPECT_FALSE(k.gateway().running());
 }
 
 TEST_F(KernelBoot, RoleWithoutManifestStillServesBuiltins) {
@@ -265,6 +267,7 @@ TEST_F(KernelBoot, RoleWithoutManifestStillServesBuiltins) {
   cfg.roles = {"data"};
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
+  cfg.port = k.gateway().port();
   EXPECT_TRUE(log_.has("[INFO][kernel] loaded 0 module(s)"));
   EXPECT_TRUE(
       log_.has("[WARN][kernel] no modules loaded — kernel will serve only built-in routes"));
@@ -294,6 +297,7 @@ TEST_F(KernelBoot, ClusterSecretIsGeneratedPersistedAndReloaded) {
   {
     Kernel first(cfg);
     ASSERT_TRUE(first.boot());
+    cfg.port = first.gateway().port();
     cluster_id = first.node_identity().cluster_id;
     EXPECT_TRUE(log_.has("[INFO][kernel] controller: generated cluster secret"));
     EXPECT_TRUE(log_.has("[INFO][kernel] cluster state persisted to "));
@@ -312,9 +316,10 @@ TEST_F(KernelBoot, ClusterSecretIsGeneratedPersistedAndReloaded) {
     EXPECT_EQ(entry.path().string().find(".tmp"), std::string::npos) << entry.path();
   }
 
-  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  cfg.port = 0;
   Kernel second(cfg);
   ASSERT_TRUE(second.boot());
+  cfg.port = second.gateway().port();
   EXPECT_TRUE(log_.has("[INFO][kernel] cluster secret loaded from cluster.json"));
   EXPECT_EQ(second.node_identity().cluster_id, cluster_id);
   EXPECT_TRUE(identity::verify_node_token(secret, "test-node", second.node_identity().node_token));
@@ -328,6 +333,7 @@ TEST_F(KernelBoot, ClusterSecretSourcesAndKeptRegistrations) {
   {
     Kernel k(cfg);
     ASSERT_TRUE(k.boot());
+    cfg.port = k.gateway().port();
   }
   Json state = Json::parse(testing::read_file(file));
   EXPECT_EQ(state["registered_nodes"]["n2"]["node_id"], "n2");
@@ -336,10 +342,11 @@ TEST_F(KernelBoot, ClusterSecretSourcesAndKeptRegistrations) {
   // The environment wins over the file, and the file is left as it was.
   std::string before = testing::read_file(file);
   ::setenv("OSTREL_CLUSTER_SECRET", "shared-secret", 1);
-  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  cfg.port = 0;
   {
     Kernel k(cfg);
     ASSERT_TRUE(k.boot());
+    cfg.port = k.gateway().port();
     EXPECT_EQ(k.node_identity().cluster_id, identity::cluster_id_from_secret("shared-secret"));
     k.set_running();
     // A peer holding the same secret is admitted in enforce mode by its node token.
@@ -361,9 +368,10 @@ TEST_F(KernelBoot, ClusterSecretSourcesAndKeptRegistrations) {
 
   // A corrupt file is reported and replaced by a fresh secret.
   testing::write_file(file, "{torn");
-  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  cfg.port = 0;
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
+  cfg.port = k.gateway().port();
   EXPECT_TRUE(log_.has("is not a JSON object — ignoring it"));
   EXPECT_TRUE(Json::parse(testing::read_file(file))["cluster_secret"].is_string());
 }
@@ -384,6 +392,7 @@ TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
   KernelConfig cfg = config();
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
+  cfg.port = k.gateway().port();
   k.set_running();
   auto port = cfg.port;
 
@@ -490,6 +499,7 @@ TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
   {
     Kernel k(cfg);
     ASSERT_TRUE(k.boot());
+    cfg.port = k.gateway().port();
     k.set_running();
     post(cfg.port, "/api/v1/tenants", {{"id", "acme"}}, 201);
     post(cfg.port, "/api/v1/tenants/acme/users", {{"id", "alice"}, {"role_ids", {"admin"}}}, 200);
@@ -516,9 +526,10 @@ TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
     EXPECT_EQ(testing::lines_with(tenants, "\"op\"").size(), 1u);
     EXPECT_NE(tenants.find("\"notes\":\"n4\""), std::string::npos);
   }
-  cfg.port = static_cast<std::uint16_t>(testing::free_port());
+  cfg.port = 0;
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
+  cfg.port = k.gateway().port();
   k.set_running();
   EXPECT_TRUE(log_.has("[INFO][kernel] tenant registry replayed 1 records from "));
   EXPECT_TRUE(log_.has("[INFO][kernel] RBAC replayed 5 records from "));
@@ -541,6 +552,7 @@ TEST_F(KernelBoot, CachedTokensStillExpireAndRevokeOnTime) {
   cfg.auth_mode = AuthMode::enforce;
   Kernel k(cfg);
   ASSERT_TRUE(k.boot());
+  cfg.port = k.gateway().port();
   k.set_running();
   std::string brief = k.capabilities().issue(identity::kKernelSource, {"read.*"}, "", 0);
   std::string other = k.capabilities().issue(identity::kKernelSource, {"read.*"}, "", 600);
@@ -551,10 +563,8 @@ TEST_F(KernelBoot, CachedTokensStillExpireAndRevokeOnTime) {
     return res ? std::make_pair(res->status, res->body) : std::make_pair(0, std::string());
   };
   // A zero-lifetime token is good within its second (and now cached) …
-  auto first = get(brief);
-  if (first.first == 200) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-  }
+  get(brief);
+  base::advance_clock_for_tests(std::chrono::milliseconds(2100));
   // … and refused once that second is over, cache or not.
   auto later = get(brief);
   EXPECT_EQ(later.first, 403);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace ostrel::testing {
@@ -79,6 +80,19 @@ bool wait_for_health(int port, std::chrono::milliseconds timeout);
 // `text` after 1 to 3 random one-byte edits (replace, insert or erase, new
 // bytes drawn from `alphabet`): inputs for checking a parser against another.
 std::string mutate(std::string text, std::mt19937& rng, const std::string& alphabet);
+
+// Polls `condition` every millisecond until it holds (true) or `timeout`
+// passes (false): for waiting on another thread's progress with a deadline.
+template <typename Condition>
+bool eventually(Condition condition,
+                std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 // Lines of `text` that contain `needle`, in order.
 std::vector<std::string> lines_with(const std::string& text, const std::string& needle);

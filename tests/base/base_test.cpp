@@ -1,0 +1,194 @@
+// The shared helpers under every layer: durable files, names, JSON limits,
+// UTF-8 and the SQLite wrapper.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <thread>
+#include <vector>
+
+#include "base/durable_file.h"
+#include "base/json.h"
+#include "base/names.h"
+#include "base/sqlite.h"
+#include "base/text.h"
+#include "tests/support/test_support.h"
+
+namespace ostrel::base {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Eight writers replace one file over and over while readers read it: every
+// read sees one writer's whole content, never a mix or a truncated file, and
+// no temporary is left behind.
+TEST(DurableFile, ConcurrentWritersLeaveOneWholeVersion) {
+  testing::TempDir dir;
+  const fs::path target = dir / "settings.json";
+  ASSERT_TRUE([&] {
+    std::string e;
+    return write_file_atomically(target, std::string(100000, 'a'), e);
+  }());
+  std::atomic<bool> stop{false};
+  std::atomic<int> torn{0}, reads{0};
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 2; ++r) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        std::string c = testing::read_file(target);
+        ++reads;
+        if (c.size() != 100000 || c.find_first_not_of(c[0]) != std::string::npos) ++torn;
+      }
+    });
+  }
+  std::vector<std::thread> writers;
+  std::atomic<int> failures{0};
+  for (int w = 0; w < 8; ++w) {
+    writers.emplace_back([&, w] {
+      for (int i = 0; i < 25; ++i) {
+        std::string error;
+        if (!write_file_atomically(target, std::string(100000, static_cast<char>('b' + w)),
+                                   error)) {
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& t : writers) t.join();
+  stop = true;
+  for (auto& t : readers) t.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(torn.load(), 0) << "of " << reads.load() << " reads";
+  std::string last = testing::read_file(target);
+  ASSERT_EQ(last.size(), 100000u);
+  EXPECT_GE(last[0], 'b');
+  EXPECT_LE(last[0], 'i');
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+}
+
+// A writer that is not committed leaves nothing; one that must not replace
+// an existing file refuses with "file_exists"; temporaries of killed writes
+// are recognised and removed, other files are not.
+TEST(DurableFile, AbandonNoReplaceAndStaleTemporaries) {
+  testing::TempDir dir;
+  {
+    AtomicFileWriter w(dir / "a.bin");
+    std::string error;
+    ASSERT_TRUE(w.open(error));
+    ASSERT_TRUE(w.write("partial", error));
+    EXPECT_TRUE(fs::exists(w.temporary()));
+  }
+  EXPECT_FALSE(fs::exists(dir / "a.bin"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 0);
+
+  testing::write_file(dir / "b.bin", "old");
+  AtomicFileWriter w(dir / "b.bin");
+  std::string error;
+  ASSERT_TRUE(w.open(error));
+  ASSERT_TRUE(w.write("new", error));
+  EXPECT_FALSE(w.commit(error, /*replace=*/false));
+  EXPECT_EQ(error, "file_exists");
+  EXPECT_EQ(testing::read_file(dir / "b.bin"), "old");
+
+  EXPECT_TRUE(is_temporary_name(".b.bin.tmp.123.4"));
+  EXPECT_TRUE(is_temporary_name("model.gguf.part"));
+  EXPECT_TRUE(is_temporary_name("x.tmp.99"));
+  EXPECT_FALSE(is_temporary_name("notes.tmp.txt"));
+  EXPECT_FALSE(is_temporary_name("b.bin"));
+  testing::write_file(dir / ".b.bin.tmp.123.4", "x");
+  testing::write_file(dir / "sub" / "m.gguf.part", "x");
+  testing::write_file(dir / "keep.tmp.txt", "x");
+  EXPECT_EQ(remove_stale_temporaries(dir.path()), 1u);
+  EXPECT_EQ(remove_stale_temporaries(dir.path(), true), 1u);
+  EXPECT_TRUE(fs::exists(dir / "keep.tmp.txt"));
+  EXPECT_TRUE(fs::exists(dir / "b.bin"));
+}
+
+// Names that become paths never leave their directory.
+TEST(Names, OnlySafeNamesReachTheFileSystem) {
+  std::string why;
+  for (const char* bad : {"", "..", ".", "../x", "a/b", "a\\b", "/abs", ".hidden", "a b", "a\nb"}) {
+    EXPECT_FALSE(safe_name(bad, why)) << bad;
+  }
+  EXPECT_FALSE(safe_name(std::string("a\0b", 3), why));
+  EXPECT_FALSE(safe_name(std::string(129, 'a'), why));
+  EXPECT_TRUE(safe_name(std::string(128, 'a'), why));
+  EXPECT_TRUE(safe_name("llama3:8b@v2+q4_K-M.x", why));
+
+  EXPECT_FALSE(safe_tenant_id("../x", why));
+  EXPECT_FALSE(safe_tenant_id("a/b", why));
+  EXPECT_FALSE(safe_tenant_id("-lead", why));
+  EXPECT_FALSE(safe_tenant_id(std::string(65, 'a'), why));
+  EXPECT_TRUE(safe_tenant_id("acme_Corp-2", why));
+
+  for (const char* bad : {"", "/etc/passwd", "a/../b", "../a", "a//b", "a/", ".x/y", "a/.b", "a\\b",
+                          "\xff\xfe.gguf", "a\x01.gguf"}) {
+    EXPECT_FALSE(safe_file_path(bad, why)) << bad;
+  }
+  EXPECT_TRUE(safe_file_path("models/llama-3 8B.gguf", why));
+  EXPECT_TRUE(safe_file_path("caf\xc3\xa9.gguf", why));
+  EXPECT_FALSE(safe_id("two words", why));
+  EXPECT_TRUE(safe_id("sess-0123abcd", why));
+}
+
+// The nesting limit counts only structure: brackets inside strings (escaped
+// quotes included) do not count, and exactly the limit passes.
+TEST(Json, NestingLimitAndUtf8SafeOutput) {
+  EXPECT_TRUE(json_depth_ok(std::string(64, '[') + std::string(64, ']')));
+  EXPECT_FALSE(json_depth_ok(std::string(65, '[')));
+  EXPECT_TRUE(json_depth_ok("\"" + std::string(1000, '[') + "\""));
+  EXPECT_TRUE(json_depth_ok("[\"\\\"" + std::string(1000, '{') + "\"]"));
+  EXPECT_FALSE(json_depth_ok("{\"a\":\"\\\\\"," + std::string(100, '[')));
+  EXPECT_TRUE(parse_json(std::string(100000, '[')).is_discarded());
+  EXPECT_EQ(parse_json("{\"a\":[1,[2]]}")["a"][1][0], 2);
+
+  nlohmann::json bad = {{"name", std::string("\xff\xfe ok")}};
+  EXPECT_EQ(dump_json(bad), "{\"name\":\"\xef\xbf\xbd\xef\xbf\xbd ok\"}");
+  EXPECT_FALSE(text::valid_utf8("\xc0\xaf"));          // overlong '/'
+  EXPECT_FALSE(text::valid_utf8("\xed\xa0\x80"));      // surrogate
+  EXPECT_FALSE(text::valid_utf8("\xf4\x90\x80\x80"));  // above U+10FFFF
+  EXPECT_TRUE(text::valid_utf8("caf\xc3\xa9 \xf0\x9f\x98\x80"));
+  EXPECT_EQ(text::json_quote("a\xff\"b"), "\"a\xef\xbf\xbd\\\"b\"");
+  EXPECT_TRUE(nlohmann::json::accept(text::json_quote(std::string("\x80\x01\xe2\x82", 4))));
+}
+
+// The wrapper reports SQLite's text and rolls back an unfinished transaction.
+TEST(Sqlite, StatementsAndTransactions) {
+  testing::TempDir dir;
+  sqlite::Connection db;
+  std::string error;
+  ASSERT_TRUE(db.open(dir / "t.db", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error)) << error;
+  ASSERT_TRUE(db.exec("CREATE TABLE t (k TEXT PRIMARY KEY, v INTEGER)", error));
+  EXPECT_FALSE(db.exec("CREATE TABLE t (x)", error));
+  EXPECT_NE(error.find("already exists"), std::string::npos) << error;
+  sqlite::Statement bad = db.prepare("SELECT nope FROM t", error);
+  EXPECT_FALSE(bad);
+  EXPECT_NE(error.find("nope"), std::string::npos);
+
+  sqlite::Statement ins = db.prepare("INSERT INTO t VALUES (?, ?)", error);
+  ASSERT_TRUE(ins);
+  {
+    sqlite::Transaction tx(db, error);
+    ASSERT_TRUE(tx.ok());
+    EXPECT_EQ(ins.reset().bind(1, std::string_view("a")).bind(2, std::int64_t{1}).step(),
+              SQLITE_DONE);
+  }  // not committed: rolled back
+  EXPECT_EQ(db.scalar("SELECT COUNT(*) FROM t"), 0);
+  {
+    sqlite::Transaction tx(db, error);
+    EXPECT_EQ(ins.reset().bind(1, std::string_view("b")).bind(2, std::int64_t{2}).step(),
+              SQLITE_DONE);
+    EXPECT_NE(ins.reset().bind(1, std::string_view("b")).bind(2, std::int64_t{3}).step(),
+              SQLITE_DONE);  // duplicate key
+    ASSERT_TRUE(tx.commit(error)) << error;
+  }
+  sqlite::Statement q = db.prepare("SELECT k, v FROM t", error);
+  ASSERT_EQ(q.step(), SQLITE_ROW);
+  EXPECT_EQ(q.text(0), "b");
+  EXPECT_EQ(q.int64(1), 2);
+  EXPECT_EQ(q.step(), SQLITE_DONE);
+}
+
+}  // namespace
+}  // namespace ostrel::base

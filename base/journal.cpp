@@ -46,7 +46,10 @@ bool append_journal_line(const fs::path& path, std::string_view line, std::strin
 }
 
 std::size_t replay_journal(const fs::path& path,
-                           const std::function<bool(const nlohmann::json&)>& apply) {
+                           const std::function<bool(const nlohmann::json&)>& apply,
+                           ReplayStats* stats) {
+  ReplayStats local;
+  ReplayStats& st = stats ? *stats : local;
   std::ifstream in(path, std::ios::binary);
   if (!in) return 0;
   std::stringstream buf;
@@ -61,17 +64,91 @@ std::size_t replay_journal(const fs::path& path,
     if (nl == std::string::npos) break;  // torn tail
     std::string_view line(data.data() + start, nl - start);
     if (!line.empty()) {
+      ++st.lines;
       nlohmann::json record = parse_json(line);
-      if (!record.is_discarded() && apply(record)) ++applied;
+      if (!record.is_discarded() && apply(record)) {
+        ++applied;
+      } else {
+        ++st.skipped;
+      }
     }
     start = nl + 1;
   }
   if (start < data.size()) {
+    st.torn_bytes = data.size() - start;
     // Cut the torn tail so that the next append begins on its own line.
     std::error_code ec;
     fs::resize_file(path, start, ec);
   }
   return applied;
+}
+
+AppendLog::~AppendLog() { close(); }
+
+bool AppendLog::open_locked_(std::string& error) {
+  if (fd_ >= 0) return true;
+  std::error_code ec;
+  if (path_.has_parent_path()) fs::create_directories(path_.parent_path(), ec);
+  fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (fd_ < 0) {
+    error = "open " + path_.filename().string() + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+bool AppendLog::append(std::string_view bytes, bool sync, std::string& error) {
+  std::lock_guard lock(mu_);
+  if (!open_locked_(error)) return false;
+  const off_t before = ::lseek(fd_, 0, SEEK_END);
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      error = "write " + path_.filename().string() + ": " + std::strerror(errno);
+      // A partial record must not stay ahead of the next one.
+      if (done > 0 && before >= 0 && ::ftruncate(fd_, before) != 0) {
+        error += " (and the partial record could not be cut off)";
+      }
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  dirty_ = true;
+  if (!sync) return true;
+  if (::fdatasync(fd_) != 0) {
+    error = "fdatasync " + path_.filename().string() + ": " + std::strerror(errno);
+    return false;
+  }
+  dirty_ = false;
+  return true;
+}
+
+bool AppendLog::sync(std::string& error) {
+  std::lock_guard lock(mu_);
+  if (fd_ < 0 || !dirty_) return true;
+  if (::fdatasync(fd_) != 0) {
+    error = "fdatasync " + path_.filename().string() + ": " + std::strerror(errno);
+    return false;
+  }
+  dirty_ = false;
+  return true;
+}
+
+bool AppendLog::dirty() const {
+  std::lock_guard lock(mu_);
+  return dirty_;
+}
+
+void AppendLog::close() {
+  std::lock_guard lock(mu_);
+  if (fd_ >= 0) {
+    if (dirty_) ::fdatasync(fd_);
+    ::close(fd_);
+    fd_ = -1;
+    dirty_ = false;
+  }
 }
 
 bool RegistryJournal::append(const nlohmann::json& record) {

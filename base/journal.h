@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -18,12 +19,49 @@ namespace ostrel::base {
 bool append_journal_line(const std::filesystem::path& path, std::string_view line,
                          std::string& error);
 
+// What a replay met besides the records it applied.
+struct ReplayStats {
+  std::size_t lines = 0;       // complete lines read
+  std::size_t skipped = 0;     // complete lines that did not parse or were refused
+  std::size_t torn_bytes = 0;  // bytes of an unfinished last line, cut off
+};
+
 // Calls `apply` for every complete line that parses as JSON, in order; lines
 // that do not parse are skipped. A torn last line (no trailing newline, as a
 // crash mid-append leaves it) is skipped and cut off the file so that the next
 // append starts on a clean line. Returns how many records `apply` accepted.
 std::size_t replay_journal(const std::filesystem::path& path,
-                           const std::function<bool(const nlohmann::json&)>& apply);
+                           const std::function<bool(const nlohmann::json&)>& apply,
+                           ReplayStats* stats = nullptr);
+
+// An append-only file kept open: whole lines go out in one write each, so a
+// record written before a process crash is in the file afterwards (the
+// kernel holds it); sync() makes what was written survive a power loss too.
+// Thread-safe: mu_ serialises appends and syncs.
+class AppendLog {
+ public:
+  explicit AppendLog(std::filesystem::path path) : path_(std::move(path)) {}
+  ~AppendLog();
+  AppendLog(const AppendLog&) = delete;
+  AppendLog& operator=(const AppendLog&) = delete;
+
+  // Appends `bytes` (whole lines) in one write; with `sync`, also waits for
+  // the disk. False with a reason, and nothing half-written is left behind
+  // as far as the file system allows (a short write is cut off again).
+  bool append(std::string_view bytes, bool sync, std::string& error);
+  // Flushes what was appended since the last sync to the disk.
+  bool sync(std::string& error);
+  bool dirty() const;
+  void close();
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  bool open_locked_(std::string& error);
+  std::filesystem::path path_;
+  mutable std::mutex mu_;  // guards fd_ and dirty_
+  int fd_ = -1;
+  bool dirty_ = false;
+};
 
 // Replaces the journal with `lines` (each without its newline) through a
 // temporary file "<path>.tmp" and a rename.

@@ -10,12 +10,17 @@
 #include <sstream>
 
 #include "base/json.h"
+#include "data/top_k.h"
+#include "data/vector_math.h"
 
 namespace ostrel::modules_data {
 namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
+using data::cosine;
+using data::dot;
+using data::TopK;
 
 constexpr const char* kScan =
     "SELECT id, content, source, namespace_id, metadata, embedding, created_at, updated_at, "
@@ -28,25 +33,6 @@ constexpr const char* kEmbeddings = "SELECT rowid, embedding FROM vectors";
 constexpr const char* kByRowid =
     "SELECT id, content, source, namespace_id, metadata, embedding, created_at, updated_at, "
     "chunk_index, total_chunks FROM vectors WHERE rowid = ?";
-
-// The one place scores are computed, for the scan and the decoded copy alike:
-// double precision with four partial sums, so both paths agree to the bit.
-double dot(const float* a, const float* b, std::size_t n) {
-  double s0 = 0, s1 = 0, s2 = 0, s3 = 0;
-  std::size_t i = 0;
-  for (; i + 4 <= n; i += 4) {
-    s0 += static_cast<double>(a[i]) * b[i];
-    s1 += static_cast<double>(a[i + 1]) * b[i + 1];
-    s2 += static_cast<double>(a[i + 2]) * b[i + 2];
-    s3 += static_cast<double>(a[i + 3]) * b[i + 3];
-  }
-  for (; i < n; ++i) s0 += static_cast<double>(a[i]) * b[i];
-  return (s0 + s1) + (s2 + s3);
-}
-
-double cosine(double dot_qr, double sumsq_q, double sumsq_r) {
-  return dot_qr / (std::sqrt(sumsq_r) * std::sqrt(sumsq_q));
-}
 
 using base::sqlite::Connection;
 using base::sqlite::Statement;
@@ -68,52 +54,6 @@ SearchHit hit_from_row(const Statement& s, double score) {
   h.total_chunks = static_cast<std::int32_t>(s.int64(9));
   return h;
 }
-
-// Keeps the best k by score; a candidate displaces the current k-th best only
-// when strictly better, so earlier rows win ties.
-template <typename T>
-class TopK {
- public:
-  explicit TopK(std::size_t k) : k_(k) {}
-  void offer(double score, T&& item) {
-    if (k_ == 0) return;
-    if (heap_.size() < k_) {
-      heap_.push_back({score, seq_++, std::move(item)});
-      std::push_heap(heap_.begin(), heap_.end(), worse_first);
-    } else if (score > heap_.front().score) {
-      std::pop_heap(heap_.begin(), heap_.end(), worse_first);
-      heap_.back() = {score, seq_++, std::move(item)};
-      std::push_heap(heap_.begin(), heap_.end(), worse_first);
-    }
-  }
-  bool full() const { return heap_.size() >= k_; }
-  double floor_score() const { return heap_.front().score; }
-  // Best first; equal scores in arrival order.
-  std::vector<T> take() {
-    std::sort(heap_.begin(), heap_.end(), [](const Entry& a, const Entry& b) {
-      return a.score != b.score ? a.score > b.score : a.seq < b.seq;
-    });
-    std::vector<T> out;
-    out.reserve(heap_.size());
-    for (auto& e : heap_) out.push_back(std::move(e.item));
-    return out;
-  }
-
- private:
-  struct Entry {
-    double score;
-    std::uint64_t seq;
-    T item;
-  };
-  // Heap top = the worst kept entry (lowest score; among equals, the latest).
-  static bool worse_first(const Entry& a, const Entry& b) {
-    return a.score != b.score ? a.score > b.score : a.seq < b.seq;
-  }
-  std::size_t k_;
-  std::uint64_t seq_ = 0;
-  std::vector<Entry> heap_;
-};
-
 
 }  // namespace
 

@@ -207,9 +207,9 @@ bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
                       base::remove_stale_temporaries(config_dir_);
   if (stale > 0) log_->info("removed " + std::to_string(stale) + " unfinished temporary file(s)");
 
-  locals_ = std::make_unique<LocalBackendRegistry>(
-      config_dir_ / "inference-local-backends.jsonl",
-      split_list(cfg.get("api_key_env_allowlist", "")));
+  locals_ =
+      std::make_unique<LocalBackendRegistry>(config_dir_ / "inference-local-backends.jsonl",
+                                             split_list(cfg.get("api_key_env_allowlist", "")));
   std::size_t replayed = locals_->replay();
   log_->info("inference local-backend journal replayed " + std::to_string(replayed) +
              " record(s) from " + locals_->journal_path().string());
@@ -410,8 +410,8 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
   if (std::string key = backend->resolved_key(); !key.empty()) {
     headers.push_back("Authorization: Bearer " + key);
   }
-  http_fetch::Result r =
-      http_fetch::post(backend->normalised_base() + "/v1/embeddings", args.dump(), headers, 60000);
+  http_fetch::Result r = http_fetch::post(backend->normalised_base() + "/v1/embeddings",
+                                          base::dump_json(args), headers, 60000);
   if (!r.transport_ok || r.status < 200 || r.status >= 300) {
     status = 502;
     return {{"error", "upstream_failed"},
@@ -582,8 +582,8 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
         return;
       }
       reply(res, {{"id", id},
-                  {"file", has_file ? Json(shown_path(fs::relative(file, model_dir_).string()))
-                                    : Json()}});
+                  {"file",
+                   has_file ? Json(shown_path(fs::relative(file, model_dir_).string())) : Json()}});
       return;
     }
     if (action != "inspect") {
@@ -929,15 +929,15 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
       bool stream = false;
       std::string error;
       if (!chat_json::parse_chat_text(a, chat, stream, error)) {
-        return kernel::SyscallResult{-1, chat_json::render_error({400, error}).dump()};
+        return base::syscall_error_body(chat_json::render_error({400, error}));
       }
       ChatResponse resp;
       if (auto err = engine_->complete(chat, resp)) {
-        return kernel::SyscallResult{-1, chat_json::render_error(explain(*err)).dump()};
+        return base::syscall_error_body(chat_json::render_error(explain(*err)));
       }
       return kernel::SyscallResult::ok(chat_json::render_completion(resp, base::unix_s()));
     } catch (const std::exception& e) {
-      return kernel::SyscallResult{-1, chat_json::render_error({500, e.what()}).dump()};
+      return base::syscall_error_body(chat_json::render_error({500, base::client_safe_what(e)}));
     }
   });
 
@@ -949,35 +949,35 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           bool stream = false;
           std::string error;
           if (!chat_json::parse_chat_text(a, chat, stream, error)) {
-            emit(kernel::sse_event(chat_json::render_error({400, error}).dump()));
+            emit(kernel::sse_event(base::dump_json(chat_json::render_error({400, error}))));
             return -1;
           }
           return stream_sse_(std::move(chat), emit, false);
         } catch (const std::exception& e) {
-          emit(kernel::sse_event(chat_json::render_error({500, e.what()}).dump()));
+          emit(kernel::sse_event(
+              base::dump_json(chat_json::render_error({500, base::client_safe_what(e)}))));
           return -1;
         }
       });
 
-  table.register_syscall(kInferenceSource, "inference.models.list", [this](std::string_view) {
-    return kernel::SyscallResult::ok(models_list_().dump());
-  });
+  table.register_syscall(kInferenceSource, "inference.models.list",
+                         [this](std::string_view) { return base::syscall_ok(models_list_()); });
 
-  table.register_syscall(kInferenceSource, "inference.embeddings",
-                         [this, parse_args](std::string_view a) {
-                           Json args;
-                           if (!parse_args(a, args)) {
-                             return kernel::SyscallResult{-1, "{\"error\":\"invalid_json\"}"};
-                           }
-                           try {
-                             int status = 200;
-                             Json out = embeddings_(args, status);
-                             return kernel::SyscallResult{status == 200 ? 0 : -1, out.dump()};
-                           } catch (const std::exception& e) {
-                             return kernel::SyscallResult{
-                                 -1, Json{{"error", "internal"}, {"message", e.what()}}.dump()};
-                           }
-                         });
+  table.register_syscall(
+      kInferenceSource, "inference.embeddings", [this, parse_args](std::string_view a) {
+        Json args;
+        if (!parse_args(a, args)) {
+          return base::syscall_error("invalid_json");
+        }
+        try {
+          int status = 200;
+          Json out = embeddings_(args, status);
+          return kernel::SyscallResult{status == 200 ? 0 : -1, base::dump_json(out)};
+        } catch (const std::exception& e) {
+          return base::syscall_error_body(
+              Json{{"error", "internal"}, {"message", base::client_safe_what(e)}});
+        }
+      });
 
   table.register_syscall(
       kInferenceSource, "inference.local_backends.register",
@@ -987,8 +987,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
         std::string error;
         if (!parse_args(a, args) || !local_backend_from_json(args, b, error) ||
             !locals_->check_env(b, error)) {
-          return kernel::SyscallResult{
-              -1, Json{{"error", error.empty() ? "invalid_json" : error}}.dump()};
+          return base::syscall_error_body(Json{{"error", error.empty() ? "invalid_json" : error}});
         }
         std::string journal_error;
         bool fresh = locals_->set(b, journal_error);
@@ -996,15 +995,14 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           log_->warn("local-backend journal append failed: " + journal_error);
         }
         register_local_engine_backend_(b);
-        return kernel::SyscallResult::ok(
-            Json{{"status", fresh ? "registered" : "updated"}, {"id", b.id}}.dump());
+        return base::syscall_ok(Json{{"status", fresh ? "registered" : "updated"}, {"id", b.id}});
       });
 
   table.register_syscall(kInferenceSource, "inference.local_backends.list",
                          [this](std::string_view) {
                            Json list = Json::array();
                            for (const auto& b : locals_->list()) list.push_back(public_view(b));
-                           return kernel::SyscallResult::ok(Json{{"backends", list}}.dump());
+                           return base::syscall_ok(Json{{"backends", list}});
                          });
 }
 

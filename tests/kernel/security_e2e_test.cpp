@@ -338,7 +338,10 @@ TEST_F(AttackedNode, BodiesAreBoundedAndReadOnlyAfterAdmission) {
   chats(6);
   const std::size_t after = resident_bytes(node_->pid());
   EXPECT_LT(after, before + (40u << 20)) << before << " → " << after;
+#if !defined(__SANITIZE_ADDRESS__)
+  // (AddressSanitizer keeps freed memory in quarantine: only growth is telling there.)
   EXPECT_LT(after, 200u << 20);
+#endif
   ASSERT_TRUE(alive());
 }
 

@@ -1,0 +1,127 @@
+#include "data/peers.h"
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "base/json.h"
+#include "kernel/syscall_table.h"
+
+namespace ostrel::data {
+namespace {
+
+using Json = nlohmann::json;
+
+std::vector<std::string> split_urls(const std::string& text) {
+  std::vector<std::string> out;
+  std::stringstream ss(text);
+  std::string item;
+  while (std::getline(ss, item, ',')) {
+    auto b = item.find_first_not_of(" \t"), e = item.find_last_not_of(" \t");
+    if (b == std::string::npos) continue;
+    std::string url = normalise_peer_url(item.substr(b, e - b + 1));
+    if (!url.empty() && std::find(out.begin(), out.end(), url) == out.end()) out.push_back(url);
+  }
+  return out;
+}
+
+httplib::Headers identity_headers(const PeerIdentity& me) {
+  httplib::Headers h;
+  if (!me.node_id.empty() && !me.node_token.empty()) {
+    h.emplace("X-Ostrel-Node-Id", me.node_id);
+    h.emplace("X-Ostrel-Node-Token", me.node_token);
+  }
+  return h;
+}
+
+void apply_timeouts(httplib::Client& c, std::chrono::milliseconds timeout) {
+  const auto s = static_cast<time_t>(timeout.count() / 1000);
+  const auto us = static_cast<time_t>((timeout.count() % 1000) * 1000);
+  c.set_connection_timeout(s, us);
+  c.set_read_timeout(s, us);
+  c.set_write_timeout(s, us);
+}
+
+PeerReply to_reply(const httplib::Result& r) {
+  PeerReply out;
+  if (!r) {
+    out.error = httplib::to_string(r.error());
+    return out;
+  }
+  out.transport_ok = true;
+  out.status = r->status;
+  out.body = r->body;
+  return out;
+}
+
+}  // namespace
+
+std::string normalise_peer_url(std::string url) {
+  if (url.empty()) return url;
+  if (url.find("://") == std::string::npos) url = "http://" + url;
+  while (!url.empty() && url.back() == '/') url.pop_back();
+  return url;
+}
+
+PeerDirectory::PeerDirectory(kernel::SyscallTable* syscalls, identity::SourceCode self,
+                             std::string configured)
+    : syscalls_(syscalls), self_(self) {
+  configured_ = split_urls(configured);
+  if (const char* env = std::getenv("OSTREL_ULVO_PEERS"); env && *env) {
+    for (auto& url : split_urls(env)) {
+      if (std::find(configured_.begin(), configured_.end(), url) == configured_.end()) {
+        configured_.push_back(url);
+      }
+    }
+  }
+}
+
+std::vector<std::string> PeerDirectory::from_membership_(bool data_only) const {
+  std::vector<std::string> out;
+  if (!syscalls_ || !syscalls_->has("cluster.members")) return out;
+  kernel::SyscallResult r = syscalls_->call(self_, "cluster.members", "{}");
+  Json j = base::parse_json(r.body);
+  if (r.status != 0 || !j.is_object() || !j.contains("members") || !j["members"].is_array()) {
+    return out;
+  }
+  for (const auto& m : j["members"]) {
+    if (!m.is_object() || m.value("self", false) || m.value("state", "alive") != "alive") continue;
+    std::string url = normalise_peer_url(m.value("url", ""));
+    if (url.empty()) continue;
+    if (data_only && m.contains("modules") && m["modules"].is_array()) {
+      const auto& mods = m["modules"];
+      if (std::find(mods.begin(), mods.end(), "data") == mods.end()) continue;
+    }
+    out.push_back(url);
+  }
+  return out;
+}
+
+std::vector<std::string> PeerDirectory::data_peers() const {
+  if (syscalls_ && syscalls_->has("cluster.members")) return from_membership_(true);
+  return configured_;
+}
+
+std::vector<std::string> PeerDirectory::all_peers() const {
+  if (syscalls_ && syscalls_->has("cluster.members")) return from_membership_(false);
+  return configured_;
+}
+
+PeerReply peer_post(const std::string& base_url, const std::string& path, const std::string& body,
+                    const PeerIdentity& me, std::chrono::milliseconds timeout) {
+  httplib::Client c(base_url);
+  apply_timeouts(c, timeout);
+  return to_reply(c.Post(path, identity_headers(me), body, "application/json"));
+}
+
+PeerReply peer_get(const std::string& base_url, const std::string& path, const PeerIdentity& me,
+                   std::chrono::milliseconds timeout) {
+  httplib::Client c(base_url);
+  apply_timeouts(c, timeout);
+  return to_reply(c.Get(path, identity_headers(me)));
+}
+
+}  // namespace ostrel::data

@@ -1,0 +1,329 @@
+#include "data/vector_store.h"
+
+#include <charconv>
+#include <system_error>
+
+#include "base/durable_file.h"
+#include "base/json.h"
+#include "base/names.h"
+#include "base/text.h"
+#include "data/top_k.h"
+#include "data/vector_math.h"
+
+namespace ostrel::data {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+std::string escape_tenant(const std::string& tenant) {
+  std::string out;
+  for (char c : tenant) {
+    if (c == '_') {
+      out += "%5F";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+std::string unescape_tenant(std::string_view s) {
+  std::string out;
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (s.substr(i, 3) == "%5F") {
+      out += '_';
+      i += 2;
+    } else {
+      out += s[i];
+    }
+  }
+  return out;
+}
+
+void append_float(std::string& out, float v) {
+  char buf[32];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  if (ec != std::errc() || !std::isfinite(v)) {
+    out += '0';
+    return;
+  }
+  out.append(buf, end);
+}
+
+bool record_from_json(const Json& j, VectorRecord& r) {
+  if (!j.is_object()) return false;
+  auto id = j.find("id");
+  auto emb = j.find("embedding");
+  if (id == j.end() || !id->is_string() || emb == j.end() || !emb->is_array()) return false;
+  r.id = *id;
+  if (auto t = j.find("text"); t != j.end() && t->is_string()) r.text = *t;
+  if (auto s = j.find("source"); s != j.end() && s->is_string()) r.source = *s;
+  if (auto c = j.find("created_ms"); c != j.end() && c->is_number_integer()) r.created_ms = *c;
+  if (auto m = j.find("metadata"); m != j.end() && m->is_object()) r.metadata = *m;
+  r.embedding.reserve(emb->size());
+  for (const auto& v : *emb) {
+    if (!v.is_number()) return false;
+    r.embedding.push_back(v.get<float>());
+  }
+  return true;
+}
+
+bool valid_names(const std::string& tenant, const std::string& ns, std::string& error) {
+  std::string why;
+  if (!base::safe_name(tenant, why, 64)) {
+    error = "invalid tenant: " + why;
+    return false;
+  }
+  if (!base::safe_name(ns, why)) {
+    error = "invalid namespace: " + why;
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string vector_record_line(const VectorRecord& r) {
+  std::string out;
+  out.reserve(64 + r.text.size() + r.source.size() + r.embedding.size() * 12);
+  out += "{\"id\":";
+  text::append_json_string(out, r.id);
+  out += ",\"text\":";
+  text::append_json_string(out, r.text);
+  out += ",\"source\":";
+  text::append_json_string(out, r.source);
+  out += ",\"embedding\":[";
+  for (std::size_t i = 0; i < r.embedding.size(); ++i) {
+    if (i) out += ',';
+    append_float(out, r.embedding[i]);
+  }
+  out += "],\"created_ms\":";
+  out += std::to_string(r.created_ms);
+  out += ",\"metadata\":";
+  out += base::dump_json(r.metadata.is_object() ? r.metadata : Json::object());
+  out += "}\n";
+  return out;
+}
+
+VectorStore::VectorStore(fs::path root, Log log, bool sync_each)
+    : root_(std::move(root)), log_(std::move(log)), sync_each_(sync_each) {}
+
+VectorStore::~VectorStore() { sync_dirty(); }
+
+fs::path VectorStore::journal_path(const std::string& tenant, const std::string& ns) const {
+  return root_ / (escape_tenant(tenant) + "_" + ns + ".jsonl");
+}
+
+void VectorStore::add_locked_(Namespace& n, VectorRecord r) {
+  const std::size_t dim = r.embedding.size();
+  Rows& rows = n.rows[dim];
+  rows.values.insert(rows.values.end(), r.embedding.begin(), r.embedding.end());
+  rows.sumsq.push_back(dot(r.embedding.data(), r.embedding.data(), dim));
+  rows.record.push_back(static_cast<std::uint32_t>(n.records.size()));
+  r.embedding.clear();
+  r.embedding.shrink_to_fit();
+  n.by_id[r.id] = n.records.size();
+  n.dims.push_back(dim);
+  n.records.push_back(std::move(r));
+}
+
+void VectorStore::load_locked_(Namespace& n, const std::string& tenant, const std::string& ns) {
+  if (n.loaded) return;
+  const fs::path path = journal_path(tenant, ns);
+  base::ReplayStats stats;
+  base::replay_journal(
+      path,
+      [&](const Json& j) {
+        VectorRecord r;
+        if (!record_from_json(j, r)) return false;
+        if (n.by_id.count(r.id)) return false;  // a duplicate line: the first stands
+        add_locked_(n, std::move(r));
+        return true;
+      },
+      &stats);
+  if (stats.skipped > 0 || stats.torn_bytes > 0) {
+    log_(true, "vector journal " + path.filename().string() + ": skipped " +
+                   std::to_string(stats.skipped) + " malformed line(s), cut " +
+                   std::to_string(stats.torn_bytes) + " byte(s) of an unfinished last line");
+  }
+  n.log = std::make_unique<base::AppendLog>(path);
+  n.loaded = true;
+  log_(false, "vector namespace loaded — tenant='" + tenant + "' ns='" + ns +
+                  "' records=" + std::to_string(n.records.size()));
+}
+
+VectorStore::Namespace& VectorStore::open_(const std::string& tenant, const std::string& ns) {
+  Namespace* n = nullptr;
+  {
+    std::lock_guard lock(map_mu_);
+    auto& slot = spaces_[{tenant, ns}];
+    if (!slot) slot = std::make_unique<Namespace>();
+    n = slot.get();
+  }
+  {
+    std::shared_lock read(n->mu);
+    if (n->loaded) return *n;
+  }
+  std::unique_lock write(n->mu);
+  load_locked_(*n, tenant, ns);
+  return *n;
+}
+
+bool VectorStore::append(const std::string& tenant, const std::string& ns,
+                         std::vector<VectorRecord> records, std::string& error) {
+  if (!valid_names(tenant, ns, error)) return false;
+  std::string lines;
+  for (const auto& r : records) lines += vector_record_line(r);
+  Namespace& n = open_(tenant, ns);
+  std::unique_lock lock(n.mu);
+  // Journal first: the lines are in the file before the records are visible.
+  std::string why;
+  if (!n.log->append(lines, sync_each_, why)) {
+    error = "persist_failed: " + why;
+    return false;
+  }
+  for (auto& r : records) {
+    if (n.by_id.count(r.id)) continue;
+    add_locked_(n, std::move(r));
+  }
+  return true;
+}
+
+std::vector<VectorHit> VectorStore::search(const std::string& tenant, const std::string& ns,
+                                           const std::vector<float>& query, double min_score,
+                                           std::size_t k) {
+  std::string error;
+  if (query.empty() || k == 0 || !valid_names(tenant, ns, error)) return {};
+  if (!exists(tenant, ns)) return {};
+  Namespace& n = open_(tenant, ns);
+  const std::size_t dim = query.size();
+  const double qsq = dot(query.data(), query.data(), dim);
+  if (!(qsq > 0)) return {};
+  std::shared_lock lock(n.mu);
+  auto it = n.rows.find(dim);
+  if (it == n.rows.end()) return {};
+  const Rows& rows = it->second;
+  TopK<std::size_t> best(k);
+  const std::size_t count = rows.sumsq.size();
+  const float* values = rows.values.data();
+  for (std::size_t r = 0; r < count; ++r) {
+    const double rsq = rows.sumsq[r];
+    if (!(rsq > 0)) continue;
+    const double score = cosine(dot(query.data(), values + r * dim, dim), qsq, rsq);
+    if (score < min_score) continue;
+    std::size_t row = r;
+    best.offer(score, std::move(row));
+  }
+  std::vector<VectorHit> hits;
+  for (std::size_t r : best.take()) {
+    const VectorRecord& rec = n.records[rows.record[r]];
+    const double score = cosine(dot(query.data(), values + r * dim, dim), qsq, rows.sumsq[r]);
+    hits.push_back({rec.id, rec.text, rec.source, rec.metadata, score});
+  }
+  return hits;
+}
+
+bool VectorStore::exists(const std::string& tenant, const std::string& ns) {
+  {
+    std::lock_guard lock(map_mu_);
+    auto it = spaces_.find({tenant, ns});
+    if (it != spaces_.end()) {
+      std::shared_lock read(it->second->mu);
+      if (!it->second->records.empty()) return true;
+    }
+  }
+  std::error_code ec;
+  return fs::exists(journal_path(tenant, ns), ec);
+}
+
+bool VectorStore::remove(const std::string& tenant, const std::string& ns, const std::string& id,
+                         std::string& error, std::string& detail) {
+  if (!valid_names(tenant, ns, detail)) {
+    error = "namespace_not_found";
+    return false;
+  }
+  if (!exists(tenant, ns)) {
+    error = "namespace_not_found";
+    return false;
+  }
+  Namespace& n = open_(tenant, ns);
+  std::unique_lock lock(n.mu);
+  auto found = n.by_id.find(id);
+  if (found == n.by_id.end()) {
+    error = "id_not_found";
+    return false;
+  }
+  const std::size_t victim = found->second;
+  // The journal without the record, written whole and renamed over the old one.
+  std::vector<VectorRecord> kept;
+  kept.reserve(n.records.size() - 1);
+  std::map<std::size_t, std::size_t> next_row;  // dimension → next row of that dimension
+  std::string content;
+  for (std::size_t i = 0; i < n.records.size(); ++i) {
+    const std::size_t dim = n.dims[i];
+    const std::size_t row = next_row[dim]++;
+    if (i == victim) continue;
+    VectorRecord r = n.records[i];
+    const float* v = n.rows[dim].values.data() + row * dim;
+    r.embedding.assign(v, v + dim);
+    content += vector_record_line(r);
+    kept.push_back(std::move(r));
+  }
+  const fs::path path = journal_path(tenant, ns);
+  n.log->close();
+  if (!base::write_file_atomically(path, content, detail)) {
+    error = "rename_failed";
+    return false;
+  }
+  n.records.clear();
+  n.dims.clear();
+  n.by_id.clear();
+  n.rows.clear();
+  for (auto& r : kept) add_locked_(n, std::move(r));
+  return true;
+}
+
+std::vector<VectorNamespaceInfo> VectorStore::list(const std::string& tenant) {
+  std::map<std::pair<std::string, std::string>, VectorNamespaceInfo> found;
+  std::error_code ec;
+  for (fs::directory_iterator it(root_, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.size() < 7 || name.compare(name.size() - 6, 6, ".jsonl") != 0) continue;
+    if (base::is_temporary_name(name) || name[0] == '.') continue;
+    const std::size_t us = name.find('_');
+    if (us == std::string::npos) continue;
+    VectorNamespaceInfo info;
+    info.tenant = unescape_tenant(std::string_view(name).substr(0, us));
+    info.name = name.substr(us + 1, name.size() - 6 - us - 1);
+    if (!tenant.empty() && info.tenant != tenant) continue;
+    std::error_code size_ec;
+    info.size_bytes = fs::file_size(it->path(), size_ec);
+    found[{info.tenant, info.name}] = info;
+  }
+  std::vector<VectorNamespaceInfo> out;
+  for (auto& [key, info] : found) {
+    Namespace& n = open_(key.first, key.second);
+    std::shared_lock lock(n.mu);
+    info.document_count = n.records.size();
+    info.embedding_dim = n.dims.empty() ? 0 : n.dims.front();
+    out.push_back(info);
+  }
+  return out;
+}
+
+void VectorStore::sync_dirty() {
+  std::vector<Namespace*> spaces;
+  {
+    std::lock_guard lock(map_mu_);
+    for (auto& [key, n] : spaces_) spaces.push_back(n.get());
+  }
+  for (Namespace* n : spaces) {
+    std::shared_lock lock(n->mu);
+    if (!n->log || !n->log->dirty()) continue;
+    std::string error;
+    if (!n->log->sync(error)) log_(true, "vector journal sync failed: " + error);
+  }
+}
+
+}  // namespace ostrel::data

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "base/journal.h"
+
+namespace ostrel::data {
+
+// One stored chunk.
+struct VectorRecord {
+  std::string id;
+  std::string text;
+  std::string source;
+  std::vector<float> embedding;
+  std::int64_t created_ms = 0;
+  nlohmann::json metadata = nlohmann::json::object();
+};
+
+// A scored record, copied out of the store.
+struct VectorHit {
+  std::string id;
+  std::string text;
+  std::string source;
+  nlohmann::json metadata;
+  double score = 0;
+};
+
+struct VectorNamespaceInfo {
+  std::string tenant;
+  std::string name;
+  std::size_t document_count = 0;
+  std::size_t embedding_dim = 0;
+  std::uint64_t size_bytes = 0;
+};
+
+// The data module's own vectors: one JSON-lines journal per (tenant,
+// namespace) at "<root>/<tenant>_<namespace>.jsonl" (an '_' inside the
+// tenant is written "%5F", so two tenants can never share a file), loaded
+// whole on first use and kept in memory with the embeddings of one
+// dimension in one contiguous block, so a search is one pass over memory.
+//
+// Appends are one write of whole lines: a record acknowledged to the caller
+// is in the file if the process dies right after. sync_dirty() flushes them
+// to the disk (the data module calls it every second); with `sync_each` every
+// append waits for the disk itself.
+//
+// Thread-safe: map_mu_ guards the namespace map; each namespace's mutex
+// guards its records (shared for searches, exclusive for changes). Journal
+// writes happen under the namespace's lock so that the file's order is the
+// order in memory; no lock is held while embedding or calling peers.
+class VectorStore {
+ public:
+  using Log = std::function<void(bool warn, const std::string& line)>;
+
+  VectorStore(std::filesystem::path root, Log log, bool sync_each = false);
+  ~VectorStore();
+
+  // False with a reason ("invalid …", "persist_failed: …"); then nothing of
+  // `records` is stored.
+  bool append(const std::string& tenant, const std::string& ns, std::vector<VectorRecord> records,
+              std::string& error);
+
+  // The best `k` records at or above `min_score` whose embedding has the
+  // query's dimension, best first; equal scores in storage order.
+  std::vector<VectorHit> search(const std::string& tenant, const std::string& ns,
+                                const std::vector<float>& query, double min_score, std::size_t k);
+
+  // Rewrites the journal without the record. False with "namespace_not_found",
+  // "id_not_found", or "rename_failed" (with `detail`).
+  bool remove(const std::string& tenant, const std::string& ns, const std::string& id,
+              std::string& error, std::string& detail);
+
+  // Namespaces with a journal on disk or in memory; `tenant` filters when not empty.
+  std::vector<VectorNamespaceInfo> list(const std::string& tenant);
+
+  // True when the namespace has a journal or records.
+  bool exists(const std::string& tenant, const std::string& ns);
+
+  // Flushes every journal written since the last call to the disk.
+  void sync_dirty();
+
+  std::filesystem::path journal_path(const std::string& tenant, const std::string& ns) const;
+
+ private:
+  struct Rows {
+    std::vector<float> values;  // row-major, dim floats per row
+    std::vector<double> sumsq;
+    std::vector<std::uint32_t> record;  // index into records
+  };
+  struct Namespace {
+    std::shared_mutex mu;  // guards everything below
+    bool loaded = false;
+    std::vector<VectorRecord> records;  // embeddings moved out into rows
+    std::vector<std::size_t> dims;      // each record's embedding dimension
+    std::unordered_map<std::string, std::size_t> by_id;
+    std::map<std::size_t, Rows> rows;   // by dimension
+    std::unique_ptr<base::AppendLog> log;
+  };
+
+  // The namespace, loaded. REQUIRES: nothing held.
+  Namespace& open_(const std::string& tenant, const std::string& ns);
+  // REQUIRES: ns.mu held exclusively.
+  void load_locked_(Namespace& n, const std::string& tenant, const std::string& ns);
+  static void add_locked_(Namespace& n, VectorRecord r);
+
+  const std::filesystem::path root_;
+  const Log log_;
+  const bool sync_each_;
+  std::mutex map_mu_;  // guards spaces_
+  std::map<std::pair<std::string, std::string>, std::unique_ptr<Namespace>> spaces_;
+};
+
+// The JSON line of a record (its journal form): "id", "text", "source",
+// "embedding", "created_ms", "metadata", written without a JSON tree.
+std::string vector_record_line(const VectorRecord& r);
+
+}  // namespace ostrel::data

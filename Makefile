@@ -29,7 +29,8 @@ build: configure
 run: build
 	@mkdir -p $(DATA_DIR)
 	$(BUILD_DIR)/ostrel-ulvo --modules-d=$(CURDIR)/modules.d --data-dir=$(DATA_DIR) \
-	  --bind=$(BIND) --port=$(PORT) $(RUN_ARGS)
+	  --bind=$(BIND) --port=$(PORT) \
+	  --config-set data.embedding_model=ulvo-hash-embed-v1 $(RUN_ARGS)
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
@@ -38,7 +39,7 @@ test: build
 bench: build
 	@bash bench/run.sh $(BUILD_DIR)
 	@bash bench/inference_overhead.sh $(BUILD_DIR)
-	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench; do \
+	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench data_bench; do \
 	  $(BUILD_DIR)/bench/$$b; \
 	done
 

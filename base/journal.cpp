@@ -45,9 +45,9 @@ bool append_journal_line(const fs::path& path, std::string_view line, std::strin
   return ok;
 }
 
-std::size_t replay_journal(const fs::path& path,
-                           const std::function<bool(const nlohmann::json&)>& apply,
-                           ReplayStats* stats) {
+std::size_t replay_journal_lines(const fs::path& path,
+                                 const std::function<bool(std::string_view)>& apply,
+                                 ReplayStats* stats) {
   ReplayStats local;
   ReplayStats& st = stats ? *stats : local;
   std::ifstream in(path, std::ios::binary);
@@ -65,8 +65,7 @@ std::size_t replay_journal(const fs::path& path,
     std::string_view line(data.data() + start, nl - start);
     if (!line.empty()) {
       ++st.lines;
-      nlohmann::json record = parse_json(line);
-      if (!record.is_discarded() && apply(record)) {
+      if (apply(line)) {
         ++applied;
       } else {
         ++st.skipped;
@@ -81,6 +80,18 @@ std::size_t replay_journal(const fs::path& path,
     fs::resize_file(path, start, ec);
   }
   return applied;
+}
+
+std::size_t replay_journal(const fs::path& path,
+                           const std::function<bool(const nlohmann::json&)>& apply,
+                           ReplayStats* stats) {
+  return replay_journal_lines(
+      path,
+      [&apply](std::string_view line) {
+        nlohmann::json record = parse_json(line);
+        return !record.is_discarded() && apply(record);
+      },
+      stats);
 }
 
 AppendLog::~AppendLog() { close(); }

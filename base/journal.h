@@ -34,6 +34,12 @@ std::size_t replay_journal(const std::filesystem::path& path,
                            const std::function<bool(const nlohmann::json&)>& apply,
                            ReplayStats* stats = nullptr);
 
+// The same for callers that read lines themselves: `apply` gets each
+// complete line (without its newline).
+std::size_t replay_journal_lines(const std::filesystem::path& path,
+                                 const std::function<bool(std::string_view)>& apply,
+                                 ReplayStats* stats = nullptr);
+
 // An append-only file kept open: whole lines go out in one write each, so a
 // record written before a process crash is in the file afterwards (the
 // kernel holds it); sync() makes what was written survive a power loss too.

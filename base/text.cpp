@@ -49,6 +49,18 @@ void append_json_string(std::string& out, std::string_view s) {
   out += '"';
   std::size_t i = 0;
   while (i < s.size()) {
+    // A run of characters that need no escaping goes out in one append.
+    std::size_t run = i;
+    while (run < s.size()) {
+      const unsigned char r = static_cast<unsigned char>(s[run]);
+      if (r < 0x20 || r >= 0x80 || r == '"' || r == '\\') break;
+      ++run;
+    }
+    if (run > i) {
+      out.append(s.data() + i, run - i);
+      i = run;
+      if (i == s.size()) break;
+    }
     const unsigned char c = static_cast<unsigned char>(s[i]);
     if (c >= 0x80) {
       std::size_t n = utf8_sequence_length(s.substr(i));

@@ -28,6 +28,7 @@
 #include "clusterfs/ost.h"
 #include "data/chunking.h"
 #include "data/embedding_chain.h"
+#include "data/ingest_request.h"
 #include "data/memory_service.h"
 #include "data/peers.h"
 #include "data/sqlite_vector_backend.h"
@@ -153,6 +154,7 @@ struct SearchQuery {
 
 class DataModule : public kernel::ModuleBase, public IModule {
  public:
+  ~DataModule() override { stop(); }
   std::string name() const override { return "data"; }
   std::string display_name() const override { return "Data"; }
   std::string version() const override { return "5.0.0"; }
@@ -175,7 +177,7 @@ class DataModule : public kernel::ModuleBase, public IModule {
   bool parse_search_(const Json& body, SearchQuery& q, Json& error_body) const;
   // The whole search of a request body; `status` is the HTTP status.
   Json search_(const Json& body, bool allow_fanout, int& status);
-  Json ingest_(const Json& body, int& status);
+  Json ingest_(const IngestRequest& request, int& status);
   bool embed_(const std::string& model, std::string_view text, std::vector<float>& out,
               std::string& error);
   void register_vector_routes_(kernel::ApiGateway& gw);
@@ -583,19 +585,21 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
           {"peers", peers_out}};
 }
 
-Json DataModule::ingest_(const Json& body, int& status) {
+Json DataModule::ingest_(const IngestRequest& request, int& status) {
   status = 200;
   const VectorSettings s = settings_();
-  std::string tenant, ns, text, source, model, error;
-  std::int64_t size = 0, overlap = 0;
-  if (!member(body, {"tenant", "tenant_id"}, tenant, "default", error) ||
-      !member(body, {"namespace", "namespace_id"}, ns, "default", error) ||
-      !member(body, {"text"}, text, "", error) || !member(body, {"source"}, source, "", error) ||
-      !member(body, {"embedding_model"}, model, s.embedding_model, error) ||
-      !number(body, "chunk_size", s.chunking_size, 1, 1 << 20, size, error) ||
-      !number(body, "chunk_overlap", s.chunking_overlap, 0, 1 << 20, overlap, error)) {
+  const std::string tenant = request.tenant.value_or("default");
+  const std::string ns = request.ns.value_or("default");
+  const std::string& text = request.text ? *request.text : std::string();
+  const std::string source = request.source.value_or("");
+  const std::string model = request.model.value_or(s.embedding_model);
+  const std::int64_t size = request.chunk_size.value_or(s.chunking_size);
+  const std::int64_t overlap = request.chunk_overlap.value_or(s.chunking_overlap);
+  std::string error;
+  if (size < 0 || size > (1 << 20) || overlap < 0 || overlap > (1 << 20)) {
     status = 400;
-    return {{"error", "invalid_request"}, {"detail", error}};
+    return {{"error", "invalid_request"},
+            {"detail", "chunk_size and chunk_overlap must be between 0 and 1048576"}};
   }
   if (text.empty()) {
     status = 400;
@@ -606,11 +610,7 @@ Json DataModule::ingest_(const Json& body, int& status) {
     status = 400;
     return {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}};
   }
-  Json metadata = body.value("metadata", Json::object());
-  if (!metadata.is_object()) {
-    status = 400;
-    return {{"error", "invalid_request"}, {"detail", "metadata must be an object"}};
-  }
+  const Json& metadata = request.metadata;
   auto pieces = chunk_text(text, static_cast<std::size_t>(size), static_cast<std::size_t>(overlap));
   std::vector<VectorRecord> records;
   records.reserve(pieces.size());
@@ -725,14 +725,18 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
 
   gw.route(
       "POST", "/api/v1/vector/ingest",
-      [this, may_write, body_of](const Request& req, Response& res) {
+      [this, may_write](const Request& req, Response& res) {
         if (!may_write(req, res) || proxy_(req, res, true)) return;
-        Json body = body_of(req);
-        std::string tenant;
-        if (!tenant_of_(req, body, tenant, res)) return;
-        body["tenant"] = tenant;
+        IngestRequest request;
+        std::string error;
+        if (!read_ingest_request(req.body, request, error)) {
+          reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
+          return;
+        }
+        if (!request.tenant) request.tenant = req.tenant.empty() ? "default" : req.tenant;
+        if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, *request.tenant, res)) return;
         int status = 200;
-        Json out = ingest_(body, status);
+        Json out = ingest_(request, status);
         reply(res, out, status);
       },
       large);
@@ -1410,12 +1414,22 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
   });
   table.register_syscall(kDataSource, "data.vector.search", search);
   table.register_syscall(kDataSource, "data.search", search);
+  // Read without a JSON tree in the usual case: the document is most of it.
   table.register_syscall(kDataSource, "data.vector.ingest",
-                         json_syscall([this, as_result](const Json& a) {
-                           int status = 200;
-                           Json out = ingest_(a, status);
-                           return as_result(std::move(out), status);
-                         }));
+                         [this, as_result](std::string_view args) {
+                           IngestRequest request;
+                           std::string error;
+                           if (!read_ingest_request(args, request, error)) {
+                             return base::syscall_error("invalid_request", error);
+                           }
+                           try {
+                             int status = 200;
+                             Json out = ingest_(request, status);
+                             return as_result(std::move(out), status);
+                           } catch (const std::exception& e) {
+                             return base::syscall_error("internal", base::client_safe_what(e));
+                           }
+                         });
   table.register_syscall(kDataSource, "data.memory.store",
                          json_syscall([this, as_result](const Json& a) {
                            int status = 200;

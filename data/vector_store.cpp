@@ -69,6 +69,35 @@ bool record_from_json(const Json& j, VectorRecord& r) {
   return true;
 }
 
+// A journal line as this store writes it, read without building a JSON tree
+// for its embedding (the bulk of the line): the numbers are parsed in place
+// and the rest of the line, with an empty array, goes to the JSON parser.
+bool record_from_line(std::string_view line, VectorRecord& r) {
+  static constexpr std::string_view kKey = "\"embedding\":[";
+  const std::size_t at = line.find(kKey);
+  if (at == std::string_view::npos) return record_from_json(base::parse_json(line), r);
+  const char* p = line.data() + at + kKey.size();
+  const char* end = line.data() + line.size();
+  std::vector<float> values;
+  values.reserve(512);
+  while (p < end && *p != ']') {
+    float v = 0;
+    auto [next, ec] = std::from_chars(p, end, v);
+    if (ec != std::errc()) return false;
+    values.push_back(v);
+    p = next;
+    if (p < end && *p == ',') ++p;
+  }
+  if (p >= end) return false;
+  std::string rest;
+  rest.reserve(line.size() - static_cast<std::size_t>(p - (line.data() + at)));
+  rest.append(line.substr(0, at + kKey.size()));
+  rest.append(p, static_cast<std::size_t>(end - p));
+  if (!record_from_json(base::parse_json(rest), r)) return false;
+  r.embedding = std::move(values);
+  return true;
+}
+
 bool valid_names(const std::string& tenant, const std::string& ns, std::string& error) {
   std::string why;
   if (!base::safe_name(tenant, why, 64)) {
@@ -132,11 +161,11 @@ void VectorStore::load_locked_(Namespace& n, const std::string& tenant, const st
   if (n.loaded) return;
   const fs::path path = journal_path(tenant, ns);
   base::ReplayStats stats;
-  base::replay_journal(
+  base::replay_journal_lines(
       path,
-      [&](const Json& j) {
+      [&](std::string_view line) {
         VectorRecord r;
-        if (!record_from_json(j, r)) return false;
+        if (!record_from_line(line, r)) return false;
         if (n.by_id.count(r.id)) return false;  // a duplicate line: the first stands
         add_locked_(n, std::move(r));
         return true;

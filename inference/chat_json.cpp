@@ -5,9 +5,12 @@
 
 #include "base/json.h"
 #include "base/text.h"
-#include "inference/json_scanner.h"
+#include "base/json_scanner.h"
 
 namespace ostrel::inference::chat_json {
+
+using base::JsonScanner;
+using base::OnceEach;
 
 using Json = nlohmann::json;
 

@@ -125,6 +125,7 @@ using base::reply;
 
 class InferenceModule : public kernel::ModuleBase {
  public:
+  ~InferenceModule() override { stop(); }
   std::string name() const override { return "inference"; }
   std::string display_name() const override { return "Inference"; }
   std::string version() const override { return "5.0.0"; }

@@ -1,8 +1,11 @@
 #include "inference/ollama_fields.h"
 
-#include "inference/json_scanner.h"
+#include "base/json_scanner.h"
 
 namespace ostrel::inference {
+
+using base::JsonScanner;
+using base::OnceEach;
 namespace {
 
 bool read_string(JsonScanner& s, std::optional<std::string>& out) {

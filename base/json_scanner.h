@@ -4,9 +4,12 @@
 #include <charconv>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
-namespace ostrel::inference {
+#include "base/text.h"
+
+namespace ostrel::base {
 
 // The deepest nesting skip_value() passes over.
 inline constexpr int kJsonScanMaxDepth = 64;
@@ -25,9 +28,10 @@ class OnceEach {
   unsigned seen_ = 0;
 };
 
-// A strict JSON reader over a text that refuses, rather than decodes,
-// anything beyond plain ASCII strings: refusal sends the caller to the full
-// JSON parser, so this reader never has to agree with it on the hard cases.
+// A strict JSON reader over a text that refuses what it does not handle
+// (plain_string() anything beyond plain ASCII, string() invalid UTF-8 and
+// lone surrogates): refusal sends the caller to the full JSON parser, so this
+// reader never has to agree with it on the hard cases.
 // The fast paths that read common texts without building a JSON tree are
 // made of it.
 class JsonScanner {
@@ -117,6 +121,78 @@ class JsonScanner {
       if (!element()) return false;
     } while (eat(','));
     return eat(']');
+  }
+
+  // Any JSON string, decoded (escapes, \u sequences and surrogate pairs);
+  // false for bytes that are not valid UTF-8 and for lone surrogates, which
+  // the JSON parser then judges.
+  bool string(std::string& out) {
+    if (!eat('"')) return false;
+    out.clear();
+    for (;;) {
+      std::size_t run = p_;
+      while (run < t_.size()) {
+        const unsigned char c = static_cast<unsigned char>(t_[run]);
+        if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) break;
+        ++run;
+      }
+      out.append(t_.data() + p_, run - p_);
+      p_ = run;
+      if (p_ >= t_.size()) return false;
+      const unsigned char c = static_cast<unsigned char>(t_[p_]);
+      if (c == '"') {
+        ++p_;
+        return true;
+      }
+      if (c < 0x20) return false;
+      if (c >= 0x80) {
+        const std::size_t n = text::utf8_sequence_length(t_.substr(p_));
+        if (n == 0) return false;
+        out.append(t_.data() + p_, n);
+        p_ += n;
+        continue;
+      }
+      // An escape.
+      if (++p_ >= t_.size()) return false;
+      const char e = t_[p_++];
+      switch (e) {
+        case '"': out += '"'; break;
+        case '\\': out += '\\'; break;
+        case '/': out += '/'; break;
+        case 'b': out += '\b'; break;
+        case 'f': out += '\f'; break;
+        case 'n': out += '\n'; break;
+        case 'r': out += '\r'; break;
+        case 't': out += '\t'; break;
+        case 'u': {
+          std::uint32_t cp = 0;
+          if (!hex4_(cp)) return false;
+          if (cp >= 0xD800 && cp <= 0xDBFF) {
+            std::uint32_t low = 0;
+            if (p_ + 1 >= t_.size() || t_[p_] != '\\' || t_[p_ + 1] != 'u') return false;
+            p_ += 2;
+            if (!hex4_(low) || low < 0xDC00 || low > 0xDFFF) return false;
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+          } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
+            return false;
+          }
+          append_utf8_(out, cp);
+          break;
+        }
+        default:
+          return false;
+      }
+    }
+  }
+
+  // The text of the next value, checked (for handing a part on to the JSON
+  // parser).
+  bool raw_value(std::string_view& out) {
+    skip_space();
+    const std::size_t start = p_;
+    if (!skip_value(0)) return false;
+    out = t_.substr(start, p_ - start);
+    return true;
   }
 
   // Any JSON value, checked and passed over.
@@ -214,8 +290,44 @@ class JsonScanner {
     return false;
   }
 
+  bool hex4_(std::uint32_t& out) {
+    if (p_ + 4 > t_.size()) return false;
+    out = 0;
+    for (int i = 0; i < 4; ++i) {
+      const char c = t_[p_++];
+      out <<= 4;
+      if (c >= '0' && c <= '9') {
+        out |= static_cast<std::uint32_t>(c - '0');
+      } else if (c >= 'a' && c <= 'f') {
+        out |= static_cast<std::uint32_t>(c - 'a' + 10);
+      } else if (c >= 'A' && c <= 'F') {
+        out |= static_cast<std::uint32_t>(c - 'A' + 10);
+      } else {
+        return false;
+      }
+    }
+    return true;
+  }
+  static void append_utf8_(std::string& out, std::uint32_t cp) {
+    if (cp < 0x80) {
+      out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+      out += static_cast<char>(0xC0 | (cp >> 6));
+      out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+      out += static_cast<char>(0xE0 | (cp >> 12));
+      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (cp >> 18));
+      out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+  }
+
   std::string_view t_;
   std::size_t p_ = 0;
 };
 
-}  // namespace ostrel::inference
+}  // namespace ostrel::base

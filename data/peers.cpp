@@ -1,12 +1,11 @@
 #include "data/peers.h"
 
-#include <httplib.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "base/http_client.h"
 #include "base/json.h"
 #include "kernel/syscall_table.h"
 
@@ -28,43 +27,18 @@ std::vector<std::string> split_urls(const std::string& text) {
   return out;
 }
 
-httplib::Headers identity_headers(const PeerIdentity& me) {
-  httplib::Headers h;
+base::HttpHeaders identity_headers(const PeerIdentity& me) {
+  base::HttpHeaders h;
   if (!me.node_id.empty() && !me.node_token.empty()) {
-    h.emplace("X-Ostrel-Node-Id", me.node_id);
-    h.emplace("X-Ostrel-Node-Token", me.node_token);
+    h.emplace_back("X-Ostrel-Node-Id", me.node_id);
+    h.emplace_back("X-Ostrel-Node-Token", me.node_token);
   }
   return h;
 }
 
-void apply_timeouts(httplib::Client& c, std::chrono::milliseconds timeout) {
-  const auto s = static_cast<time_t>(timeout.count() / 1000);
-  const auto us = static_cast<time_t>((timeout.count() % 1000) * 1000);
-  c.set_connection_timeout(s, us);
-  c.set_read_timeout(s, us);
-  c.set_write_timeout(s, us);
-}
-
-PeerReply to_reply(const httplib::Result& r) {
-  PeerReply out;
-  if (!r) {
-    out.error = httplib::to_string(r.error());
-    return out;
-  }
-  out.transport_ok = true;
-  out.status = r->status;
-  out.body = r->body;
-  return out;
-}
-
 }  // namespace
 
-std::string normalise_peer_url(std::string url) {
-  if (url.empty()) return url;
-  if (url.find("://") == std::string::npos) url = "http://" + url;
-  while (!url.empty() && url.back() == '/') url.pop_back();
-  return url;
-}
+std::string normalise_peer_url(std::string url) { return base::normalise_base_url(std::move(url)); }
 
 PeerDirectory::PeerDirectory(kernel::SyscallTable* syscalls, identity::SourceCode self,
                              std::string configured)
@@ -112,16 +86,12 @@ std::vector<std::string> PeerDirectory::all_peers() const {
 
 PeerReply peer_post(const std::string& base_url, const std::string& path, const std::string& body,
                     const PeerIdentity& me, std::chrono::milliseconds timeout) {
-  httplib::Client c(base_url);
-  apply_timeouts(c, timeout);
-  return to_reply(c.Post(path, identity_headers(me), body, "application/json"));
+  return base::http_post(base_url, path, body, identity_headers(me), timeout);
 }
 
 PeerReply peer_get(const std::string& base_url, const std::string& path, const PeerIdentity& me,
                    std::chrono::milliseconds timeout) {
-  httplib::Client c(base_url);
-  apply_timeouts(c, timeout);
-  return to_reply(c.Get(path, identity_headers(me)));
+  return base::http_get(base_url, path, identity_headers(me), timeout);
 }
 
 }  // namespace ostrel::data

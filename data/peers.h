@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/http_client.h"
 #include "identity/source_code.h"
 
 namespace ostrel::kernel {
@@ -41,12 +42,7 @@ std::string normalise_peer_url(std::string url);
 
 // One HTTP call to a peer, carrying this node's identity so that a peer
 // enforcing auth admits it.
-struct PeerReply {
-  bool transport_ok = false;
-  int status = 0;
-  std::string body;
-  std::string error;  // when !transport_ok
-};
+using PeerReply = base::HttpReply;
 
 struct PeerIdentity {
   std::string node_id;

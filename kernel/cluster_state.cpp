@@ -6,6 +6,7 @@
 
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/reply.h"
 #include "identity/node_token.h"
@@ -104,6 +105,9 @@ void Kernel::establish_cluster_identity_() {
       [secret = cluster_secret_](const std::string& node_id, const std::string& token) {
         return identity::verify_node_token(secret, node_id, token);
       });
+  gateway_.set_cluster_secret_verifier([secret = cluster_secret_](const std::string& presented) {
+    return base::constant_time_equal(presented, secret);
+  });
 }
 
 }  // namespace ostrel::kernel

@@ -3,14 +3,14 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <cstdlib>
 
-#include "base/text.h"
 #include "base/json.h"
 #include "base/reply.h"
+#include "base/text.h"
 #include "kernel/http/http_server.h"
 #include "kernel/obs/metrics.h"
 #include "kernel/obs/telemetry.h"
@@ -247,6 +247,7 @@ struct ApiGateway::Impl {
   // Hooks installed during boot, before the server starts; read-only afterwards.
   AuthVerifier verifier;
   NodeTokenVerifier node_verifier;
+  ClusterSecretVerifier secret_verifier;
   SourcePolicy source_policy;
   std::unique_ptr<HttpServer> server;
 
@@ -279,6 +280,9 @@ void ApiGateway::set_auth_verifier(AuthVerifier v) { impl_->verifier = std::move
 bool ApiGateway::has_auth_verifier() const { return static_cast<bool>(impl_->verifier); }
 void ApiGateway::set_node_token_verifier(NodeTokenVerifier v) {
   impl_->node_verifier = std::move(v);
+}
+void ApiGateway::set_cluster_secret_verifier(ClusterSecretVerifier v) {
+  impl_->secret_verifier = std::move(v);
 }
 void ApiGateway::set_source_policy(SourcePolicy p) { impl_->source_policy = std::move(p); }
 void ApiGateway::set_worker_threads(int threads) { impl_->server->set_worker_threads(threads); }
@@ -332,8 +336,8 @@ void ApiGateway::handle(Request& req, Response& res, BodySource* body) const {
     res.status = 500;
     // The exception text goes in as it is, unescaped; library texts that
     // would name host paths are replaced by their kind.
-    res.body = std::string("{\"error\":\"internal\",\"message\":\"") + base::client_safe_what(e) +
-               "\"}";
+    res.body =
+        std::string("{\"error\":\"internal\",\"message\":\"") + base::client_safe_what(e) + "\"}";
   } catch (...) {
     res = Response{};
     res.status = 500;
@@ -350,7 +354,7 @@ void ApiGateway::handle(Request& req, Response& res, BodySource* body) const {
 }
 
 void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
-                               BodySource* body) const {
+                                BodySource* body) const {
   // Whatever the answer, a body left unread on the connection means the
   // connection cannot carry another request.
   bool consumed = body == nullptr || !body->present;
@@ -375,6 +379,10 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
     req.peer_node_id = node_id;
     req.auth_source = "node";
     if (scope.span) scope.span->set_attribute("auth.node_id", node_id);
+  } else if (const std::string& secret = req.header("X-Ostrel-Cluster-Secret");
+             !secret.empty() && secret_verifier && secret_verifier(secret)) {
+    req.peer_node_id = node_id.empty() ? "cluster" : node_id;
+    req.auth_source = "cluster_secret";
   }
 
   if (starts_with(req.path, "/api/v1/")) {
@@ -445,8 +453,7 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
 }
 
 bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions& options,
-                                 BodySource* body, Reservation& reservation,
-                                 bool& consumed) const {
+                                 BodySource* body, Reservation& reservation, bool& consumed) const {
   const std::size_t limit = std::min(options.max_body, max_body);
   auto too_large = [&] {
     base::reply(res,
@@ -471,9 +478,8 @@ bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions
       // The handler reads it; whether it read all of it decides whether the
       // connection can go on.
       req.body_reader = [body, &consumed](const std::function<bool(std::string_view)>& sink) {
-        bool ok = body->read([&sink](const char* data, std::size_t n) {
-          return sink(std::string_view(data, n));
-        });
+        bool ok = body->read(
+            [&sink](const char* data, std::size_t n) { return sink(std::string_view(data, n)); });
         consumed = ok;
         return ok;
       };

@@ -20,6 +20,8 @@ using SourceDecision = source_header::SourceDecision;
 
 using AuthVerifier = std::function<AuthResult(const std::string& token)>;
 using NodeTokenVerifier = std::function<bool(const std::string& node_id, const std::string& token)>;
+// True when the presented text is this cluster's secret (compared in constant time).
+using ClusterSecretVerifier = std::function<bool(const std::string& secret)>;
 using SourcePolicy = std::function<SourceDecision(const Request&)>;
 
 // "/health", "/metrics", the UI pages and the other paths that need no
@@ -48,6 +50,9 @@ class ApiGateway {
   void set_auth_verifier(AuthVerifier verifier);
   bool has_auth_verifier() const;
   void set_node_token_verifier(NodeTokenVerifier verifier);
+  // Cluster-internal callers may present the cluster secret itself
+  // ("X-Ostrel-Cluster-Secret") in place of a node token.
+  void set_cluster_secret_verifier(ClusterSecretVerifier verifier);
   void set_source_policy(SourcePolicy policy);
 
   // Worker threads of the HTTP server; 0 keeps the default (64).

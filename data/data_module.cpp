@@ -65,22 +65,14 @@ std::string new_uuid() {
     b = rng();
   }
   char buf[48];
-  std::snprintf(buf, sizeof buf, "%08x-%04x-%04x-%04x-%012llx",
-                static_cast<unsigned>(a >> 32), static_cast<unsigned>((a >> 16) & 0xffff),
-                static_cast<unsigned>(a & 0xffff), static_cast<unsigned>(b >> 48),
+  std::snprintf(buf, sizeof buf, "%08x-%04x-%04x-%04x-%012llx", static_cast<unsigned>(a >> 32),
+                static_cast<unsigned>((a >> 16) & 0xffff), static_cast<unsigned>(a & 0xffff),
+                static_cast<unsigned>(b >> 48),
                 static_cast<unsigned long long>(b & 0xffffffffffffULL));
   return buf;
 }
 
 std::string topk_bucket(std::size_t k) { return k <= 5 ? "1-5" : k <= 20 ? "6-20" : "21+"; }
-
-std::int64_t config_int(const kernel::ConfigView& cfg, const std::string& key,
-                        std::int64_t fallback) {
-  const std::string v = cfg.get(key, "");
-  char* end = nullptr;
-  long long n = std::strtoll(v.c_str(), &end, 10);
-  return v.empty() || *end != '\0' ? fallback : n;
-}
 
 // A string member, or `fallback` when absent; false (with `error`) when the
 // member is there but is not a string.
@@ -114,8 +106,8 @@ bool number(const Json& body, const char* key, std::int64_t fallback, std::int64
   }
   out = it->get<std::int64_t>();
   if (out < lo || out > hi) {
-    error = std::string(key) + " must be between " + std::to_string(lo) + " and " +
-            std::to_string(hi);
+    error =
+        std::string(key) + " must be between " + std::to_string(lo) + " and " + std::to_string(hi);
     return false;
   }
   return true;
@@ -262,16 +254,16 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
   me_ = {ctx.node_id, ctx.node_token};
   peers_ = std::make_unique<PeerDirectory>(ctx.syscalls, kDataSource, cfg.get("peers", ""));
   kernel::Logger* log = log_.get();
-  chain_ = std::make_unique<EmbeddingChain>(
-      ctx.syscalls, kDataSource, peers_.get(), me_, [log](int level, const std::string& line) {
-        if (level >= EmbeddingChain::kWarn) {
-          log->warn(line);
-        } else if (level == EmbeddingChain::kInfo) {
-          log->info(line);
-        } else {
-          log->debug(line);
-        }
-      });
+  chain_ = std::make_unique<EmbeddingChain>(ctx.syscalls, kDataSource, peers_.get(), me_,
+                                            [log](int level, const std::string& line) {
+                                              if (level >= EmbeddingChain::kWarn) {
+                                                log->warn(line);
+                                              } else if (level == EmbeddingChain::kInfo) {
+                                                log->info(line);
+                                              } else {
+                                                log->debug(line);
+                                              }
+                                            });
   auto log_fn = [log](bool warn, const std::string& line) {
     if (warn) {
       log->warn(line);
@@ -283,7 +275,8 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
   base::remove_stale_temporaries(data_dir / "vectors");
 
   std::string root_setting = cfg.get("vectors_root", "");
-  const fs::path vectors_root = root_setting.empty() ? data_dir / "vectordb" : fs::path(root_setting);
+  const fs::path vectors_root =
+      root_setting.empty() ? data_dir / "vectordb" : fs::path(root_setting);
   vectors_root_ = vectors_root;
   sqlite_ = std::make_unique<modules_data::SqliteVectorBackend>();
   if (!sqlite_->initialize(vectors_root.string(), *log_)) {
@@ -328,9 +321,9 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
 
   const VectorSettings s = settings_();
   log_->info("initialize — data_dir=" + data_dir.string() + ", root=" + vectors_root.string() +
-             ", proxy=" + (proxy_url_.empty() ? "none" : proxy_url_) + ", embedding=" +
-             s.embedding_model + ", matrix_memory=" +
-             (memory_->initialized() ? "ready" : "unavailable"));
+             ", proxy=" + (proxy_url_.empty() ? "none" : proxy_url_) +
+             ", embedding=" + s.embedding_model +
+             ", matrix_memory=" + (memory_->initialized() ? "ready" : "unavailable"));
   return true;
 }
 
@@ -572,11 +565,10 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
   auto& tel = kernel::telemetry::Telemetry::instance();
   const std::string bucket = topk_bucket(k);
   tel.counter("ostrel.data.vector.searches_total", 1, {{"topk_bucket", bucket}});
-  tel.histogram("ostrel.data.vector.search_duration_ms",
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() -
-                                                          started)
-                    .count(),
-                {{"topk_bucket", bucket}});
+  tel.histogram(
+      "ostrel.data.vector.search_duration_ms",
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count(),
+      {{"topk_bucket", bucket}});
   return {{"hits", hits},
           {"tenant", q.tenant},
           {"namespace", q.ns},
@@ -638,15 +630,11 @@ Json DataModule::ingest_(const IngestRequest& request, int& status) {
     status = error.rfind("invalid", 0) == 0 ? 400 : 500;
     return {{"error", "persist_failed"}, {"detail", error}};
   }
-  kernel::telemetry::Telemetry::instance().counter(
-      "ostrel.data.vector.documents_ingested_total", static_cast<double>(pieces.size()),
-      {{"namespace", ns}});
-  return {{"status", "ingested"},
-          {"ids", ids},
-          {"chunks", pieces.size()},
-          {"tenant", tenant},
-          {"namespace", ns},
-          {"embedding_dim", dim}};
+  kernel::telemetry::Telemetry::instance().counter("ostrel.data.vector.documents_ingested_total",
+                                                   static_cast<double>(pieces.size()),
+                                                   {{"namespace", ns}});
+  return {{"status", "ingested"}, {"ids", ids},      {"chunks", pieces.size()},
+          {"tenant", tenant},     {"namespace", ns}, {"embedding_dim", dim}};
 }
 
 bool DataModule::tenant_of_(const Request& req, const Json& body, std::string& tenant,
@@ -689,8 +677,8 @@ bool DataModule::proxy_(const Request& req, Response& res, bool has_local) {
   if (r) {
     res.status = r->status;
     res.body = r->body;
-    res.content_type = r->has_header("Content-Type") ? r->get_header_value("Content-Type")
-                                                     : "application/json";
+    res.content_type =
+        r->has_header("Content-Type") ? r->get_header_value("Content-Type") : "application/json";
     return true;
   }
   log_->warn("proxy to " + proxy_url_ + " failed: connect error");
@@ -706,13 +694,15 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
   kernel::RouteOptions large;
   large.max_body = kernel::RouteOptions::kLargeBody;
   auto may_read = [](const Request& req, Response& res) {
-    if (kernel::has_scope(req, "data.vector.search") || kernel::has_scope(req, "data.memory.recall")) {
+    if (kernel::has_scope(req, "data.vector.search") ||
+        kernel::has_scope(req, "data.memory.recall")) {
       return true;
     }
     return kernel::require_scope(req, res, "data.vector.search");
   };
   auto may_write = [](const Request& req, Response& res) {
-    if (kernel::has_scope(req, "data.vector.write") || kernel::has_scope(req, "data.memory.store")) {
+    if (kernel::has_scope(req, "data.vector.write") ||
+        kernel::has_scope(req, "data.memory.store")) {
       return true;
     }
     return kernel::require_scope(req, res, "data.vector.write");
@@ -788,9 +778,8 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
              if (ctx_.syscalls->has("data.memory.recall")) {
                kernel::SyscallResult r = ctx_.syscalls->call(
                    kDataSource, "data.memory.recall",
-                   base::dump_json({{"tenant", tenant},
-                                    {"namespace", q["namespace"]},
-                                    {"query", q["query"]}}));
+                   base::dump_json(
+                       {{"tenant", tenant}, {"namespace", q["namespace"]}, {"query", q["query"]}}));
                Json recalled = base::parse_json(r.body);
                if (r.status == 0 && recalled.is_object() && recalled["hits"].is_array()) {
                  for (const auto& h : recalled["hits"]) {
@@ -843,26 +832,27 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
     reply(res, settings_().to_json());
   });
 
-  gw.route("POST", "/api/v1/vector/embed", [this, may_read, body_of](const Request& req, Response& res) {
-    if (!may_read(req, res) || proxy_(req, res, true)) return;
-    Json body = body_of(req);
-    std::string text, error, model;
-    if (!member(body, {"text", "input"}, text, "", error) ||
-        !member(body, {"model"}, model, settings_().embedding_model, error)) {
-      reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
-      return;
-    }
-    if (text.empty()) {
-      reply(res, {{"error", "missing 'text' or 'input'"}}, 400);
-      return;
-    }
-    std::vector<float> v;
-    if (!embed_(model, text, v, error)) {
-      reply(res, {{"error", "embedding_unavailable"}, {"detail", error}}, 502);
-      return;
-    }
-    reply(res, {{"embedding", v}, {"dimension", v.size()}, {"model", model}});
-  });
+  gw.route("POST", "/api/v1/vector/embed",
+           [this, may_read, body_of](const Request& req, Response& res) {
+             if (!may_read(req, res) || proxy_(req, res, true)) return;
+             Json body = body_of(req);
+             std::string text, error, model;
+             if (!member(body, {"text", "input"}, text, "", error) ||
+                 !member(body, {"model"}, model, settings_().embedding_model, error)) {
+               reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
+               return;
+             }
+             if (text.empty()) {
+               reply(res, {{"error", "missing 'text' or 'input'"}}, 400);
+               return;
+             }
+             std::vector<float> v;
+             if (!embed_(model, text, v, error)) {
+               reply(res, {{"error", "embedding_unavailable"}, {"detail", error}}, 502);
+               return;
+             }
+             reply(res, {{"embedding", v}, {"dimension", v.size()}, {"model", model}});
+           });
 
   auto namespaces = [this](const std::string& tenant, bool all_form) {
     Json list = Json::array();
@@ -937,36 +927,35 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
     reply(res, {{"error", "vector_update_requires_datad"}}, 502);
   });
 
-  gw.route("DELETE", "/api/v1/vector/documents/*",
-           [this, may_write](const Request& req, Response& res) {
-             if (!may_write(req, res) || proxy_(req, res, true)) return;
-             const std::string rest =
-                 req.path.substr(std::string("/api/v1/vector/documents/").size());
-             std::vector<std::string> parts;
-             std::stringstream ss(rest);
-             for (std::string p; std::getline(ss, p, '/');) parts.push_back(p);
-             if (parts.size() != 3 || rest.back() == '/' || parts[0].empty() || parts[1].empty() ||
-                 parts[2].empty()) {
-               reply(res, {{"error", "expected /tenant/namespace/id"}}, 400);
-               return;
-             }
-             if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, parts[0], res)) return;
-             std::string error, detail;
-             if (!vectors_->remove(parts[0], parts[1], parts[2], error, detail)) {
-               int status = error == "rename_failed" ? 500 : 404;
-               Json body = {{"error", error}};
-               if (error == "rename_failed") {
-                 log_->warn("vector delete: " + detail);
-                 body["detail"] = "the journal could not be rewritten";
-               }
-               reply(res, body, status);
-               return;
-             }
-             reply(res, {{"status", "deleted"},
-                         {"id", parts[2]},
-                         {"tenant", parts[0]},
-                         {"namespace", parts[1]}});
-           });
+  gw.route(
+      "DELETE", "/api/v1/vector/documents/*", [this, may_write](const Request& req, Response& res) {
+        if (!may_write(req, res) || proxy_(req, res, true)) return;
+        const std::string rest = req.path.substr(std::string("/api/v1/vector/documents/").size());
+        std::vector<std::string> parts;
+        std::stringstream ss(rest);
+        for (std::string p; std::getline(ss, p, '/');) parts.push_back(p);
+        if (parts.size() != 3 || rest.back() == '/' || parts[0].empty() || parts[1].empty() ||
+            parts[2].empty()) {
+          reply(res, {{"error", "expected /tenant/namespace/id"}}, 400);
+          return;
+        }
+        if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, parts[0], res)) return;
+        std::string error, detail;
+        if (!vectors_->remove(parts[0], parts[1], parts[2], error, detail)) {
+          int status = error == "rename_failed" ? 500 : 404;
+          Json body = {{"error", error}};
+          if (error == "rename_failed") {
+            log_->warn("vector delete: " + detail);
+            body["detail"] = "the journal could not be rewritten";
+          }
+          reply(res, body, status);
+          return;
+        }
+        reply(res, {{"status", "deleted"},
+                    {"id", parts[2]},
+                    {"tenant", parts[0]},
+                    {"namespace", parts[1]}});
+      });
 }
 
 // ---------------------------------------------------------------------------
@@ -988,13 +977,15 @@ Json DataModule::memory_store_(const Json& args, int& status) {
     return {{"error", "missing key"}};
   }
   r.replica = args.value("_replica", false);
-  if (auto imp = args.find("importance"); imp != args.end() && imp->is_number()) r.importance = *imp;
+  if (auto imp = args.find("importance"); imp != args.end() && imp->is_number())
+    r.importance = *imp;
 
   // Quota: the bytes stored count against the tenant's storage.
   if (ctx_.syscalls->has("kernel.quota.check")) {
     kernel::SyscallResult q = ctx_.syscalls->call(
         kDataSource, "kernel.quota.check",
-        base::dump_json({{"tenant", r.tenant}, {"resource", "storage_bytes"},
+        base::dump_json({{"tenant", r.tenant},
+                         {"resource", "storage_bytes"},
                          {"increment", static_cast<std::int64_t>(r.value.size())}}));
     Json answer = base::parse_json(q.body);
     if (q.status == 0 && answer.is_object() && answer.value("ok", true) == false) {
@@ -1089,8 +1080,8 @@ void DataModule::replication_loop_() {
     for (const auto& peer : peers_->data_peers()) {
       PeerReply r = peer_post(peer, "/api/v1/memory/store", body, me_, kPeerTimeout);
       if (!r.transport_ok || r.status != 200) {
-        log_->warn("memory.store async replica to " + peer + " failed: " +
-                   (r.transport_ok ? "http " + std::to_string(r.status) : r.error));
+        log_->warn("memory.store async replica to " + peer +
+                   " failed: " + (r.transport_ok ? "http " + std::to_string(r.status) : r.error));
       }
     }
     lock.lock();
@@ -1118,7 +1109,8 @@ Json DataModule::memory_recall_(const Json& args, int& status) {
     status = 400;
     return {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}};
   }
-  MemoryRecallOutcome o = memory_->recall(tenant, ns, query, domain, static_cast<std::size_t>(limit));
+  MemoryRecallOutcome o =
+      memory_->recall(tenant, ns, query, domain, static_cast<std::size_t>(limit));
   Json hits = Json::array();
   for (const auto& h : o.hits) {
     hits.push_back({{"key", h.key},
@@ -1127,9 +1119,8 @@ Json DataModule::memory_recall_(const Json& args, int& status) {
                     {"score", h.score},
                     {"via", h.via}});
   }
-  log_->info("memory.recall tenant='" + tenant + "' ns='" + ns + "' query='" + query +
-             "' hits=" + std::to_string(hits.size()) +
-             " matrix_conf=" + std::to_string(o.confidence));
+  log_->info("memory.recall tenant='" + tenant + "' ns='" + ns + "' query='" + query + "' hits=" +
+             std::to_string(hits.size()) + " matrix_conf=" + std::to_string(o.confidence));
   kernel::telemetry::Telemetry::instance().counter("ostrel.data.memory.recalls_total", 1,
                                                    {{"matrix", o.enabled ? "on" : "off"}});
   return {{"hits", hits},
@@ -1165,8 +1156,7 @@ Json DataModule::memory_forget_(const Json& args, int& status) {
   if (r.mode == "bulk") {
     log_->info("memory.forget bulk tenant='" + r.tenant + "' ns_prefix='" + r.ns_prefix +
                "' age=" + std::to_string(r.older_than_seconds) +
-               " forgotten=" + std::to_string(o.forgotten) +
-               " kv=" + std::to_string(o.kv_removed));
+               " forgotten=" + std::to_string(o.forgotten) + " kv=" + std::to_string(o.kv_removed));
   } else {
     log_->info("memory.forget tenant='" + r.tenant + "' ns='" + r.ns + "' key='" + r.key +
                "' mode='" + r.mode + "' kv_removed=" + std::to_string(o.kv_removed) +
@@ -1191,11 +1181,10 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
     const char* scope;
     Json (DataModule::*fn)(const Json&, int&);
   };
-  for (const Op& op : {Op{"/api/v1/memory/store", "data.memory.store", &DataModule::memory_store_},
-                       Op{"/api/v1/memory/recall", "data.memory.recall",
-                          &DataModule::memory_recall_},
-                       Op{"/api/v1/memory/forget", "data.memory.store",
-                          &DataModule::memory_forget_}}) {
+  for (const Op& op :
+       {Op{"/api/v1/memory/store", "data.memory.store", &DataModule::memory_store_},
+        Op{"/api/v1/memory/recall", "data.memory.recall", &DataModule::memory_recall_},
+        Op{"/api/v1/memory/forget", "data.memory.store", &DataModule::memory_forget_}}) {
     gw.route("POST", op.path, [this, op](const Request& req, Response& res) {
       if (!kernel::require_scope(req, res, op.scope)) return;
       Json body;
@@ -1243,11 +1232,11 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
     reply(res, {{"matrices", list}, {"count", list.size()}});
   });
   gw.route("GET", "/api/v1/memory/config", [this](const Request&, Response& res) {
-    reply(res, {{"replication_mode", replication_mode_},
-                {"peers", peers_->data_peers()},
-                {"embedding_model",
-                 memory_model_.empty() ? settings_().embedding_model : memory_model_},
-                {"shared_namespace", "_shared"}});
+    reply(res,
+          {{"replication_mode", replication_mode_},
+           {"peers", peers_->data_peers()},
+           {"embedding_model", memory_model_.empty() ? settings_().embedding_model : memory_model_},
+           {"shared_namespace", "_shared"}});
   });
   gw.route("GET", "/api/v1/memory/health", [this](const Request&, Response& res) {
     reply(res, {{"status", memory_->initialized() ? "healthy" : "not_initialized"}});
@@ -1448,10 +1437,25 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
                            Json out = memory_forget_(a, status);
                            return as_result(std::move(out), status);
                          }));
-  table.register_syscall(kDataSource, "data.memory.checkpoint",
-                         json_syscall([this](const Json&) {
+  table.register_syscall(kDataSource, "data.memory.checkpoint", json_syscall([this](const Json&) {
                            return base::syscall_ok(memory_->checkpoint());
                          }));
+  // The objects of a tenant (for the file search source).
+  table.register_syscall(
+      kDataSource, "data.objects.list", json_syscall([this](const Json& a) {
+        if (!objects_) {
+          return base::syscall_error("clusterfs_unavailable",
+                                     "backend not initialised on this node");
+        }
+        Json list = Json::array();
+        for (const auto& o : objects_->list(a.value("tenant", "default"), a.value("prefix", ""))) {
+          list.push_back({{"path", o.path},
+                          {"size_bytes", o.size_bytes},
+                          {"version", o.version},
+                          {"content_type", o.content_type}});
+        }
+        return base::syscall_ok({{"objects", list}});
+      }));
   table.register_syscall(
       kDataSource, "data.memory.is_tombstoned", json_syscall([this](const Json& a) {
         const std::string key = a.value("key", "");

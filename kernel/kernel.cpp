@@ -65,7 +65,7 @@ bool Kernel::boot() {
     return false;
   }
 
-  logger_.info("search engine: not available in this build — no search sources registered");
+  start_search_();
 
   install_auth_policy_();
 
@@ -235,7 +235,8 @@ void Kernel::warn_about_unknown_options_(const std::vector<ModuleDefinition>& de
     const std::size_t dot = text.find('.');
     if (eq == std::string::npos || dot == std::string::npos || dot > eq || dot == 0 ||
         dot + 1 == eq) {
-      logger_.warn("--config-set '" + text + "' is malformed (expected module.key=value) — ignored");
+      logger_.warn("--config-set '" + text +
+                   "' is malformed (expected module.key=value) — ignored");
       continue;
     }
     const std::string module = text.substr(0, dot), key = text.substr(dot + 1, eq - dot - 1);

@@ -28,6 +28,7 @@
 #include "kernel/obs/logger.h"
 #include "kernel/obs/metric_registry.h"
 #include "kernel/syscall_table.h"
+#include "search/search_engine.h"
 
 namespace ostrel::kernel {
 
@@ -101,6 +102,8 @@ class Kernel {
   void install_auth_policy_();
   // Turns a credential into an AuthResult, through the auth cache.
   AuthResult verify_credential_(const std::string& credential);
+  // The unified search engine, its sources and its routes.
+  void start_search_();
   void start_background_threads_();
   void run_self_health_();
   // Waits on the kernel's condition variable; false once shutdown began.
@@ -122,6 +125,8 @@ class Kernel {
   NodeIdentity identity_;
   AuthCache auth_cache_;
   std::vector<LoadedModule> modules_;  // load order; not resized after boot step 4
+  // Destroyed before the modules: its threads may be calling their syscalls.
+  std::unique_ptr<ostrel::search::SearchEngine> search_;
   std::atomic<bool> running_{false};
   std::atomic<bool> stop_requested_{false};
 

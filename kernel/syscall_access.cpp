@@ -34,6 +34,7 @@ constexpr SyscallRule kRules[] = {
     {"data.memory.is_tombstoned", SyscallAccess::scoped_tenant, "data.memory.recall"},
     {"data.memory.store", SyscallAccess::scoped_tenant, "data.memory.store"},
     {"data.memory.forget", SyscallAccess::scoped_tenant, "data.memory.store"},
+    {"data.objects.list", SyscallAccess::scoped_tenant, "data.storage.read"},
     {"data.*", SyscallAccess::admin, {}},
     // Search, tools and policy questions.
     {"search.query", SyscallAccess::scoped_tenant, "search.query"},
@@ -44,6 +45,9 @@ constexpr SyscallRule kRules[] = {
     {"audit.*", SyscallAccess::admin, {}},
     {"agent.chat", SyscallAccess::scoped_tenant, "agent.invoke"},
     {"agent.*", SyscallAccess::admin, {}},
+    // Dreaming: reading the current cycle, or running cycles and profiles.
+    {"dream.current", SyscallAccess::scoped, "dream.read"},
+    {"dream.*", SyscallAccess::scoped, "dream.run"},
 };
 
 bool matches(std::string_view pattern, std::string_view name, std::size_t& literal) {
@@ -121,9 +125,9 @@ bool authorize_syscall(const Request& req, std::string_view name, Json& args, Re
 
 bool authorize_publish(const Request& req, std::string_view topic, Response& res) {
   if (is_admin(req)) return true;
-  static constexpr std::string_view kReserved[] = {"module.", "kernel.",   "cluster.",
-                                                   "identity.", "audit.", "security.",
-                                                   "tenant.",  "comm.",   "swarm."};
+  static constexpr std::string_view kReserved[] = {"module.",   "kernel.", "cluster.",
+                                                   "identity.", "audit.",  "security.",
+                                                   "tenant.",   "comm.",   "swarm."};
   for (std::string_view r : kReserved) {
     if (topic.substr(0, r.size()) == r) {
       forbid(res, "topic " + std::string(topic) + " is reserved for the node");

@@ -3,7 +3,8 @@
 #   base/      helpers every layer uses
 #   identity/  identity stores and their routes (base only)
 #   clusterfs/ the object store (base only)
-#   kernel/    the kernel (base, identity)
+#   search/    the unified search engine (base only)
+#   kernel/    the kernel (base, identity, search)
 # Modules (inference/, data/, agents/, …) sit above all of them.
 set -u
 root="${1:-$(dirname "$0")/..}"
@@ -26,11 +27,12 @@ check() {
 check base "base"
 check identity "base identity"
 check clusterfs "base clusterfs"
-check kernel "base identity kernel"
+check search "base search"
+check kernel "base identity search kernel"
 
 # Nothing outside tests/ and bench/ includes test code.
 if grep -rn '#include "tests/' --include='*.h' --include='*.cpp' \
-     base identity clusterfs kernel inference data modules 2>/dev/null; then
+     base identity clusterfs search kernel inference data dreams modules 2>/dev/null; then
   echo "production code includes test code"
   status=1
 fi

@@ -8,6 +8,8 @@ PORT ?= 8880
 BIND ?= 127.0.0.1
 DATA_DIR ?= $(CURDIR)/var
 JOBS ?= $(shell nproc)
+# Most tests wait on sockets and timers, so twice as many run at once as there are cores.
+TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 # Relative paths in ccache's hashes let fresh clones reuse the cache.
 export CCACHE_BASEDIR := $(CURDIR)
 
@@ -33,13 +35,13 @@ run: build
 	  --config-set data.embedding_model=ulvo-hash-embed-v1 $(RUN_ARGS)
 
 test: build
-	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(TEST_JOBS) --timeout 300
 
 # Every benchmark, each printing its figure as a ratio to a same-run baseline.
 bench: build
 	@bash bench/run.sh $(BUILD_DIR)
 	@bash bench/inference_overhead.sh $(BUILD_DIR)
-	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench data_bench; do \
+	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench data_bench search_bench; do \
 	  $(BUILD_DIR)/bench/$$b; \
 	done
 
@@ -49,7 +51,8 @@ sanitize: deps
 	@cmake -S . -B build-$(SANITIZE) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DOSTREL_SANITIZE=$(SANITIZE) -DOSTREL_BUILD_BENCH=OFF
 	@cmake --build build-$(SANITIZE) -j $(JOBS)
-	@cd build-$(SANITIZE) && ctest --output-on-failure -j $(JOBS) --timeout 600
+	@cd build-$(SANITIZE) && TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp $$TSAN_OPTIONS" \
+	  ctest --output-on-failure -j $(JOBS) --timeout 600
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

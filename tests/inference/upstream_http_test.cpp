@@ -218,8 +218,11 @@ TEST(UpstreamHttp, FramesRequestsAndDecodesEveryBodyShape) {
   ScriptedServer server;
   server.answers = {
       // Content-Length body split across reads, after an interim 100 answer.
+      // The last piece waits until "hello" was delivered on its own.
       {{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Len", "gth: 11\r\n\r\nhello",
-        " world"}},
+        " world"},
+       false,
+       1},
       // Chunked: a size line split, an extension, a chunk across reads, trailers.
       {{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nline1\r\nA;e",
         "xt=1\r\n0123456789\r\n4\r\nab", "cd\r\n0\r\nX-Trailer: t\r\n\r\n"}},

@@ -103,6 +103,22 @@ std::string sha256(std::string_view data) {
   return std::string(reinterpret_cast<const char*>(md), len);
 }
 
+Sha256::Sha256() : md_(EVP_MD_fetch(nullptr, "SHA256", nullptr)), ctx_(EVP_MD_CTX_new()) {}
+
+Sha256::~Sha256() {
+  EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(ctx_));
+  EVP_MD_free(static_cast<EVP_MD*>(md_));
+}
+
+bool Sha256::digest(std::string_view a, std::string_view b, unsigned char out[32]) {
+  auto* ctx = static_cast<EVP_MD_CTX*>(ctx_);
+  unsigned int len = 0;
+  return md_ && ctx && EVP_DigestInit_ex2(ctx, static_cast<EVP_MD*>(md_), nullptr) == 1 &&
+         EVP_DigestUpdate(ctx, a.data(), a.size()) == 1 &&
+         EVP_DigestUpdate(ctx, b.data(), b.size()) == 1 &&
+         EVP_DigestFinal_ex(ctx, out, &len) == 1 && len == 32;
+}
+
 std::string hmac_sha256(std::string_view key, std::string_view message) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;

@@ -22,6 +22,23 @@ bool base64url_decode(std::string_view text, std::string& out);
 
 // SHA-256 of `data`, as 32 raw bytes.
 std::string sha256(std::string_view data);
+// A SHA-256 hasher for many small inputs: the digest implementation is
+// fetched once and one context reused, which saves most of the per-call cost
+// of the one-shot function. Not thread-safe: one owner at a time.
+class Sha256 {
+ public:
+  Sha256();
+  ~Sha256();
+  Sha256(const Sha256&) = delete;
+  Sha256& operator=(const Sha256&) = delete;
+  // SHA-256 of `a` followed by `b`, into 32 bytes; false on a library failure.
+  bool digest(std::string_view a, std::string_view b, unsigned char out[32]);
+
+ private:
+  void* md_;   // EVP_MD*
+  void* ctx_;  // EVP_MD_CTX*
+};
+
 // HMAC-SHA256 of `message` under `key`, as 32 raw bytes.
 std::string hmac_sha256(std::string_view key, std::string_view message);
 // `size` bytes from the system's secure random source; empty on failure.

@@ -54,6 +54,7 @@ struct Request {
   const std::string& header(std::string_view name) const;
   // The query parameter's value, or `fallback` when absent.
   std::string param(const std::string& name, const std::string& fallback = "") const;
+  bool has_param(const std::string& name) const { return params.count(name) > 0; }
 };
 
 // Writes one piece of a streamed body; returns false once the client is gone.

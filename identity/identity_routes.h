@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/types.h"
+#include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
 #include "identity/quota.h"
 #include "identity/rbac.h"
@@ -34,11 +35,19 @@ struct IdentityContext {
   std::function<void(const std::string&)> log_info;
   // Records a security-relevant action: {"action", "tenant", "subject", …}.
   std::function<void(const kernel::Request* caller, const nlohmann::json& event)> audit;
+  // The audit log itself, for its routes and syscalls.
+  AuditLog* audit_log = nullptr;
+  // Checks a token presented where auth is not enforced (the audit routes).
+  std::function<kernel::AuthResult(const std::string& token)> verify_token;
+  // The source code of the caller of the syscall running on this thread.
+  std::function<SourceCode()> syscall_caller;
 };
 
 void register_capability_routes(const IdentityContext& ctx, const AddRoute& add);
 void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add);
 void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add);
+void register_audit_routes(const IdentityContext& ctx, const AddRoute& add);
+void register_audit_syscalls(const IdentityContext& ctx, const AddSyscall& add);
 
 // Creates a tenant with its signing key and default roles, in an order that a
 // crash cannot leave unusable: key, then the tenant (metadata included in its

@@ -3,15 +3,15 @@
 // entry points.
 #include <nlohmann/json.hpp>
 
-#include "base/json.h"
 #include "base/access.h"
+#include "base/json.h"
 #include "base/reply.h"
-#include "kernel/syscall_access.h"
 #include "base/text.h"
 #include "identity/identity_registry.h"
 #include "kernel/kernel.h"
 #include "kernel/obs/metrics.h"
 #include "kernel/obs/telemetry.h"
+#include "kernel/syscall_access.h"
 
 namespace ostrel::kernel {
 using base::parse_object_body;
@@ -139,6 +139,10 @@ void Kernel::register_builtin_routes() {
     }
     Json args = body.value("args", Json::object());
     if (!authorize_syscall(req, syscall, args, res)) return;
+    // An audit record made over HTTP names who asked for it.
+    if (syscall == "audit.append" && args.is_object() && !args.contains("actor")) {
+      args["actor"] = actor_of_(&req);
+    }
     SyscallResult r;
     try {
       r = syscalls_.call(self, syscall, base::dump_json(args));
@@ -175,7 +179,8 @@ void Kernel::register_builtin_routes() {
         }
         if (!authorize_publish(req, topic->get<std::string>(), res)) return;
         Json payload = body.value("payload", Json::object());
-        std::size_t notified = bus_.publish(self, topic->get<std::string>(), base::dump_json(payload));
+        std::size_t notified =
+            bus_.publish(self, topic->get<std::string>(), base::dump_json(payload));
         reply(res, {{"topic", *topic}, {"subscribers_notified", notified}});
       });
 }

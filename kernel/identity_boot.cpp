@@ -32,7 +32,9 @@ void Kernel::open_identity_stores_() {
   n = rbac_.replay_journal();
   logger_.info("RBAC replayed " + std::to_string(n) + " records from " +
                rbac_.journal_path().string());
-  logger_.info("audit log: not available in this build — no audit.jsonl replayed");
+  n = audit_.replay_journal();
+  logger_.info("audit log replayed " + std::to_string(n) + " records from " +
+               audit_.journal_path().string());
 
   std::string error;
   if (issuer_.open(state, error)) {

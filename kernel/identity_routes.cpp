@@ -23,6 +23,10 @@ identity::IdentityContext Kernel::identity_context_() {
   ctx.quotas = &quotas_;
   ctx.credentials_changed = [this] { auth_cache_.clear(); };
   ctx.log_info = [this](const std::string& line) { logger_.info(line); };
+  ctx.audit_log = &audit_;
+  ctx.audit = [this](const Request* caller, const Json& event) { audit_event_(caller, event); };
+  ctx.verify_token = [this](const std::string& token) { return verify_credential_(token); };
+  ctx.syscall_caller = [] { return SyscallTable::current_caller(); };
   return ctx;
 }
 
@@ -33,13 +37,45 @@ void Kernel::register_identity_routes_() {
   };
   identity::register_capability_routes(identity_context_(), add);
   identity::register_tenant_routes(identity_context_(), add);
+  identity::register_audit_routes(identity_context_(), add);
+}
+
+// One security-relevant action into the audit log. The actor is who made the
+// request (user, token or peer node), "kernel" for the kernel's own acts.
+std::string Kernel::actor_of_(const Request* caller) {
+  if (!caller) return "kernel";
+  return !caller->user_id.empty()        ? "user:" + caller->user_id
+         : !caller->token_id.empty()     ? "token:" + caller->token_id
+         : !caller->peer_node_id.empty() ? "node:" + caller->peer_node_id
+                                         : "anonymous@" + caller->client_addr;
+}
+
+void Kernel::audit_event_(const Request* caller, const Json& event) {
+  std::string actor = actor_of_(caller);
+  auto text = [&](const char* key) {
+    auto it = event.find(key);
+    return it != event.end() && it->is_string() ? it->get<std::string>() : std::string();
+  };
+  Json metadata = Json::object();
+  for (auto it = event.begin(); it != event.end(); ++it) {
+    const std::string& k = it.key();
+    if (k != "action" && k != "tenant" && k != "resource" && k != "outcome") metadata[k] = *it;
+  }
+  std::string resource = text("resource");
+  if (resource.empty()) resource = text("token_id");
+  if (resource.empty()) resource = text("subject");
+  if (resource.empty()) resource = text("user_id");
+  std::string outcome = text("outcome");
+  audit_.append(identity::kKernelSource, std::move(actor), text("action"), std::move(resource),
+                outcome.empty() ? "ok" : outcome, text("tenant"), base::dump_json(metadata));
 }
 
 void Kernel::register_identity_syscalls_() {
-  identity::register_tenant_syscalls(
-      identity_context_(), [this](const std::string& name, identity::SyscallFn fn) {
-        syscalls_.register_syscall(identity::kKernelSource, name, std::move(fn));
-      });
+  identity::AddSyscall add = [this](const std::string& name, identity::SyscallFn fn) {
+    syscalls_.register_syscall(identity::kKernelSource, name, std::move(fn));
+  };
+  identity::register_tenant_syscalls(identity_context_(), add);
+  identity::register_audit_syscalls(identity_context_(), add);
 }
 
 void Kernel::register_compaction_route_() {
@@ -62,6 +98,9 @@ void Kernel::register_compaction_route_() {
       line += std::string(" ") + name + "=" + (ec ? std::string("absent") : std::to_string(size));
     }
     logger_.info(line);
+    audit_event_(&req, {{"action", "kernel.compact"},
+                        {"outcome", failures.empty() ? "ok" : "partial"},
+                        {"failures", failures}});
     base::reply(res,
                 {{"status", failures.empty() ? "compacted" : "partial"},
                  {"bytes", sizes},

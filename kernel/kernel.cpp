@@ -32,12 +32,16 @@ Kernel::Kernel(KernelConfig config)
     : config_(std::move(config)),
       logger_("kernel"),
       tenants_(std::filesystem::path(config_.data_dir) / "state" / "tenants.jsonl"),
-      rbac_(std::filesystem::path(config_.data_dir) / "state" / "rbac.jsonl") {
+      rbac_(std::filesystem::path(config_.data_dir) / "state" / "rbac.jsonl"),
+      audit_(std::filesystem::path(config_.data_dir) / "state" / "audit.jsonl") {
   gateway_.set_auth_mode(config_.auth_mode);
   obs::MetricsRegistry::instance().counter("ostrel_modules_started_total",
                                            "Modules whose start() succeeded");
   obs::MetricsRegistry::instance().counter("ostrel_audit_verify_failures_total",
                                            "Audit chain verifications that failed");
+  obs::Counter& audited = obs::MetricsRegistry::instance().counter(
+      "ostrel_audit_records_total", "Audit records appended since boot");
+  audit_.set_on_append([&audited] { audited.add(); });
 }
 
 Kernel::~Kernel() { drain_and_stop(); }

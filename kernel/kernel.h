@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
 #include "identity/identity_routes.h"
 #include "identity/quota.h"
@@ -82,6 +83,7 @@ class Kernel {
   identity::TenantRegistry& tenants() { return tenants_; }
   identity::RBAC& rbac() { return rbac_; }
   identity::QuotaAccountant& quotas() { return quotas_; }
+  identity::AuditLog& audit_log() { return audit_; }
   const std::vector<LoadedModule>& modules() const { return modules_; }
 
  private:
@@ -99,6 +101,10 @@ class Kernel {
   void register_identity_routes_();
   void register_identity_syscalls_();
   void register_compaction_route_();
+  // Appends one security-relevant action ({"action", "tenant", …}) to the audit log.
+  void audit_event_(const Request* caller, const nlohmann::json& event);
+  // "user:<id>", "token:<id>", "node:<id>", "anonymous@<addr>", or "kernel".
+  static std::string actor_of_(const Request* caller);
   void install_auth_policy_();
   // Turns a credential into an AuthResult, through the auth cache.
   AuthResult verify_credential_(const std::string& credential);
@@ -120,6 +126,7 @@ class Kernel {
   identity::TenantRegistry tenants_;
   identity::RBAC rbac_;
   identity::QuotaAccountant quotas_;
+  identity::AuditLog audit_;
   std::string cluster_secret_;
   std::string controller_node_id_;
   NodeIdentity identity_;

@@ -20,7 +20,21 @@ bool SyscallTable::register_streaming_syscall(identity::SourceCode owner, std::s
       .second;
 }
 
-SyscallResult SyscallTable::call(identity::SourceCode, std::string_view name,
+namespace {
+// The caller of the syscall running on this thread (nested calls restore the
+// outer caller when they return).
+thread_local identity::SourceCode tl_caller{};
+
+struct CallerScope {
+  identity::SourceCode saved;
+  explicit CallerScope(identity::SourceCode caller) : saved(tl_caller) { tl_caller = caller; }
+  ~CallerScope() { tl_caller = saved; }
+};
+}  // namespace
+
+identity::SourceCode SyscallTable::current_caller() { return tl_caller; }
+
+SyscallResult SyscallTable::call(identity::SourceCode caller, std::string_view name,
                                  std::string_view args_json) const {
   SyscallHandler handler;
   {
@@ -29,10 +43,11 @@ SyscallResult SyscallTable::call(identity::SourceCode, std::string_view name,
     if (it == registrations_.end()) return {-1, "{\"error\":\"not_found\"}"};
     handler = it->second.handler;
   }
+  CallerScope scope(caller);
   return handler(args_json);
 }
 
-int SyscallTable::call_streaming(identity::SourceCode, std::string_view name,
+int SyscallTable::call_streaming(identity::SourceCode caller, std::string_view name,
                                  std::string_view args_json, SyscallEmit on_chunk) const {
   StreamingSyscallHandler handler;
   {
@@ -41,6 +56,7 @@ int SyscallTable::call_streaming(identity::SourceCode, std::string_view name,
     if (it == stream_registrations_.end()) return -1;
     handler = it->second.handler;
   }
+  CallerScope scope(caller);
   return handler(args_json, std::move(on_chunk));
 }
 

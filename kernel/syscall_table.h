@@ -18,8 +18,8 @@ using StreamingSyscallHandler = std::function<int(std::string_view args_json, Sy
 
 // Named calls between modules. A module registers a dotted name with a handler;
 // any module holding the table calls it by name with a JSON argument text.
-// Registrations are never removed. The caller's SourceCode is accepted but not
-// used: the table holds no policy.
+// Registrations are never removed. The table holds no policy; a handler that
+// needs to know who called (the audit log records it) asks current_caller().
 // Thread-safe: mu_ guards both maps; handlers run on the caller's thread after
 // the lock is released, so a handler may call or register syscalls itself.
 class SyscallTable {
@@ -52,6 +52,8 @@ class SyscallTable {
                      SyscallEmit on_chunk) const;
 
   bool has(std::string_view name) const;
+  // The caller of the syscall this thread is running (zero outside one).
+  static identity::SourceCode current_caller();
   bool has_streaming(std::string_view name) const;
 
   // Every registration, plain and streaming, sorted by name.

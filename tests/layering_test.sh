@@ -4,6 +4,7 @@
 #   identity/  identity stores and their routes (base only)
 #   clusterfs/ the object store (base only)
 #   search/    the unified search engine (base only)
+#   tools/     the tool registry (base only)
 #   kernel/    the kernel (base, identity, search)
 # Modules (inference/, data/, agents/, …) sit above all of them.
 set -u
@@ -28,11 +29,12 @@ check base "base"
 check identity "base identity"
 check clusterfs "base clusterfs"
 check search "base search"
+check tools "base tools"
 check kernel "base identity search kernel"
 
 # Nothing outside tests/ and bench/ includes test code.
 if grep -rn '#include "tests/' --include='*.h' --include='*.cpp' \
-     base identity clusterfs search kernel inference data dreams modules 2>/dev/null; then
+     base identity clusterfs search tools kernel inference data dreams modules 2>/dev/null; then
   echo "production code includes test code"
   status=1
 fi

@@ -1,0 +1,301 @@
+#include "identity/audit_log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "base/clock.h"
+#include "base/json.h"
+#include "base/text.h"
+
+namespace ostrel::identity {
+
+namespace {
+
+using Json = nlohmann::json;
+
+void append_number(std::string& out, std::uint64_t v) {
+  char buf[24];
+  auto r = std::to_chars(buf, buf + sizeof buf, v);
+  out.append(buf, r.ptr);
+}
+
+void append_signed(std::string& out, std::int64_t v) {
+  char buf[24];
+  auto r = std::to_chars(buf, buf + sizeof buf, v);
+  out.append(buf, r.ptr);
+}
+
+std::string source_text(SourceCode s) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, "0x%02x%02x", s.domain, s.subdomain);
+  return buf;
+}
+
+bool parse_source(const std::string& text, SourceCode& out) {
+  unsigned v = 0;
+  if (text.size() != 6 || text.rfind("0x", 0) != 0 ||
+      std::sscanf(text.c_str() + 2, "%4x", &v) != 1) {
+    return false;
+  }
+  out = SourceCode{static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v & 0xff)};
+  return true;
+}
+
+bool parse_hash(const Json& j, const char* key, Hash& out) {
+  auto it = j.find(key);
+  if (it == j.end() || !it->is_string()) return false;
+  std::string raw;
+  if (!base::from_hex(it->get<std::string>(), raw) || raw.size() != 32) return false;
+  std::copy(raw.begin(), raw.end(), out.begin());
+  return true;
+}
+
+// The event a journal line describes; false when the line is not a record.
+bool event_from_line(const std::string& line, AuditEvent& e) {
+  Json j = base::parse_json(line);
+  if (!j.is_object()) return false;
+  try {
+    if (!j.contains("seq") || !j["seq"].is_number_unsigned()) return false;
+    e.seq = j["seq"];
+    e.ts_ms = j.value("ts_ms", std::int64_t{0});
+    if (!parse_source(j.value("source", "0x0000"), e.source)) return false;
+    e.actor = j.value("actor", "");
+    e.action = j.value("action", "");
+    e.resource = j.value("resource", "");
+    e.outcome = j.value("outcome", "");
+    e.tenant = j.value("tenant", "");
+    const Json& m = j.contains("metadata") ? j["metadata"] : Json("{}");
+    e.metadata = m.is_string() ? m.get<std::string>() : base::dump_json(m);
+    return parse_hash(j, "prev_hash", e.prev_hash) && parse_hash(j, "hash", e.hash);
+  } catch (const std::exception&) {
+    return false;  // a member of the wrong type
+  }
+}
+
+}  // namespace
+
+AuditLog::AuditLog(std::filesystem::path journal) : journal_(std::move(journal)) {}
+
+AuditLog::~AuditLog() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::string AuditLog::to_hex(const Hash& h) { return base::to_hex(h.data(), h.size()); }
+
+std::string AuditLog::canonical_body(const AuditEvent& e) {
+  std::string out;
+  canonical_body(e, out);
+  return out;
+}
+
+namespace {
+
+// The canonical body written into `buf` (grown as needed, never zero-filled):
+// verify runs this once per event.
+std::string_view write_canonical(const AuditEvent& e, std::unique_ptr<char[]>& buf,
+                                 std::size_t& cap) {
+  char seq[24], ts[24], dom[4], sub[4];
+  const auto seq_end = std::to_chars(seq, seq + sizeof seq, e.seq).ptr;
+  const auto ts_end = std::to_chars(ts, ts + sizeof ts, e.ts_ms).ptr;
+  const auto dom_end = std::to_chars(dom, dom + sizeof dom, e.source.domain).ptr;
+  const auto sub_end = std::to_chars(sub, sub + sizeof sub, e.source.subdomain).ptr;
+  const std::size_t size = static_cast<std::size_t>((seq_end - seq) + (ts_end - ts) +
+                                                    (dom_end - dom) + (sub_end - sub)) +
+                           e.actor.size() + e.action.size() + e.resource.size() + e.outcome.size() +
+                           e.tenant.size() + e.metadata.size() + 9;
+  if (size > cap) {
+    cap = std::max(size, cap * 2);
+    buf = std::make_unique<char[]>(cap);
+  }
+  char* p = buf.get();
+  auto put = [&p](const char* b, std::size_t n) {
+    std::memcpy(p, b, n);
+    p += n;
+  };
+  put(seq, static_cast<std::size_t>(seq_end - seq));
+  *p++ = '|';
+  put(ts, static_cast<std::size_t>(ts_end - ts));
+  *p++ = '|';
+  put(dom, static_cast<std::size_t>(dom_end - dom));
+  *p++ = ':';
+  put(sub, static_cast<std::size_t>(sub_end - sub));
+  for (const std::string* f :
+       {&e.actor, &e.action, &e.resource, &e.outcome, &e.tenant, &e.metadata}) {
+    *p++ = '|';
+    put(f->data(), f->size());
+  }
+  return {buf.get(), size};
+}
+
+}  // namespace
+
+void AuditLog::canonical_body(const AuditEvent& e, std::string& out) {
+  std::unique_ptr<char[]> buf;
+  std::size_t cap = 0;
+  out.assign(write_canonical(e, buf, cap));
+}
+
+std::string AuditLog::journal_line(const AuditEvent& e) {
+  std::string out;
+  out.reserve(256 + e.metadata.size());
+  out += "{\"seq\":";
+  append_number(out, e.seq);
+  out += ",\"ts_ms\":";
+  append_signed(out, e.ts_ms);
+  out += ",\"source\":\"" + source_text(e.source) + "\"";
+  for (auto [key, value] : {std::pair{",\"actor\":", &e.actor},
+                            {",\"action\":", &e.action},
+                            {",\"resource\":", &e.resource},
+                            {",\"outcome\":", &e.outcome},
+                            {",\"tenant\":", &e.tenant},
+                            {",\"metadata\":", &e.metadata}}) {
+    out += key;
+    text::append_json_string(out, *value);
+  }
+  out += ",\"prev_hash\":\"" + to_hex(e.prev_hash) + "\",\"hash\":\"" + to_hex(e.hash) + "\"}";
+  return out;
+}
+
+Json AuditLog::to_json(const AuditEvent& e) {
+  Json metadata = base::parse_json(e.metadata);
+  if (metadata.is_discarded()) metadata = e.metadata;
+  Json out = {{"seq", e.seq},
+              {"ts_unix_ms", e.ts_ms},
+              {"source", source_text(e.source)},
+              {"actor", e.actor},
+              {"action", e.action},
+              {"resource", e.resource},
+              {"outcome", e.outcome},
+              {"tenant", e.tenant},
+              {"metadata", metadata},
+              {"prev_hash", to_hex(e.prev_hash)},
+              {"hash", to_hex(e.hash)}};
+  if (e.damaged) out["damaged"] = true;
+  return out;
+}
+
+bool AuditLog::hash_(const Hash& prev, const AuditEvent& e, Hash& out) const {
+  return sha_.digest(std::string_view(reinterpret_cast<const char*>(prev.data()), prev.size()),
+                     write_canonical(e, body_, body_cap_), out.data());
+}
+
+void AuditLog::open_for_append_() {
+  if (fd_ >= 0) return;
+  std::error_code ec;
+  std::filesystem::create_directories(journal_.parent_path(), ec);
+  fd_ = ::open(journal_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+}
+
+std::size_t AuditLog::replay_journal() {
+  std::lock_guard lock(mu_);
+  events_.clear();
+  next_seq_ = 1;
+  last_hash_ = Hash{};
+  std::ifstream in(journal_, std::ios::binary);
+  std::string line;
+  std::size_t n = 0;
+  bool ends_with_newline = true;
+  while (std::getline(in, line)) {
+    ends_with_newline = !in.eof();
+    if (line.empty()) continue;
+    ++n;
+    AuditEvent e;
+    if (event_from_line(line, e)) {
+      last_hash_ = e.hash;
+    } else {
+      e = AuditEvent{};
+      e.seq = next_seq_;
+      e.damaged = true;
+    }
+    next_seq_ = std::max(next_seq_, e.seq + 1);
+    events_.push_back(std::move(e));
+  }
+  in.close();
+  open_for_append_();
+  // A line torn by a crash has no newline: the next record starts on a line
+  // of its own, and the torn one stays for verify to report.
+  if (!ends_with_newline && fd_ >= 0) {
+    [[maybe_unused]] ssize_t w = ::write(fd_, "\n", 1);
+  }
+  return n;
+}
+
+AuditEvent AuditLog::append(SourceCode source, std::string actor, std::string action,
+                            std::string resource, std::string outcome, std::string tenant,
+                            std::string metadata) {
+  AuditEvent e;
+  e.source = source;
+  e.actor = std::move(actor);
+  e.action = std::move(action);
+  e.resource = std::move(resource);
+  e.outcome = std::move(outcome);
+  e.tenant = std::move(tenant);
+  e.metadata = metadata.empty() ? "{}" : std::move(metadata);
+  std::unique_lock lock(mu_);
+  e.seq = next_seq_++;
+  e.ts_ms = base::unix_ms();
+  e.prev_hash = last_hash_;
+  hash_(e.prev_hash, e, e.hash);
+  last_hash_ = e.hash;
+  open_for_append_();
+  if (fd_ >= 0) {
+    std::string line = journal_line(e);
+    line += '\n';
+    // A failed write is not the caller's failure: the event stays in memory.
+    [[maybe_unused]] ssize_t w = ::write(fd_, line.data(), line.size());
+  }
+  events_.push_back(e);
+  lock.unlock();
+  if (on_append_) on_append_();
+  return e;
+}
+
+AuditLog::Verification AuditLog::verify() const {
+  std::lock_guard lock(mu_);
+  Verification v;
+  v.total = events_.size();
+  Hash expected{};
+  Hash computed;
+  for (const AuditEvent& e : events_) {
+    if (e.damaged || e.prev_hash != expected || !hash_(e.prev_hash, e, computed) ||
+        computed != e.hash) {
+      v.ok = false;
+      v.first_bad_seq = e.seq;
+      return v;
+    }
+    expected = e.hash;
+    ++v.checked;
+  }
+  return v;
+}
+
+std::vector<AuditEvent> AuditLog::query(const Filter& f, std::size_t& total) const {
+  std::lock_guard lock(mu_);
+  total = events_.size();
+  std::vector<AuditEvent> out;
+  // Newest first while collecting, so the limit keeps the newest.
+  for (auto it = events_.rbegin(); it != events_.rend() && out.size() < f.limit; ++it) {
+    const AuditEvent& e = *it;
+    if (f.actor && e.actor != *f.actor) continue;
+    if (f.action && e.action != *f.action) continue;
+    if (f.tenant && e.tenant != *f.tenant) continue;
+    if (f.since_ms && e.ts_ms < f.since_ms) continue;
+    if (f.until_ms && e.ts_ms > f.until_ms) continue;
+    out.push_back(e);
+  }
+  std::reverse(out.begin(), out.end());
+  return out;
+}
+
+std::size_t AuditLog::size() const {
+  std::lock_guard lock(mu_);
+  return events_.size();
+}
+
+}  // namespace ostrel::identity

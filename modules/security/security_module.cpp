@@ -1,0 +1,679 @@
+// The "security" module: the tool registry, the role service's decisions
+// over HTTP and syscalls, its audit log, and compliance reports.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <thread>
+
+#include "base/access.h"
+#include "base/clock.h"
+#include "base/durable_file.h"
+#include "base/json.h"
+#include "base/json_scanner.h"
+#include "base/names.h"
+#include "base/reply.h"
+#include "base/text.h"
+#include "identity/role_service.h"
+#include "kernel/http/api_gateway.h"
+#include "kernel/module.h"
+#include "kernel/obs/logger.h"
+#include "kernel/obs/trace.h"
+#include "kernel/syscall_table.h"
+#include "tools/registry.h"
+
+namespace ostrel::security {
+namespace {
+
+using Json = nlohmann::json;
+using base::reply;
+using kernel::Request;
+using kernel::Response;
+namespace fs = std::filesystem;
+
+constexpr identity::SourceCode kSecuritySource{0x0e, 0x06};
+const std::vector<std::string> kRegimes = {"hipaa", "gdpr", "21cfr-part-11", "glp"};
+constexpr const char* kModeError = "mode must be stub_allow, audit, or enforce";
+
+// The compliance category of an audited action name.
+std::string compliance_category(const std::string& a) {
+  auto starts = [&](const char* p) { return a.rfind(p, 0) == 0; };
+  if (starts("auth.") || a == "login" || a == "logout" || starts("session.")) return "auth";
+  if (starts("data.read") || starts("data.write") || starts("data.access") || starts("rag.") ||
+      starts("vector.") || starts("kb.read")) {
+    return "data-access";
+  }
+  if (starts("data.delete") || starts("forget") || a == "right-to-be-forgotten" ||
+      a.find(".delete") != std::string::npos) {
+    return "deletion";
+  }
+  if (starts("admin.") || starts("role.") || starts("tenant.") || starts("policy.")) return "admin";
+  return "other";
+}
+
+std::string html_escape(const std::string& s) {
+  std::string out;
+  for (char c : s) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
+// The context of a check request: {"user_id", "role", "tenant_id", "project_id", "args"}.
+bool read_context(const Json& body, CheckContext& ctx, std::string& error) {
+  auto it = body.find("context");
+  if (it == body.end() || it->is_null()) return true;
+  if (!it->is_object()) {
+    error = "context must be an object";
+    return false;
+  }
+  for (auto [key, slot] : {std::pair{"user_id", &ctx.user_id},
+                           {"role", &ctx.role},
+                           {"tenant_id", &ctx.tenant_id},
+                           {"project_id", &ctx.project_id}}) {
+    auto v = it->find(key);
+    if (v == it->end() || v->is_null()) continue;
+    if (!v->is_string()) {
+      error = std::string("context.") + key + " must be a string";
+      return false;
+    }
+    *slot = v->get<std::string>();
+  }
+  if (auto a = it->find("args"); a != it->end() && !a->is_null()) ctx.args = *a;
+  return true;
+}
+
+// A compact JSON text (no whitespace outside strings).
+bool compact(std::string_view text) {
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (in_string) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
+      return false;
+    }
+  }
+  return true;
+}
+
+// {"tool", "context": {…}} of the usual shape, read without a JSON tree;
+// false sends the text to the JSON parser.
+bool read_check_fast(std::string_view text, std::string& tool, CheckContext& ctx) {
+  base::JsonScanner s(text);
+  const bool ok = s.object([&](std::string_view key) {
+    if (key == "tool") return s.string(tool);
+    if (key != "context") return false;
+    return s.object([&](std::string_view k) {
+      std::string* slot = k == "user_id"      ? &ctx.user_id
+                          : k == "role"       ? &ctx.role
+                          : k == "tenant_id"  ? &ctx.tenant_id
+                          : k == "project_id" ? &ctx.project_id
+                                              : nullptr;
+      if (slot) return s.string(*slot);
+      if (k != "args") return false;
+      std::string_view raw;
+      if (s.peek() != '{' || !s.raw_value(raw) || !compact(raw)) return false;
+      ctx.args_text.assign(raw);
+      return true;
+    });
+  });
+  return ok && s.at_end();
+}
+
+class SecurityModule : public kernel::ModuleBase {
+ public:
+  ~SecurityModule() override { stop(); }
+  std::string name() const override { return "security"; }
+  std::string display_name() const override { return "Security policy"; }
+  std::string version() const override { return "0.1.0-alpha109"; }
+  identity::SourceCode source_code() const override { return kSecuritySource; }
+
+  bool initialize(const kernel::ModuleContext& ctx) override;
+  bool start() override;
+  void stop() override;
+  bool reload(const kernel::ConfigView&) override { return true; }
+  kernel::HealthStatus health() override;
+  void register_routes(kernel::ApiGateway& gw) override;
+  void register_syscalls(kernel::SyscallTable& table) override;
+
+ private:
+  // The decision for a {"tool", "context"} request text as routes and
+  // syscalls answer it; `status` is the HTTP status (the rejection's when
+  // refused).
+  std::string check_text_(std::string_view text, int& status);
+  std::string decide_(const std::string& tool, CheckContext& ctx, int& status);
+  Json set_mode_(const Json& body, int& status);
+  Json export_report_(const Json& body, int& status);
+  void serve_report_(const Request& req, Response& res, const std::string& id);
+  void counters_loop_();
+
+  kernel::ModuleContext ctx_;
+  std::unique_ptr<kernel::Logger> log_;
+  RoleService* roles_ = &RoleService::getInstance();
+  tools::Registry registry_;
+  fs::path dir_;
+  fs::path reports_dir_;
+  std::string contact_url_;
+
+  std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
+  std::condition_variable bg_cv_;
+  bool bg_stop_ = false;
+  std::thread counters_thread_;  // joined by stop()
+};
+
+bool SecurityModule::initialize(const kernel::ModuleContext& ctx) {
+  ctx_ = ctx;
+  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("security"));
+  const fs::path data_dir = ctx.config->get("data_dir", ctx.data_dir);
+  dir_ = data_dir / "security";
+  reports_dir_ = data_dir / "compliance" / "reports";
+  contact_url_ = ctx.config->get("contact_url", "/help/security");
+  std::error_code ec;
+  fs::create_directories(dir_, ec);
+  if (ec) log_->error("security dir " + dir_.string() + " not created: " + ec.message());
+  base::remove_stale_temporaries(dir_);
+
+  registry_.seed_defaults();
+  // Names are copied out of the registry before the role service's lock is
+  // taken: the two locks never nest.
+  for (const std::string& name : registry_.names()) roles_->add_known_tool(name);
+  roles_->attach(dir_);
+  log_->info(std::string("initialize — mode=") + RoleService::mode_name(roles_->mode()) +
+             ", tools=" + std::to_string(roles_->known_tools().size()) +
+             ", audit=" + roles_->audit_path().string());
+  return true;
+}
+
+bool SecurityModule::start() {
+  std::lock_guard lock(bg_mu_);
+  bg_stop_ = false;
+  counters_thread_ = std::thread([this] { counters_loop_(); });
+  return true;
+}
+
+void SecurityModule::stop() {
+  {
+    std::lock_guard lock(bg_mu_);
+    bg_stop_ = true;
+  }
+  bg_cv_.notify_all();
+  if (counters_thread_.joinable()) counters_thread_.join();
+}
+
+void SecurityModule::counters_loop_() {
+  std::unique_lock lock(bg_mu_);
+  for (;;) {
+    const bool stopping =
+        bg_cv_.wait_for(lock, std::chrono::seconds(5), [this] { return bg_stop_; });
+    lock.unlock();
+    std::string error;
+    if (!roles_->save_counters(error)) log_->warn("audit-counters.json not saved: " + error);
+    lock.lock();
+    if (stopping) return;
+  }
+}
+
+kernel::HealthStatus SecurityModule::health() {
+  const Counters c = roles_->counters();
+  return {kernel::HealthState::healthy,
+          std::string("security ok — mode=") + RoleService::mode_name(roles_->mode()) +
+              ", allowed=" + std::to_string(c.allowed) + ", denied=" + std::to_string(c.denied)};
+}
+
+// ---------------------------------------------------------------------------
+
+std::string SecurityModule::check_text_(std::string_view text, int& status) {
+  std::string tool;
+  CheckContext ctx;
+  if (!read_check_fast(text, tool, ctx)) {
+    tool.clear();
+    ctx = CheckContext{};
+    Json body = text.empty() ? Json::object() : base::parse_json(text);
+    if (!body.is_object()) {
+      status = 400;
+      return R"({"error":"invalid_json"})";
+    }
+    auto t = body.find("tool");
+    if (t != body.end() && t->is_string()) tool = *t;
+    std::string error;
+    if (!read_context(body, ctx, error)) {
+      status = 400;
+      return base::dump_json({{"error", "invalid_context"}, {"message", error}});
+    }
+  }
+  if (tool.empty()) {
+    status = 400;
+    return R"({"error":"missing tool"})";
+  }
+  return decide_(tool, ctx, status);
+}
+
+std::string SecurityModule::decide_(const std::string& tool, CheckContext& ctx, int& status) {
+  status = 200;
+  if (const auto* trace = obs::current_context(); trace && trace->valid()) {
+    ctx.trace_id = trace->trace_id;
+  }
+  CheckOutcome o = roles_->check(tool, ctx);
+  const char* mode = RoleService::mode_name(roles_->mode());
+  if (o.decision == ToolDecision::allowed) {
+    // The usual answer, written directly (keys in the order a JSON object
+    // would print them).
+    std::string out = R"({"decision":"allowed","mode":")";
+    out += mode;
+    out += R"(","reason":)";
+    text::append_json_string(out, o.reason);
+    out += R"(,"role":)";
+    text::append_json_string(out, ctx.role);
+    out += R"(,"tool":)";
+    text::append_json_string(out, tool);
+    out += o.was_audited ? R"(,"was_audited":true})" : R"(,"was_audited":false})";
+    return out;
+  }
+  RejectResponse r = RoleService::build_reject(tool, o, ctx, contact_url_);
+  status = r.http_status;
+  return base::dump_json({{"decision", decision_name(o.decision)},
+                          {"mode", mode},
+                          {"tool", tool},
+                          {"role", ctx.role},
+                          {"was_audited", o.was_audited},
+                          {"reason", o.reason},
+                          {"error", r.body["code"]},
+                          {"reject", r.body},
+                          {"http_status", r.http_status}});
+}
+
+Json SecurityModule::set_mode_(const Json& body, int& status) {
+  status = 200;
+  RoleService::Mode m;
+  auto mode = body.find("mode");
+  if (mode == body.end() || !mode->is_string() || !RoleService::parse_mode(*mode, m)) {
+    status = 400;
+    return {{"error", kModeError}};
+  }
+  std::string error;
+  if (!roles_->set_mode(m, error)) {
+    log_->warn("mode.json not written: " + error);
+    status = 500;
+    return {{"error", "persist_failed"}};
+  }
+  log_->info(std::string("policy mode set to ") + RoleService::mode_name(m));
+  if (ctx_.syscalls->has("audit.append")) {
+    ctx_.syscalls->call(kSecuritySource, "audit.append",
+                        base::dump_json({{"action", "policy.mode.set"},
+                                         {"resource", "security.mode"},
+                                         {"metadata", {{"mode", RoleService::mode_name(m)}}}}));
+  }
+  return {{"mode", RoleService::mode_name(m)}, {"description", RoleService::mode_description(m)}};
+}
+
+Json SecurityModule::export_report_(const Json& body, int& status) {
+  status = 200;
+  std::string regime = "gdpr";
+  if (auto r = body.find("regime"); r != body.end() && !r->is_null()) {
+    if (!r->is_string() ||
+        std::find(kRegimes.begin(), kRegimes.end(), r->get<std::string>()) == kRegimes.end()) {
+      status = 400;
+      return {{"error", "unknown_regime"}, {"regimes", kRegimes}};
+    }
+    regime = *r;
+  }
+  std::string tenant;
+  if (auto t = body.find("tenant"); t != body.end() && t->is_string()) tenant = *t;
+
+  // The tool decisions of the security audit log…
+  Json by_category = {{"auth", 0}, {"data-access", 0}, {"deletion", 0}, {"admin", 0}, {"other", 0}};
+  std::int64_t checks = 0, allowed = 0, denied = 0, audited = 0;
+  Json decisions = Json::array();
+  for (const Json& e : roles_->audit_entries(100000)) {
+    if (!e.is_object() || !e.contains("tool")) continue;
+    if (!tenant.empty() && e.value("tenant_id", "") != tenant) continue;
+    ++checks;
+    const std::string decision = e.value("decision", "");
+    decision == "allowed" ? ++allowed : ++denied;
+    if (e.value("was_audited", false)) ++audited;
+    by_category[compliance_category(e.value("tool", ""))] =
+        by_category[compliance_category(e.value("tool", ""))].get<int>() + 1;
+    decisions.push_back(e);
+    if (decisions.size() > 1000) decisions.erase(decisions.begin());
+  }
+  // …and the node's audit chain.
+  Json kernel_events = {{"available", false}};
+  if (ctx_.syscalls->has("audit.query")) {
+    Json args = {{"limit", 1000000}};
+    if (!tenant.empty()) args["tenant"] = tenant;
+    Json q = base::parse_json(
+        ctx_.syscalls->call(kSecuritySource, "audit.query", base::dump_json(args)).body);
+    Json v = base::parse_json(ctx_.syscalls->call(kSecuritySource, "audit.verify", "{}").body);
+    Json cats = {{"auth", 0}, {"data-access", 0}, {"deletion", 0}, {"admin", 0}, {"other", 0}};
+    if (q.is_object() && q.contains("entries")) {
+      for (const auto& e : q["entries"]) {
+        const std::string c = compliance_category(e.value("action", ""));
+        cats[c] = cats[c].get<int>() + 1;
+      }
+    }
+    kernel_events = {{"available", true},
+                     {"events", q.is_object() ? q.value("returned", 0) : 0},
+                     {"by_category", cats},
+                     {"chain_ok", v.is_object() && v.value("ok", false)}};
+  }
+
+  static std::mt19937 rng(std::random_device{}());
+  static std::mutex rng_mu;  // guards rng
+  char id[48];
+  {
+    std::lock_guard lock(rng_mu);
+    std::time_t t = static_cast<std::time_t>(base::unix_s());
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char when[20];
+    std::strftime(when, sizeof when, "%Y%m%d%H%M%S", &tm);
+    std::snprintf(id, sizeof id, "rpt-%s-%06x", when, static_cast<unsigned>(rng() & 0xffffff));
+  }
+  const std::string generated = [] {
+    std::time_t t = static_cast<std::time_t>(base::unix_s());
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return std::string(buf);
+  }();
+  Json report = {{"report_id", id},
+                 {"regime", regime},
+                 {"tenant", tenant.empty() ? "(all tenants)" : tenant},
+                 {"generated_at", generated},
+                 {"mode", RoleService::mode_name(roles_->mode())},
+                 {"tool_checks",
+                  {{"total", checks},
+                   {"allowed", allowed},
+                   {"denied", denied},
+                   {"would_have_denied", audited},
+                   {"by_category", by_category}}},
+                 {"audit_log", kernel_events},
+                 {"decisions", decisions}};
+  std::string html =
+      "<!doctype html><html><head><meta charset=\"utf-8\"><title>Compliance Report — " +
+      html_escape(regime) + "</title></head><body><h1>Compliance Report — " + html_escape(regime) +
+      "</h1><table>";
+  auto row = [&html](const std::string& k, const std::string& v) {
+    html += "<tr><th>" + html_escape(k) + "</th><td>" + html_escape(v) + "</td></tr>";
+  };
+  row("Report ID", id);
+  row("Regime", regime);
+  row("Tenant", tenant.empty() ? "(all tenants)" : tenant);
+  row("Generated", generated);
+  row("Policy mode", RoleService::mode_name(roles_->mode()));
+  row("Tool checks", std::to_string(checks));
+  row("Allowed", std::to_string(allowed));
+  row("Denied", std::to_string(denied));
+  row("Would have been denied", std::to_string(audited));
+  for (const auto& [cat, n] : by_category.items())
+    row("Category " + cat, std::to_string(n.get<int>()));
+  if (kernel_events.value("available", false)) {
+    row("Audit events", std::to_string(kernel_events["events"].get<int>()));
+    row("Audit chain", kernel_events["chain_ok"].get<bool>() ? "verified" : "BROKEN");
+  }
+  html += "</table></body></html>\n";
+
+  std::string error;
+  if (!base::write_file_atomically(reports_dir_ / (std::string(id) + ".json"),
+                                   base::dump_json(report) + "\n", error) ||
+      !base::write_file_atomically(reports_dir_ / (std::string(id) + ".html"), html, error)) {
+    log_->warn("compliance report not written: " + error);
+    status = 500;
+    return {{"error", "persist_failed"}};
+  }
+  log_->info(std::string("compliance report ") + id + " (" + regime + ") written");
+  Json out = report;
+  out.erase("decisions");
+  out["files"] = {{"json", std::string(id) + ".json"}, {"html", std::string(id) + ".html"}};
+  return out;
+}
+
+void SecurityModule::serve_report_(const Request& req, Response& res, const std::string& id) {
+  if (id.empty()) {
+    reply(res, {{"error", "missing report id"}}, 400);
+    return;
+  }
+  std::string why;
+  if (id.find("..") != std::string::npos || !base::safe_name(id, why)) {
+    reply(res, {{"error", "invalid report id"}}, 400);
+    return;
+  }
+  const std::string format = req.param("format", "json");
+  if (format != "json" && format != "html") {
+    reply(res, {{"error", "format must be json or html"}}, 400);
+    return;
+  }
+  std::ifstream in(reports_dir_ / (id + "." + format), std::ios::binary);
+  if (!in) {
+    reply(res, {{"error", "not_found"}, {"report_id", id}}, 404);
+    return;
+  }
+  res.body.assign(std::istreambuf_iterator<char>(in), {});
+  res.content_type = format == "html" ? "text/html; charset=utf-8" : "application/json";
+  res.headers["Content-Disposition"] = "attachment; filename=\"" + id + "." + format + "\"";
+}
+
+// ---------------------------------------------------------------------------
+
+void SecurityModule::register_routes(kernel::ApiGateway& gw) {
+  gw.route("GET", "/api/v1/security/roles", [this](const Request&, Response& res) {
+    reply(res, {{"roles", roles_->roles_json()}});
+  });
+  gw.route("GET", "/api/v1/security/tools", [this](const Request&, Response& res) {
+    reply(res, {{"tools", roles_->known_tools()}});
+  });
+  gw.route("GET", "/api/v1/security/allowed-tools", [this](const Request& req, Response& res) {
+    const std::string role = req.param("role", "viewer");
+    reply(res, {{"role", role}, {"tools", roles_->allowed_tools(role)}});
+  });
+  gw.route("POST", "/api/v1/security/check", [this](const Request& req, Response& res) {
+    int status = 200;
+    res.body = check_text_(req.body, status);
+    res.status = status;
+  });
+  gw.route("GET", "/api/v1/security/policy", [this](const Request&, Response& res) {
+    const auto m = roles_->mode();
+    reply(res, {{"mode", RoleService::mode_name(m)},
+                {"description", RoleService::mode_description(m)},
+                {"roles", roles_->roles_json()}});
+  });
+  gw.route("GET", "/api/v1/security/mode", [this](const Request&, Response& res) {
+    const auto m = roles_->mode();
+    reply(res,
+          {{"mode", RoleService::mode_name(m)}, {"description", RoleService::mode_description(m)}});
+  });
+  gw.route("PUT", "/api/v1/security/mode", [this](const Request& req, Response& res) {
+    if (!kernel::require_admin(req, res)) return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    int status = 200;
+    Json out = set_mode_(body, status);
+    reply(res, out, status);
+  });
+  gw.route("GET", "/api/v1/security/counters", [this](const Request&, Response& res) {
+    const Counters c = roles_->counters();
+    reply(res, {{"allowed", c.allowed},
+                {"denied", c.denied},
+                {"would_have_denied", c.would_have_denied},
+                {"admin_overrides", c.admin_overrides}});
+  });
+  gw.route("GET", "/api/v1/security/catalog", [this](const Request& req, Response& res) {
+    const std::string category = req.param("category");
+    Json tools = Json::array();
+    for (const auto& t : category.empty() ? registry_.all() : registry_.by_category(category)) {
+      tools.push_back(tools::to_json(t));
+    }
+    reply(res, {{"count", tools.size()}, {"tools", tools}});
+  });
+  gw.route("POST", "/api/v1/security/catalog/openai-tools",
+           [this](const Request& req, Response& res) {
+             Json body;
+             if (!base::parse_object_body(req, res, body)) return;
+             std::string role = "viewer";
+             if (!base::read_string(body, "role", role, res)) return;
+             auto names = body.find("names");
+             if (names != body.end() && !names->is_null() && !names->is_array()) {
+               base::fail(res, 400, "invalid_field", "names must be a list of tool names");
+               return;
+             }
+             Json out = Json::array();
+             for (const std::string& name : roles_->allowed_tools(role)) {
+               if (names != body.end() && names->is_array() &&
+                   std::find(names->begin(), names->end(), name) == names->end()) {
+                 continue;
+               }
+               if (auto spec = registry_.find(name))
+                 out.push_back(tools::function_definition(*spec));
+             }
+             reply(res, {{"tools", out}});
+           });
+  gw.route("GET", "/api/v1/security/audit", [this](const Request& req, Response& res) {
+    if (!kernel::has_scope(req, "audit.read")) {
+      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+      return;
+    }
+    std::size_t limit = 100;
+    const std::string l = req.param("limit");
+    if (!l.empty()) {
+      char* end = nullptr;
+      long n = std::strtol(l.c_str(), &end, 10);
+      if (*end != '\0' || n < 1 || n > 100000) {
+        reply(res, {{"error", "invalid_limit"}, {"message", "limit must be between 1 and 100000"}},
+              400);
+        return;
+      }
+      limit = static_cast<std::size_t>(n);
+    }
+    Json entries = Json::array();
+    for (auto& e : roles_->audit_entries(limit)) entries.push_back(std::move(e));
+    reply(res, {{"entries", entries}, {"count", entries.size()}});
+  });
+  gw.route("POST", "/api/v1/security/audit/verify", [this](const Request& req, Response& res) {
+    if (!kernel::has_scope(req, "audit.read")) {
+      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+      return;
+    }
+    RoleService::AuditVerification v = roles_->verify_audit();
+    Json out = {{"ok", v.ok}, {"checked", v.checked}};
+    if (!v.ok) {
+      out["first_bad_line"] = v.first_bad_line;
+      out["problem"] = v.problem;
+    }
+    reply(res, out);
+  });
+  gw.route("POST", "/api/v1/security/audit/export", [this](const Request& req, Response& res) {
+    if (!kernel::has_scope(req, "audit.read")) {
+      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+      return;
+    }
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    int status = 200;
+    Json out = export_report_(body, status);
+    reply(res, out, status);
+  });
+  gw.route("GET", "/api/v1/security/audit/export", [this](const Request& req, Response& res) {
+    if (!kernel::has_scope(req, "audit.read")) {
+      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+      return;
+    }
+    serve_report_(req, res, req.param("report_id", req.param("id")));
+  });
+  gw.route("GET", "/api/v1/compliance/reports/*", [this](const Request& req, Response& res) {
+    if (!kernel::has_scope(req, "audit.read")) {
+      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+      return;
+    }
+    serve_report_(req, res,
+                  req.path.substr(std::string_view("/api/v1/compliance/reports/").size()));
+  });
+  gw.route("GET", "/api/v1/compliance/regimes", [](const Request&, Response& res) {
+    reply(res, {{"regimes", kRegimes}});
+  });
+}
+
+void SecurityModule::register_syscalls(kernel::SyscallTable& table) {
+  using base::json_syscall;
+  auto answer = [](Json out, int status) {
+    return status == 200 ? base::syscall_ok(out) : base::syscall_error_body(out);
+  };
+  table.register_syscall(kSecuritySource, "security.role.check",
+                         [this](std::string_view args) -> kernel::SyscallResult {
+                           try {
+                             int status = 200;
+                             std::string out = check_text_(args, status);
+                             // A refusal is an answer, not a failed call.
+                             return {status == 400 ? -1 : 0, std::move(out)};
+                           } catch (const std::exception& e) {
+                             return base::syscall_error("internal", base::client_safe_what(e));
+                           }
+                         });
+  table.register_syscall(
+      kSecuritySource, "security.role.allowed_tools", json_syscall([this](const Json& a) {
+        const std::string role = a.contains("role") && a["role"].is_string() ? a["role"] : "viewer";
+        return base::syscall_ok({{"role", role}, {"tools", roles_->allowed_tools(role)}});
+      }));
+  table.register_syscall(kSecuritySource, "security.role.set_mode",
+                         json_syscall([this, answer](const Json& a) {
+                           int status = 200;
+                           Json out = set_mode_(a, status);
+                           return answer(out, status);
+                         }));
+  table.register_syscall(
+      kSecuritySource, "security.role.register_tool", json_syscall([this](const Json& a) {
+        auto tool = a.find("tool");
+        if (tool == a.end() || !tool->is_string() || tool->get<std::string>().empty()) {
+          return base::syscall_error("missing tool");
+        }
+        roles_->add_known_tool(*tool);
+        return base::syscall_ok({{"ok", true}});
+      }));
+  // The function-calling definitions a role may use (for agents' tool lists).
+  table.register_syscall(
+      kSecuritySource, "security.catalog.openai_tools", json_syscall([this](const Json& a) {
+        const std::string role = a.contains("role") && a["role"].is_string() ? a["role"] : "viewer";
+        Json out = Json::array();
+        for (const std::string& name : roles_->allowed_tools(role)) {
+          if (auto spec = registry_.find(name)) {
+            out.push_back(tools::function_definition(*spec));
+          }
+        }
+        return base::syscall_ok({{"tools", out}});
+      }));
+}
+
+}  // namespace
+}  // namespace ostrel::security
+
+static ostrel::kernel::ModuleRegistrar<ostrel::security::SecurityModule> SecurityModule_registrar(
+    "security");

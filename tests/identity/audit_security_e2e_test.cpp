@@ -1,0 +1,352 @@
+// The audit log and the security policy module on the real binary: tamper
+// evidence across restarts, concurrent appends over HTTP, who may read the
+// log, per-role tool decisions in the three modes, and compliance reports.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/support/test_node.h"
+#include "tests/support/test_support.h"
+
+namespace ostrel::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+namespace fs = std::filesystem;
+
+std::vector<std::string> journal_lines(const fs::path& p) {
+  std::ifstream in(p);
+  std::vector<std::string> out;
+  for (std::string l; std::getline(in, l);) out.push_back(l);
+  return out;
+}
+
+void write_journal(const fs::path& p, const std::vector<std::string>& lines) {
+  std::string text;
+  for (const auto& l : lines) text += l + "\n";
+  write_file(p, text);
+}
+
+Answer append(const TestNode& node, const std::string& action, const std::string& token = "") {
+  return node.call(
+      "POST", "/api/v1/kernel/syscall",
+      {{"name", "audit.append"},
+       {"args", {{"action", action}, {"resource", "r"}, {"metadata", {{"k", "v|w"}}}}}},
+      token);
+}
+
+// Appended events survive restarts and verify; an edited field or a deleted
+// line is reported at its seq after a restart; a torn last line is reported
+// and the node still boots and keeps appending.
+TEST(AuditLogNode, TamperingIsFoundAfterRestart) {
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {"security"};
+  auto node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started()) << node->process().err();
+  ASSERT_EQ(node->call("POST", "/api/v1/tenants", {{"id", "acme"}}).status, 201);
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(append(*node, "data.write").status, 200);
+  Answer listed = node->call("GET", "/api/v1/audit?limit=100");
+  ASSERT_EQ(listed.body["total_in_log"], 5) << listed.text;
+  EXPECT_EQ(listed.body["entries"][0]["action"], "tenant.create");
+  EXPECT_EQ(listed.body["entries"][0]["prev_hash"], std::string(64, '0'));
+  EXPECT_EQ(listed.body["entries"][1]["metadata"]["k"], "v|w");
+  EXPECT_EQ(listed.body["entries"][1]["source"], "0x0e01");
+
+  const fs::path journal = node->data_dir() / "state" / "audit.jsonl";
+  for (int restart = 0; restart < 3; ++restart) {
+    node->stop();
+    node = std::make_unique<TestNode>(dir.path(), "n1", o);
+    ASSERT_TRUE(node->started());
+    Answer v = node->call("GET", "/api/v1/audit/verify");
+    EXPECT_EQ(v.body, Json({{"ok", true}, {"checked", 5}, {"total_in_log", 5}})) << v.text;
+  }
+  EXPECT_NE(node->process().err().find("audit log replayed 5 records from " + journal.string()),
+            std::string::npos);
+
+  node->stop();
+  const std::vector<std::string> original = journal_lines(journal);
+  std::vector<std::string> lines = original;
+  Json third = Json::parse(lines[2]);
+  third["outcome"] = "denied";
+  lines[2] = third.dump();
+  write_journal(journal, lines);
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  Answer v = node->call("GET", "/api/v1/audit/verify");
+  EXPECT_EQ(v.body["ok"], false);
+  EXPECT_EQ(v.body["first_bad_seq"], 3);
+  EXPECT_EQ(v.body["checked"], 2);
+
+  node->stop();
+  lines = original;
+  lines.erase(lines.begin() + 1);
+  write_journal(journal, lines);
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  EXPECT_EQ(node->call("GET", "/api/v1/audit/verify").body["first_bad_seq"], 3);
+
+  // Killed in the middle of an append: the last line is cut short.
+  node->stop();
+  std::string text;
+  for (const auto& l : original) text += l + "\n";
+  text += original.back().substr(0, 40);
+  write_file(journal, text);
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started()) << node->process().err();
+  v = node->call("GET", "/api/v1/audit/verify");
+  EXPECT_EQ(v.body["ok"], false);
+  EXPECT_EQ(v.body["first_bad_seq"], 6);
+  Answer next = append(*node, "after.crash");
+  EXPECT_EQ(next.body["body"]["seq"], 7);
+  lines = journal_lines(journal);
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_TRUE(Json::parse(lines.back(), nullptr, false).is_object());
+}
+
+// Eight clients appending at once get consecutive seq values and one valid
+// chain; the records counter counts them.
+TEST(AuditLogNode, ConcurrentAppendsOverHttp) {
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {};
+  TestNode node(dir.path(), "n1", o);
+  ASSERT_TRUE(node.started());
+  std::vector<std::thread> threads;
+  std::mutex seqs_mu;
+  std::vector<int> seqs;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 25; ++i) {
+        Answer a = append(node, "concurrent");
+        std::lock_guard lock(seqs_mu);
+        seqs.push_back(a.body["body"].value("seq", 0));
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  std::sort(seqs.begin(), seqs.end());
+  ASSERT_EQ(seqs.size(), 200u);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(seqs[i], i + 1);
+  EXPECT_EQ(node.call("GET", "/api/v1/audit/verify").body["ok"], true);
+  bool counted = false;
+  for (const auto& line :
+       lines_with(node.call("GET", "/metrics").text, "ostrel_audit_records_total")) {
+    if (line[0] != '#' && std::stod(line.substr(line.rfind(' ') + 1)) >= 200) counted = true;
+  }
+  EXPECT_TRUE(counted);
+}
+
+class EnforcingNode : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TestNode::Options o;
+    o.modules = {"security"};
+    o.enforce = true;
+    node_ = std::make_unique<TestNode>(dir_.path(), "n1", o);
+    ASSERT_TRUE(node_->started()) << node_->process().err();
+    admin_ = node_->admin_token();
+    ASSERT_FALSE(admin_.empty());
+  }
+  std::string user_token(const std::string& tenant, const std::string& user,
+                         const std::string& role) {
+    node_->call("POST", "/api/v1/tenants", {{"id", tenant}}, admin_);
+    node_->call("POST", "/api/v1/tenants/" + tenant + "/users",
+                {{"id", user}, {"role_ids", {role}}}, admin_);
+    Answer t = node_->call("POST", "/api/v1/capabilities/issue-for-user",
+                           {{"tenant", tenant}, {"user_id", user}}, admin_);
+    EXPECT_EQ(t.status, 200) << t.text;
+    return t.body.value("token", "");
+  }
+  std::string scoped_token(const std::vector<std::string>& scopes, const std::string& tenant = "") {
+    Json body = {{"scopes", scopes}};
+    if (!tenant.empty()) body["tenant"] = tenant;
+    Answer t = node_->call("POST", "/api/v1/capabilities/issue", body, admin_);
+    EXPECT_EQ(t.status, 200) << t.text;
+    return t.body.value("token", "");
+  }
+  Json check(const std::string& tool, const std::string& role, int expect) {
+    Answer a = node_->call(
+        "POST", "/api/v1/security/check",
+        {{"tool", tool}, {"context", {{"role", role}, {"user_id", "u-" + role}}}}, admin_);
+    EXPECT_EQ(a.status, expect) << tool << " as " << role << ": " << a.text;
+    return a.body;
+  }
+  TempDir dir_;
+  std::unique_ptr<TestNode> node_;
+  std::string admin_;
+};
+
+// Reading the log needs audit.read; a tenant-bound reader sees only its own
+// tenant; the administrator sees everything, and the security-relevant acts
+// of the identity routes are in it.
+TEST_F(EnforcingNode, AuditReadersNeedTheScopeAndStayInTheirTenant) {
+  std::string acme_viewer = user_token("acme", "val", "viewer");  // viewers hold audit.read
+  user_token("globex", "gus", "viewer");
+  std::string chat_only = scoped_token({"inference.chat"});
+  std::string acme_reader = scoped_token({"audit.read"}, "acme");
+
+  Answer refused = node_->call("GET", "/api/v1/audit", Json(), chat_only);
+  EXPECT_EQ(refused.status, 403);
+  EXPECT_EQ(refused.body, Json({{"error", "missing_scope"}, {"required", "audit.read"}}));
+  EXPECT_EQ(node_->call("GET", "/api/v1/audit/verify", Json(), chat_only).status, 403);
+
+  Answer cross = node_->call("GET", "/api/v1/audit?tenant=globex", Json(), acme_viewer);
+  EXPECT_EQ(cross.status, 403);
+  EXPECT_EQ(cross.body["error"], "cross_tenant_read_denied");
+  EXPECT_EQ(cross.body["token_tenant"], "acme");
+  EXPECT_EQ(cross.body["requested_tenant"], "globex");
+
+  for (const std::string& token : {acme_viewer, acme_reader}) {
+    Answer own = node_->call("GET", "/api/v1/audit", Json(), token);
+    ASSERT_EQ(own.status, 200) << own.text;
+    ASSERT_FALSE(own.body["entries"].empty());
+    for (const auto& e : own.body["entries"]) EXPECT_EQ(e["tenant"], "acme") << e.dump();
+  }
+  Answer all = node_->call("GET", "/api/v1/audit?action=tenant.create", Json(), admin_);
+  ASSERT_EQ(all.status, 200);
+  EXPECT_EQ(all.body["returned"], 2);
+  EXPECT_EQ(node_->call("GET", "/api/v1/audit?tenant=nobody", Json(), admin_).body["error"],
+            "tenant_unknown_or_inactive");
+  Answer issued =
+      node_->call("GET", "/api/v1/audit?action=capability.issue&limit=1", Json(), admin_);
+  ASSERT_EQ(issued.body["returned"], 1);
+  EXPECT_EQ(issued.body["entries"][0]["actor"].get<std::string>().rfind("token:", 0), 0u);
+  EXPECT_EQ(node_->call("GET", "/api/v1/audit?limit=0", Json(), admin_).status, 400);
+  EXPECT_EQ(node_->call("GET", "/api/v1/audit?since=yesterday", Json(), admin_).status, 400);
+}
+
+// Enforce: a viewer runs rag_search and nothing else, a developer its listed
+// tools, an admin the admin tools. Audit mode lets a denied call through and
+// counts it. Switching the mode needs an administrator, a bad mode changes
+// nothing, and the mode survives a restart.
+TEST_F(EnforcingNode, ToolDecisionsPerRoleAndMode) {
+  std::string viewer = user_token("acme", "val", "viewer");
+  Answer denied_switch = node_->call("PUT", "/api/v1/security/mode", {{"mode", "enforce"}}, viewer);
+  EXPECT_EQ(denied_switch.status, 403);
+  EXPECT_EQ(node_->call("GET", "/api/v1/security/mode", Json(), viewer).body["description"],
+            "stub-allow (alpha109 default)");
+  EXPECT_EQ(check("bash", "viewer", 200)["decision"], "allowed");  // stub_allow
+
+  ASSERT_EQ(node_->call("PUT", "/api/v1/security/mode", {{"mode", "audit"}}, admin_).status, 200);
+  Json audited = check("bash", "viewer", 200);
+  EXPECT_EQ(audited["decision"], "allowed");
+  EXPECT_EQ(audited["was_audited"], true);
+  EXPECT_EQ(
+      node_->call("GET", "/api/v1/security/counters", Json(), admin_).body["would_have_denied"], 1);
+
+  ASSERT_EQ(node_->call("PUT", "/api/v1/security/mode", {{"mode", "enforce"}}, admin_).status, 200);
+  Answer strict = node_->call("PUT", "/api/v1/security/mode", {{"mode", "strict"}}, admin_);
+  EXPECT_EQ(strict.status, 400);
+  EXPECT_EQ(strict.body, Json({{"error", "mode must be stub_allow, audit, or enforce"}}));
+
+  Json tools = node_->call("GET", "/api/v1/security/tools", Json(), viewer).body["tools"];
+  std::map<std::string, std::set<std::string>> allowed;
+  for (const char* role : {"viewer", "developer", "admin"}) {
+    for (const auto& t : tools) {
+      Json d = node_
+                   ->call("POST", "/api/v1/security/check",
+                          {{"tool", t}, {"context", {{"role", role}}}}, admin_)
+                   .body;
+      if (d["decision"] == "allowed") allowed[role].insert(t);
+    }
+  }
+  EXPECT_EQ(allowed["viewer"], (std::set<std::string>{"RAGSearch", "rag_search"}));
+  for (const char* t : {"bash", "Bash", "web_fetch", "WebSearch", "read_file", "Read", "write_file",
+                        "db_query", "DBQuery", "learn", "send_email", "rag_search"}) {
+    EXPECT_TRUE(allowed["developer"].count(t)) << t;
+  }
+  for (const char* t : {"ssh", "SSH", "db_execute", "scp", "qmm_forget", "Forget", "cluster_status",
+                        "router_config", "WorkerDeploy"}) {
+    EXPECT_FALSE(allowed["developer"].count(t)) << t;
+    EXPECT_TRUE(allowed["admin"].count(t)) << t;
+  }
+  Json refused = check("bash", "viewer", 403);
+  EXPECT_EQ(refused["error"], "RBAC_INSUFFICIENT_ROLE");
+  EXPECT_EQ(refused["reject"]["message"], "Your role does not grant 'bash'.");
+  EXPECT_EQ(refused["http_status"], 403);
+  EXPECT_EQ(check("made_up", "superadmin", 404)["error"], "RBAC_UNKNOWN_TOOL");
+
+  // The function-calling export follows the role.
+  Answer exported = node_->call("POST", "/api/v1/security/catalog/openai-tools", Json(), viewer);
+  ASSERT_EQ(exported.body["tools"].size(), 1u) << exported.text;
+  EXPECT_EQ(exported.body["tools"][0]["function"]["name"], "RAGSearch");
+  EXPECT_EQ(exported.body["tools"][0]["function"]["parameters"], Json({{"type", "object"}}));
+  Json dev = node_
+                 ->call("POST", "/api/v1/security/catalog/openai-tools",
+                        {{"role", "developer"}, {"names", {"Bash", "SSH"}}}, viewer)
+                 .body;
+  ASSERT_EQ(dev["tools"].size(), 1u);
+  EXPECT_EQ(dev["tools"][0]["function"]["name"], "Bash");
+  EXPECT_EQ(node_->call("GET", "/api/v1/security/catalog?category=filesystem", Json(), viewer)
+                .body["count"],
+            5);
+
+  // The decision log verifies; the mode and counters outlive a restart.
+  EXPECT_EQ(node_->call("POST", "/api/v1/security/audit/verify", Json(), admin_).body["ok"], true);
+  const std::int64_t denied =
+      node_->call("GET", "/api/v1/security/counters", Json(), admin_).body["denied"];
+  EXPECT_GT(denied, 0);
+  node_->stop();
+  TestNode::Options o;
+  o.modules = {"security"};
+  o.enforce = true;
+  node_ = std::make_unique<TestNode>(dir_.path(), "n1", o);
+  ASSERT_TRUE(node_->started());
+  admin_ = node_->admin_token();
+  EXPECT_EQ(node_->call("GET", "/api/v1/security/mode", Json(), admin_).body["mode"], "enforce");
+  EXPECT_EQ(node_->call("GET", "/api/v1/security/counters", Json(), admin_).body["denied"], denied);
+  EXPECT_EQ(check("bash", "viewer", 403)["decision"], "denied");
+  EXPECT_EQ(node_->call("POST", "/api/v1/security/audit/verify", Json(), admin_).body["ok"], true);
+
+  // The mode switches are in the node's audit log.
+  Answer switched = node_->call("GET", "/api/v1/audit?action=policy.mode.set", Json(), admin_);
+  EXPECT_EQ(switched.body["returned"], 2);
+}
+
+// Compliance reports: built from the decision log and the audit chain, kept
+// as JSON and HTML, downloaded as attachments; bad ids and formats refused.
+TEST_F(EnforcingNode, ComplianceReports) {
+  check("rag_search", "viewer", 200);
+  EXPECT_EQ(node_->call("GET", "/api/v1/compliance/regimes", Json(), admin_).body["regimes"],
+            Json({"hipaa", "gdpr", "21cfr-part-11", "glp"}));
+  EXPECT_EQ(
+      node_->call("POST", "/api/v1/security/audit/export", {{"regime", "sox"}}, admin_).status,
+      400);
+  Answer made = node_->call("POST", "/api/v1/security/audit/export", {{"regime", "hipaa"}}, admin_);
+  ASSERT_EQ(made.status, 200) << made.text;
+  const std::string id = made.body["report_id"];
+  EXPECT_EQ(made.body["tool_checks"]["total"], 1);
+  EXPECT_EQ(made.body["audit_log"]["chain_ok"], true);
+  EXPECT_TRUE(fs::exists(node_->data_dir() / "compliance" / "reports" / (id + ".html")));
+
+  Answer html = node_->call("GET", "/api/v1/security/audit/export?report_id=" + id + "&format=html",
+                            Json(), admin_);
+  ASSERT_EQ(html.status, 200);
+  EXPECT_EQ(html.headers["Content-Type"], "text/html; charset=utf-8");
+  EXPECT_EQ(html.headers["Content-Disposition"], "attachment; filename=\"" + id + ".html\"");
+  EXPECT_NE(html.text.find("<title>Compliance Report — hipaa</title>"), std::string::npos);
+  EXPECT_NE(html.text.find("(all tenants)"), std::string::npos);
+  Answer json = node_->call("GET", "/api/v1/compliance/reports/" + id, Json(), admin_);
+  EXPECT_EQ(json.body["report_id"], id);
+
+  EXPECT_EQ(node_->call("GET", "/api/v1/security/audit/export", Json(), admin_).body,
+            Json({{"error", "missing report id"}}));
+  EXPECT_EQ(node_->call("GET", "/api/v1/security/audit/export?report_id=../x", Json(), admin_).body,
+            Json({{"error", "invalid report id"}}));
+  EXPECT_EQ(node_
+                ->call("GET", "/api/v1/security/audit/export?report_id=" + id + "&format=pdf",
+                       Json(), admin_)
+                .body,
+            Json({{"error", "format must be json or html"}}));
+  Answer missing =
+      node_->call("GET", "/api/v1/security/audit/export?report_id=rpt-nope", Json(), admin_);
+  EXPECT_EQ(missing.status, 404);
+  EXPECT_EQ(missing.body, Json({{"error", "not_found"}, {"report_id", "rpt-nope"}}));
+}
+
+}  // namespace
+}  // namespace ostrel::testing

@@ -346,6 +346,16 @@ void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add)
         return syscall_ok({{"tenant", tenant}, {"active", ctx.tenants->is_active(tenant)}});
       }));
 
+  // The roles of one user of a tenant (for modules deciding what a caller
+  // may do); an unknown or disabled user holds none.
+  add("identity.users.roles", json_syscall([ctx](const Json& a) {
+        const std::string tenant = a.value("tenant", ""), user_id = a.value("user_id", "");
+        User u;
+        Json roles = Json::array();
+        if (ctx.rbac->user(tenant, user_id, u) && u.state == "active") roles = u.role_ids;
+        return syscall_ok({{"tenant", tenant}, {"user_id", user_id}, {"roles", roles}});
+      }));
+
   add("kernel.quota.check", json_syscall([ctx](const Json& a) {
         std::string tenant = a.value("tenant", ""), resource = a.value("resource", "");
         std::int64_t increment = a.value("increment", std::int64_t{1});

@@ -51,6 +51,19 @@ void Kernel::open_identity_stores_() {
     logger_.warn("repaired " + std::to_string(repaired) +
                  " tenant(s) left half-made by an interrupted creation");
   }
+  // A new node starts with one tenant, "default": what requests without a
+  // tenant act for. Once any tenant exists nothing is added, so an operator
+  // who suspends or removes it keeps it that way.
+  if (tenants_.list().empty()) {
+    identity::Tenant created;
+    std::string error;
+    if (identity::create_tenant(identity_context_(),
+                                {{"id", "default"}, {"display_name", "Default"}}, created, error)) {
+      logger_.info("first start: created the tenant 'default'");
+    } else {
+      logger_.warn("first start: the tenant 'default' was not created: " + error);
+    }
+  }
   logger_.info("user store: not available in this build — no identity.db opened");
 }
 

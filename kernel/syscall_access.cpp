@@ -44,6 +44,10 @@ constexpr SyscallRule kRules[] = {
     {"audit.query", SyscallAccess::scoped_tenant, "audit.read"},
     {"audit.*", SyscallAccess::admin, {}},
     {"agent.chat", SyscallAccess::scoped_tenant, "agent.invoke"},
+    {"agent.invoke", SyscallAccess::scoped_tenant, "agent.invoke"},
+    {"agent.sessions.create", SyscallAccess::scoped_tenant, "agent.invoke"},
+    {"agent.domain-matrix.get", SyscallAccess::open, {}},
+    {"agent.tool.list", SyscallAccess::open, {}},
     {"agent.*", SyscallAccess::admin, {}},
     // Dreaming: reading the current cycle, or running cycles and profiles.
     {"dream.current", SyscallAccess::scoped, "dream.read"},

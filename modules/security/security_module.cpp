@@ -105,6 +105,16 @@ bool read_context(const Json& body, CheckContext& ctx, std::string& error) {
   return true;
 }
 
+// The tool's arguments given beside the context rather than inside it.
+void read_top_level_args(const Json& body, CheckContext& ctx) {
+  auto a = body.find("args");
+  if (a != body.end() && !a->is_null() &&
+      (!body.contains("context") || !body["context"].is_object() ||
+       !body["context"].contains("args"))) {
+    ctx.args = *a;
+  }
+}
+
 // A compact JSON text (no whitespace outside strings).
 bool compact(std::string_view text) {
   bool in_string = false;
@@ -131,6 +141,12 @@ bool read_check_fast(std::string_view text, std::string& tool, CheckContext& ctx
   base::JsonScanner s(text);
   const bool ok = s.object([&](std::string_view key) {
     if (key == "tool") return s.string(tool);
+    if (key == "args") {  // the tool's arguments beside the context
+      std::string_view raw;
+      if (s.peek() != '{' || !s.raw_value(raw) || !compact(raw)) return false;
+      ctx.args_text.assign(raw);
+      return true;
+    }
     if (key != "context") return false;
     return s.object([&](std::string_view k) {
       std::string* slot = k == "user_id"      ? &ctx.user_id
@@ -269,6 +285,7 @@ std::string SecurityModule::check_text_(std::string_view text, int& status) {
       status = 400;
       return base::dump_json({{"error", "invalid_context"}, {"message", error}});
     }
+    read_top_level_args(body, ctx);
   }
   if (tool.empty()) {
     status = 400;

@@ -12,9 +12,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <memory>
 #include <thread>
 #include <vector>
 

@@ -490,7 +490,7 @@ TEST_F(KernelBoot, CapabilityAndTenantRoutes) {
   r = k.syscalls().call(identity::kKernelSource, "identity.tenants.delete", R"({"id":"beta"})");
   EXPECT_EQ(Json::parse(r.body)["state"], "terminating");
   r = k.syscalls().call(identity::kKernelSource, "identity.tenants.list", "{}");
-  EXPECT_EQ(Json::parse(r.body)["tenants"].size(), 2u);
+  EXPECT_EQ(Json::parse(r.body)["tenants"].size(), 3u);  // with the node's "default"
 }
 
 TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
@@ -526,7 +526,8 @@ TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
     EXPECT_TRUE(log_.has("[INFO][kernel] journal compaction: tenants="));
     std::string tenants =
         testing::read_file(std::filesystem::path(cfg.data_dir) / "state" / "tenants.jsonl");
-    EXPECT_EQ(testing::lines_with(tenants, "\"op\"").size(), 1u);
+    // acme and the node's own "default", one record each.
+    EXPECT_EQ(testing::lines_with(tenants, "\"op\"").size(), 2u);
     EXPECT_NE(tenants.find("\"notes\":\"n4\""), std::string::npos);
   }
   cfg.port = 0;
@@ -534,9 +535,9 @@ TEST_F(KernelBoot, IdentityStateSurvivesARestart) {
   ASSERT_TRUE(k.boot());
   cfg.port = k.gateway().port();
   k.set_running();
-  EXPECT_TRUE(log_.has("[INFO][kernel] tenant registry replayed 1 records from "));
-  EXPECT_TRUE(log_.has("[INFO][kernel] RBAC replayed 5 records from "));
-  EXPECT_TRUE(log_.has("[INFO][kernel] tenant signing keys loaded: 1 records"));
+  EXPECT_TRUE(log_.has("[INFO][kernel] tenant registry replayed 2 records from "));
+  EXPECT_TRUE(log_.has("[INFO][kernel] RBAC replayed 8 records from "));
+  EXPECT_TRUE(log_.has("[INFO][kernel] tenant signing keys loaded: 2 records"));
   EXPECT_TRUE(log_.has("[INFO][kernel] capability revocation list replayed 1 records from "));
   EXPECT_EQ(post(cfg.port, "/api/v1/capabilities/verify", {{"token", node_token}}, 200)["reason"],
             "bad_signature");

@@ -32,7 +32,8 @@ run: build
 	@mkdir -p $(DATA_DIR)
 	$(BUILD_DIR)/ostrel-ulvo --modules-d=$(CURDIR)/modules.d --data-dir=$(DATA_DIR) \
 	  --bind=$(BIND) --port=$(PORT) \
-	  --config-set data.embedding_model=ulvo-hash-embed-v1 $(RUN_ARGS)
+	  --config-set data.embedding_model=ulvo-hash-embed-v1 \
+	  --config-set edge.controller_url=http://127.0.0.1:$(PORT) $(RUN_ARGS)
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(TEST_JOBS) --timeout 300
@@ -41,7 +42,8 @@ test: build
 bench: build
 	@bash bench/run.sh $(BUILD_DIR)
 	@bash bench/inference_overhead.sh $(BUILD_DIR)
-	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench data_bench search_bench audit_bench agent_bench; do \
+	@bash bench/router_overhead.sh $(BUILD_DIR)
+	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench data_bench search_bench audit_bench agent_bench edge_bench; do \
 	  $(BUILD_DIR)/bench/$$b; \
 	done
 

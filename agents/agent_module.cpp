@@ -526,7 +526,7 @@ std::string AgentModule::role_of_(const Request& req) const {
       }
     }
   }
-  return "viewer";
+  return kernel::role_from_scopes(req);
 }
 
 ToolContext AgentModule::tool_context_(const Request& req, const Json& body) const {

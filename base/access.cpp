@@ -10,7 +10,21 @@ bool credential_checked(const Request& req) {
   return req.auth_source == "capability" || req.auth_source == "api_key";
 }
 
+bool anonymous(const Request& req) { return req.auth_source == "anonymous"; }
+
+std::string role_from_scopes(const Request& req) {
+  if (is_admin(req)) return "admin";
+  for (const auto& s : req.scopes) {
+    if (s == "tenant.users.manage" || s == "tenant.roles.manage" || s == "tenant.*") return "admin";
+  }
+  for (const auto& s : req.scopes) {
+    if (s == "agent.invoke" || s == "agent.*") return "developer";
+  }
+  return "viewer";
+}
+
 bool is_admin(const Request& req) {
+  if (anonymous(req)) return false;
   if (!credential_checked(req)) return true;
   for (const auto& s : req.scopes) {
     if (s == "*" || s == "admin.*" || s == "kernel.*") return true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "base/types.h"
@@ -11,6 +12,9 @@ namespace ostrel::kernel {
 
 // True when a credential was checked for this request.
 bool credential_checked(const Request& req);
+// True for a caller without a credential on a public path of a node that
+// enforces auth: it passes no rule.
+bool anonymous(const Request& req);
 
 // "admin.*", "kernel.*" or "*": the scopes that pass every check.
 bool is_admin(const Request& req);
@@ -20,6 +24,11 @@ bool is_admin(const Request& req);
 // prefix of `required` ending where it has ':' ("audit.read" grants
 // "audit.read:tenant-a").
 bool has_scope(const Request& req, std::string_view required);
+
+// The tool-policy role a credential stands for when no user record names
+// one: "admin" for administrators and holders of the tenant-management
+// scopes, "developer" for holders of "agent.invoke", else "viewer".
+std::string role_from_scopes(const Request& req);
 
 // Each answers 403 {"error":"forbidden","reason":…} and returns false when
 // the caller lacks the right.

@@ -42,7 +42,19 @@ namespace {
 constexpr char kB64Url[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 }  // namespace
 
-std::string base64url_encode(std::string_view bytes) {
+namespace {
+std::string base64_with(std::string_view bytes, const char* alphabet, bool pad);
+}  // namespace
+
+std::string base64url_encode(std::string_view bytes) { return base64_with(bytes, kB64Url, false); }
+
+std::string base64_encode(std::string_view bytes) {
+  static constexpr char kB64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  return base64_with(bytes, kB64, true);
+}
+
+namespace {
+std::string base64_with(std::string_view bytes, const char* kB64Url, bool pad) {
   std::string out;
   out.reserve((bytes.size() * 4 + 2) / 3);
   size_t i = 0;
@@ -67,8 +79,12 @@ std::string base64url_encode(std::string_view bytes) {
     out += kB64Url[(v >> 12) & 63];
     out += kB64Url[(v >> 6) & 63];
   }
+  if (pad) {
+    while (out.size() % 4) out += '=';
+  }
   return out;
 }
+}  // namespace
 
 bool base64url_decode(std::string_view text, std::string& out) {
   static const auto table = [] {

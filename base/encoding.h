@@ -18,6 +18,8 @@ bool from_hex(std::string_view hex, std::string& out);
 // RFC 4648 URL-safe base64 without "=" padding, and its strict decoder (which
 // refuses padding, other alphabets and impossible lengths).
 std::string base64url_encode(std::string_view bytes);
+// RFC 4648 base64 with "=" padding.
+std::string base64_encode(std::string_view bytes);
 bool base64url_decode(std::string_view text, std::string& out);
 
 // SHA-256 of `data`, as 32 raw bytes.

@@ -45,11 +45,15 @@ HttpReply bad_url(const std::string& base_url) {
 
 HttpReply http_post(const std::string& base_url, const std::string& path, std::string_view body,
                     const HttpHeaders& headers, std::chrono::milliseconds timeout,
-                    const std::string& content_type) {
+                    const std::string& content_type, std::chrono::milliseconds connect_timeout) {
   if (!valid_base(base_url)) return bad_url(base_url);
   try {
     httplib::Client c(base_url);
     apply_timeouts(c, timeout);
+    if (connect_timeout.count() > 0) {
+      c.set_connection_timeout(static_cast<time_t>(connect_timeout.count() / 1000),
+                               static_cast<time_t>((connect_timeout.count() % 1000) * 1000));
+    }
     return to_reply(c.Post(path, to_headers(headers), body.data(), body.size(), content_type));
   } catch (const std::exception& e) {
     HttpReply out;

@@ -21,9 +21,12 @@ struct HttpReply {
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
 // `base_url` is "http://host:port" (or https); `path` starts with '/'.
+// `timeout` bounds connecting, sending and each wait for the answer;
+// `connect_timeout`, when given, bounds connecting alone.
 HttpReply http_post(const std::string& base_url, const std::string& path, std::string_view body,
                     const HttpHeaders& headers, std::chrono::milliseconds timeout,
-                    const std::string& content_type = "application/json");
+                    const std::string& content_type = "application/json",
+                    std::chrono::milliseconds connect_timeout = std::chrono::milliseconds(0));
 HttpReply http_get(const std::string& base_url, const std::string& path, const HttpHeaders& headers,
                    std::chrono::milliseconds timeout);
 

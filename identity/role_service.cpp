@@ -28,10 +28,19 @@ constexpr const char* kHashKey = ",\"hash\":\"";
 // "WebFetch" → "web_fetch"; a few catalogue names map onto the role table's
 // own words.
 std::string policy_name(const std::string& tool) {
-  static const std::map<std::string, std::string> kAliases = {{"Read", "read_file"},
-                                                              {"Write", "write_file"},
-                                                              {"Edit", "write_file"},
-                                                              {"Forget", "qmm_forget"}};
+  static const std::map<std::string, std::string> kAliases = {
+      {"Read", "read_file"},
+      {"Write", "write_file"},
+      {"Edit", "write_file"},
+      {"Forget", "qmm_forget"},
+      // The chat-completions tool loop's built-in tools.
+      {"search", "rag_search"},
+      {"recall", "remember"},
+      {"store", "qmm_store"},
+      {"forget", "qmm_forget"},
+      {"send_message", "send_email"},
+      {"read_url", "web_fetch"},
+      {"search_web", "web_search"}};
   if (auto it = kAliases.find(tool); it != kAliases.end()) return it->second;
   std::string out;
   for (std::size_t i = 0; i < tool.size(); ++i) {

@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "base/json.h"
-#include "base/text.h"
 #include "base/json_scanner.h"
+#include "base/text.h"
 
 namespace ostrel::inference::chat_json {
 
@@ -79,6 +79,13 @@ bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::stri
           !read_string(item, "tool_call_id", msg.tool_call_id, error)) {
         return false;
       }
+      if (auto t = item.find("tool_calls"); t != item.end() && !t->is_null()) {
+        if (!t->is_array()) {
+          error = "tool_calls must be an array";
+          return false;
+        }
+        if (!t->empty()) msg.tool_calls = base::dump_json(*t);
+      }
       r.messages.push_back(std::move(msg));
     }
   }
@@ -120,6 +127,29 @@ bool parse_chat_request(const Json& j, ChatRequest& out, bool& stream, std::stri
     }
   }
   if (auto p = j.find("priority"); p != j.end() && p->is_number_integer()) r.priority = *p;
+  if (auto t = j.find("tools"); t != j.end() && !t->is_null()) {
+    if (!t->is_array()) {
+      error = "tools must be an array";
+      return false;
+    }
+    if (!t->empty()) r.tools = base::dump_json(*t);
+  }
+  if (auto t = j.find("tool_choice"); t != j.end() && !t->is_null()) {
+    r.tool_choice = base::dump_json(*t);
+  }
+  if (auto o = j.find("stream_options"); o != j.end() && !o->is_null()) {
+    if (!o->is_object()) {
+      error = "stream_options must be an object";
+      return false;
+    }
+    if (auto u = o->find("include_usage"); u != o->end() && !u->is_null()) {
+      if (!u->is_boolean()) {
+        error = "stream_options.include_usage must be a boolean";
+        return false;
+      }
+      r.include_usage = *u;
+    }
+  }
   if (!read_string(j, "tenant_id", r.tenant_id, error) ||
       !read_string(j, "session_id", r.session_id, error) ||
       !read_string(j, "user_id", r.user_id, error)) {
@@ -166,6 +196,7 @@ bool scan_message(JsonScanner& s, Message& m) {
     if (key == "content") return once.first(2) && plain(s, m.content);
     if (key == "name") return once.first(4) && plain(s, m.name);
     if (key == "tool_call_id") return once.first(8) && plain(s, m.tool_call_id);
+    if (key == "tool_calls") return false;  // the JSON path keeps them
     return s.skip_value(2);
   });
   if (m.role.empty()) m.role = "user";
@@ -222,6 +253,17 @@ bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream) {
     if (key == "session_id") return once.first(2048) && plain(s, r.session_id);
     if (key == "user_id") return once.first(4096) && plain(s, r.user_id);
     if (key == "user") return once.first(8192) && plain(s, user);
+    if (key == "tools" || key == "tool_choice") return false;  // the JSON path keeps them
+    if (key == "stream_options") {
+      if (!once.first(16384) || s.peek() != '{') return false;
+      return s.object([&](std::string_view k) {
+        if (k != "include_usage") return s.skip_value(2);
+        std::optional<bool> b;
+        if (!s.boolean(b)) return false;
+        r.include_usage = *b;
+        return true;
+      });
+    }
     return s.skip_value(1);
   });
   if (!ok || !s.at_end()) return false;
@@ -253,7 +295,15 @@ std::string render_completion(const ChatResponse& resp, std::int64_t created) {
   out += ",\"model\":";
   text::append_json_string(out, resp.model);
   out += ",\"choices\":[{\"index\":0,\"message\":{\"role\":\"assistant\",\"content\":";
-  text::append_json_string(out, resp.message.content);
+  if (resp.message.content.empty() && !resp.message.tool_calls.empty()) {
+    out += "null";
+  } else {
+    text::append_json_string(out, resp.message.content);
+  }
+  if (!resp.message.tool_calls.empty()) {
+    out += ",\"tool_calls\":";
+    out += resp.message.tool_calls;
+  }
   out += "},\"finish_reason\":";
   text::append_json_string(out, resp.finish_reason.empty() ? "stop" : resp.finish_reason);
   out += "}],\"usage\":{\"prompt_tokens\":" + std::to_string(resp.prompt_tokens) +
@@ -294,7 +344,25 @@ std::string render_chunk(const std::string& id, const std::string& model, std::i
 }
 
 Json render_error(const InferenceError& e) {
-  return Json{{"error", {{"message", e.message}, {"type", error_type(e.code)}}}};
+  return Json{{"error",
+               {{"message", e.message},
+                {"type", error_type(e.code)},
+                {"param", nullptr},
+                {"code", error_type(e.code)}}}};
+}
+
+std::string render_usage_chunk(const std::string& id, const std::string& model,
+                               std::int64_t created, std::int64_t prompt_tokens,
+                               std::int64_t completion_tokens) {
+  std::string out = "{\"id\":";
+  text::append_json_string(out, id);
+  out += ",\"object\":\"chat.completion.chunk\",\"created\":" + std::to_string(created);
+  out += ",\"model\":";
+  text::append_json_string(out, model);
+  out += ",\"choices\":[],\"usage\":{\"prompt_tokens\":" + std::to_string(prompt_tokens) +
+         ",\"completion_tokens\":" + std::to_string(completion_tokens) +
+         ",\"total_tokens\":" + std::to_string(prompt_tokens + completion_tokens) + "}}";
+  return out;
 }
 
 }  // namespace ostrel::inference::chat_json

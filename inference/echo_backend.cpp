@@ -30,7 +30,7 @@ std::optional<InferenceError> EchoBackend::complete(const ChatRequest& req, Chat
   requests_.fetch_add(1);
   resp.model = req.model.empty() ? "echo" : req.model;
   resp.backend_id = id_;
-  resp.message = Message{"assistant", echo_text(req), "", ""};
+  resp.message = Message{"assistant", echo_text(req), "", "", ""};
   resp.finish_reason = "stop";
   for (const auto& m : req.messages) resp.prompt_tokens += word_count(m.content);
   resp.completion_tokens = word_count(resp.message.content);
@@ -58,6 +58,8 @@ std::optional<InferenceError> EchoBackend::stream(const ChatRequest& req, const 
     last.model = model;
     last.finish_reason = "stop";
     last.done = true;
+    for (const auto& m : req.messages) last.prompt_tokens += word_count(m.content);
+    last.completion_tokens = word_count(echo_text(req));
     sink(last);
   }
   completed_.fetch_add(1);

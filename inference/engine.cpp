@@ -113,7 +113,7 @@ std::optional<InferenceError> Engine::stream(ChatRequest req, ChunkSink sink) {
   };
   ChatResponse resp;
   auto err = run_(req, std::move(collecting), resp);
-  if (!err) remember_(req, Message{"assistant", *text, "", ""});
+  if (!err) remember_(req, Message{"assistant", *text, "", "", ""});
   return err;
 }
 

@@ -17,6 +17,7 @@
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
@@ -364,6 +365,18 @@ Json InferenceModule::models_list_() const {
   return {{"object", "list"}, {"data", data}};
 }
 
+// A vector as base64 of its little-endian float32 bytes (the OpenAI
+// "encoding_format": "base64").
+static std::string base64_floats(const std::vector<float>& v) {
+  std::string bytes(v.size() * 4, '\0');
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    std::uint32_t u;
+    std::memcpy(&u, &v[i], 4);
+    for (int b = 0; b < 4; ++b) bytes[i * 4 + b] = static_cast<char>((u >> (8 * b)) & 0xff);
+  }
+  return base::base64_encode(bytes);
+}
+
 Json InferenceModule::embeddings_(const Json& args, int& status) const {
   status = 200;
   auto model = args.value("model", Json(""));
@@ -372,6 +385,15 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
     return {{"error", "missing_model"}};
   }
   const std::string m = model;
+  // OpenAI clients ask for base64 (little-endian float32) unless told otherwise.
+  std::string format = "float";
+  if (auto f = args.find("encoding_format"); f != args.end() && !f->is_null()) {
+    if (!f->is_string() || (*f != "float" && *f != "base64")) {
+      status = 400;
+      return chat_json::render_error({400, "encoding_format must be \"float\" or \"base64\""});
+    }
+    format = *f;
+  }
   if (m == HashEmbedder::kModelId) {
     Json input = args.value("input", Json(""));
     std::vector<std::string> texts;
@@ -389,8 +411,10 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
     Json data = Json::array();
     std::size_t tokens = 0;
     for (std::size_t i = 0; i < texts.size(); ++i) {
-      data.push_back(
-          {{"object", "embedding"}, {"index", i}, {"embedding", HashEmbedder::embed(texts[i])}});
+      std::vector<float> v = HashEmbedder::embed(texts[i]);
+      Json embedding = v;
+      if (format == "base64") embedding = base64_floats(v);
+      data.push_back({{"object", "embedding"}, {"index", i}, {"embedding", embedding}});
       tokens += HashEmbedder::token_count(texts[i]);
     }
     return {{"object", "list"},
@@ -423,6 +447,15 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
   if (answer.is_discarded()) {
     status = 502;
     return {{"error", "upstream_failed"}, {"detail", "http 200: answer is not JSON"}};
+  }
+  // An upstream that ignored the format still answers in the one asked for.
+  if (format == "base64" && answer.is_object() && answer.contains("data") &&
+      answer["data"].is_array()) {
+    for (auto& d : answer["data"]) {
+      if (d.is_object() && d.contains("embedding") && d["embedding"].is_array()) {
+        d["embedding"] = base64_floats(d["embedding"].get<std::vector<float>>());
+      }
+    }
   }
   return answer;
 }
@@ -481,7 +514,12 @@ int InferenceModule::stream_sse_(ChatRequest chat,
     pending.clear();
   }
   bool gone = false;
+  std::int64_t prompt_tokens = 0, completion_tokens = 0;
   auto err = engine_->stream(chat, [&](const ChatChunk& c) {
+    if (c.done) {
+      prompt_tokens = c.prompt_tokens;
+      completion_tokens = c.completion_tokens;
+    }
     if (!c.delta.empty() || c.finish_reason) {
       const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
       pending += kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
@@ -503,6 +541,10 @@ int InferenceModule::stream_sse_(ChatRequest chat,
       if (!write(pending)) return -1;
       pending.clear();
     }
+  }
+  if (!err && chat.include_usage) {
+    pending += kernel::sse_event(
+        chat_json::render_usage_chunk(id, model, created, prompt_tokens, completion_tokens));
   }
   pending += "data: [DONE]\n\n";
   write(pending);

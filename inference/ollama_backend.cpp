@@ -61,6 +61,8 @@ bool on_stream_data(StreamState* st, std::string_view data) {
       if (f.done.value_or(false)) {
         chunk.done = true;
         chunk.finish_reason = f.done_reason.value_or("stop");
+        chunk.prompt_tokens = f.prompt_eval_count.value_or(0);
+        chunk.completion_tokens = f.eval_count.value_or(0);
       }
     } else {
       Json obj = base::parse_json(line);
@@ -75,6 +77,8 @@ bool on_stream_data(StreamState* st, std::string_view data) {
       if (obj.value("done", false)) {
         chunk.done = true;
         chunk.finish_reason = obj.value("done_reason", "stop");
+        chunk.prompt_tokens = obj.value("prompt_eval_count", std::int64_t{0});
+        chunk.completion_tokens = obj.value("eval_count", std::int64_t{0});
       }
     }
     st->finished = chunk.done;
@@ -86,6 +90,48 @@ bool on_stream_data(StreamState* st, std::string_view data) {
   }
   st->pending.erase(0, start);
   return true;
+}
+
+// Chat-completions tool calls (arguments as JSON texts) in Ollama's form
+// (arguments as objects; arguments that do not parse become {}).
+std::string ollama_tool_calls(const std::string& openai_calls) {
+  Json calls = base::parse_json(openai_calls);
+  Json out = Json::array();
+  if (!calls.is_array()) return "[]";
+  for (const auto& c : calls) {
+    if (!c.is_object() || !c.contains("function") || !c["function"].is_object()) continue;
+    const Json& f = c["function"];
+    Json args = Json::object();
+    if (f.contains("arguments")) {
+      if (f["arguments"].is_string()) {
+        Json parsed = base::parse_json(f["arguments"].get<std::string>());
+        if (parsed.is_object()) args = parsed;
+      } else if (f["arguments"].is_object()) {
+        args = f["arguments"];
+      }
+    }
+    out.push_back({{"function", {{"name", f.value("name", "")}, {"arguments", args}}}});
+  }
+  return base::dump_json(out);
+}
+
+// Ollama's tool calls in the chat-completions form: each with an id, the
+// type "function" and its arguments as a JSON text.
+std::string openai_tool_calls(const Json& ollama_calls, const std::string& request_id) {
+  Json out = Json::array();
+  int i = 0;
+  for (const auto& c : ollama_calls) {
+    if (!c.is_object() || !c.contains("function") || !c["function"].is_object()) continue;
+    const Json& f = c["function"];
+    Json args = f.contains("arguments") ? f["arguments"] : Json::object();
+    out.push_back(
+        {{"id", c.value("id", "call_" + request_id + "_" + std::to_string(i++))},
+         {"type", "function"},
+         {"function",
+          {{"name", f.value("name", "")},
+           {"arguments", args.is_string() ? args.get<std::string>() : base::dump_json(args)}}}});
+  }
+  return out.empty() ? std::string() : base::dump_json(out);
 }
 
 }  // namespace
@@ -144,9 +190,19 @@ std::string OllamaBackend::build_chat_body(const ChatRequest& req, bool stream) 
       out += ",\"name\":";
       text::append_json_string(out, m.name);
     }
+    if (!m.tool_calls.empty()) {
+      out += ",\"tool_calls\":";
+      out += ollama_tool_calls(m.tool_calls);
+    }
     out += '}';
   }
-  out += stream ? "],\"stream\":true,\"options\":{" : "],\"stream\":false,\"options\":{";
+  out += ']';
+  if (!req.tools.empty()) {
+    // Ollama takes tools in the chat-completions shape.
+    out += ",\"tools\":";
+    out += req.tools;
+  }
+  out += stream ? ",\"stream\":true,\"options\":{" : ",\"stream\":false,\"options\":{";
   bool first = true;
   auto option = [&](const char* key, auto value) {
     char num[64];
@@ -253,7 +309,9 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
     if (auto err = http_to_error(upstream.curl_code, upstream.status, body)) return err;
 
     std::string content;
-    if (OllamaFields f; scan_ollama_fields(body, f)) {
+    std::string tool_calls;
+    const bool has_tool_calls = body.find("\"tool_calls\"") != std::string::npos;
+    if (OllamaFields f; !has_tool_calls && scan_ollama_fields(body, f)) {
       content = f.message_is_object ? f.content.value_or("") : f.response.value_or("");
       resp.model = f.model ? *f.model : req.model;
       resp.finish_reason = f.done_reason.value_or("stop");
@@ -265,17 +323,23 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
         return InferenceError{502, "ollama: bad response JSON: " + body.substr(0, 200)};
       }
       if (auto m = reply.find("message"); m != reply.end() && m->is_object()) {
-        content = m->value("content", "");
+        content = m->contains("content") && (*m)["content"].is_string()
+                      ? (*m)["content"].get<std::string>()
+                      : "";
+        if (auto t = m->find("tool_calls"); t != m->end() && t->is_array()) {
+          tool_calls = openai_tool_calls(*t, req.request_id);
+        }
       } else {
         content = reply.value("response", "");
       }
       resp.model = reply.value("model", req.model);
       resp.finish_reason = reply.value("done_reason", "stop");
+      if (!tool_calls.empty()) resp.finish_reason = "tool_calls";
       resp.prompt_tokens = reply.value("prompt_eval_count", std::int64_t{0});
       resp.completion_tokens = reply.value("eval_count", std::int64_t{0});
     }
     resp.backend_id = id_;
-    resp.message = Message{"assistant", std::move(content), "", ""};
+    resp.message = Message{"assistant", std::move(content), "", "", std::move(tool_calls)};
     scope.succeed(static_cast<std::uint64_t>(resp.completion_tokens));
     return std::nullopt;
   } catch (const std::exception& e) {

@@ -14,6 +14,10 @@ struct Message {
   std::string content;
   std::string name;
   std::string tool_call_id;
+  // The calls an assistant message makes, as the JSON text of a
+  // chat-completions "tool_calls" array (arguments as JSON texts); empty
+  // when none.
+  std::string tool_calls;
 };
 
 struct ChatRequest {
@@ -31,13 +35,20 @@ struct ChatRequest {
   std::vector<std::string> stop;
   std::int64_t priority = 0;
   std::map<std::string, std::string> metadata;
+  // The tools the model may call and how it should choose, as the JSON texts
+  // of the request's "tools" array and "tool_choice"; empty when absent.
+  std::string tools;
+  std::string tool_choice;
+  // "stream_options": {"include_usage": true}: a streamed answer ends with a
+  // chunk that carries the token counts.
+  bool include_usage = false;
 };
 
 struct ChatResponse {
   std::string request_id;
   std::string model;
   std::string backend_id;
-  Message message{"assistant", "", "", ""};
+  Message message{"assistant", "", "", "", ""};
   std::string finish_reason = "stop";
   std::int64_t prompt_tokens = 0;
   std::int64_t completion_tokens = 0;
@@ -50,6 +61,9 @@ struct ChatChunk {
   std::optional<std::string> finish_reason;
   std::optional<std::string> error;
   bool done = false;
+  // Token counts, on the last chunk when the backend reports them.
+  std::int64_t prompt_tokens = 0;
+  std::int64_t completion_tokens = 0;
   // Another chunk has already arrived and follows at once: a writer may hold
   // this one back and send both in one write.
   bool more_ready = false;

@@ -17,11 +17,25 @@ for p in "${packages[@]}"; do
   [ "$status" = "installed" ] || missing+=("$p")
 done
 
-[ ${#missing[@]} -eq 0 ] && exit 0
+# Node.js runs the tests that drive the node with real client libraries; a
+# node already on the machine (from any source) will do.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  missing+=(nodejs npm)
+fi
 
-echo "installing: ${missing[*]}"
-sudo_cmd=""
-if [ "$(id -u)" -ne 0 ]; then sudo_cmd="sudo"; fi
-export DEBIAN_FRONTEND=noninteractive
-$sudo_cmd apt-get update -qq
-$sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=""
+  if [ "$(id -u)" -ne 0 ]; then sudo_cmd="sudo"; fi
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo_cmd apt-get update -qq
+  $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The client libraries of those tests, into the project (tests/js/node_modules),
+# exactly as package-lock.json pins them; nothing when they are there already.
+js="$(dirname "$0")/../tests/js"
+if [ ! -f "$js/node_modules/.package-lock.json" ] || [ "$js/package-lock.json" -nt "$js/node_modules/.package-lock.json" ]; then
+  echo "installing npm packages into tests/js"
+  (cd "$js" && npm ci --no-audit --no-fund --loglevel=error)
+fi

@@ -401,33 +401,40 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
     }
   }
 
-  if (auth_mode == AuthMode::enforce && req.peer_node_id.empty() &&
-      !is_public_path(req.method, req.path)) {
+  // Public paths need no credential, but one that is presented still counts
+  // (the chat-completions routes decide for themselves what an anonymous
+  // caller may do).
+  if (auth_mode == AuthMode::enforce && req.peer_node_id.empty()) {
+    const bool is_public = is_public_path(req.method, req.path);
     std::string token = req.header("X-Ostrel-Capability");
     if (token.empty()) token = bearer_token(req.header("Authorization"));
     if (token.empty()) token = req.header("X-API-Key");
-    if (token.empty()) {
+    if (token.empty() && !is_public) {
       res.error(401, "unauthenticated", "missing X-Ostrel-Capability");
       return;
     }
-    if (!verifier) {
-      res.error(503, "auth_misconfigured", "enforce without verifier");
-      return;
-    }
-    AuthResult auth = verifier(token);
-    if (!auth.valid) {
-      res.status = 403;
-      res.body = "{\"error\":\"forbidden\",\"reason\":" + text::json_quote(auth.reason) + "}";
-      return;
-    }
-    req.tenant = std::move(auth.tenant);
-    req.token_id = std::move(auth.token_id);
-    req.scopes = std::move(auth.scopes);
-    req.user_id = std::move(auth.user_id);
-    req.auth_source = "capability";
-    if (scope.span) {
-      scope.span->set_attribute("auth.tenant", req.tenant);
-      scope.span->set_attribute("auth.token_id", req.token_id);
+    if (!token.empty()) {
+      if (!verifier) {
+        res.error(503, "auth_misconfigured", "enforce without verifier");
+        return;
+      }
+      AuthResult auth = verifier(token);
+      if (!auth.valid) {
+        res.status = 403;
+        res.body = "{\"error\":\"forbidden\",\"reason\":" + text::json_quote(auth.reason) + "}";
+        return;
+      }
+      req.tenant = std::move(auth.tenant);
+      req.token_id = std::move(auth.token_id);
+      req.scopes = std::move(auth.scopes);
+      req.user_id = std::move(auth.user_id);
+      req.auth_source = "capability";
+      if (scope.span) {
+        scope.span->set_attribute("auth.tenant", req.tenant);
+        scope.span->set_attribute("auth.token_id", req.token_id);
+      }
+    } else {
+      req.auth_source = "anonymous";
     }
   }
 

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "agents/dynamic_tools.h"
+#include "agents/edge_tools.h"
 #include "agents/intents.h"
 #include "agents/prompt.h"
 #include "agents/session_store.h"
@@ -191,3 +192,51 @@ TEST(DynamicTools, TableSurvivesRestartAndRemovesByPlugin) {
 
 }  // namespace
 }  // namespace ostrel::agents
+
+// The tool loop's registry: the role ladder decides what is offered; a name
+// registered again is replaced in place; the instructions are injected once.
+namespace ostrel::edge {
+namespace {
+
+TEST(EdgeTools, VisibilityReplacementAndInstructions) {
+  ToolRegistry r;
+  register_builtin_tools(r);
+  ASSERT_EQ(r.size(), 17u);
+  ToolCallContext viewer;
+  viewer.roles = {"viewer"};
+  ToolCallContext dev;
+  dev.roles = {"nobody", "developer"};
+  EXPECT_EQ(dev.highest_role(), "developer");
+  EXPECT_EQ(r.list_visible(viewer).size(), 10u);
+  EXPECT_EQ(r.list_visible(dev).size(), 17u);
+  EXPECT_EQ(r.list_visible(dev, [](const std::string& n) { return n != "search"; }).size(), 16u);
+  EXPECT_EQ(r.names().front(), "search");
+
+  nlohmann::json def = ToolRegistry::to_openai_tool_def(r.list_visible(viewer)[0]);
+  EXPECT_EQ(def["type"], "function");
+  EXPECT_EQ(def["function"]["parameters"]["required"], nlohmann::json({"query"}));
+
+  // Without a controller every built-in answers no_controller.
+  EXPECT_EQ(r.dispatch("recall", {{"query", "x"}}, viewer)->result,
+            nlohmann::json({{"error", "no_controller"}}));
+  EXPECT_FALSE(r.dispatch("teleport", nlohmann::json::object(), viewer));
+  r.register_tool({"search", "mine", nlohmann::json::object(), "admin",
+                   [](const nlohmann::json&, const ToolCallContext&) -> ToolDispatchResult {
+                     throw std::runtime_error("broken tool");
+                   }});
+  EXPECT_EQ(r.size(), 17u);
+  EXPECT_EQ(r.names().front(), "search");
+  EXPECT_EQ(r.list_visible(viewer).size(), 9u);
+  EXPECT_EQ(r.dispatch("search", {}, dev)->result["error"], "tool_failed");
+
+  nlohmann::json msgs = nlohmann::json::array(
+      {{{"role", "system"}, {"content", ""}}, {{"role", "user"}, {"content", "q"}}});
+  inject_tool_surface(msgs);
+  EXPECT_EQ(msgs[0]["content"], kToolSurfacePrompt);
+  inject_tool_surface(msgs);
+  EXPECT_EQ(msgs.size(), 2u);
+  EXPECT_EQ(msgs[0]["content"], kToolSurfacePrompt);
+}
+
+}  // namespace
+}  // namespace ostrel::edge

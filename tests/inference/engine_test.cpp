@@ -21,7 +21,7 @@ ChatRequest ask(const std::string& model, const std::string& text, const std::st
   ChatRequest r;
   r.model = model;
   r.tenant_id = tenant;
-  r.messages.push_back(Message{"user", text, "", ""});
+  r.messages.push_back(Message{"user", text, "", "", ""});
   return r;
 }
 
@@ -218,7 +218,7 @@ TEST(Engine, SessionsKeepAnsweredTurnsOnly) {
   ASSERT_FALSE(engine.complete(req, resp));
   EXPECT_EQ(resp.message.content, "Echo: one two three");
 
-  req.messages = {Message{"user", "four five", "", ""}};
+  req.messages = {Message{"user", "four five", "", "", ""}};
   int chunks = 0;
   auto err = engine.stream(req, [&](const ChatChunk&) { return ++chunks < 2; });
   ASSERT_TRUE(err);
@@ -271,8 +271,8 @@ TEST(Engine, SessionsKeepAnsweredTurnsOnly) {
   // bound (a message larger than the bound is not kept), and the store drops
   // its least recently used sessions to stay within its own.
   SessionStore by_bytes(std::chrono::seconds(60), 1000, 1000, 10000, 1000);
-  const Message big{"user", std::string(2000, 'x'), "", ""};
-  const Message mid{"user", std::string(600, 'y'), "", ""};
+  const Message big{"user", std::string(2000, 'x'), "", "", ""};
+  const Message mid{"user", std::string(600, 'y'), "", "", ""};
   by_bytes.append("a", {big}, t0);
   EXPECT_EQ(by_bytes.get("a", t0)->history.size(), 0u);
   EXPECT_EQ(by_bytes.bytes(), 0u);
@@ -292,7 +292,7 @@ TEST(OllamaBackend, SpeaksTheChatProtocol) {
   EXPECT_EQ(backend.stats().models, std::vector<std::string>{"llama3"});
 
   ChatRequest req = ask("llama3", "hi");
-  req.messages.insert(req.messages.begin(), Message{"system", "be brief", "sys", ""});
+  req.messages.insert(req.messages.begin(), Message{"system", "be brief", "sys", "", ""});
   req.temperature = 0.5f;
   req.max_tokens = 12;
   ChatResponse resp;
@@ -399,7 +399,7 @@ TEST(ChatJson, HandWrittenTextsAreValidJsonForAnyContent) {
 
   ChatRequest req;
   req.model = "x\"y";
-  req.messages = {Message{"user", "q\n\"uoted\"", "n\"m", ""}};
+  req.messages = {Message{"user", "q\n\"uoted\"", "n\"m", "", ""}};
   req.temperature = 0.25f;
   req.max_tokens = 7;
   req.stop = {"\n", "END"};

@@ -401,7 +401,7 @@ TEST(OllamaBackend, MarksChunksThatArrivedTogether) {
   OllamaBackend backend("o", server.url());
   ChatRequest req;
   req.model = "m";
-  req.messages = {Message{"user", "hi", "", ""}};
+  req.messages = {Message{"user", "hi", "", "", ""}};
   std::vector<std::pair<std::string, bool>> seen;
   auto err = backend.stream(req, [&](const ChatChunk& c) {
     seen.emplace_back(c.delta, c.more_ready);

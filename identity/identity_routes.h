@@ -8,9 +8,11 @@
 #include "base/types.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
+#include "identity/login_throttle.h"
 #include "identity/quota.h"
 #include "identity/rbac.h"
 #include "identity/tenant_registry.h"
+#include "identity/user_store.h"
 
 // The HTTP faces and syscalls of the identity stores: capability tokens,
 // tenants, roles, users and quotas. They speak only the shared request,
@@ -41,12 +43,23 @@ struct IdentityContext {
   std::function<kernel::AuthResult(const std::string& token)> verify_token;
   // The source code of the caller of the syscall running on this thread.
   std::function<SourceCode()> syscall_caller;
+  // The user store (null when it could not be opened) and the login throttle.
+  identity_registry::UserStore* users = nullptr;
+  LoginThrottle* throttle = nullptr;
+  // Sends a password-reset message to a user name (an e-mail address).
+  std::function<void(const std::string& to, const std::string& body)> send_reset_mail;
+  // This node's cluster secret.
+  std::function<std::string()> cluster_secret;
+  // Users were added, changed or removed: cached credentials are dropped.
+  std::function<void()> users_changed;
 };
 
 void register_capability_routes(const IdentityContext& ctx, const AddRoute& add);
 void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add);
 void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add);
 void register_audit_routes(const IdentityContext& ctx, const AddRoute& add);
+void register_auth_routes(const IdentityContext& ctx, const AddRoute& add);
+void register_user_syscalls(const IdentityContext& ctx, const AddSyscall& add);
 void register_audit_syscalls(const IdentityContext& ctx, const AddSyscall& add);
 
 // Creates a tenant with its signing key and default roles, in an order that a

@@ -1,5 +1,8 @@
 #include "inference/engine.h"
 
+#include "kernel/obs/metrics.h"
+#include "kernel/obs/telemetry.h"
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -146,14 +149,24 @@ void Engine::stop() {
 
 void Engine::set_log(LogFn log) {
   log_ = std::move(log);
-  scheduler_.set_observer(
-      [this](const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err) {
-        observe_(req, backend, err);
-      });
+  scheduler_.set_observer([this](const ChatRequest& req, Backend& backend,
+                                 const std::optional<InferenceError>& err,
+                                 double elapsed_ms) { observe_(req, backend, err, elapsed_ms); });
 }
 
 void Engine::observe_(const ChatRequest& req, Backend& backend,
-                      const std::optional<InferenceError>& err) {
+                      const std::optional<InferenceError>& err, double elapsed_ms) {
+  // What an operator of a model server watches: requests, errors and
+  // latency per model and backend.
+  auto& t = kernel::telemetry::Telemetry::instance();
+  const kernel::telemetry::Labels labels = {{"model", req.model}, {"backend", backend.id()}};
+  t.counter("ostrel.inference.requests_total", 1, labels);
+  t.histogram("ostrel.inference.request_duration_seconds", elapsed_ms / 1000.0, labels);
+  if (err) {
+    t.counter(
+        "ostrel.inference.errors_total", 1,
+        {{"model", req.model}, {"backend", backend.id()}, {"code", std::to_string(err->code)}});
+  }
   // Each kind of notice once per backend and model: the lines are for an
   // operator, not a request log.
   auto first_time = [this](const std::string& key) {
@@ -182,6 +195,8 @@ void Engine::health_loop_() {
   while (true) {
     for (const auto& b : backends()) {
       bool healthy = b->poll_health();
+      kernel::telemetry::Telemetry::instance().gauge("ostrel.inference.backend_up", healthy ? 1 : 0,
+                                                     {{"backend", b->id()}});
       auto [it, first] = health_seen_.try_emplace(b->id(), healthy);
       if (log_ && (first ? !healthy : it->second != healthy)) {
         log_(!healthy, "backend '" + b->id() + "' is " +

@@ -4,9 +4,9 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <set>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,11 +70,12 @@ class Engine {
   void remember_(const ChatRequest& req, Message answer);
   std::optional<InferenceError> run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp);
   void health_loop_();
-  void observe_(const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err);
+  void observe_(const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err,
+                double elapsed_ms);
 
   LogFn log_;
-  std::mutex noticed_mu_;  // guards noticed_
-  std::set<std::string> noticed_;  // "<kind>\n<backend>\n<model>" already logged
+  std::mutex noticed_mu_;                    // guards noticed_
+  std::set<std::string> noticed_;            // "<kind>\n<backend>\n<model>" already logged
   std::map<std::string, bool> health_seen_;  // health thread only: last state per backend
 
   EngineOptions options_;

@@ -62,7 +62,7 @@ Result download(const std::string& url, const std::filesystem::path& target,
     std::uint64_t max;
     bool too_large = false;
     std::string error;
-  } sink{&file, limits.max_bytes};
+  } sink{&file, limits.max_bytes, false, {}};
   auto write = [](char* data, size_t size, size_t n, void* user) -> size_t {
     auto* s = static_cast<Sink*>(user);
     const size_t bytes = size * n;
@@ -80,7 +80,8 @@ Result download(const std::string& url, const std::filesystem::path& target,
   curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_USERAGENT, user_agent.c_str());
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 10000L);
-  if (limits.total_timeout_ms > 0) curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, limits.total_timeout_ms);
+  if (limits.total_timeout_ms > 0)
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, limits.total_timeout_ms);
   if (limits.max_bytes) {
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.max_bytes));
   }

@@ -21,8 +21,8 @@ Result post(const std::string& url, const std::string& body,
             const std::vector<std::string>& headers, long timeout_ms);
 
 struct DownloadLimits {
-  std::uint64_t max_bytes = 0;         // 0: no limit
-  long total_timeout_ms = 0;           // 0: no limit
+  std::uint64_t max_bytes = 0;  // 0: no limit
+  long total_timeout_ms = 0;    // 0: no limit
   // Checks the finished temporary file before it takes the target's place;
   // false with a reason refuses it.
   std::function<bool(const std::filesystem::path& file, std::string& why)> accept;

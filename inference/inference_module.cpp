@@ -966,6 +966,15 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
     return out.is_object();
   };
 
+  // Journal compaction, asked for by the kernel's compaction route.
+  table.register_syscall(kInferenceSource, "inference.journal.compact", [this](std::string_view) {
+    std::string error;
+    if (!locals_->compact(error)) return base::syscall_error("compact_failed", error);
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(locals_->journal_path(), ec);
+    return base::syscall_ok({{"journal", "inference-local-backends"}, {"bytes", ec ? 0 : size}});
+  });
+
   table.register_syscall(kInferenceSource, "inference.chat", [this](std::string_view a) {
     try {
       ChatRequest chat;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "base/durable_file.h"
 #include "base/journal.h"
 #include "base/json.h"
 #include "base/names.h"
@@ -135,6 +136,17 @@ bool LocalBackendRegistry::set(LocalBackend b, std::string& journal_error) {
   if (fresh) order_.push_back(b.id);
   backends_[b.id] = std::move(b);
   return fresh;
+}
+
+bool LocalBackendRegistry::compact(std::string& error) {
+  std::lock_guard lock(mu_);
+  std::string text;
+  for (const auto& id : order_) {
+    auto it = backends_.find(id);
+    if (it == backends_.end()) continue;
+    text += base::dump_json(Json{{"op", "set"}, {"id", id}, {"backend", it->second}}) + "\n";
+  }
+  return base::write_file_atomically(journal_, text, error);
 }
 
 bool LocalBackendRegistry::remove(const std::string& id, std::string& journal_error) {

@@ -66,6 +66,9 @@ class LocalBackendRegistry {
   bool set(LocalBackend b, std::string& journal_error);
   bool remove(const std::string& id, std::string& journal_error);
   std::vector<LocalBackend> list() const;  // sorted by id
+  // Rewrites the journal as one "set" record per backend, in registration
+  // order (temporary file and rename); false with the reason.
+  bool compact(std::string& error);
   std::optional<LocalBackend> find_for_model(const std::string& model) const;
   const std::filesystem::path& journal_path() const { return journal_; }
 

@@ -1,8 +1,19 @@
 #include "inference/scheduler.h"
 
+#include "kernel/obs/metrics.h"
+
 #include <algorithm>
 
 namespace ostrel::inference {
+
+namespace {
+// Requests waiting for a worker, on /metrics.
+obs::Gauge& depth_gauge() {
+  static obs::Gauge& g = obs::MetricsRegistry::instance().gauge(
+      "ostrel_inference_queue_depth", "Chat requests waiting in the inference scheduler's queues");
+  return g;
+}
+}  // namespace
 
 std::shared_ptr<Backend> default_selector(const ChatRequest& req, const BackendList& backends) {
   std::shared_ptr<Backend> least, least_with_model;
@@ -79,6 +90,7 @@ bool Scheduler::enqueue(std::shared_ptr<QueuedRequest> request) {
     request->enqueued_at = std::chrono::steady_clock::now();
     queues_[request->key].push_back(std::move(request));
     ++total_queued_;
+    depth_gauge().set(static_cast<double>(total_queued_));
     ++accepted_;
   }
   cv_.notify_one();
@@ -144,6 +156,7 @@ std::shared_ptr<QueuedRequest> Scheduler::take_locked_() {
   ++served_[best->first];
   if (best->second.empty()) queues_.erase(best);
   --total_queued_;
+  depth_gauge().set(static_cast<double>(total_queued_));
   return request;
 }
 
@@ -203,7 +216,12 @@ std::optional<InferenceError> Scheduler::serve_(const ChatRequest& req, const Ch
   } catch (...) {
     err = InferenceError{500, "backend: unknown exception"};
   }
-  if (observer_) observer_(req, *backend, err);
+  if (observer_) {
+    observer_(
+        req, *backend, err,
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - enqueued_at)
+            .count());
+  }
   if (err) return err;
   resp.request_id = req.request_id;
   if (resp.backend_id.empty()) resp.backend_id = backend->id();

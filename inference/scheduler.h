@@ -52,8 +52,9 @@ class Scheduler {
 
   // Told after every request which backend served it and how it ended
   // (nullopt: success). Runs on the serving thread, outside every lock.
+  // `elapsed_ms` is the time from enqueue to the end of the backend's work.
   using Observer = std::function<void(const ChatRequest& req, Backend& backend,
-                                      const std::optional<InferenceError>& err)>;
+                                      const std::optional<InferenceError>& err, double elapsed_ms)>;
   // Set before start().
   void set_observer(Observer observer) { observer_ = std::move(observer); }
 
@@ -91,7 +92,7 @@ class Scheduler {
   std::size_t worker_count_;
   std::size_t max_depth_;
 
-  Observer observer_;  // set before start(); read-only afterwards
+  Observer observer_;      // set before start(); read-only afterwards
   mutable std::mutex mu_;  // guards everything below
   std::condition_variable cv_;
   std::map<std::string, std::deque<std::shared_ptr<QueuedRequest>>> queues_;

@@ -10,6 +10,7 @@
 #include "identity/identity_registry.h"
 #include "kernel/kernel.h"
 #include "kernel/obs/metrics.h"
+#include "kernel/obs/process_metrics.h"
 #include "kernel/obs/telemetry.h"
 #include "kernel/syscall_access.h"
 
@@ -63,7 +64,8 @@ void Kernel::register_builtin_routes() {
   gateway_.route("GET", "/metrics", [this](const Request&, Response& res) {
     res.content_type = "text/plain; version=0.0.4";
     res.body = obs::MetricsRegistry::instance().to_prometheus() +
-               telemetry::Telemetry::instance().to_prometheus() + metrics_.to_prometheus();
+               telemetry::Telemetry::instance().to_prometheus() + metrics_.to_prometheus() +
+               obs::process_metrics_text();
   });
 
   gateway_.route("GET", "/api/v1/kernel/modules", [this](const Request&, Response& res) {

@@ -64,7 +64,21 @@ void Kernel::open_identity_stores_() {
       logger_.warn("first start: the tenant 'default' was not created: " + error);
     }
   }
-  logger_.info("user store: not available in this build — no identity.db opened");
+  const std::filesystem::path db = state / "identity.db";
+  if (users_.open(db, error)) {
+    logger_.info("user store initialized at " + db.string());
+  } else {
+    std::fprintf(stderr, "[identity] UserStore init failed: %s\n", error.c_str());
+  }
+}
+
+// The scopes an API key's user holds by role.
+std::vector<std::string> Kernel::scopes_for_role(const std::string& role) {
+  if (role == "superadmin") return {"admin.*", "kernel.*", "tenant.*"};
+  if (role == "admin") return {"admin.*", "tenant.*"};
+  // Developers also use models (the chat routes ask for inference.chat).
+  if (role == "developer") return {"agent.*", "data.*", "comm.*", "inference.chat"};
+  return {"read.*"};
 }
 
 AuthResult Kernel::verify_credential_(const std::string& credential) {
@@ -80,8 +94,21 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
     }
   }
   if (!result.valid) {
-    // API keys ("ak-…") are resolved by the user store, which is not built
-    // yet; every credential is treated as a capability token.
+    // API keys are the user store's; the cache holds them for a minute (a
+    // user's change or deletion clears it at once).
+    if (credential.rfind("ak-", 0) == 0 && users_.is_open()) {
+      if (auto u = users_.authenticate_key(credential)) {
+        result.valid = true;
+        result.tenant = u->tenant_id;
+        result.token_id = "key:" + u->user_id;
+        result.user_id = u->user_id;
+        result.scopes = scopes_for_role(u->role);
+        auth_cache_.put(credential, {result, now + 60});
+        return result;
+      }
+      result.reason = "invalid_api_key";
+      return result;
+    }
     identity::CapabilityToken token;
     std::string error;
     if (!issuer_.verify(credential, token, error)) {
@@ -109,6 +136,11 @@ void Kernel::install_auth_policy_() {
   });
   gateway_.set_auth_verifier(
       [this](const std::string& credential) { return verify_credential_(credential); });
+  if (config_.auth_mode != AuthMode::enforce && users_.is_open() && users_.count_users() > 0) {
+    config_.auth_mode = AuthMode::enforce;
+    gateway_.set_auth_mode(AuthMode::enforce);
+    logger_.info("auth auto-enforce — users exist in identity store");
+  }
   if (config_.auth_mode != AuthMode::enforce) {
     logger_.info("auth policy = off — open access (first user registration will auto-enable auth)");
     return;

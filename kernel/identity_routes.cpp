@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/access.h"
+#include "base/http_client.h"
 #include "base/reply.h"
 #include "identity/identity_routes.h"
 #include "kernel/kernel.h"
@@ -27,6 +28,20 @@ identity::IdentityContext Kernel::identity_context_() {
   ctx.audit = [this](const Request* caller, const Json& event) { audit_event_(caller, event); };
   ctx.verify_token = [this](const std::string& token) { return verify_credential_(token); };
   ctx.syscall_caller = [] { return SyscallTable::current_caller(); };
+  ctx.users = &users_;
+  ctx.throttle = &login_throttle_;
+  ctx.send_reset_mail = [this](const std::string& to, const std::string& body) {
+    send_reset_mail_(to, body);
+  };
+  ctx.cluster_secret = [this] { return cluster_secret_; };
+  ctx.users_changed = [this] {
+    auth_cache_.clear();
+    // The first user closes an open node at once, not only at the next boot.
+    if (gateway_.auth_mode() != AuthMode::enforce && users_.count_users() > 0) {
+      gateway_.set_auth_mode(AuthMode::enforce);
+      logger_.info("auth auto-enforce — users exist in identity store");
+    }
+  };
   return ctx;
 }
 
@@ -38,6 +53,34 @@ void Kernel::register_identity_routes_() {
   identity::register_capability_routes(identity_context_(), add);
   identity::register_tenant_routes(identity_context_(), add);
   identity::register_audit_routes(identity_context_(), add);
+  identity::register_auth_routes(identity_context_(), add);
+}
+
+void Kernel::send_reset_mail_(const std::string& to, const std::string& body) {
+  const Json mail = {{"protocol", "email"},
+                     {"from", "noreply@ostrel.local"},
+                     {"to", to},
+                     {"subject", "Ostrel Password Reset"},
+                     {"body", body}};
+  if (syscalls_.has("comm.send")) {
+    syscalls_.call(identity::kKernelSource, "comm.send", base::dump_json(mail));
+    return;
+  }
+  const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL");
+  if (!controller || !*controller) {
+    logger_.warn("password reset email dispatch failed (no controller_url): " + to);
+    return;
+  }
+  base::HttpReply r = base::http_post(
+      base::normalise_base_url(controller), "/api/v1/comm/send", base::dump_json(mail),
+      {{"X-Ostrel-Node-Id", identity_.node_id}, {"X-Ostrel-Node-Token", identity_.node_token}},
+      std::chrono::seconds(10));
+  if (r.ok()) {
+    logger_.info("password reset email dispatched via controller proxy");
+  } else {
+    logger_.warn("password reset email http-fallback failed: " +
+                 (r.transport_ok ? "http " + std::to_string(r.status) : r.error));
+  }
 }
 
 // One security-relevant action into the audit log. The actor is who made the
@@ -76,6 +119,7 @@ void Kernel::register_identity_syscalls_() {
   };
   identity::register_tenant_syscalls(identity_context_(), add);
   identity::register_audit_syscalls(identity_context_(), add);
+  identity::register_user_syscalls(identity_context_(), add);
 }
 
 void Kernel::register_compaction_route_() {
@@ -91,12 +135,30 @@ void Kernel::register_compaction_route_() {
     if (!issuer_.compact_revocations(error)) failures["caps"] = error;
     Json sizes = Json::object();
     std::string line = "journal compaction:";
-    for (const char* name : {"tenants", "rbac", "audit", "caps", "extensions"}) {
+    // The audit log is never rewritten: its chain is the record.
+    for (const char* name : {"tenants", "rbac", "audit", "caps", "keys", "extensions"}) {
       std::error_code ec;
       auto size = std::filesystem::file_size(state / (std::string(name) + ".jsonl"), ec);
       sizes[name] = ec ? Json(nullptr) : Json(size);
       line += std::string(" ") + name + "=" + (ec ? std::string("absent") : std::to_string(size));
     }
+    // Modules compact their own journals through "<module>.journal.compact".
+    Json modules = Json::object();
+    for (const auto& entry : syscalls_.list()) {
+      const std::string suffix = ".journal.compact";
+      if (entry.name.size() <= suffix.size() ||
+          entry.name.compare(entry.name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        continue;
+      }
+      SyscallResult r = syscalls_.call(identity::kKernelSource, entry.name, "{}");
+      Json body = base::parse_json(r.body);
+      modules[entry.name] = body.is_discarded() ? Json(r.body) : body;
+      if (r.status != 0) failures[entry.name] = modules[entry.name];
+      line += " " + entry.name.substr(0, entry.name.size() - suffix.size()) + "=" +
+              (r.status == 0 && body.is_object() ? std::to_string(body.value("bytes", 0))
+                                                 : std::string("failed"));
+    }
+    sizes["modules"] = modules;
     logger_.info(line);
     audit_event_(&req, {{"action", "kernel.compact"},
                         {"outcome", failures.empty() ? "ok" : "partial"},

@@ -1,4 +1,5 @@
 #include "kernel/kernel.h"
+#include "kernel/obs/telemetry.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -42,6 +43,27 @@ Kernel::Kernel(KernelConfig config)
   obs::Counter& audited = obs::MetricsRegistry::instance().counter(
       "ostrel_audit_records_total", "Audit records appended since boot");
   audit_.set_on_append([&audited] { audited.add(); });
+  // What the labelled families on /metrics are.
+  auto& t = telemetry::Telemetry::instance();
+  for (const auto& [name, help] : std::vector<std::pair<const char*, const char*>>{
+           {"ostrel.eis.requests_total", "Requests on /api/v1/ by source-header decision"},
+           {"ostrel.inference.requests_total", "Chat requests served, by model and backend"},
+           {"ostrel.inference.errors_total",
+            "Chat requests that failed, by model, backend and status"},
+           {"ostrel.inference.request_duration_seconds",
+            "Chat request time from queueing to the end of the answer, in seconds"},
+           {"ostrel.inference.backend_up", "1 when the inference backend answers its health check"},
+           {"ostrel.agent.chat_requests_total",
+            "Agent chat requests, by model, retrieval and streaming"},
+           {"ostrel.agent.tool_invocations_total", "Tool calls run for agents, by tool"},
+           {"ostrel.router.requests_routed_total", "Requests routed, by endpoint and strategy"},
+           {"ostrel.router.routing_decisions_total", "Routing decisions, by endpoint and strategy"},
+           {"ostrel.router.routing_duration_ms", "Time the router took per request"},
+           {"ostrel.data.vector.documents_ingested_total",
+            "Document chunks ingested, by namespace"},
+       }) {
+    t.describe(name, help);
+  }
 }
 
 Kernel::~Kernel() { drain_and_stop(); }
@@ -60,6 +82,9 @@ bool Kernel::boot() {
   logger_.info("extensions: not available in this build — no extension packages scanned");
 
   register_builtin_routes();
+  register_page_routes_();
+  register_node_routes_();
+  register_help_routes_();
   register_identity_routes_();
   register_identity_syscalls_();
   register_compaction_route_();
@@ -80,7 +105,18 @@ bool Kernel::boot() {
     logger_.info("gossip mesh disabled (set OSTREL_GOSSIP_ENABLED=1 to opt in)");
   }
 
-  logger_.info("i18n and feature flags: not available in this build");
+  // Export to an OpenTelemetry collector, when one is named.
+  if (const char* endpoint = std::getenv("OSTREL_OTLP_ENDPOINT"); endpoint && *endpoint) {
+    telemetry::Telemetry::Config t;
+    t.enabled = true;
+    t.endpoint = endpoint;
+    t.token = env_or("OSTREL_OTLP_TOKEN", "");
+    t.export_interval_ms =
+        std::max(50, std::atoi(env_or("OSTREL_OTLP_INTERVAL_MS", "10000").c_str()));
+    t.service_name = env_or("OSTREL_OTLP_SERVICE_NAME", "ostrel-ulvo");
+    telemetry::Telemetry::instance().configure(t);
+    exporting_ = true;
+  }
 
   if (const char* threads = std::getenv("OSTREL_ULVO_HTTP_THREADS"); threads && *threads) {
     gateway_.set_worker_threads(std::atoi(threads));
@@ -421,6 +457,7 @@ void Kernel::drain_and_stop() {
   if (!running_.exchange(false)) return;
   logger_.info("shutting down");
   gateway_.stop();
+  if (exporting_) telemetry::Telemetry::instance().shutdown();  // one last pass
   for (const std::string& problem : sequencer_.shutdown()) {
     logger_.warn("BootSequencer shutdown reported: " + problem);
   }

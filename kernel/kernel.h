@@ -5,8 +5,10 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +24,7 @@
 #include "kernel/config_view.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
+#include "kernel/hybrid_clock.h"
 #include "kernel/kernel_config.h"
 #include "kernel/legacy_bus.h"
 #include "kernel/manifest.h"
@@ -92,6 +95,14 @@ class Kernel {
   void warn_about_unknown_options_(const std::vector<ModuleDefinition>& defs);
   bool init_and_start_modules();
   void register_builtin_routes();
+  // The login, landing and dashboard pages.
+  void register_page_routes_();
+  // Feature flags, message catalogues, the logical clock, extension stubs.
+  void register_node_routes_();
+  // Help topics: the catalogue, one topic, free questions.
+  void register_help_routes_();
+  std::filesystem::path help_dir_() const;
+  std::vector<help::Topic> help_catalogue_() const;
   void establish_cluster_identity_();
   std::filesystem::path cluster_state_path_() const;
   bool load_cluster_state_();
@@ -108,6 +119,9 @@ class Kernel {
   void install_auth_policy_();
   // Turns a credential into an AuthResult, through the auth cache.
   AuthResult verify_credential_(const std::string& credential);
+  static std::vector<std::string> scopes_for_role(const std::string& role);
+  // The password-reset message through messaging, else the controller.
+  void send_reset_mail_(const std::string& to, const std::string& body);
   // The unified search engine, its sources and its routes.
   void start_search_();
   void start_background_threads_();
@@ -127,6 +141,13 @@ class Kernel {
   identity::RBAC rbac_;
   identity::QuotaAccountant quotas_;
   identity::AuditLog audit_;
+  identity_registry::UserStore users_;
+  identity::LoginThrottle login_throttle_;
+  HybridClock hlc_;
+  std::mutex flags_mu_;  // guards flags_ and serialises writes of flags.json
+  nlohmann::json flags_;
+  std::mutex i18n_mu_;  // guards catalogs_
+  std::map<std::string, nlohmann::json> catalogs_;
   std::string cluster_secret_;
   std::string controller_node_id_;
   NodeIdentity identity_;
@@ -135,6 +156,7 @@ class Kernel {
   // Destroyed before the modules: its threads may be calling their syscalls.
   std::unique_ptr<ostrel::search::SearchEngine> search_;
   std::atomic<bool> running_{false};
+  bool exporting_ = false;  // telemetry export was configured at boot
   std::atomic<bool> stop_requested_{false};
 
   std::mutex bg_mu_;  // guards bg_stopping_; bg_cv_ waits on it

@@ -9,6 +9,7 @@ packages=(
   libsqlite3-dev libssl-dev libmodbus-dev libmosquitto-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   mosquitto wrk sqlite3 python3 curl
+  prometheus chromium
 )
 
 missing=()

@@ -1,5 +1,6 @@
 #include "kernel/obs/trace.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -40,12 +41,27 @@ bool all_zero(std::string_view s) { return s.find_first_not_of('0') == std::stri
 
 }  // namespace
 
-bool spans_recorded() {
+namespace {
+bool stderr_spans() {
   static const bool on = [] {
     const char* v = std::getenv("OSTREL_TRACE_TO_STDERR");
     return v && *v && std::string_view(v) != "0";
   }();
   return on;
+}
+std::atomic<bool> g_exporting{false};
+std::function<void(const Span&)>& exporter_slot() {
+  static std::function<void(const Span&)> f;  // written only while no request runs
+  return f;
+}
+}  // namespace
+
+bool spans_recorded() { return stderr_spans() || g_exporting.load(std::memory_order_relaxed); }
+
+void set_span_exporter(std::function<void(const Span&)> exporter) {
+  g_exporting = false;
+  exporter_slot() = std::move(exporter);
+  g_exporting = static_cast<bool>(exporter_slot());
 }
 
 std::optional<SpanContext> parse_traceparent(std::string_view h) {
@@ -125,12 +141,13 @@ void ScopedSpan::end() {
   ended_ = true;
   span_.end_us = now_us();
   if (t_current == &span_.context) t_current = previous_;
-  if (spans_recorded()) {
+  if (stderr_spans()) {
     std::string line = span_json(span_) + "\n";
     std::lock_guard lock(stderr_mutex());
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
   }
+  if (g_exporting.load(std::memory_order_relaxed)) exporter_slot()(span_);
 }
 
 std::string span_json(const Span& s) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -81,9 +82,13 @@ class ScopedSpan {
 // JSON line written by the OSTREL_TRACE_TO_STDERR sink.
 std::string span_json(const Span& span);
 
-// Whether finished spans go anywhere (OSTREL_TRACE_TO_STDERR). When they do
-// not, a span keeps only its context (ids for propagation) and drops its
-// attributes, which nothing would read.
+// Whether finished spans go anywhere (OSTREL_TRACE_TO_STDERR, or an
+// exporter). When they do not, a span keeps only its context (ids for
+// propagation) and drops its attributes, which nothing would read.
 bool spans_recorded();
+
+// Hands every finished span to `exporter` from now on (null: no longer).
+// Set before requests start, cleared after they end.
+void set_span_exporter(std::function<void(const Span&)> exporter);
 
 }  // namespace ostrel::obs

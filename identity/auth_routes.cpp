@@ -1,0 +1,445 @@
+// Sign-up, login, API keys, password reset and the sign-up allowlist over
+// the user store, as routes and as the "identity.users.*" syscalls.
+#include <nlohmann/json.hpp>
+
+#include "base/access.h"
+#include "base/clock.h"
+#include "base/encoding.h"
+#include "base/json.h"
+#include "base/reply.h"
+#include "base/text.h"
+#include "identity/identity_routes.h"
+#include "identity/user_store.h"
+
+namespace ostrel::identity {
+namespace {
+
+using Json = nlohmann::json;
+using base::reply;
+using identity_registry::UserRecord;
+using identity_registry::UserStore;
+using kernel::Request;
+using kernel::Response;
+
+constexpr std::size_t kMaxUsername = 254;  // an e-mail address at most
+constexpr std::size_t kMaxPassword = 1024;
+constexpr std::int64_t kResetLifetime_s = 3600;
+
+Json user_json(const UserRecord& u) {
+  return {{"user_id", u.user_id},
+          {"username", u.username},
+          {"role", u.role},
+          {"account_type", u.account_type},
+          {"tenant_id", u.tenant_id},
+          {"display_name", u.display_name},
+          {"created_at", u.created_at},
+          {"last_login", u.last_login}};
+}
+
+// The answer of registration and login: a session id, the user and the key.
+Json session_json(const UserRecord& u) {
+  Json j = user_json(u);
+  j["api_key"] = u.api_key;
+  j["session_id"] = "ses-" + base::to_hex(base::random_bytes(16));
+  return j;
+}
+
+bool unavailable(const IdentityContext& ctx, Response& res) {
+  if (ctx.users && ctx.users->is_open()) return false;
+  reply(res, {{"error", "identity_store_unavailable"}, {"message", "database not open"}}, 503);
+  return true;
+}
+
+// The status of a store error text.
+int status_of(const std::string& error) {
+  if (error == "username already exists") return 409;
+  if (error == "database not open") return 503;
+  if (error.rfind("insert failed", 0) == 0) return 500;
+  return 400;
+}
+
+// A user name a person can type: not too long, no control characters.
+bool check_username(const std::string& name, Response& res) {
+  if (name.size() > kMaxUsername) {
+    reply(res, {{"error", "username too long"}, {"max_bytes", kMaxUsername}}, 400);
+    return false;
+  }
+  for (unsigned char c : name) {
+    if (c < 0x20 || c == 0x7f) {
+      reply(res, {{"error", "username must not contain control characters"}}, 400);
+      return false;
+    }
+  }
+  if (!text::valid_utf8(name)) {
+    reply(res, {{"error", "username must be valid UTF-8"}}, 400);
+    return false;
+  }
+  return true;
+}
+
+std::string text_of(const Json& body, const char* key) {
+  auto it = body.find(key);
+  return it != body.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+// The request's API key: "X-API-Key", else a bearer credential that is one.
+std::string api_key_of(const Request& req) {
+  std::string key = req.header("X-API-Key");
+  if (key.empty()) {
+    const std::string& auth = req.header("Authorization");
+    if (auth.rfind("Bearer ak-", 0) == 0) key = auth.substr(7);
+  }
+  return key;
+}
+
+bool admin_key(const IdentityContext& ctx, const Request& req) {
+  const std::string key = api_key_of(req);
+  if (key.empty()) return false;
+  auto u = ctx.users->authenticate_key(key);
+  return u && (u->role == "admin" || u->role == "superadmin");
+}
+
+}  // namespace
+
+void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
+  add("POST", "/api/v1/auth/register", [ctx](const Request& req, Response& res) {
+    if (unavailable(ctx, res)) return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    const std::string username = text_of(body, "username"), password = text_of(body, "password");
+    if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
+    if (password.empty()) return reply(res, {{"error", "password required"}}, 400);
+    if (!check_username(username, res)) return;
+    if (password.size() > kMaxPassword) return reply(res, {{"error", "password too long"}}, 400);
+    std::string role = text_of(body, "role"), account_type = text_of(body, "account_type");
+    std::string tenant = text_of(body, "tenant_id");
+    if (role.empty()) role = "viewer";
+    if (account_type.empty()) account_type = "human";
+    std::string via = "first_user";
+    identity_registry::UserResult r;
+    if (ctx.users->count_users() == 0) {
+      // The first user needs no permission; two racing for it: one wins, the
+      // other goes through the allowlist like everyone after it.
+      r = ctx.users->register_user(username, password, role, account_type, tenant,
+                                   text_of(body, "display_name"), "{}", true);
+    }
+    if (!r && (r.error.empty() || r.error == "store_not_empty")) {
+      if (admin_key(ctx, req)) {
+        via = "admin";
+      } else {
+        // Self-registration: the user name is an e-mail address on the allowlist.
+        const auto at = username.rfind('@');
+        std::optional<std::string> t = ctx.users->email_tenant(username);
+        via = "email_match";
+        if (!t && at != std::string::npos) {
+          t = ctx.users->domain_tenant(username.substr(at + 1));
+          via = "domain_match";
+        }
+        if (!t) {
+          reply(res,
+                {{"error", "signup_not_permitted"},
+                 {"detail", "Domain not on the signup allowlist. Ask an admin to permit it."}},
+                403);
+          return;
+        }
+        tenant = *t;
+        role = "viewer";
+      }
+      r = ctx.users->register_user(username, password, role, account_type, tenant,
+                                   text_of(body, "display_name"));
+    }
+    if (!r) return reply(res, {{"error", r.error}}, status_of(r.error));
+    if (ctx.log_info)
+      ctx.log_info("user registered: " + r.user->username + " (" + r.user->role + ", " + via + ")");
+    if (ctx.audit) {
+      ctx.audit(&req, {{"action", "user.register"},
+                       {"resource", r.user->user_id},
+                       {"tenant", r.user->tenant_id},
+                       {"role", r.user->role},
+                       {"via", via}});
+    }
+    if (ctx.users_changed) ctx.users_changed();
+    Json out = session_json(*r.user);
+    out["signup"] = via;
+    reply(res, out);
+  });
+
+  add("POST", "/api/v1/auth/login", [ctx](const Request& req, Response& res) {
+    if (unavailable(ctx, res)) return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    const std::string username = text_of(body, "username"), password = text_of(body, "password");
+    if (username.empty() || password.empty()) {
+      return reply(res, {{"error", "username and password required"}}, 400);
+    }
+    const std::string by_name = "user:" + username, by_addr = "addr:" + req.client_addr;
+    if (ctx.throttle) {
+      const std::int64_t wait =
+          std::max(ctx.throttle->wait_seconds(by_name), ctx.throttle->wait_seconds(by_addr));
+      if (wait > 0) {
+        res.headers["Retry-After"] = std::to_string(wait);
+        return reply(res, {{"error", "too_many_attempts"}, {"retry_after_s", wait}}, 429);
+      }
+    }
+    identity_registry::UserResult r =
+        ctx.users->login(username, password.substr(0, kMaxPassword + 1));
+    if (!r) {
+      if (ctx.throttle) {
+        ctx.throttle->failed(by_name);
+        ctx.throttle->failed(by_addr);
+      }
+      return reply(res, {{"error", r.error}}, r.error == "database not open" ? 503 : 401);
+    }
+    if (ctx.throttle) {
+      ctx.throttle->succeeded(by_name);
+      ctx.throttle->succeeded(by_addr);
+    }
+    reply(res, session_json(*r.user));
+  });
+
+  add("GET", "/api/v1/auth/me", [ctx](const Request& req, Response& res) {
+    if (unavailable(ctx, res)) return;
+    const std::string key = api_key_of(req);
+    if (key.empty()) return reply(res, {{"error", "missing X-API-Key"}}, 401);
+    auto u = ctx.users->authenticate_key(key);
+    if (!u) return reply(res, {{"error", "invalid_api_key"}}, 401);
+    reply(res, user_json(*u));
+  });
+
+  add("POST", "/api/v1/auth/reset-request", [ctx](const Request& req, Response& res) {
+    if (unavailable(ctx, res)) return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    const std::string username = text_of(body, "username");
+    if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
+    if (auto u = ctx.users->find_by_username(username)) {
+      Json settings = base::parse_json(ctx.users->get_settings(u->user_id).value_or("{}"));
+      if (!settings.is_object()) settings = Json::object();
+      const std::string token = "rst-" + base::to_hex(base::random_bytes(16));
+      settings["reset_token"] = token;
+      settings["reset_expires"] = base::unix_s() + kResetLifetime_s;
+      ctx.users->save_settings(u->user_id, base::dump_json(settings));
+      if (ctx.send_reset_mail) {
+        ctx.send_reset_mail(
+            u->username,
+            "Your password reset token: " + token +
+                "\n\nThis token expires in 1 hour.\nUse it at the login screen or POST to "
+                "/api/v1/auth/reset-confirm.");
+      }
+    }
+    reply(res,
+          {{"status", "ok"}, {"message", "If the account exists, a reset email has been sent."}});
+  });
+
+  add("POST", "/api/v1/auth/reset-confirm", [ctx](const Request& req, Response& res) {
+    if (unavailable(ctx, res)) return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    const std::string username = text_of(body, "username"), token = text_of(body, "token"),
+                      password = text_of(body, "password");
+    if (username.empty() || token.empty() || password.empty()) {
+      return reply(res, {{"error", "username, token, and password required"}}, 400);
+    }
+    if (password.size() < 8)
+      return reply(res, {{"error", "password must be at least 8 characters"}}, 400);
+    auto u = ctx.users->find_by_username(username);
+    Json settings =
+        u ? base::parse_json(ctx.users->get_settings(u->user_id).value_or("{}")) : Json();
+    const std::string stored = settings.is_object() ? settings.value("reset_token", "") : "";
+    if (stored.empty() || !base::constant_time_equal(stored, token)) {
+      return reply(res, {{"error", "invalid token"}}, 400);
+    }
+    if (base::unix_s() > settings.value("reset_expires", std::int64_t{0})) {
+      return reply(res, {{"error", "token expired"}}, 400);
+    }
+    if (std::string e = ctx.users->update_user(u->user_id, "", password); !e.empty()) {
+      return reply(res, {{"error", e}}, status_of(e));
+    }
+    settings.erase("reset_token");
+    settings.erase("reset_expires");
+    ctx.users->save_settings(u->user_id, base::dump_json(settings));
+    if (ctx.users_changed) ctx.users_changed();
+    if (ctx.audit)
+      ctx.audit(
+          &req,
+          {{"action", "user.password_reset"}, {"resource", u->user_id}, {"tenant", u->tenant_id}});
+    reply(res, {{"status", "ok"}, {"message", "Password has been reset."}});
+  });
+
+  // The sign-up allowlist (administrators).
+  struct List {
+    const char* path;
+    const char* key;
+    bool email;
+  };
+  for (const List l : {List{"/api/v1/identity/signup-domains", "domains", false},
+                       List{"/api/v1/identity/signup-emails", "emails", true}}) {
+    add("GET", l.path, [ctx, l](const Request& req, Response& res) {
+      if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
+      Json list = Json::array();
+      if (l.email) {
+        for (const auto& e : ctx.users->list_emails()) {
+          list.push_back({{"email", e.email},
+                          {"tenant_id", e.tenant_id},
+                          {"created_at", e.created_at},
+                          {"created_by", e.created_by}});
+        }
+      } else {
+        for (const auto& d : ctx.users->list_domains()) {
+          list.push_back({{"domain", d.domain},
+                          {"tenant_id", d.tenant_id},
+                          {"created_at", d.created_at},
+                          {"created_by", d.created_by}});
+        }
+      }
+      reply(res, {{l.key, list}});
+    });
+    add("POST", l.path, [ctx, l](const Request& req, Response& res) {
+      if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
+      Json body;
+      if (!base::parse_object_body(req, res, body)) return;
+      std::string entry = text_of(body, l.email ? "email" : "domain");
+      for (char& c : entry) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      if (entry.empty() || entry.size() > kMaxUsername) {
+        return reply(res, {{"error", std::string(l.email ? "email" : "domain") + " required"}},
+                     400);
+      }
+      if (l.email && entry.find('@') == std::string::npos) {
+        return reply(res, {{"error", "email must contain @"}}, 400);
+      }
+      if (!l.email && entry.find('@') != std::string::npos) {
+        return reply(res, {{"error", "domain must be bare host (no @)"}}, 400);
+      }
+      const std::string tenant = text_of(body, "tenant_id");
+      const std::string by = req.user_id.empty() ? req.token_id : req.user_id;
+      const std::string e = l.email ? ctx.users->add_email(entry, tenant, by)
+                                    : ctx.users->add_domain(entry, tenant, by);
+      if (!e.empty()) return reply(res, {{"error", e}}, 500);
+      if (ctx.audit)
+        ctx.audit(&req, {{"action",
+                          std::string("admin.signup_") + (l.email ? "email" : "domain") + ".add"},
+                         {"resource", entry},
+                         {"tenant", tenant}});
+      reply(res, {{"status", "ok"}, {l.email ? "email" : "domain", entry}, {"tenant_id", tenant}});
+    });
+    add("DELETE", std::string(l.path) + "/*", [ctx, l](const Request& req, Response& res) {
+      if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
+      const std::string entry = req.path.substr(std::string(l.path).size() + 1);
+      const bool removed =
+          l.email ? ctx.users->delete_email(entry) : ctx.users->delete_domain(entry);
+      if (!removed)
+        return reply(res, {{"error", "not_found"}, {l.email ? "email" : "domain", entry}}, 404);
+      reply(res, {{"status", "deleted"}, {l.email ? "email" : "domain", entry}});
+    });
+  }
+
+  add("PUT", "/api/v1/edge/session", [ctx](const Request& req, Response& res) {
+    if (unavailable(ctx, res)) return;
+    const std::string key = req.header("X-API-Key");
+    if (key.empty()) return reply(res, {{"error", "missing X-API-Key header"}}, 401);
+    auto u = ctx.users->authenticate_key(key);
+    if (!u) return reply(res, {{"error", "invalid API key"}}, 401);
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    // The reset token, if one is pending, is not the browser's to overwrite.
+    Json current = base::parse_json(ctx.users->get_settings(u->user_id).value_or("{}"));
+    for (const char* kept : {"reset_token", "reset_expires"}) {
+      body.erase(kept);
+      if (current.is_object() && current.contains(kept)) body[kept] = current[kept];
+    }
+    if (std::string e = ctx.users->save_settings(u->user_id, base::dump_json(body)); !e.empty()) {
+      return reply(res, {{"error", e}}, status_of(e));
+    }
+    reply(res, {{"status", "saved"}, {"user_id", u->user_id}});
+  });
+
+  add("POST", "/api/v1/identity/_sync", [ctx](const Request& req, Response& res) {
+    const std::string presented = req.header("X-Ostrel-Cluster-Secret");
+    if (presented.empty()) return reply(res, {{"error", "cluster_secret_required"}}, 401);
+    const std::string secret = ctx.cluster_secret ? ctx.cluster_secret() : "";
+    if (secret.empty()) return reply(res, {{"error", "cluster_secret_not_initialized"}}, 503);
+    if (!base::constant_time_equal(presented, secret))
+      return reply(res, {{"error", "forbidden"}}, 403);
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    if (text_of(body, "action") != "set_password")
+      return reply(res, {{"error", "unknown_action"}}, 400);
+    const std::string user_id = text_of(body, "user_id"), password = text_of(body, "password");
+    if (user_id.empty() || password.empty())
+      return reply(res, {{"error", "user_id and password required"}}, 400);
+    if (!ctx.users || !ctx.users->is_open())
+      return reply(res, {{"error", "identity_store_unavailable"}}, 503);
+    if (!ctx.users->update_user(user_id, "", password).empty())
+      return reply(res, {{"error", "update_failed"}}, 400);
+    if (ctx.users_changed) ctx.users_changed();
+    reply(res, {{"status", "ok"}, {"user_id", user_id}});
+  });
+}
+
+void register_user_syscalls(const IdentityContext& ctx, const AddSyscall& add) {
+  using base::json_syscall;
+  auto store = [ctx]() -> UserStore* {
+    return ctx.users && ctx.users->is_open() ? ctx.users : nullptr;
+  };
+  add("identity.authenticate_key", json_syscall([store](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        auto u = store()->authenticate_key(a.value("api_key", ""));
+        if (!u) return base::syscall_error("invalid_api_key");
+        return base::syscall_ok(user_json(*u));
+      }));
+  add("identity.users.list", json_syscall([store](const Json&) {
+        if (!store()) return base::syscall_error("database not open");
+        Json list = Json::array();
+        for (const auto& u : store()->list_users()) list.push_back(user_json(u));
+        return base::syscall_ok({{"users", list}, {"count", list.size()}});
+      }));
+  add("identity.users.create", json_syscall([store, ctx](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        auto r = store()->register_user(a.value("username", ""), a.value("password", ""),
+                                        a.value("role", "viewer"), a.value("account_type", "human"),
+                                        a.value("tenant_id", ""), a.value("display_name", ""));
+        if (!r) return base::syscall_error(r.error);
+        if (ctx.users_changed) ctx.users_changed();
+        Json out = user_json(*r.user);
+        out["api_key"] = r.user->api_key;
+        return base::syscall_ok(out);
+      }));
+  add("identity.users.get", json_syscall([store](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        auto u = store()->get_user(a.value("user_id", ""));
+        if (!u) return base::syscall_error("user not found");
+        return base::syscall_ok(user_json(*u));
+      }));
+  add("identity.users.find_by_username", json_syscall([store](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        auto u = store()->find_by_username(a.value("username", ""));
+        if (!u) return base::syscall_error("user not found");
+        return base::syscall_ok(user_json(*u));
+      }));
+  add("identity.users.update", json_syscall([store, ctx](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        const std::string e = store()->update_user(a.value("user_id", ""), a.value("role", ""),
+                                                   a.value("password", ""));
+        if (!e.empty()) return base::syscall_error(e);
+        if (ctx.users_changed) ctx.users_changed();
+        return base::syscall_ok({{"ok", true}});
+      }));
+  add("identity.users.set_password", json_syscall([store, ctx](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        if (a.value("password", "").empty()) return base::syscall_error("password required");
+        const std::string e =
+            store()->update_user(a.value("user_id", ""), "", a.value("password", ""));
+        if (!e.empty()) return base::syscall_error(e);
+        if (ctx.users_changed) ctx.users_changed();
+        return base::syscall_ok({{"ok", true}});
+      }));
+  add("identity.users.delete", json_syscall([store, ctx](const Json& a) {
+        if (!store()) return base::syscall_error("database not open");
+        if (!store()->delete_user(a.value("user_id", "")))
+          return base::syscall_error("user not found");
+        if (ctx.users_changed) ctx.users_changed();
+        return base::syscall_ok({{"ok", true}});
+      }));
+}
+
+}  // namespace ostrel::identity

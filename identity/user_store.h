@@ -1,0 +1,115 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+// The node's users and its sign-up allowlist, in "identity.db" (SQLite).
+namespace ostrel::identity_registry {
+
+struct UserRecord {
+  std::string user_id;
+  std::string username;
+  std::string password_hash;
+  std::string api_key;
+  std::string role;
+  std::string account_type;
+  std::string tenant_id;
+  std::string display_name;
+  std::string settings_json = "{}";
+  std::string created_at;
+  std::string last_login;
+};
+
+struct SignupDomainEntry {
+  std::string domain;
+  std::string tenant_id;
+  std::string created_at;
+  std::string created_by;
+};
+
+struct SignupEmailEntry {
+  std::string email;
+  std::string tenant_id;
+  std::string created_at;
+  std::string created_by;
+};
+
+// A user or an error text.
+struct UserResult {
+  std::optional<UserRecord> user;
+  std::string error;
+  explicit operator bool() const { return user.has_value(); }
+};
+
+// Passwords are kept as the lower-case hex SHA-256 of their text, without
+// salt: the format other nodes of a cluster read. Comparisons run in
+// constant time.
+// Thread-safe: one mutex serialises every operation on the one connection
+// (WAL mode).
+class UserStore {
+ public:
+  UserStore();
+  ~UserStore();
+  UserStore(const UserStore&) = delete;
+  UserStore& operator=(const UserStore&) = delete;
+
+  // Opens (creating the tables); false with the reason. Every operation of a
+  // store that is not open answers "database not open".
+  bool open(const std::filesystem::path& path, std::string& error);
+  bool is_open() const;
+
+  // Checks in order: "username required", "password required", "password
+  // must be at least 8 characters", the account type, "username already
+  // exists"; the first human account becomes "superadmin", else the role
+  // must be one of the four. The check and the insert are one transaction,
+  // so two first registrations racing make one superadmin.
+  // With `only_if_empty` the registration succeeds only while the store has
+  // no users at all ("store_not_empty" otherwise), decided in the same
+  // transaction.
+  UserResult register_user(const std::string& username, const std::string& password,
+                           const std::string& role, const std::string& account_type,
+                           const std::string& tenant_id, const std::string& display_name,
+                           const std::string& settings_json = "{}", bool only_if_empty = false);
+  // "invalid username or password" for either mistake.
+  UserResult login(const std::string& username, const std::string& password);
+  std::optional<UserRecord> authenticate_key(const std::string& api_key);
+  std::optional<UserRecord> get_user(const std::string& user_id);
+  std::optional<UserRecord> find_by_username(const std::string& username);
+  // Empty role or password leaves that part as it is; "" on success, else
+  // "user not found", "invalid role", "password must be at least 8
+  // characters" or a database error.
+  std::string update_user(const std::string& user_id, const std::string& role,
+                          const std::string& password);
+  std::string save_settings(const std::string& user_id, const std::string& json);
+  std::optional<std::string> get_settings(const std::string& user_id);
+  std::vector<UserRecord> list_users();
+  bool delete_user(const std::string& user_id);
+  std::int64_t count_users();
+
+  std::string add_domain(const std::string& domain, const std::string& tenant_id,
+                         const std::string& created_by);
+  std::string add_email(const std::string& email, const std::string& tenant_id,
+                        const std::string& created_by);
+  std::vector<SignupDomainEntry> list_domains();
+  std::vector<SignupEmailEntry> list_emails();
+  bool delete_domain(const std::string& domain);
+  bool delete_email(const std::string& email);
+  std::optional<std::string> domain_tenant(const std::string& domain);
+  std::optional<std::string> email_tenant(const std::string& email);
+
+  // SHA-256 of the text, lower-case hex.
+  static std::string hash_password(const std::string& password);
+  static bool valid_role(const std::string& role);
+  // "%Y-%m-%dT%H:%M:%SZ" of now.
+  static std::string now_text();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ostrel::identity_registry

@@ -6,13 +6,19 @@
 
 namespace ostrel::identity {
 
+// A key is forgotten only after a whole window without failures that began
+// once its last wait was over, so waiting out the longest wait never resets
+// the count by itself.
+std::int64_t LoginThrottle::quiet_since(const Entry& e) {
+  return std::max(e.last_ms, e.next_allowed_ms);
+}
+
 std::int64_t LoginThrottle::wait_seconds(const std::string& key) {
   const std::int64_t now = base::unix_ms();
   std::lock_guard lock(mu_);
   auto it = entries_.find(key);
   if (it == entries_.end()) return 0;
-  if (now - it->second.first_ms > std::chrono::milliseconds(s_.window).count() &&
-      now >= it->second.next_allowed_ms) {
+  if (now - quiet_since(it->second) > std::chrono::milliseconds(s_.window).count()) {
     entries_.erase(it);
     return 0;
   }
@@ -23,11 +29,13 @@ std::int64_t LoginThrottle::wait_seconds(const std::string& key) {
 void LoginThrottle::failed(const std::string& key) {
   const std::int64_t now = base::unix_ms();
   std::lock_guard lock(mu_);
-  if (entries_.size() >= s_.max_keys) prune_locked_(now);
+  // Room is made only for a new key, never by dropping the one being counted.
+  if (entries_.size() >= s_.max_keys && !entries_.count(key)) prune_locked_(now);
   Entry& e = entries_[key];
-  if (e.failures == 0 || now - e.first_ms > std::chrono::milliseconds(s_.window).count()) {
+  if (e.failures == 0 || now - quiet_since(e) > std::chrono::milliseconds(s_.window).count()) {
     e = {0, now, 0};
   }
+  e.last_ms = now;
   ++e.failures;
   const int over = e.failures - s_.free_attempts;
   if (over > 0) {
@@ -45,7 +53,7 @@ void LoginThrottle::succeeded(const std::string& key) {
 void LoginThrottle::prune_locked_(std::int64_t now_ms) {
   const std::int64_t window = std::chrono::milliseconds(s_.window).count();
   for (auto it = entries_.begin(); it != entries_.end();) {
-    if (now_ms - it->second.first_ms > window && now_ms >= it->second.next_allowed_ms) {
+    if (now_ms - quiet_since(it->second) > window) {
       it = entries_.erase(it);
     } else {
       ++it;
@@ -54,7 +62,7 @@ void LoginThrottle::prune_locked_(std::int64_t now_ms) {
   while (entries_.size() >= s_.max_keys) {
     auto oldest = std::min_element(
         entries_.begin(), entries_.end(),
-        [](const auto& a, const auto& b) { return a.second.first_ms < b.second.first_ms; });
+        [](const auto& a, const auto& b) { return a.second.last_ms < b.second.last_ms; });
     entries_.erase(oldest);
   }
 }

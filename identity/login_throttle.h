@@ -9,7 +9,7 @@
 namespace ostrel::identity {
 
 // Slows password guessing: after `free_attempts` failed logins of one key
-// (a user name, or a client address) within the window, each further attempt
+// (a user name, or a client address) with no quiet window between them, each further attempt
 // must wait twice as long as the one before (1 s, 2 s, 4 s, … up to
 // `max_wait`); a success clears the key. Checked before the password is.
 // Thread-safe: mu_ guards the table, which is bounded (stale entries are
@@ -33,9 +33,10 @@ class LoginThrottle {
  private:
   struct Entry {
     int failures = 0;
-    std::int64_t first_ms = 0;
+    std::int64_t last_ms = 0;  // of the latest failure
     std::int64_t next_allowed_ms = 0;
   };
+  static std::int64_t quiet_since(const Entry& e);
   void prune_locked_(std::int64_t now_ms);
 
   Settings s_;

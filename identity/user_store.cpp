@@ -1,5 +1,6 @@
 #include "identity/user_store.h"
 
+#include <cctype>
 #include <ctime>
 #include <mutex>
 
@@ -9,6 +10,12 @@
 namespace ostrel::identity_registry {
 
 namespace {
+
+// Host names compare without regard to case: "Example.COM" is "example.com".
+std::string lower_domain(std::string d) {
+  for (char& c : d) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return d;
+}
 
 using base::sqlite::Statement;
 
@@ -272,8 +279,9 @@ std::int64_t UserStore::count_users() {
   return impl_->db.scalar("SELECT COUNT(*) FROM users", 0);
 }
 
-std::string UserStore::add_domain(const std::string& domain, const std::string& tenant_id,
+std::string UserStore::add_domain(const std::string& name, const std::string& tenant_id,
                                   const std::string& created_by) {
+  const std::string domain = lower_domain(name);
   std::lock_guard lock(impl_->mu);
   if (!impl_->db) return kNotOpen;
   std::string error;
@@ -322,7 +330,8 @@ std::vector<SignupEmailEntry> UserStore::list_emails() {
 bool UserStore::delete_domain(const std::string& domain) {
   std::lock_guard lock(impl_->mu);
   std::string error;
-  return impl_->db && impl_->run("DELETE FROM signup_domains WHERE domain=?", {domain}, error) &&
+  return impl_->db &&
+         impl_->run("DELETE FROM signup_domains WHERE domain=?", {lower_domain(domain)}, error) &&
          sqlite3_changes(impl_->db.get()) > 0;
 }
 
@@ -336,7 +345,8 @@ bool UserStore::delete_email(const std::string& email) {
 std::optional<std::string> UserStore::domain_tenant(const std::string& domain) {
   std::lock_guard lock(impl_->mu);
   if (!impl_->db) return std::nullopt;
-  return impl_->scalar_text("SELECT tenant_id FROM signup_domains WHERE domain=?", domain);
+  return impl_->scalar_text("SELECT tenant_id FROM signup_domains WHERE domain=?",
+                            lower_domain(domain));
 }
 
 std::optional<std::string> UserStore::email_tenant(const std::string& email) {

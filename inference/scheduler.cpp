@@ -38,7 +38,9 @@ Scheduler::Scheduler(std::function<BackendList()> backends, std::size_t workers,
                      std::size_t max_queue_depth)
     : backends_(std::move(backends)),
       worker_count_(std::max<std::size_t>(1, workers)),
-      max_depth_(max_queue_depth) {}
+      max_depth_(max_queue_depth) {
+  depth_gauge();  // on /metrics from the start, at 0
+}
 
 Scheduler::~Scheduler() { stop(); }
 

@@ -154,7 +154,15 @@ Json topic_json(const help::Topic& t) {
 }  // namespace
 
 fs::path Kernel::help_dir_() const {
-  if (const char* d = std::getenv("OSTREL_HELP_DIR"); d && *d) return fs::absolute(d);
+  // OSTREL_HELP_DIR names the directory holding "help/", or "help/" itself.
+  if (const char* d = std::getenv("OSTREL_HELP_DIR"); d && *d) {
+    std::error_code ec;
+    fs::path named = fs::absolute(d, ec).lexically_normal();
+    if (named.filename().empty()) named = named.parent_path();
+    if (named.filename() == "help" && !fs::is_directory(named / "help", ec))
+      return named.parent_path();
+    return named;
+  }
   // Beside the manifests' directory in a checkout or an install.
   std::error_code abs_ec;
   fs::path manifests = fs::absolute(config_.modules_d, abs_ec).lexically_normal();

@@ -1,6 +1,7 @@
 #include "kernel/obs/metrics.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -12,6 +13,18 @@ std::string format_metric_value(double v) {
   char buf[32];
   std::snprintf(buf, sizeof buf, "%.17g", v);
   return buf;
+}
+
+void append_metric_value(std::string& out, double v) {
+  // "%.17g" prints a whole number below 1e15 as its plain digits.
+  if (v == std::floor(v) && std::fabs(v) < 1e15) {
+    char buf[24];
+    auto [end, ec] = std::to_chars(buf, buf + sizeof buf, static_cast<std::int64_t>(v));
+    if (v == 0 && std::signbit(v)) out += '-';
+    out.append(buf, end);
+    return;
+  }
+  out += format_metric_value(v);
 }
 
 Histogram::Histogram(std::vector<double> bounds) : bounds_(std::move(bounds)) {

@@ -85,5 +85,7 @@ class MetricsRegistry {
 
 // "%.17g", with "+Inf"/"-Inf"/"NaN" for the special values.
 std::string format_metric_value(double v);
+// The same text appended to `out`; whole numbers take a fast path.
+void append_metric_value(std::string& out, double v);
 
 }  // namespace ostrel::obs

@@ -23,23 +23,55 @@ std::string prometheus_name(const std::string& name) {
   return out;
 }
 
-std::string render_labels(const Labels& labels) {
-  if (labels.empty()) return "";
-  std::string out = "{";
+// Label values here come from requests: quotes, backslashes and newlines are
+// escaped, so no value can break a line of the exposition.
+void append_labels(std::string& out, const Labels& labels) {
+  if (labels.empty()) return;
+  out += '{';
   bool first = true;
   for (const auto& [k, v] : labels) {
     if (!first) out += ',';
     first = false;
-    // Label values here come from requests: a newline is escaped too, so no
-    // value can break a line of the exposition.
-    std::string value = escape_label_value(v);
-    for (std::size_t at = value.find('\n'); at != std::string::npos;
-         at = value.find('\n', at + 2)) {
-      value.replace(at, 1, "\\n");
+    const std::size_t at = out.size();
+    out += k;
+    for (std::size_t i = at; i < out.size(); ++i) {
+      const char c = out[i];
+      if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+            c == '_' || c == ':')) {
+        out[i] = '_';
+      }
     }
-    out += prometheus_name(k) + "=\"" + value + "\"";
+    if (at < out.size() && out[at] >= '0' && out[at] <= '9') out.insert(out.begin() + at, '_');
+    out += "=\"";
+    bool plain = true;
+    for (char c : v) plain &= c != '\\' && c != '"' && c != '\n';
+    if (plain) {
+      out += v;  // the usual case: nothing to escape
+    } else {
+      for (char c : v) {
+        if (c == '\\' || c == '"') {
+          out += '\\';
+          out += c;
+        } else if (c == '\n') {
+          out += "\\n";
+        } else {
+          out += c;
+        }
+      }
+    }
+    out += '"';
   }
-  return out + "}";
+  out += '}';
+}
+
+void append_series(std::string& out, const std::string& pname, const char* suffix,
+                   const Labels& labels, double value) {
+  out += pname;
+  out += suffix;
+  append_labels(out, labels);
+  out += ' ';
+  obs::append_metric_value(out, value);
+  out += '\n';
 }
 
 }  // namespace
@@ -335,38 +367,37 @@ void Telemetry::describe(const std::string& name, const std::string& help) {
 std::string Telemetry::to_prometheus() const {
   std::string out;
   std::lock_guard lock(mu_);
-  auto help = [this](const std::string& name, const std::string& pname) {
+  out.reserve(last_render_size_ + last_render_size_ / 8);
+  auto header = [&](const std::string& name, const std::string& pname, const char* type) {
     auto it = help_.find(name);
-    return "# HELP " + pname + " " +
-           (it == help_.end() ? "Series " + name + " recorded by the node" : it->second) + "\n";
+    out += "# HELP ";
+    out += pname;
+    out += ' ';
+    out += it == help_.end() ? "Series " + name + " recorded by the node" : it->second;
+    out += "\n# TYPE ";
+    out += pname;
+    out += type;
   };
   for (const auto& [name, series] : counters_) {
-    std::string pname = prometheus_name(name);
-    out += help(name, pname);
-    out += "# TYPE " + pname + " counter\n";
-    for (const auto& [labels, counter] : series) {
-      out +=
-          pname + render_labels(labels) + " " + obs::format_metric_value(counter->value()) + "\n";
-    }
+    const std::string pname = prometheus_name(name);
+    header(name, pname, " counter\n");
+    for (const auto& [labels, counter] : series)
+      append_series(out, pname, "", labels, counter->value());
   }
   for (const auto& [name, series] : gauges_) {
-    std::string pname = prometheus_name(name);
-    out += help(name, pname);
-    out += "# TYPE " + pname + " gauge\n";
-    for (const auto& [labels, value] : series) {
-      out += pname + render_labels(labels) + " " + obs::format_metric_value(value) + "\n";
-    }
+    const std::string pname = prometheus_name(name);
+    header(name, pname, " gauge\n");
+    for (const auto& [labels, value] : series) append_series(out, pname, "", labels, value);
   }
   for (const auto& [name, series] : histograms_) {
-    std::string pname = prometheus_name(name);
-    out += help(name, pname);
-    out += "# TYPE " + pname + " summary\n";
+    const std::string pname = prometheus_name(name);
+    header(name, pname, " summary\n");
     for (const auto& [labels, s] : series) {
-      std::string l = render_labels(labels);
-      out += pname + "_sum" + l + " " + obs::format_metric_value(s.sum) + "\n";
-      out += pname + "_count" + l + " " + std::to_string(s.count) + "\n";
+      append_series(out, pname, "_sum", labels, s.sum);
+      append_series(out, pname, "_count", labels, static_cast<double>(s.count));
     }
   }
+  last_render_size_ = out.size();
   return out;
 }
 

@@ -85,6 +85,7 @@ class Telemetry {
   std::map<std::string, std::map<Labels, std::unique_ptr<obs::Counter>>> counters_;
   std::map<std::string, std::map<Labels, Summary>> histograms_;
   std::map<std::string, std::string> help_;
+  mutable std::size_t last_render_size_ = 0;  // guarded by mu_; sizes the next render
   std::map<std::string, std::map<Labels, double>> gauges_;
 };
 

@@ -1,0 +1,135 @@
+// The browser pages in headless Chromium against a real node: an
+// unauthenticated visit to a dashboard is sent to /login; a new user creates
+// an account through the form, lands back on the dashboard with the key in
+// local storage and is greeted by name; logging out and in again works, a
+// wrong password is shown, not stored. A screenshot of the signed-in
+// dashboard is kept in the test artifacts.
+//
+//   node --test tests/js/pages.test.mjs   (env OSTREL_BINARY, OSTREL_SOURCE_DIR,
+//                                          OSTREL_ARTIFACT_DIR, CHROMIUM)
+import { test, before, after } from "node:test";
+import assert from "node:assert/strict";
+import { spawn } from "node:child_process";
+import { mkdirSync, mkdtempSync, rmSync, statSync } from "node:fs";
+import { createServer } from "node:net";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import puppeteer from "puppeteer-core";
+
+const binary = process.env.OSTREL_BINARY;
+const sourceDir = process.env.OSTREL_SOURCE_DIR;
+const artifacts = process.env.OSTREL_ARTIFACT_DIR || join(tmpdir(), "ostrel-artifacts");
+const chromium = process.env.CHROMIUM || "/usr/bin/chromium";
+assert.ok(binary && sourceDir, "OSTREL_BINARY and OSTREL_SOURCE_DIR must be set");
+
+let node, browser, base;
+const dataDir = mkdtempSync(join(tmpdir(), "ostrel-pages-"));
+
+function freePort() {
+  return new Promise((resolve) => {
+    const s = createServer();
+    s.listen(0, "127.0.0.1", () => {
+      const { port } = s.address();
+      s.close(() => resolve(port));
+    });
+  });
+}
+
+before(async () => {
+  const port = await freePort();
+  node = spawn(binary, [
+    `--port=${port}`, "--bind=127.0.0.1", `--data-dir=${dataDir}`, `--modules-d=${sourceDir}/modules.d`,
+    "--config-set", "data.embedding_model=ulvo-hash-embed-v1",
+    "--config-set", "inference.ollama_url=http://127.0.0.1:9",
+  ], { env: { ...process.env, OSTREL_AUTH: "off", OSTREL_CONFIG_DIR: join(dataDir, "config") }, stdio: ["ignore", "ignore", "pipe"] });
+  let err = "";
+  await new Promise((resolve, reject) => {
+    const timer = setTimeout(() => reject(new Error("node not ready:\n" + err)), 20000);
+    node.stderr.on("data", (c) => {
+      err += c;
+      if (err.includes("ready — serving on")) {
+        clearTimeout(timer);
+        resolve();
+      }
+    });
+    node.on("exit", (code) => reject(new Error(`node exited ${code}:\n${err}`)));
+  });
+  base = `http://127.0.0.1:${port}`;
+  browser = await puppeteer.launch({
+    executablePath: chromium,
+    headless: true,
+    userDataDir: join(dataDir, "chromium"),
+    args: ["--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run"],
+  });
+});
+
+after(async () => {
+  await browser?.close();
+  node?.kill("SIGTERM");
+  rmSync(dataDir, { recursive: true, force: true });
+});
+
+const storedKey = (page) => page.evaluate(() => localStorage.getItem("ostrel_api_key"));
+
+async function submit(page, username, password) {
+  await page.waitForSelector("#username");
+  await page.$eval("#username", (el) => (el.value = ""));
+  await page.$eval("#password", (el) => (el.value = ""));
+  await page.type("#username", username);
+  await page.type("#password", password);
+  await page.click("#submit");
+}
+
+test("sign up, land on the dashboard, log out, log in", async () => {
+  const page = await browser.newPage();
+  // No key: the dashboard sends the visitor to the login page, remembering where to return.
+  await page.goto(`${base}/dashboard/inference`, { waitUntil: "load" });
+  await page.waitForFunction(() => location.pathname === "/login");
+  assert.equal(new URL(page.url()).searchParams.get("next"), "/dashboard/inference");
+  assert.equal(await page.title(), "Ostrel Login");
+  assert.equal(await storedKey(page), null);
+
+  // Create the first account through the form.
+  await page.click("#toggle");
+  assert.equal(await page.$eval("#submit", (b) => b.textContent), "Create account");
+  await Promise.all([page.waitForNavigation(), submit(page, "ada@lab.test", "analytical engine")]);
+  assert.equal(new URL(page.url()).pathname, "/dashboard/inference");
+  const key = await storedKey(page);
+  assert.match(key, /^ak-/);
+  await page.waitForFunction(() => document.getElementById("who").textContent.includes("ada@lab.test"));
+  assert.match(await page.$eval("#who", (e) => e.textContent), /superadmin/);
+  mkdirSync(artifacts, { recursive: true });
+  const shot = join(artifacts, "dashboard-signed-in.png");
+  await page.screenshot({ path: shot, fullPage: true });
+  assert.ok(statSync(shot).size > 1000);
+
+  // The node now demands the key: the page's own requests carry it.
+  const anonymous = await fetch(`${base}/api/v1/tenants`);
+  assert.equal(anonymous.status, 401);
+  const me = await fetch(`${base}/api/v1/auth/me`, { headers: { "X-API-Key": key } });
+  assert.equal((await me.json()).username, "ada@lab.test");
+
+  // Log out: the key is gone and the login page is back.
+  await Promise.all([page.waitForNavigation(), page.click("#logout")]);
+  assert.equal(new URL(page.url()).pathname, "/login");
+  assert.equal(await storedKey(page), null);
+
+  // A wrong password is reported on the page and stores nothing.
+  await submit(page, "ada@lab.test", "difference engine");
+  await page.waitForFunction(() => document.getElementById("msg").textContent.length > 0);
+  assert.equal(await page.$eval("#msg", (e) => e.textContent), "invalid username or password");
+  assert.equal(await storedKey(page), null);
+
+  // The right one signs in and goes to the default dashboard page.
+  await Promise.all([page.waitForNavigation(), submit(page, "ada@lab.test", "analytical engine")]);
+  assert.equal(new URL(page.url()).pathname, "/dashboard/help");
+  assert.equal(await storedKey(page), key);
+  await page.waitForFunction(() => !document.getElementById("content").textContent.startsWith("Loading"));
+
+  // A login link that tries to send the browser elsewhere stays on this node.
+  await page.evaluate(() => localStorage.removeItem("ostrel_api_key"));
+  await page.goto(`${base}/login?next=//evil.test/steal`, { waitUntil: "load" });
+  await Promise.all([page.waitForNavigation(), submit(page, "ada@lab.test", "analytical engine")]);
+  assert.equal(new URL(page.url()).host, new URL(base).host);
+  await page.close();
+});

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <ctime>
+#include <string>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -32,6 +35,16 @@ inline std::int64_t unix_ms() {
 
 inline std::int64_t unix_s(std::chrono::system_clock::time_point t = now()) {
   return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
+}
+
+// "%Y-%m-%dT%H:%M:%SZ" (UTC) of a Unix second, now by default.
+inline std::string utc_text(std::int64_t unix_seconds = unix_s()) {
+  std::time_t t = static_cast<std::time_t>(unix_seconds);
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return buf;
 }
 
 }  // namespace ostrel::base

@@ -75,14 +75,13 @@ void Kernel::establish_cluster_identity_() {
   } else if (load_cluster_state_()) {
     logger_.info("cluster secret loaded from cluster.json");
   } else if (const char* peers = std::getenv("OSTREL_ULVO_PEERS"); peers && *peers) {
-    // Joining through a peer needs the cluster layer; until it is built the
-    // node runs on a secret of its own and does not persist it, so that a
-    // later successful join can take over.
     logger_.info("no cluster secret — attempting cluster join via peers");
-    logger_.warn("join_cluster: cluster join is not available in this build");
-    cluster_secret_ = identity::generate_random_secret();
-    logger_.warn("cluster join failed — generated standalone secret");
-    logger_.warn("this node is NOT part of the cluster until join succeeds");
+    if (!join_cluster_(peers)) {
+      // Not saved: a later boot with a reachable peer can still join.
+      cluster_secret_ = identity::generate_random_secret();
+      logger_.warn("cluster join failed — generated standalone secret");
+      logger_.warn("this node is NOT part of the cluster until join succeeds");
+    }
   } else {
     cluster_secret_ = identity::generate_random_secret();
     controller_node_id_ = config_.node_id;

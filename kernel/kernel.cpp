@@ -1,4 +1,5 @@
 #include "kernel/kernel.h"
+#include "base/http_client.h"
 #include "kernel/obs/telemetry.h"
 
 #include <algorithm>
@@ -18,11 +19,6 @@ namespace idreg = identity_registry;
 std::string env_or(const char* name, const std::string& fallback) {
   const char* v = std::getenv(name);
   return v ? std::string(v) : fallback;
-}
-
-bool env_truthy(const char* name) {
-  std::string v = env_or(name, "");
-  return v == "1" || v == "true" || v == "TRUE" || v == "yes";
 }
 
 std::string hex_code(identity::SourceCode code) { return code.hex(); }
@@ -98,12 +94,7 @@ bool Kernel::boot() {
 
   install_auth_policy_();
 
-  if (env_truthy("OSTREL_GOSSIP_ENABLED")) {
-    logger_.warn(
-        "gossip mesh: not available in this build — continuing without cluster membership");
-  } else {
-    logger_.info("gossip mesh disabled (set OSTREL_GOSSIP_ENABLED=1 to opt in)");
-  }
+  start_gossip_();
 
   // Export to an OpenTelemetry collector, when one is named.
   if (const char* endpoint = std::getenv("OSTREL_OTLP_ENDPOINT"); endpoint && *endpoint) {
@@ -133,6 +124,7 @@ bool Kernel::boot() {
     logger_.error("gateway failed to bind " + config_.bind + ":" + std::to_string(config_.port));
     return false;
   }
+  announce_gossip_url_();
 
   start_background_threads_();
 
@@ -398,7 +390,13 @@ void Kernel::start_background_threads_() {
   logger_.info("self-health watchdog started (30s probe, 2-strike _exit)");
   if (const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL");
       controller && *controller) {
-    logger_.info("peer auto-register heartbeat: not available in this build");
+    const std::string url = base::normalise_base_url(controller);
+    if (const char* p = std::getenv("OSTREL_ULVO_HEARTBEAT_S"); p && std::atoi(p) > 0) {
+      heartbeat_period_s_ = std::atoi(p);
+    }
+    bg_threads_.emplace_back([this, url] { run_peer_register_(url); });
+    logger_.info("peer auto-register heartbeat thread started → " + url + " (" +
+                 std::to_string(heartbeat_period_s_) + "s interval)");
   }
 }
 
@@ -456,6 +454,10 @@ void Kernel::drain_and_stop() {
 
   if (!running_.exchange(false)) return;
   logger_.info("shutting down");
+  if (gossip_) {
+    logger_.info("gossip mesh: graceful leave");
+    gossip_->stop();
+  }
   gateway_.stop();
   if (exporting_) telemetry::Telemetry::instance().shutdown();  // one last pass
   for (const std::string& problem : sequencer_.shutdown()) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "cluster/gossip_mesh.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
 #include "identity/identity_routes.h"
@@ -104,6 +105,14 @@ class Kernel {
   std::filesystem::path help_dir_() const;
   std::vector<help::Topic> help_catalogue_() const;
   void establish_cluster_identity_();
+  // Joining through the first of `peers`; true once the secret is adopted and saved.
+  bool join_cluster_(const std::string& peers);
+  bool send_peer_register_once_(const std::string& controller);
+  void run_peer_register_(const std::string& controller);
+  // Gossip membership (when switched on), its routes and "cluster.members".
+  void start_gossip_();
+  void announce_gossip_url_();
+  nlohmann::json members_json_() const;
   std::filesystem::path cluster_state_path_() const;
   bool load_cluster_state_();
   void persist_cluster_state_();
@@ -148,6 +157,8 @@ class Kernel {
   nlohmann::json flags_;
   std::mutex i18n_mu_;  // guards catalogs_
   std::map<std::string, nlohmann::json> catalogs_;
+  std::unique_ptr<cluster::gossip::GossipMesh> gossip_;
+  int heartbeat_period_s_ = 30;  // seconds between registrations with the controller
   std::string cluster_secret_;
   std::string controller_node_id_;
   NodeIdentity identity_;

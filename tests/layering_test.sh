@@ -5,7 +5,8 @@
 #   clusterfs/ the object store (base only)
 #   search/    the unified search engine (base only)
 #   tools/     the tool registry (base only)
-#   kernel/    the kernel (base, identity, search)
+#   cluster/   gossip membership (base only)
+#   kernel/    the kernel (base, identity, search, cluster)
 # Modules (inference/, data/, agents/, …) sit above all of them.
 set -u
 root="${1:-$(dirname "$0")/..}"
@@ -30,11 +31,12 @@ check identity "base identity"
 check clusterfs "base clusterfs"
 check search "base search"
 check tools "base tools"
-check kernel "base identity search kernel"
+check cluster "base cluster"
+check kernel "base identity search cluster kernel"
 
 # Nothing outside tests/ and bench/ includes test code.
 if grep -rn '#include "tests/' --include='*.h' --include='*.cpp' \
-     base identity clusterfs search tools kernel inference data dreams modules 2>/dev/null; then
+     base identity clusterfs search tools cluster kernel inference data dreams modules 2>/dev/null; then
   echo "production code includes test code"
   status=1
 fi

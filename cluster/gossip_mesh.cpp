@@ -1,0 +1,495 @@
+#include "cluster/gossip_mesh.h"
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <unordered_map>
+
+#include "base/json.h"
+
+namespace ostrel::cluster::gossip {
+namespace {
+
+using Json = nlohmann::json;
+
+double now_ms() {
+  return std::chrono::duration<double, std::milli>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+bool split_host_port(const std::string& text, std::string& host, int& port) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 >= text.size()) return false;
+  host = text.substr(0, colon);
+  try {
+    std::size_t used = 0;
+    port = std::stoi(text.substr(colon + 1), &used);
+    if (used != text.size() - colon - 1) return false;
+  } catch (...) {
+    return false;
+  }
+  return port >= 0 && port <= 65535;
+}
+
+bool unroutable_host(const std::string& host) {
+  return host == "0.0.0.0" || host == "localhost" || host.rfind("127.", 0) == 0 || host == "::";
+}
+
+// Which of two records of one member to keep: the higher incarnation, then
+// the later announcement.
+bool fresher(const NodeMember& a, const NodeMember& b) {
+  if (a.incarnation != b.incarnation) return a.incarnation > b.incarnation;
+  return a.last_seen_ms > b.last_seen_ms;
+}
+
+}  // namespace
+
+const char* status_name(NodeStatus s) {
+  switch (s) {
+    case NodeStatus::alive:
+      return "alive";
+    case NodeStatus::suspect:
+      return "suspect";
+    case NodeStatus::dead:
+      return "dead";
+  }
+  return "unknown";
+}
+
+Json member_to_json(const NodeMember& m) {
+  Json tags = Json::object();
+  for (const auto& [k, v] : m.tags) tags[k] = v;
+  return {{"id", m.id},
+          {"address", m.address},
+          {"status", static_cast<int>(m.status)},
+          {"incarnation", m.incarnation},
+          {"last_seen_ms", static_cast<std::int64_t>(m.last_seen_ms)},
+          {"tags", tags}};
+}
+
+bool member_from_json(const Json& j, NodeMember& out) {
+  if (!j.is_object()) return false;
+  auto id = j.find("id"), addr = j.find("address"), st = j.find("status"),
+       inc = j.find("incarnation"), seen = j.find("last_seen_ms");
+  if (id == j.end() || !id->is_string() || id->get<std::string>().empty() ||
+      id->get<std::string>().size() > 256 || addr == j.end() || !addr->is_string() ||
+      st == j.end() || !st->is_number_integer() || inc == j.end() || !inc->is_number_unsigned() ||
+      seen == j.end() || !seen->is_number()) {
+    return false;
+  }
+  const int status = st->get<int>();
+  if (status < 0 || status > 2) return false;
+  out.id = *id;
+  out.address = *addr;
+  out.status = static_cast<NodeStatus>(status);
+  out.incarnation = inc->get<std::uint64_t>();
+  out.last_seen_ms = seen->get<double>();
+  out.tags.clear();
+  if (auto t = j.find("tags"); t != j.end()) {
+    if (!t->is_object()) return false;
+    for (auto it = t->begin(); it != t->end(); ++it) {
+      if (!it.value().is_string()) return false;
+      out.tags[it.key()] = it.value().get<std::string>();
+    }
+  }
+  return true;
+}
+
+std::vector<std::string> split_seeds(const std::string& text) {
+  std::vector<std::string> out;
+  std::stringstream ss(text);
+  for (std::string item; std::getline(ss, item, ',');) {
+    const auto b = item.find_first_not_of(" \t"), e = item.find_last_not_of(" \t");
+    if (b != std::string::npos) out.push_back(item.substr(b, e - b + 1));
+  }
+  return out;
+}
+
+struct GossipMesh::Impl {
+  Config cfg;
+  MemberFn joined, left;
+  StatusFn changed;
+  LogFn warn;
+
+  mutable std::mutex mu;  // guards table, self and the counters below
+  std::unordered_map<std::string, NodeMember> table;
+  std::uint64_t rounds = 0, sent = 0, received = 0, rejected = 0;
+
+  std::mutex wake_mu;  // guards stopping; wake waits on it
+  std::condition_variable wake;
+  bool stopping = false;
+  bool started = false;
+
+  httplib::Server server;
+  int bound_port = 0;
+  std::thread listener, gossiper, detector;
+  std::mt19937_64 rng{std::random_device{}()};   // used by the gossip thread only
+  std::unordered_map<std::string, int> failing;  // target → failed rounds in a row (gossip thread)
+
+  struct Pending {
+    enum Kind { join, leave, status } kind;
+    NodeMember member;
+  };
+  void fire(const std::vector<Pending>& events) {
+    for (const auto& e : events) {
+      if (e.kind == Pending::join && joined) joined(e.member);
+      if (e.kind == Pending::leave && left) left(e.member);
+      if (e.kind == Pending::status && changed) changed(e.member, e.member.status);
+    }
+  }
+
+  // The local member, announced now.
+  void refresh_self_locked() {
+    NodeMember& self = table[cfg.self_id];
+    self.status = NodeStatus::alive;
+    self.last_seen_ms = std::max(now_ms(), self.last_seen_ms + 1e-3);
+  }
+
+  Json table_json_locked() {
+    refresh_self_locked();
+    Json list = Json::array();
+    for (const auto& [id, m] : table) list.push_back(member_to_json(m));
+    return list;
+  }
+
+  void merge_one_locked(NodeMember in, const std::string& sender_id, const std::string& sender_host,
+                        std::vector<Pending>& events) {
+    if (in.id == cfg.self_id) {
+      // Someone holds a newer incarnation of this node (a previous run):
+      // outbid it so our own record wins everywhere.
+      NodeMember& self = table[cfg.self_id];
+      if (in.incarnation >= self.incarnation) self.incarnation = in.incarnation + 1;
+      return;
+    }
+    // The sender's own address as seen from here when it advertised none usable.
+    if (in.id == sender_id && !sender_host.empty()) {
+      std::string host;
+      int port = 0;
+      if (split_host_port(in.address, host, port) && unroutable_host(host) &&
+          !unroutable_host(sender_host)) {
+        in.address = sender_host + ":" + std::to_string(port);
+      }
+    }
+    const double age = now_ms() - in.last_seen_ms;
+    auto it = table.find(in.id);
+    if (it == table.end()) {
+      // Only news that is still fresh makes a member: a record of a member
+      // that others have already given up on must not bring it back.
+      if (age > cfg.suspect_after_ms || in.status != NodeStatus::alive) return;
+      if (table.size() >= cfg.max_members) return;
+      in.status = NodeStatus::alive;
+      table[in.id] = in;
+      events.push_back({Pending::join, in});
+      return;
+    }
+    NodeMember& have = it->second;
+    if (!fresher(in, have)) return;
+    const NodeStatus before = have.status;
+    have.address = in.address;
+    have.incarnation = in.incarnation;
+    have.last_seen_ms = in.last_seen_ms;
+    have.tags = in.tags;
+    // Status is judged here from the announcement's age; fresh news revives.
+    have.status = age <= cfg.suspect_after_ms ? NodeStatus::alive : std::max(before, in.status);
+    if (have.status != before) events.push_back({Pending::status, have});
+  }
+
+  Json merge(const Json& members, const std::string& sender_id, const std::string& sender_host) {
+    std::vector<Pending> events;
+    Json out;
+    {
+      std::lock_guard lock(mu);
+      for (const auto& j : members) {
+        NodeMember m;
+        if (member_from_json(j, m)) merge_one_locked(std::move(m), sender_id, sender_host, events);
+      }
+      out = table_json_locked();
+    }
+    fire(events);
+    return out;
+  }
+
+  void log_warn(const std::string& line) {
+    if (warn) warn(line);
+  }
+
+  void handle_sync(const httplib::Request& req, httplib::Response& res) {
+    res.set_header("Connection", "close");
+    Json body = base::parse_json(req.body);
+    if (!body.is_object() || !body.contains("from_node") || !body["from_node"].is_string() ||
+        !body.contains("members") || !body["members"].is_array()) {
+      std::lock_guard lock(mu);
+      ++rejected;
+      res.status = 400;
+      res.set_content(R"({"error":"malformed_sync","message":"expected {from_node, members[]}"})",
+                      "application/json");
+      return;
+    }
+    const std::string from = body["from_node"];
+    if (cfg.admit) {
+      const std::string claimed = req.get_header_value("X-Ostrel-Node-Id");
+      const std::string token = req.get_header_value("X-Ostrel-Node-Token");
+      if (claimed != from || !cfg.admit(from, token)) {
+        {
+          std::lock_guard lock(mu);
+          ++rejected;
+        }
+        log_warn("[gossip] rejected sync from '" + from.substr(0, 64) + "' at " + req.remote_addr +
+                 ": not a member of this cluster");
+        res.status = 403;
+        res.set_content(R"({"error":"not_a_cluster_member"})", "application/json");
+        return;
+      }
+    }
+    {
+      std::lock_guard lock(mu);
+      ++received;
+    }
+    Json table_now = merge(body["members"], from, req.remote_addr);
+    res.set_content(base::dump_json({{"members", table_now}}), "application/json");
+  }
+
+  // One exchange with one target; false with the reason.
+  bool exchange(const std::string& target, const std::string& body, std::string& why) {
+    std::string host;
+    int port = 0;
+    if (!split_host_port(target, host, port)) {
+      why = "bad address '" + target + "'";
+      return false;
+    }
+    httplib::Client client(host, port);
+    const auto timeout = std::chrono::milliseconds(cfg.request_timeout_ms);
+    client.set_connection_timeout(timeout);
+    client.set_read_timeout(timeout);
+    client.set_write_timeout(timeout);
+    httplib::Headers headers;
+    if (cfg.credentials) {
+      for (auto& [k, v] : cfg.credentials()) headers.emplace(k, v);
+    }
+    {
+      std::lock_guard lock(mu);
+      ++sent;
+    }
+    auto r = client.Post("/api/v1/cluster/gossip/sync", headers, body, "application/json");
+    if (!r) {
+      why = target + ": " + httplib::to_string(r.error());
+      return false;
+    }
+    if (r->status != 200) {
+      why = target + ": HTTP " + std::to_string(r->status);
+      return false;
+    }
+    Json answer = base::parse_json(r->body);
+    if (!answer.is_object() || !answer.contains("members") || !answer["members"].is_array()) {
+      why = target + ": malformed answer";
+      return false;
+    }
+    merge(answer["members"], "", "");
+    return true;
+  }
+
+  void round() {
+    std::vector<std::string> targets;
+    std::string body;
+    {
+      std::lock_guard lock(mu);
+      for (const auto& [id, m] : table) {
+        if (id != cfg.self_id && m.status != NodeStatus::dead) targets.push_back(m.address);
+      }
+      body = base::dump_json({{"from_node", cfg.self_id}, {"members", table_json_locked()}});
+    }
+    // Seeds until they show up as members.
+    for (const auto& s : cfg.seeds) {
+      if (std::find(targets.begin(), targets.end(), s) == targets.end()) targets.push_back(s);
+    }
+    std::shuffle(targets.begin(), targets.end(), rng);
+    if (targets.size() > static_cast<std::size_t>(std::max(0, cfg.fanout)))
+      targets.resize(static_cast<std::size_t>(std::max(0, cfg.fanout)));
+    for (const auto& t : targets) {
+      if (stopped()) break;
+      std::string why;
+      // A silent target is reported on its first failure and every 20th,
+      // so a dead member does not fill the log.
+      if (!exchange(t, body, why)) {
+        const int n = ++failing[t];
+        if (n == 1 || n % 20 == 0) {
+          log_warn(why.empty() ? "[gossip] round failed (unknown)"
+                               : "[gossip] round failed: " + why +
+                                     (n > 1 ? " (" + std::to_string(n) + " in a row)" : ""));
+        }
+      } else {
+        failing.erase(t);
+      }
+    }
+    std::lock_guard lock(mu);
+    ++rounds;
+  }
+
+  void detect(double now) {
+    std::vector<Pending> events;
+    {
+      std::lock_guard lock(mu);
+      for (auto it = table.begin(); it != table.end();) {
+        NodeMember& m = it->second;
+        if (m.id == cfg.self_id) {
+          ++it;
+          continue;
+        }
+        const double age = now - m.last_seen_ms;
+        if (m.status == NodeStatus::alive && age > cfg.suspect_after_ms) {
+          m.status = NodeStatus::suspect;
+          events.push_back({Pending::status, m});
+        } else if (m.status == NodeStatus::suspect && age > 2.0 * cfg.suspect_after_ms) {
+          m.status = NodeStatus::dead;
+          events.push_back({Pending::status, m});
+        } else if (m.status == NodeStatus::dead && age > cfg.remove_after_ms) {
+          events.push_back({Pending::leave, m});
+          it = table.erase(it);
+          continue;
+        }
+        ++it;
+      }
+    }
+    fire(events);
+  }
+
+  bool stopped() {
+    std::lock_guard lock(wake_mu);
+    return stopping;
+  }
+  // Sleeps `ms`, waking early on stop; false once stopping.
+  bool pause(int ms) {
+    std::unique_lock lock(wake_mu);
+    wake.wait_for(lock, std::chrono::milliseconds(ms), [&] { return stopping; });
+    return !stopping;
+  }
+};
+
+GossipMesh::GossipMesh(Config config) : impl_(std::make_unique<Impl>()) {
+  impl_->cfg = std::move(config);
+  NodeMember self;
+  self.id = impl_->cfg.self_id;
+  self.address = impl_->cfg.self_address;
+  // A restarted node outbids every record of its previous run.
+  self.incarnation = static_cast<std::uint64_t>(now_ms());
+  self.last_seen_ms = now_ms();
+  impl_->table[self.id] = self;
+}
+
+GossipMesh::~GossipMesh() { stop(); }
+
+void GossipMesh::on_join(MemberFn fn) { impl_->joined = std::move(fn); }
+void GossipMesh::on_leave(MemberFn fn) { impl_->left = std::move(fn); }
+void GossipMesh::on_status_change(StatusFn fn) { impl_->changed = std::move(fn); }
+void GossipMesh::set_log(LogFn warn) { impl_->warn = std::move(warn); }
+
+bool GossipMesh::start() {
+  Impl& d = *impl_;
+  std::string host, self_host;
+  int port = 0, self_port = 0;
+  if (!split_host_port(d.cfg.self_address, self_host, self_port)) {
+    d.log_warn("[gossip] invalid self_address '" + d.cfg.self_address + "'");
+    return false;
+  }
+  if (!split_host_port(d.cfg.bind, host, port)) return false;
+  d.server.set_payload_max_length(d.cfg.max_body_bytes);
+  d.server.set_keep_alive_max_count(1);
+  d.server.set_read_timeout(std::chrono::milliseconds(d.cfg.request_timeout_ms * 2));
+  d.server.new_task_queue = [] { return new httplib::ThreadPool(2); };
+  d.server.Post(
+      "/api/v1/cluster/gossip/sync",
+      [&d](const httplib::Request& req, httplib::Response& res) { d.handle_sync(req, res); });
+  d.server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
+    res.set_header("Connection", "close");
+    if (res.body.empty()) {
+      res.set_content(R"({"error":"not_found","message":"only POST /api/v1/cluster/gossip/sync"})",
+                      "application/json");
+    }
+  });
+  if (port == 0) {
+    d.bound_port = d.server.bind_to_any_port(host);
+  } else {
+    d.bound_port = d.server.bind_to_port(host, port) ? port : -1;
+  }
+  if (d.bound_port <= 0) return false;
+  {
+    std::lock_guard lock(d.mu);
+    if (self_port == 0) {
+      d.table[d.cfg.self_id].address = self_host + ":" + std::to_string(d.bound_port);
+    }
+  }
+  d.started = true;
+  d.listener = std::thread([&d] { d.server.listen_after_bind(); });
+  d.gossiper = std::thread([&d] {
+    do {
+      d.round();
+    } while (d.pause(d.cfg.interval_ms));
+  });
+  d.detector = std::thread([&d] {
+    const int tick = std::max(200, d.cfg.suspect_after_ms / 2);
+    while (d.pause(tick)) d.detect(now_ms());
+  });
+  return true;
+}
+
+void GossipMesh::stop() {
+  Impl& d = *impl_;
+  {
+    std::lock_guard lock(d.wake_mu);
+    if (d.stopping) return;
+    d.stopping = true;
+  }
+  d.wake.notify_all();
+  if (!d.started) return;
+  d.server.stop();
+  if (d.listener.joinable()) d.listener.join();
+  if (d.gossiper.joinable()) d.gossiper.join();
+  if (d.detector.joinable()) d.detector.join();
+}
+
+void GossipMesh::set_self_tag(const std::string& key, const std::string& value) {
+  std::lock_guard lock(impl_->mu);
+  impl_->table[impl_->cfg.self_id].tags[key] = value;
+}
+
+std::vector<NodeMember> GossipMesh::members() const {
+  std::lock_guard lock(impl_->mu);
+  std::vector<NodeMember> out;
+  for (const auto& [id, m] : impl_->table) out.push_back(m);
+  std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
+  return out;
+}
+
+GossipStats GossipMesh::stats() const {
+  std::lock_guard lock(impl_->mu);
+  GossipStats s;
+  s.gossip_rounds = impl_->rounds;
+  s.messages_sent = impl_->sent;
+  s.messages_received = impl_->received;
+  s.messages_rejected = impl_->rejected;
+  for (const auto& [id, m] : impl_->table) {
+    s.members_alive += m.status == NodeStatus::alive;
+    s.members_suspect += m.status == NodeStatus::suspect;
+    s.members_dead += m.status == NodeStatus::dead;
+  }
+  return s;
+}
+
+int GossipMesh::port() const { return impl_->bound_port; }
+
+void GossipMesh::run_round() { impl_->round(); }
+void GossipMesh::detect_failures(double now) { impl_->detect(now); }
+nlohmann::json GossipMesh::merge_json(const nlohmann::json& members,
+                                      const std::string& sender_host) {
+  return impl_->merge(members, "", sender_host);
+}
+
+}  // namespace ostrel::cluster::gossip

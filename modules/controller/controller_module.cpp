@@ -1,0 +1,914 @@
+// The controller: the cluster's registry. Workers register and send
+// heartbeats; nodes join (receiving the cluster secret) and register with
+// node tokens; configured and registered peers are synchronised into one
+// topology; every change is announced as "cluster.topology.changed" and
+// delivered to webhook subscribers; a watchdog promotes a data replica when
+// the primary stays down.
+#include <atomic>
+#include <cctype>
+#include <condition_variable>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "base/access.h"
+#include "base/clock.h"
+#include "base/durable_file.h"
+#include "base/encoding.h"
+#include "base/http_client.h"
+#include "base/json.h"
+#include "base/names.h"
+#include "base/reply.h"
+#include "base/sqlite.h"
+#include "identity/node_token.h"
+#include "kernel/event_bus.h"
+#include "kernel/http/api_gateway.h"
+#include "kernel/module.h"
+#include "kernel/obs/logger.h"
+#include "kernel/obs/telemetry.h"
+#include "kernel/syscall_table.h"
+#include "modules/controller/web_tools.h"
+#include "modules/controller/webhooks.h"
+#include "modules/controller/worker_registry.h"
+
+namespace ostrel::controller {
+namespace {
+
+using Json = nlohmann::json;
+namespace fs = std::filesystem;
+using base::reply;
+using kernel::Request;
+using kernel::Response;
+
+constexpr identity::SourceCode kControllerSource{0x0a, 0x01};
+
+std::string text_of(const Json& j, const char* key) {
+  auto it = j.find(key);
+  return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+// The host of "http(s)://host[:port][/…]", or "".
+std::string host_of(const std::string& url) {
+  static const std::regex re(R"(^https?://([^:/]+)(?::\d+)?(?:/.*)?$)");
+  std::smatch m;
+  return std::regex_match(url, m, re) ? m[1].str() : "";
+}
+
+std::int64_t int_setting(const kernel::ConfigView& cfg, const std::string& key,
+                         std::int64_t fallback) {
+  try {
+    const std::string v = cfg.get(key, "");
+    return v.empty() ? fallback : std::stoll(v);
+  } catch (...) {
+    return fallback;
+  }
+}
+
+bool bool_setting(const kernel::ConfigView& cfg, const std::string& key) {
+  const std::string v = cfg.get(key, "");
+  return v == "1" || v == "true" || v == "yes";
+}
+
+std::string percent_decode(const std::string& in) {
+  std::string out;
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    if (in[i] == '%' && i + 2 < in.size() && std::isxdigit(static_cast<unsigned char>(in[i + 1])) &&
+        std::isxdigit(static_cast<unsigned char>(in[i + 2]))) {
+      out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else {
+      out += in[i];
+    }
+  }
+  return out;
+}
+
+bool loopback_host(const std::string& host) {
+  return host == "localhost" || host == "0.0.0.0" || host.rfind("127.", 0) == 0;
+}
+
+// The issue second inside a node token ("nt-" + 16 hex digits + MAC).
+std::int64_t token_issued_s(const std::string& token) {
+  if (token.size() < 19 || token.rfind("nt-", 0) != 0) return -1;
+  try {
+    return static_cast<std::int64_t>(std::stoull(token.substr(3, 16), nullptr, 16));
+  } catch (...) {
+    return -1;
+  }
+}
+
+struct PeerNode {
+  std::string node_id, url, cluster_id;
+  Json roles = Json::array(), modules = Json::array(), capabilities = Json::array();
+  std::int64_t registered_at_ms = 0, last_seen_ms = 0, token_issued_s = 0;
+};
+
+class ControllerModule : public kernel::ModuleBase {
+ public:
+  std::string name() const override { return "controller"; }
+  std::string display_name() const override { return "Controller"; }
+  std::string version() const override { return "0.1.0"; }
+  identity::SourceCode source_code() const override { return kControllerSource; }
+  bool initialize(const kernel::ModuleContext& ctx) override;
+  bool start() override;
+  void stop() override;
+  bool reload(const kernel::ConfigView&) override { return true; }
+  kernel::HealthStatus health() override;
+  void register_routes(kernel::ApiGateway& gw) override;
+  void register_syscalls(kernel::SyscallTable& table) override;
+
+ private:
+  // Cluster joins and peer registration.
+  void handle_join_(const Request& req, Response& res);
+  void handle_register_(const Request& req, Response& res);
+  // Peers and their synchronisation.
+  std::vector<std::pair<std::string, std::string>> sync_targets_();  // (peer key, url)
+  void run_peer_sync_pass_();
+  void save_peers_locked_();
+  Json topology_(bool is_public);
+  Json gossip_members_();
+  std::string local_url_() const;
+  void publish_topology_change_(const std::string& reason, const std::string& subject,
+                                Json detail = Json::object());
+  // Failover.
+  void watchdog_pass_();
+  void trigger_auto_failover_(const std::string& primary, const std::string& replica,
+                              std::int64_t downtime_s, const std::string& reason);
+  std::pair<int, std::string> run_failover_swap_(const std::string& actor);
+  // Background loop: sleeps `period`, false once stopping.
+  bool pause_(std::chrono::milliseconds period);
+
+  kernel::ModuleContext ctx_;
+  std::unique_ptr<kernel::Logger> log_;
+  fs::path data_dir_, dir_;
+  std::unique_ptr<WorkerRegistry> workers_;
+  std::unique_ptr<Webhooks> webhooks_;
+  WebTools web_;
+  std::string join_token_;
+  int sync_interval_s_ = 10;
+  int stale_after_s_ = 90;
+  int failover_after_s_ = 120;
+  std::string data_primary_, data_replica_;
+
+  std::mutex mu_;  // guards peers_, peer_urls_, registered_, modules_ready_, failover state
+  std::vector<std::string> peer_urls_;          // configured peers, persisted
+  std::map<std::string, PeerNode> registered_;  // node id → registration
+  std::vector<Json> modules_ready_;             // this node's modules, from "module.ready"
+  std::map<std::string, std::int64_t> primary_down_since_ms_;
+  bool failover_done_ = false;
+
+  std::mutex join_mu_;  // serialises read-modify-write of cluster.json by joins
+  std::mutex db_mu_;    // guards failover_db_
+  base::sqlite::Connection failover_db_;
+
+  std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
+  std::condition_variable bg_cv_;
+  bool bg_stop_ = false;
+  std::vector<std::thread> threads_;
+  std::vector<std::uint64_t> subscriptions_;
+};
+
+bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
+  ctx_ = ctx;
+  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("controller"));
+  data_dir_ = ctx.config->get("data_dir", ctx.data_dir);
+  dir_ = data_dir_ / "controller";
+  std::error_code ec;
+  fs::create_directories(dir_, ec);
+  sync_interval_s_ = std::max(1, static_cast<int>(int_setting(*ctx.config, "sync_interval_s", 10)));
+  stale_after_s_ = std::max(1, static_cast<int>(int_setting(*ctx.config, "stale_after_s", 90)));
+  failover_after_s_ =
+      std::max(1, static_cast<int>(int_setting(*ctx.config, "failover_after_s", 120)));
+  data_primary_ = ctx.config->get("data_primary", "");
+  data_replica_ = ctx.config->get("data_replica", "");
+  join_token_ = ctx.config->get("join_token", "");
+  if (const char* t = std::getenv("OSTREL_CLUSTER_JOIN_TOKEN"); join_token_.empty() && t) {
+    join_token_ = t;
+  }
+  web_.configure(ctx.config->get("web_search_url", ""),
+                 bool_setting(*ctx.config, "allow_private_fetch"));
+
+  workers_ = std::make_unique<WorkerRegistry>(
+      dir_ / "workers.json", [this](const std::string& line) { log_->info(line); });
+  Webhooks::Options wo;
+  wo.retry_pause_ms = static_cast<int>(int_setting(*ctx.config, "webhook_retry_pause_ms", 500));
+  webhooks_ =
+      std::make_unique<Webhooks>(wo, [this](const std::string& level, const std::string& l) {
+        level == "warn" ? log_->warn(l) : log_->info(l);
+      });
+  webhooks_->open(dir_ / "webhooks.db");
+
+  std::string error;
+  if (!failover_db_.open(dir_ / "controller.db",
+                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                         error) ||
+      !failover_db_.exec(
+          "PRAGMA journal_mode=WAL;"
+          "CREATE TABLE IF NOT EXISTS replication_failovers ( failover_id TEXT PRIMARY KEY, "
+          "triggered_at TEXT NOT NULL, trigger_reason TEXT NOT NULL, primary_was TEXT NOT NULL, "
+          "replica_promoted TEXT NOT NULL, primary_downtime_seconds INTEGER NOT NULL, "
+          "notification_sent_count INTEGER NOT NULL DEFAULT 0 );",
+          error)) {
+    log_->warn("failover log unavailable: " + error);
+    failover_db_ = base::sqlite::Connection();
+  }
+
+  // Configured peers: the setting, then what administrators added.
+  bool opened = false;
+  Json saved = base::read_json_file(dir_ / "peers.json", opened);
+  std::string configured = ctx.config->get("peers", "");
+  for (std::size_t at = 0; at <= configured.size();) {
+    const auto comma = configured.find(',', at);
+    std::string one = configured.substr(at, comma == std::string::npos ? comma : comma - at);
+    one = base::normalise_base_url(one);
+    if (!one.empty() && !host_of(one).empty()) peer_urls_.push_back(one);
+    if (comma == std::string::npos) break;
+    at = comma + 1;
+  }
+  if (saved.is_array()) {
+    for (const auto& p : saved) {
+      if (p.is_string() && std::find(peer_urls_.begin(), peer_urls_.end(), p) == peer_urls_.end())
+        peer_urls_.push_back(p);
+    }
+  }
+
+  // Every module that starts on this node; its workers are listed as local.
+  subscriptions_.push_back(ctx.bus->subscribe(kControllerSource, "module.ready",
+                                              [this](std::string_view, std::string_view payload) {
+                                                Json j = base::parse_json(payload);
+                                                if (!j.is_object()) return;
+                                                std::lock_guard lock(mu_);
+                                                modules_ready_.push_back(j);
+                                              }));
+  // Topology and failover events reach webhook subscribers.
+  for (const char* topic : {"cluster.topology.changed", "cluster.failover_auto_promote"}) {
+    subscriptions_.push_back(ctx.bus->subscribe(
+        kControllerSource, topic, [this](std::string_view t, std::string_view payload) {
+          webhooks_->enqueue_event(std::string(t), base::parse_json(payload));
+        }));
+  }
+  return true;
+}
+
+bool ControllerModule::start() {
+  workers_->restore();
+  webhooks_->start();
+  threads_.emplace_back([this] {
+    do {
+      try {
+        run_peer_sync_pass_();
+        workers_->mark_stale(base::unix_ms(), stale_after_s_ * 1000LL);
+      } catch (const std::exception& e) {
+        log_->warn(std::string("peer sync pass threw: ") + e.what());
+      }
+    } while (pause_(std::chrono::seconds(sync_interval_s_)));
+  });
+  threads_.emplace_back([this] {
+    while (pause_(std::chrono::seconds(5))) watchdog_pass_();
+  });
+  bool peers;
+  {
+    std::lock_guard lock(mu_);
+    peers = !peer_urls_.empty();
+  }
+  log_->info(std::string("started — cluster registry ready") + (peers ? ", peer sync active" : ""));
+  return true;
+}
+
+void ControllerModule::stop() {
+  {
+    std::lock_guard lock(bg_mu_);
+    bg_stop_ = true;
+  }
+  bg_cv_.notify_all();
+  for (auto& t : threads_) {
+    if (t.joinable()) t.join();
+  }
+  threads_.clear();
+  webhooks_->stop();
+  for (auto id : subscriptions_) ctx_.bus->unsubscribe(id);
+  subscriptions_.clear();
+}
+
+bool ControllerModule::pause_(std::chrono::milliseconds period) {
+  std::unique_lock lock(bg_mu_);
+  bg_cv_.wait_for(lock, period, [this] { return bg_stop_; });
+  return !bg_stop_;
+}
+
+kernel::HealthStatus ControllerModule::health() {
+  std::lock_guard lock(mu_);
+  return {kernel::HealthState::healthy, std::to_string(workers_->size()) + " worker(s), " +
+                                            std::to_string(registered_.size()) +
+                                            " registered node(s)"};
+}
+
+std::string ControllerModule::local_url_() const {
+  return "http://127.0.0.1:" + std::to_string(ctx_.gateway ? ctx_.gateway->port() : 0);
+}
+
+void ControllerModule::publish_topology_change_(const std::string& reason,
+                                                const std::string& subject, Json detail) {
+  detail["event"] = reason;
+  if (!subject.empty()) detail["subject"] = subject;
+  detail["node_id"] = ctx_.node_id;
+  detail["ts"] = base::utc_text();
+  ctx_.bus->publish(kControllerSource, "cluster.topology.changed", base::dump_json(detail));
+}
+
+void ControllerModule::handle_join_(const Request& req, Response& res) {
+  Json body = base::parse_json(req.body);
+  const std::string node_id = body.is_object() ? text_of(body, "node_id") : "";
+  if (node_id.empty()) return reply(res, {{"error", "missing node_id"}}, 400);
+  std::string why;
+  if (!base::safe_name(node_id, why, 128))
+    return reply(res, {{"error", "invalid node_id"}, {"message", why}}, 400);
+  if (!join_token_.empty()) {
+    std::string presented = req.header("X-Ostrel-Join-Token");
+    if (presented.empty()) presented = text_of(body, "join_token");
+    if (!base::constant_time_equal(presented, join_token_)) {
+      log_->warn("cluster join refused: wrong or missing join token from " + node_id + " at " +
+                 req.client_addr);
+      return reply(res, {{"error", "join_token_required"}}, 403);
+    }
+  }
+  const fs::path file = data_dir_ / "state" / "cluster.json";
+  Json state;
+  {
+    std::lock_guard lock(join_mu_);
+    bool opened = false;
+    state = base::read_json_file(file, opened);
+    const std::string secret = state.is_object() ? text_of(state, "cluster_secret") : "";
+    if (secret.empty()) return reply(res, {{"error", "cluster_secret_not_initialized"}}, 503);
+    if (!state.contains("registered_nodes") || !state["registered_nodes"].is_object())
+      state["registered_nodes"] = Json::object();
+    const std::string now = base::utc_text();
+    Json& entry = state["registered_nodes"][node_id];
+    const std::string first = entry.is_object() ? text_of(entry, "joined_at") : "";
+    entry = {{"node_id", node_id}, {"joined_at", first.empty() ? now : first}, {"last_seen", now}};
+    std::string error;
+    if (!base::write_file_atomically(file, state.dump(2) + "\n", error)) {
+      log_->error("cluster join: could not save " + file.string() + ": " + error);
+      return reply(res, {{"error", "persist_failed"}}, 500);
+    }
+  }
+  const std::string secret = state["cluster_secret"];
+  log_->info("cluster join: node " + node_id + " joined");
+  reply(res, {{"cluster_secret", secret},
+              {"cluster_id", identity::cluster_id_from_secret(secret)},
+              {"node_token", identity::generate_node_token(secret, node_id)},
+              {"controller_node_id", ctx_.node_id}});
+}
+
+void ControllerModule::handle_register_(const Request& req, Response& res) {
+  auto& t = kernel::telemetry::Telemetry::instance();
+  Json body = base::parse_json(req.body);
+  if (!body.is_object()) body = Json::object();
+  const std::string node = text_of(body, "node_id"), token = text_of(body, "token");
+  if (node.empty() || token.empty()) {
+    t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
+    return reply(res, {{"error", "missing node_id or token"}}, 400);
+  }
+  const std::string theirs = text_of(body, "cluster_id");
+  if (theirs != ctx_.cluster_id) {
+    log_->warn("cluster register rejected: cluster_id mismatch from " + node.substr(0, 128) +
+               " (theirs=" + theirs.substr(0, 64) + ", ours=" + ctx_.cluster_id + ")");
+    t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
+    return reply(res, {{"error", "cluster_id_mismatch"}}, 403);
+  }
+  const std::int64_t issued = token_issued_s(token);
+  bool valid = identity::verify_node_token(ctx_.cluster_secret, node, token);
+  bool replayed = false;
+  if (valid) {
+    // A token older than one already accepted from this node is a replay.
+    std::lock_guard lock(mu_);
+    auto it = registered_.find(node);
+    replayed = it != registered_.end() && issued < it->second.token_issued_s;
+  }
+  if (!valid || replayed) {
+    log_->warn("cluster register rejected: invalid token from " + node.substr(0, 128) +
+               (replayed ? " (older than one already accepted)" : ""));
+    t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
+    return reply(res, {{"error", "invalid_node_token"}}, 401);
+  }
+  log_->info("cluster register: node " + node + " authenticated");
+  std::string url = text_of(body, "url");
+  const std::string host = host_of(url);
+  if (host.empty() || loopback_host(host)) {
+    // Reachable at the address it called from.
+    static const std::regex port_re(R"(:(\d+)(?:/.*)?$)");
+    std::smatch m;
+    const std::string port = std::regex_search(url, m, port_re) ? m[1].str() : "8880";
+    url = "http://" + req.client_addr + ":" + port;
+  }
+  PeerNode p;
+  p.node_id = node;
+  p.url = url;
+  p.cluster_id = theirs;
+  if (body.contains("roles") && body["roles"].is_array()) p.roles = body["roles"];
+  if (body.contains("modules") && body["modules"].is_array()) p.modules = body["modules"];
+  if (body.contains("capabilities") && body["capabilities"].is_array())
+    p.capabilities = body["capabilities"];
+  p.last_seen_ms = base::unix_ms();
+  p.token_issued_s = issued;
+  bool is_new = false;
+  {
+    std::lock_guard lock(mu_);
+    auto it = registered_.find(node);
+    is_new = it == registered_.end() || it->second.url != url;
+    p.registered_at_ms = it == registered_.end() ? p.last_seen_ms : it->second.registered_at_ms;
+    registered_[node] = p;
+  }
+  // What it runs, as this controller sees it until the next sync pass.
+  Json mods = Json::array();
+  std::vector<WorkerInfo> learned;
+  for (const auto& m : p.modules) {
+    if (!m.is_string()) continue;
+    mods.push_back({{"name", m}, {"state", "running"}, {"url", url}});
+    WorkerInfo w;
+    w.id = "peer:" + node + "/" + m.get<std::string>();
+    w.worker_type = m;
+    w.url = url;
+    w.node_id = node;
+    w.local = false;
+    w.last_heartbeat_ms = p.last_seen_ms;
+    learned.push_back(std::move(w));
+  }
+  workers_->replace_peer_modules(node, mods);
+  workers_->replace_peer_workers(node, std::move(learned));
+  const std::string role = p.roles.empty()          ? "all"
+                           : p.roles[0].is_string() ? p.roles[0].get<std::string>()
+                                                    : "all";
+  t.counter("ostrel.controller.peer_register_total", 1, {{"role", role}});
+  if (is_new) publish_topology_change_("peer_registered", node, {{"url", url}});
+  reply(res, {{"status", "registered"},
+              {"id", node},
+              {"url", url},
+              {"node_id", node},
+              {"cluster_id", ctx_.cluster_id},
+              {"node_token", identity::generate_node_token(ctx_.cluster_secret, node)},
+              {"topology", topology_(true)}});
+}
+
+std::vector<std::pair<std::string, std::string>> ControllerModule::sync_targets_() {
+  std::lock_guard lock(mu_);
+  std::vector<std::pair<std::string, std::string>> out;
+  for (const auto& u : peer_urls_) out.push_back({u, u});
+  for (const auto& [id, p] : registered_) {
+    if (std::none_of(out.begin(), out.end(), [&](const auto& t) { return t.second == p.url; }))
+      out.push_back({id, p.url});
+  }
+  return out;
+}
+
+void ControllerModule::run_peer_sync_pass_() {
+  const auto targets = sync_targets_();
+  if (targets.empty()) return;
+  const base::HttpHeaders headers = {
+      {"X-Ostrel-Node-Id", ctx_.node_id},
+      {"X-Ostrel-Node-Token", identity::generate_node_token(ctx_.cluster_secret, ctx_.node_id)}};
+  const auto timeout = std::chrono::seconds(5);
+  for (const auto& [key, url] : targets) {
+    if (!pause_(std::chrono::milliseconds(0))) return;
+    auto fetch = [&](const char* path, Json& out) {
+      base::HttpReply r = base::http_get(url, path, headers, timeout);
+      if (!r.transport_ok) {
+        log_->warn("peer sync " + url + path + ": curl: " + r.error);
+        return false;
+      }
+      if (r.status < 200 || r.status >= 300) {
+        if (std::string(path) != "/api/v1/cloud/backends")
+          log_->warn("peer sync " + url + path + ": http " + std::to_string(r.status));
+        return false;
+      }
+      out = base::parse_json(r.body);
+      return !out.is_discarded();
+    };
+    Json info, workers, modules, backends;
+    if (!fetch("/api/v1/cluster/node-info", info)) {
+      // Unreachable: what was learned from it is no longer true.
+      workers_->drop_peer(key);
+      continue;
+    }
+    const std::string peer = text_of(info, "node_id").empty() ? key : text_of(info, "node_id");
+    if (peer == ctx_.node_id) continue;
+    std::vector<WorkerInfo> learned;
+    if (fetch("/api/v1/workers", workers)) {
+      const Json& list =
+          workers.is_object() && workers.contains("workers") ? workers["workers"] : workers;
+      if (list.is_array()) {
+        for (const auto& w : list) {
+          if (!w.is_object()) continue;
+          const std::string wid = text_of(w, "id");
+          if (wid.empty() || wid.rfind("peer:", 0) == 0) continue;  // not theirs to tell
+          WorkerInfo x;
+          x.id = "peer:" + peer + "/" + wid;
+          x.worker_type = text_of(w, "worker_type");
+          x.url = text_of(w, "url");
+          x.node_id = peer;
+          x.local = false;
+          x.state = text_of(w, "state").empty() ? "healthy" : text_of(w, "state");
+          x.last_heartbeat_ms = base::unix_ms();
+          learned.push_back(std::move(x));
+        }
+      }
+    }
+    if (fetch("/api/v1/kernel/modules", modules)) {
+      Json mods = Json::array();
+      const Json& list =
+          modules.is_object() && modules.contains("modules") ? modules["modules"] : modules;
+      if (list.is_array()) {
+        for (const auto& m : list) {
+          if (!m.is_object()) continue;
+          Json one = {{"name", text_of(m, "name")},
+                      {"version", text_of(m, "version")},
+                      {"state", text_of(m, "state").empty() ? "running" : text_of(m, "state")},
+                      {"url", "http://" + host_of(url) + ":8880"}};
+          one["url"] = url;
+          one["id"] = text_of(m, "id").empty() ? "synth-" + peer + "-" + text_of(m, "name")
+                                               : text_of(m, "id");
+          mods.push_back(one);
+        }
+      }
+      workers_->replace_peer_modules(peer, mods);
+    }
+    fetch("/api/v1/cloud/backends", backends);  // imported when a cloud module serves it
+    workers_->replace_peer_workers(peer, std::move(learned));
+    std::lock_guard lock(mu_);
+    if (auto it = registered_.find(peer); it != registered_.end())
+      it->second.last_seen_ms = base::unix_ms();
+  }
+  publish_topology_change_("peer_sync", "", {{"source", "peer"}, {"peers", targets.size()}});
+}
+
+void ControllerModule::save_peers_locked_() {
+  std::string error;
+  if (!base::write_file_atomically(dir_ / "peers.json", Json(peer_urls_).dump(2) + "\n", error)) {
+    log_->warn("could not save peers.json: " + error);
+  }
+}
+
+Json ControllerModule::gossip_members_() {
+  if (!ctx_.syscalls->has("cluster.members")) return Json::array();
+  Json j = base::parse_json(ctx_.syscalls->call(kControllerSource, "cluster.members", "{}").body);
+  return j.is_object() && j.contains("members") ? j["members"] : Json::array();
+}
+
+Json ControllerModule::topology_(bool is_public) {
+  Json nodes = Json::array();
+  Json self_modules = Json::array();
+  {
+    std::lock_guard lock(mu_);
+    for (const auto& m : modules_ready_) self_modules.push_back(text_of(m, "id"));
+    nodes.push_back({{"node_id", ctx_.node_id},
+                     {"url", local_url_()},
+                     {"role", "controller"},
+                     {"modules", self_modules},
+                     {"state", "alive"}});
+    const std::int64_t now = base::unix_ms();
+    for (const auto& [id, p] : registered_) {
+      const bool fresh = now - p.last_seen_ms <= stale_after_s_ * 1000LL;
+      Json n = {{"node_id", id},
+                {"url", p.url},
+                {"roles", p.roles},
+                {"modules", p.modules},
+                {"state", fresh ? "alive" : "stale"},
+                {"last_seen_ms", p.last_seen_ms},
+                {"registered_at_ms", p.registered_at_ms}};
+      if (!is_public) n["capabilities"] = p.capabilities;
+      nodes.push_back(n);
+    }
+  }
+  Json workers = workers_->list();
+  for (auto& w : workers) {
+    if (w.value("url", "").empty() && w.value("local", false)) w["url"] = local_url_();
+  }
+  Json out = {{"node_id", ctx_.node_id},
+              {"cluster_id", ctx_.cluster_id},
+              {"controller_node_id", ctx_.node_id},
+              {"nodes", nodes},
+              {"workers", workers},
+              {"members", gossip_members_()},
+              {"generated_at", base::utc_text()}};
+  if (!is_public) out["peer_modules"] = workers_->peer_modules();
+  return out;
+}
+
+void ControllerModule::watchdog_pass_() {
+  if (data_primary_.empty() || data_replica_.empty()) return;
+  // The primary is up when it registered recently or gossip calls it alive.
+  std::int64_t last = 0;
+  {
+    std::lock_guard lock(mu_);
+    if (auto it = registered_.find(data_primary_); it != registered_.end())
+      last = it->second.last_seen_ms;
+  }
+  bool gossip_alive = false;
+  for (const auto& m : gossip_members_()) {
+    if (text_of(m, "id") == data_primary_ && text_of(m, "state") == "alive") gossip_alive = true;
+  }
+  const std::int64_t now = base::unix_ms();
+  const bool up = gossip_alive || (last > 0 && now - last <= stale_after_s_ * 1000LL);
+  std::int64_t since = 0;
+  {
+    std::lock_guard lock(mu_);
+    if (up) {
+      primary_down_since_ms_.erase(data_primary_);
+      failover_done_ = false;
+      return;
+    }
+    if (last == 0 && !primary_down_since_ms_.count(data_primary_)) {
+      primary_down_since_ms_[data_primary_] = now;  // never seen: count from now
+    }
+    if (!primary_down_since_ms_.count(data_primary_)) primary_down_since_ms_[data_primary_] = last;
+    since = primary_down_since_ms_[data_primary_];
+    if (failover_done_ || now - since < failover_after_s_ * 1000LL) return;
+    failover_done_ = true;
+  }
+  trigger_auto_failover_(data_primary_, data_replica_, (now - since) / 1000, "primary_unreachable");
+}
+
+std::pair<int, std::string> ControllerModule::run_failover_swap_(const std::string& actor) {
+  // The promotion is the data-replication family's; until a module serves it
+  // through "data.replication.promote", the swap is reported as not done.
+  if (ctx_.syscalls->has("data.replication.promote")) {
+    kernel::SyscallResult r = ctx_.syscalls->call(
+        kControllerSource, "data.replication.promote",
+        base::dump_json({{"confirm", true}, {"force", true}, {"actor", actor}}));
+    return {r.status == 0 ? 200 : 500, r.body};
+  }
+  return {501,
+          R"({"error":"not_implemented","message":"data replication is not part of this build"})"};
+}
+
+void ControllerModule::trigger_auto_failover_(const std::string& primary,
+                                              const std::string& replica, std::int64_t downtime_s,
+                                              const std::string& reason) {
+  log_->warn("watchdog: auto-promoting " + replica + " (primary " + primary + " down for " +
+             std::to_string(downtime_s) + "s)");
+  auto [status, body] = run_failover_swap_("watchdog");
+  if (status < 200 || status >= 300) {
+    log_->warn("watchdog: run_failover_swap_ returned status=" + std::to_string(status) +
+               " body=" + body);
+  }
+  static const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  std::string id = "wfo-";
+  for (unsigned char c : base::random_bytes(12)) id += kAlphabet[c % 36];
+  const std::string at = base::utc_text();
+  const int notified = 0;
+  {
+    std::lock_guard lock(db_mu_);
+    std::string error;
+    if (failover_db_) {
+      auto st = failover_db_.prepare(
+          "INSERT INTO replication_failovers(failover_id,triggered_at,trigger_reason,primary_was,"
+          "replica_promoted,primary_downtime_seconds,notification_sent_count) VALUES "
+          "(?,?,?,?,?,?,?);",
+          error);
+      if (st) {
+        st.bind(1, id).bind(2, at).bind(3, reason).bind(4, primary).bind(5, replica);
+        st.bind(6, downtime_s).bind(7, static_cast<std::int64_t>(notified));
+        st.step();
+      }
+    }
+  }
+  ctx_.bus->publish(kControllerSource, "cluster.failover_auto_promote",
+                    base::dump_json({{"failover_id", id},
+                                     {"triggered_at", at},
+                                     {"trigger_reason", reason},
+                                     {"primary_was", primary},
+                                     {"replica_promoted", replica},
+                                     {"primary_downtime_seconds", downtime_s},
+                                     {"promotion_status", status},
+                                     {"peers_notified", notified}}));
+}
+
+void ControllerModule::register_routes(kernel::ApiGateway& gw) {
+  auto& t = kernel::telemetry::Telemetry::instance();
+  t.describe("ostrel.controller.peer_heartbeats_total", "Worker heartbeats, by result");
+  t.describe("ostrel.controller.peer_register_total", "Peer registrations, by role (or rejected)");
+
+  gw.route("POST", "/api/v1/workers", [this](const Request& req, Response& res) {
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    WorkerInfo w;
+    bool is_new = false;
+    if (std::string e = workers_->register_worker(body, ctx_.node_id, w, is_new); !e.empty())
+      return reply(res, {{"error", "invalid_worker"}, {"message", e}}, 400);
+    log_->info("registered worker " + w.id + " (" + w.worker_type +
+               (w.local ? ", local" : ", remote") + ")");
+    publish_topology_change_("worker_online", w.id, {{"worker", worker_json(w)}});
+    reply(res, {{"status", "registered"}, {"worker", worker_json(w)}});
+  });
+  gw.route("POST", "/api/v1/workers/*", [this](const Request& req, Response& res) {
+    std::string id = req.path.substr(std::string("/api/v1/workers/").size());
+    if (id.size() > 10 && id.compare(id.size() - 10, 10, "/heartbeat") == 0)
+      id = id.substr(0, id.size() - 10);
+    const bool known = workers_->heartbeat(id);
+    kernel::telemetry::Telemetry::instance().counter("ostrel.controller.peer_heartbeats_total", 1,
+                                                     {{"result", known ? "ack" : "unknown"}});
+    if (!known) return reply(res, {{"error", "unknown_worker"}}, 404);
+    reply(res, {{"status", "ack"}});
+  });
+  gw.route("GET", "/api/v1/workers", [this](const Request&, Response& res) {
+    Json list = workers_->list();
+    for (auto& w : list) {
+      if (w.value("url", "").empty() && w.value("local", false)) w["url"] = local_url_();
+    }
+    reply(res, {{"workers", list}, {"count", list.size()}});
+  });
+  gw.route("POST", "/api/v1/cluster/join",
+           [this](const Request& req, Response& res) { handle_join_(req, res); });
+  gw.route("POST", "/api/v1/cluster/register",
+           [this](const Request& req, Response& res) { handle_register_(req, res); });
+  gw.route("GET", "/api/v1/cluster/topology",
+           [this](const Request&, Response& res) { reply(res, topology_(false)); });
+  gw.route("GET", "/api/v1/cluster/topology/public",
+           [this](const Request&, Response& res) { reply(res, topology_(true)); });
+  gw.route("GET", "/api/v1/cluster/node-info", [this](const Request&, Response& res) {
+    Json mods = Json::array();
+    {
+      std::lock_guard lock(mu_);
+      for (const auto& m : modules_ready_) mods.push_back(text_of(m, "id"));
+    }
+    reply(res, {{"node_id", ctx_.node_id},
+                {"cluster_id", ctx_.cluster_id},
+                {"version", "5.0.0"},
+                {"url", local_url_()},
+                {"role", "controller"},
+                {"roles", mods},
+                {"modules", mods}});
+  });
+  gw.route("GET", "/api/v1/cluster/discover", [this](const Request&, Response& res) {
+    Json nodes = Json::array();
+    std::set<std::string> seen;
+    for (const auto& m : gossip_members_()) {
+      if (m.value("self", false)) continue;
+      seen.insert(text_of(m, "id"));
+      nodes.push_back({{"node_id", text_of(m, "id")},
+                       {"url", text_of(m, "url")},
+                       {"state", text_of(m, "state")},
+                       {"source", "gossip"}});
+    }
+    std::lock_guard lock(mu_);
+    for (const auto& [id, p] : registered_) {
+      if (seen.insert(id).second)
+        nodes.push_back({{"node_id", id}, {"url", p.url}, {"source", "registered"}});
+    }
+    for (const auto& u : peer_urls_) nodes.push_back({{"url", u}, {"source", "configured"}});
+    reply(res, {{"nodes", nodes}, {"count", nodes.size()}});
+  });
+  gw.route("GET", "/api/v1/cluster/peers", [this](const Request&, Response& res) {
+    std::lock_guard lock(mu_);
+    Json registered = Json::array();
+    for (const auto& [id, p] : registered_)
+      registered.push_back({{"node_id", id}, {"url", p.url}, {"last_seen_ms", p.last_seen_ms}});
+    reply(res, {{"peers", peer_urls_}, {"registered", registered}});
+  });
+  gw.route("POST", "/api/v1/cluster/peers", [this](const Request& req, Response& res) {
+    if (!kernel::require_admin(req, res)) return;
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    const std::string url = base::normalise_base_url(text_of(body, "url"));
+    if (host_of(url).empty())
+      return reply(
+          res, {{"error", "invalid_url"}, {"message", "url must be http(s)://host[:port]"}}, 400);
+    std::lock_guard lock(mu_);
+    if (std::find(peer_urls_.begin(), peer_urls_.end(), url) == peer_urls_.end()) {
+      peer_urls_.push_back(url);
+      save_peers_locked_();
+    }
+    reply(res, {{"status", "added"}, {"url", url}, {"peers", peer_urls_}});
+  });
+  gw.route("DELETE", "/api/v1/cluster/peers/*", [this](const Request& req, Response& res) {
+    if (!kernel::require_admin(req, res)) return;
+    std::string which = req.path.substr(std::string("/api/v1/cluster/peers/").size());
+    which = percent_decode(which);
+    const std::string url = base::normalise_base_url(which);
+    bool removed = false;
+    {
+      std::lock_guard lock(mu_);
+      auto it = std::find(peer_urls_.begin(), peer_urls_.end(), url);
+      if (it != peer_urls_.end()) {
+        peer_urls_.erase(it);
+        save_peers_locked_();
+        removed = true;
+      }
+      if (registered_.erase(which) > 0) removed = true;
+    }
+    if (!removed) return reply(res, {{"error", "not_found"}, {"peer", which}}, 404);
+    // Forget what was learned from it.
+    workers_->drop_peer(which);
+    workers_->drop_peer(url);
+    publish_topology_change_("peer_removed", which);
+    reply(res, {{"status", "removed"}, {"peer", which}});
+  });
+
+  gw.route("POST", "/api/v1/tools/web_fetch", [this](const Request& req, Response& res) {
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    auto a = web_.fetch(text_of(body, "url"));
+    reply(res, a.body, a.status);
+  });
+  gw.route("POST", "/api/v1/tools/web_search", [this](const Request& req, Response& res) {
+    Json body;
+    if (!base::parse_object_body(req, res, body)) return;
+    const int n = body.contains("max_results") && body["max_results"].is_number_integer()
+                      ? body["max_results"].get<int>()
+                      : 5;
+    auto a = web_.search(text_of(body, "query"), n);
+    reply(res, a.body, a.status);
+  });
+
+  // Webhooks (administrators).
+  auto answer = [](Response& res, const Webhooks::Answer& a) { reply(res, a.body, a.status); };
+  gw.route("GET", "/api/v1/webhooks/subscriptions",
+           [this, answer](const Request& req, Response& res) {
+             if (kernel::require_admin(req, res)) answer(res, webhooks_->list());
+           });
+  gw.route("POST", "/api/v1/webhooks/subscriptions",
+           [this, answer](const Request& req, Response& res) {
+             if (!kernel::require_admin(req, res)) return;
+             Json body;
+             if (!base::parse_object_body(req, res, body)) return;
+             answer(res, webhooks_->create(body));
+           });
+  gw.route("DELETE", "/api/v1/webhooks/subscriptions/*",
+           [this, answer](const Request& req, Response& res) {
+             if (!kernel::require_admin(req, res)) return;
+             answer(res, webhooks_->remove(req.path.substr(
+                             std::string("/api/v1/webhooks/subscriptions/").size())));
+           });
+  gw.route("POST", "/api/v1/webhooks/subscriptions/*",
+           [this, answer](const Request& req, Response& res) {
+             if (!kernel::require_admin(req, res)) return;
+             std::string rest =
+                 req.path.substr(std::string("/api/v1/webhooks/subscriptions/").size());
+             if (rest.size() <= 5 || rest.compare(rest.size() - 5, 5, "/test") != 0)
+               return reply(res, {{"error", "not_found"}, {"path", req.path}}, 404);
+             answer(res, webhooks_->test(rest.substr(0, rest.size() - 5)));
+           });
+  gw.route("GET", "/api/v1/webhooks/deliveries", [this, answer](const Request& req, Response& res) {
+    if (!kernel::require_admin(req, res)) return;
+    int limit = 100;
+    try {
+      limit = std::clamp(std::stoi(req.param("limit", "100")), 1, 1000);
+    } catch (...) {
+    }
+    answer(res, webhooks_->deliveries(req.param("subscription_id"), limit));
+  });
+  gw.route("GET", "/api/v1/cluster/failovers", [this](const Request&, Response& res) {
+    Json rows = Json::array();
+    std::lock_guard lock(db_mu_);
+    std::string error;
+    if (failover_db_) {
+      auto st = failover_db_.prepare(
+          "SELECT failover_id,triggered_at,trigger_reason,primary_was,replica_promoted,"
+          "primary_downtime_seconds,notification_sent_count FROM replication_failovers ORDER BY "
+          "triggered_at DESC LIMIT 100;",
+          error);
+      while (st && st.step() == SQLITE_ROW) {
+        rows.push_back({{"failover_id", st.text(0)},
+                        {"triggered_at", st.text(1)},
+                        {"trigger_reason", st.text(2)},
+                        {"primary_was", st.text(3)},
+                        {"replica_promoted", st.text(4)},
+                        {"primary_downtime_seconds", st.int64(5)},
+                        {"notification_sent_count", st.int64(6)}});
+      }
+    }
+    reply(res, {{"failovers", rows}});
+  });
+}
+
+void ControllerModule::register_syscalls(kernel::SyscallTable& table) {
+  table.register_syscall(kControllerSource, "controller.workers.list", [this](std::string_view) {
+    Json list = workers_->list();
+    for (auto& w : list) {
+      if (w.value("url", "").empty() && w.value("local", false)) w["url"] = local_url_();
+    }
+    return kernel::SyscallResult::ok(base::dump_json({{"workers", list}}));
+  });
+  table.register_syscall(kControllerSource, "controller.topology", [this](std::string_view) {
+    return kernel::SyscallResult::ok(base::dump_json(topology_(false)));
+  });
+  table.register_syscall(kControllerSource, "controller.webhooks.enqueue",
+                         [this](std::string_view args) {
+                           Json a = base::parse_json(args);
+                           const std::string event = a.is_object() ? text_of(a, "event") : "";
+                           if (event.empty())
+                             return kernel::SyscallResult::failure("missing event");
+                           webhooks_->enqueue_event(event, a.value("payload", Json::object()));
+                           return kernel::SyscallResult::ok(R"({"status":"queued"})");
+                         });
+}
+
+}  // namespace
+}  // namespace ostrel::controller
+
+static ostrel::kernel::ModuleRegistrar<ostrel::controller::ControllerModule>
+    ControllerModule_registrar("controller");

@@ -1,0 +1,260 @@
+#include "modules/controller/web_tools.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include "base/json.h"
+
+namespace ostrel::controller {
+namespace {
+
+using Json = nlohmann::json;
+constexpr std::size_t kMaxBytes = 2 << 20;
+constexpr std::size_t kMaxText = 20000;
+
+bool private_address(const sockaddr* sa) {
+  if (sa->sa_family == AF_INET) {
+    const auto* in = reinterpret_cast<const sockaddr_in*>(sa);
+    const std::uint32_t a = ntohl(in->sin_addr.s_addr);
+    return (a >> 24) == 10 || (a >> 24) == 127 || (a >> 24) == 0 || (a >> 16) == 0xA9FE ||
+           (a >> 20) == 0xAC1 || (a >> 16) == 0xC0A8 || (a >> 22) == (100u << 2 | 1) ||
+           (a >> 28) >= 14;
+  }
+  if (sa->sa_family == AF_INET6) {
+    const auto* in6 = reinterpret_cast<const sockaddr_in6*>(sa);
+    const unsigned char* b = in6->sin6_addr.s6_addr;
+    if (IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr) || IN6_IS_ADDR_UNSPECIFIED(&in6->sin6_addr) ||
+        IN6_IS_ADDR_LINKLOCAL(&in6->sin6_addr) || (b[0] & 0xfe) == 0xfc) {
+      return true;
+    }
+    if (IN6_IS_ADDR_V4MAPPED(&in6->sin6_addr)) {
+      sockaddr_in v4{};
+      v4.sin_family = AF_INET;
+      std::memcpy(&v4.sin_addr, b + 12, 4);
+      return private_address(reinterpret_cast<const sockaddr*>(&v4));
+    }
+  }
+  return false;
+}
+
+struct Transfer {
+  std::string body;
+  bool truncated = false;
+  bool allow_private = false;
+  bool blocked = false;
+};
+
+// Checked at every connect, redirects included, so a name that resolves to
+// an inside address cannot be used to reach it.
+curl_socket_t open_socket(void* user, curlsocktype, curl_sockaddr* address) {
+  auto* t = static_cast<Transfer*>(user);
+  if (!t->allow_private && private_address(&address->addr)) {
+    t->blocked = true;
+    return CURL_SOCKET_BAD;
+  }
+  return ::socket(address->family, address->socktype, address->protocol);
+}
+
+size_t collect(char* data, size_t size, size_t n, void* user) {
+  auto* t = static_cast<Transfer*>(user);
+  const size_t bytes = size * n;
+  if (t->body.size() + bytes > kMaxBytes) {
+    t->body.append(data, kMaxBytes - t->body.size());
+    t->truncated = true;
+    return 0;  // stop the transfer
+  }
+  t->body.append(data, bytes);
+  return bytes;
+}
+
+struct Got {
+  long status = 0;
+  std::string content_type, error, final_url;
+  Transfer t;
+};
+
+Got get(const std::string& url, bool allow_private) {
+  Got g;
+  g.t.allow_private = allow_private;
+  CURL* curl = curl_easy_init();
+  if (!curl) {
+    g.error = "curl_init_failed";
+    return g;
+  }
+  char err[CURL_ERROR_SIZE] = {0};
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_USERAGENT, "Ostrel/5.0.0");
+  curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, err);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &g.t);
+  curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, open_socket);
+  curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, &g.t);
+  const CURLcode rc = curl_easy_perform(curl);
+  if (rc != CURLE_OK && !(rc == CURLE_WRITE_ERROR && g.t.truncated)) {
+    g.error = g.t.blocked ? "address_not_allowed" : (err[0] ? err : curl_easy_strerror(rc));
+  }
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &g.status);
+  char* ct = nullptr;
+  if (curl_easy_getinfo(curl, CURLINFO_CONTENT_TYPE, &ct) == CURLE_OK && ct) g.content_type = ct;
+  char* eff = nullptr;
+  if (curl_easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &eff) == CURLE_OK && eff) g.final_url = eff;
+  curl_easy_cleanup(curl);
+  return g;
+}
+
+bool http_url(const std::string& url) {
+  return (url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0) && url.size() <= 4096 &&
+         url.find_first_of(" \r\n\t") == std::string::npos;
+}
+
+std::string lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+std::string escape_query(const std::string& q) {
+  static const char* hex = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : q) {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += hex[c >> 4];
+      out += hex[c & 15];
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string html_to_text(const std::string& html, std::string* title) {
+  const std::string low = lower(html);
+  if (title) {
+    const auto t = low.find("<title");
+    const auto gt = t == std::string::npos ? t : low.find('>', t);
+    const auto end = gt == std::string::npos ? gt : low.find("</title", gt);
+    if (end != std::string::npos) *title = html_to_text(html.substr(gt + 1, end - gt - 1));
+  }
+  std::string out;
+  bool space = false;
+  for (std::size_t i = 0; i < html.size();) {
+    if (html[i] == '<') {
+      for (const char* skip : {"script", "style", "noscript", "head"}) {
+        if (low.compare(i + 1, std::strlen(skip), skip) == 0) {
+          const auto close = low.find(std::string("</") + skip, i);
+          i = close == std::string::npos ? html.size() : close;
+          break;
+        }
+      }
+      const auto gt = html.find('>', i);
+      i = gt == std::string::npos ? html.size() : gt + 1;
+      space = true;
+      continue;
+    }
+    if (html[i] == '&') {
+      static const std::pair<const char*, char> kEntities[] = {{"&amp;", '&'},  {"&lt;", '<'},
+                                                               {"&gt;", '>'},   {"&quot;", '"'},
+                                                               {"&#39;", '\''}, {"&nbsp;", ' '}};
+      bool done = false;
+      for (const auto& [e, c] : kEntities) {
+        if (html.compare(i, std::strlen(e), e) == 0) {
+          out += c;
+          i += std::strlen(e);
+          done = true;
+          break;
+        }
+      }
+      if (done) continue;
+    }
+    const char c = html[i++];
+    if (std::isspace(static_cast<unsigned char>(c))) {
+      space = true;
+      continue;
+    }
+    if (space && !out.empty()) out += ' ';
+    space = false;
+    out += c;
+  }
+  return out;
+}
+
+void WebTools::configure(std::string search_url, bool allow_private) {
+  search_url_ = std::move(search_url);
+  while (!search_url_.empty() && search_url_.back() == '/') search_url_.pop_back();
+  allow_private_ = allow_private;
+}
+
+WebTools::Answer WebTools::fetch(const std::string& url) const {
+  if (!http_url(url)) {
+    return {{{"error", "invalid_url"}, {"message", "url must start with http:// or https://"}},
+            400};
+  }
+  Got g = get(url, allow_private_);
+  if (!g.error.empty()) {
+    const bool blocked = g.error == "address_not_allowed";
+    return {{{"error", blocked ? "address_not_allowed" : "fetch_failed"},
+             {"message", blocked ? "private and loopback addresses are not fetched" : g.error},
+             {"url", url}},
+            blocked ? 403 : 502};
+  }
+  std::string title, text;
+  const bool html = lower(g.content_type).find("html") != std::string::npos;
+  text = html ? html_to_text(g.t.body, &title) : g.t.body;
+  bool truncated = g.t.truncated;
+  if (text.size() > kMaxText) {
+    text.resize(kMaxText);
+    truncated = true;
+  }
+  return {{{"url", g.final_url.empty() ? url : g.final_url},
+           {"status", g.status},
+           {"content_type", g.content_type},
+           {"title", title},
+           {"text", text},
+           {"truncated", truncated}},
+          200};
+}
+
+WebTools::Answer WebTools::search(const std::string& query, int max_results) const {
+  if (query.empty()) return {{{"error", "missing query"}}, 400};
+  if (search_url_.empty()) {
+    return {{{"error", "web_search_not_configured"},
+             {"message", "set controller.web_search_url to a SearXNG-compatible search service"}},
+            501};
+  }
+  Got g = get(search_url_ + "/search?format=json&q=" + escape_query(query), true);
+  if (!g.error.empty() || g.status < 200 || g.status >= 300) {
+    return {{{"error", "search_failed"},
+             {"message", g.error.empty() ? "http " + std::to_string(g.status) : g.error}},
+            502};
+  }
+  Json j = base::parse_json(g.t.body);
+  Json results = Json::array();
+  if (j.is_object() && j.contains("results") && j["results"].is_array()) {
+    for (const auto& r : j["results"]) {
+      if (static_cast<int>(results.size()) >= std::clamp(max_results, 1, 20)) break;
+      if (!r.is_object()) continue;
+      results.push_back({{"title", r.value("title", "")},
+                         {"url", r.value("url", "")},
+                         {"snippet", r.value("content", "")}});
+    }
+  }
+  return {{{"query", query}, {"results", results}, {"count", results.size()}}, 200};
+}
+
+}  // namespace ostrel::controller

@@ -146,11 +146,13 @@ struct GossipMesh::Impl {
     }
   }
 
+  double now() const { return cfg.clock ? cfg.clock() : now_ms(); }
+
   // The local member, announced now.
   void refresh_self_locked() {
     NodeMember& self = table[cfg.self_id];
     self.status = NodeStatus::alive;
-    self.last_seen_ms = std::max(now_ms(), self.last_seen_ms + 1e-3);
+    self.last_seen_ms = std::max(now(), self.last_seen_ms + 1e-3);
   }
 
   Json table_json_locked() {
@@ -178,7 +180,7 @@ struct GossipMesh::Impl {
         in.address = sender_host + ":" + std::to_string(port);
       }
     }
-    const double age = now_ms() - in.last_seen_ms;
+    const double age = now() - in.last_seen_ms;
     auto it = table.find(in.id);
     if (it == table.end()) {
       // Only news that is still fresh makes a member: a record of a member
@@ -333,7 +335,7 @@ struct GossipMesh::Impl {
     ++rounds;
   }
 
-  void detect(double now) {
+  void detect(double at) {
     std::vector<Pending> events;
     {
       std::lock_guard lock(mu);
@@ -343,7 +345,7 @@ struct GossipMesh::Impl {
           ++it;
           continue;
         }
-        const double age = now - m.last_seen_ms;
+        const double age = at - m.last_seen_ms;
         if (m.status == NodeStatus::alive && age > cfg.suspect_after_ms) {
           m.status = NodeStatus::suspect;
           events.push_back({Pending::status, m});
@@ -379,8 +381,8 @@ GossipMesh::GossipMesh(Config config) : impl_(std::make_unique<Impl>()) {
   self.id = impl_->cfg.self_id;
   self.address = impl_->cfg.self_address;
   // A restarted node outbids every record of its previous run.
-  self.incarnation = static_cast<std::uint64_t>(now_ms());
-  self.last_seen_ms = now_ms();
+  self.incarnation = static_cast<std::uint64_t>(impl_->now());
+  self.last_seen_ms = impl_->now();
   impl_->table[self.id] = self;
 }
 
@@ -435,7 +437,7 @@ bool GossipMesh::start() {
   });
   d.detector = std::thread([&d] {
     const int tick = std::max(200, d.cfg.suspect_after_ms / 2);
-    while (d.pause(tick)) d.detect(now_ms());
+    while (d.pause(tick)) d.detect(d.now());
   });
   return true;
 }
@@ -486,7 +488,7 @@ GossipStats GossipMesh::stats() const {
 int GossipMesh::port() const { return impl_->bound_port; }
 
 void GossipMesh::run_round() { impl_->round(); }
-void GossipMesh::detect_failures(double now) { impl_->detect(now); }
+void GossipMesh::detect_failures() { impl_->detect(impl_->now()); }
 nlohmann::json GossipMesh::merge_json(const nlohmann::json& members,
                                       const std::string& sender_host) {
   return impl_->merge(members, "", sender_host);

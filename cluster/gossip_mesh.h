@@ -63,6 +63,8 @@ class GossipMesh {
     // check of a sender's (id, headers); both optional.
     std::function<std::vector<std::pair<std::string, std::string>>()> credentials;
     std::function<bool(const std::string& node_id, const std::string& token)> admit;
+    // Wall-clock milliseconds; the system clock unless a test supplies one.
+    std::function<double()> clock;
   };
   using MemberFn = std::function<void(const NodeMember&)>;
   using StatusFn = std::function<void(const NodeMember&, NodeStatus)>;
@@ -89,7 +91,7 @@ class GossipMesh {
 
   // One round and one detector pass, for tests that drive the clock.
   void run_round();
-  void detect_failures(double now_ms);
+  void detect_failures();
   // Merges a received table as the listener does; returns the local table.
   nlohmann::json merge_json(const nlohmann::json& members, const std::string& sender_host);
 

@@ -159,6 +159,7 @@ class ControllerModule : public kernel::ModuleBase {
   std::map<std::string, PeerNode> registered_;  // node id → registration
   std::vector<Json> modules_ready_;             // this node's modules, from "module.ready"
   std::map<std::string, std::int64_t> primary_down_since_ms_;
+  std::set<std::string> unreachable_;  // peer URLs whose last sync found nothing
   bool failover_done_ = false;
 
   std::mutex join_mu_;  // serialises read-modify-write of cluster.json by joins
@@ -268,7 +269,8 @@ bool ControllerModule::start() {
     } while (pause_(std::chrono::seconds(sync_interval_s_)));
   });
   threads_.emplace_back([this] {
-    while (pause_(std::chrono::seconds(5))) watchdog_pass_();
+    const auto period = std::chrono::seconds(std::clamp(failover_after_s_ / 2, 1, 5));
+    while (pause_(period)) watchdog_pass_();
   });
   bool peers;
   {
@@ -474,30 +476,39 @@ void ControllerModule::run_peer_sync_pass_() {
   const auto timeout = std::chrono::seconds(5);
   for (const auto& [key, url] : targets) {
     if (!pause_(std::chrono::milliseconds(0))) return;
+    // 0: unreachable; else the HTTP status (the body parsed into `out`).
     auto fetch = [&](const char* path, Json& out) {
       base::HttpReply r = base::http_get(url, path, headers, timeout);
-      if (!r.transport_ok) {
-        log_->warn("peer sync " + url + path + ": curl: " + r.error);
-        return false;
-      }
-      if (r.status < 200 || r.status >= 300) {
-        if (std::string(path) != "/api/v1/cloud/backends")
-          log_->warn("peer sync " + url + path + ": http " + std::to_string(r.status));
-        return false;
-      }
-      out = base::parse_json(r.body);
-      return !out.is_discarded();
+      if (!r.transport_ok) return 0;
+      if (r.status >= 200 && r.status < 300) out = base::parse_json(r.body);
+      return r.status;
     };
     Json info, workers, modules, backends;
-    if (!fetch("/api/v1/cluster/node-info", info)) {
-      // Unreachable: what was learned from it is no longer true.
+    const int reached = fetch("/api/v1/kernel/modules", modules);
+    {
+      // One line when a peer goes away and one when it is back.
+      std::lock_guard lock(mu_);
+      const bool was_down = unreachable_.count(url) != 0;
+      if (reached == 0 && !was_down) {
+        unreachable_.insert(url);
+        log_->warn("peer sync " + url + ": unreachable — dropping what was learned from it");
+      } else if (reached != 0 && was_down) {
+        unreachable_.erase(url);
+        log_->info("peer sync " + url + ": reachable again");
+      }
+    }
+    if (reached == 0) {
+      // What was learned from it is no longer true.
       workers_->drop_peer(key);
       continue;
     }
-    const std::string peer = text_of(info, "node_id").empty() ? key : text_of(info, "node_id");
+    fetch("/api/v1/cluster/node-info", info);  // served only where a controller runs
+    const std::string peer =
+        info.is_object() && !text_of(info, "node_id").empty() ? text_of(info, "node_id") : key;
     if (peer == ctx_.node_id) continue;
     std::vector<WorkerInfo> learned;
-    if (fetch("/api/v1/workers", workers)) {
+    const bool has_workers = fetch("/api/v1/workers", workers) == 200;
+    if (has_workers) {
       const Json& list =
           workers.is_object() && workers.contains("workers") ? workers["workers"] : workers;
       if (list.is_array()) {
@@ -517,7 +528,7 @@ void ControllerModule::run_peer_sync_pass_() {
         }
       }
     }
-    if (fetch("/api/v1/kernel/modules", modules)) {
+    if (reached == 200) {
       Json mods = Json::array();
       const Json& list =
           modules.is_object() && modules.contains("modules") ? modules["modules"] : modules;
@@ -527,8 +538,7 @@ void ControllerModule::run_peer_sync_pass_() {
           Json one = {{"name", text_of(m, "name")},
                       {"version", text_of(m, "version")},
                       {"state", text_of(m, "state").empty() ? "running" : text_of(m, "state")},
-                      {"url", "http://" + host_of(url) + ":8880"}};
-          one["url"] = url;
+                      {"url", url}};
           one["id"] = text_of(m, "id").empty() ? "synth-" + peer + "-" + text_of(m, "name")
                                                : text_of(m, "id");
           mods.push_back(one);
@@ -537,7 +547,8 @@ void ControllerModule::run_peer_sync_pass_() {
       workers_->replace_peer_modules(peer, mods);
     }
     fetch("/api/v1/cloud/backends", backends);  // imported when a cloud module serves it
-    workers_->replace_peer_workers(peer, std::move(learned));
+    // A peer without a worker registry keeps the workers its registration named.
+    if (has_workers) workers_->replace_peer_workers(peer, std::move(learned));
     std::lock_guard lock(mu_);
     if (auto it = registered_.find(peer); it != registered_.end())
       it->second.last_seen_ms = base::unix_ms();

@@ -153,6 +153,15 @@ std::string html_to_text(const std::string& html, std::string* title) {
   }
   std::string out;
   bool space = false;
+  auto emit = [&](char c) {
+    if (std::isspace(static_cast<unsigned char>(c))) {
+      space = true;
+      return;
+    }
+    if (space && !out.empty()) out += ' ';
+    space = false;
+    out += c;
+  };
   for (std::size_t i = 0; i < html.size();) {
     if (html[i] == '<') {
       for (const char* skip : {"script", "style", "noscript", "head"}) {
@@ -174,7 +183,7 @@ std::string html_to_text(const std::string& html, std::string* title) {
       bool done = false;
       for (const auto& [e, c] : kEntities) {
         if (html.compare(i, std::strlen(e), e) == 0) {
-          out += c;
+          emit(c);
           i += std::strlen(e);
           done = true;
           break;
@@ -182,14 +191,7 @@ std::string html_to_text(const std::string& html, std::string* title) {
       }
       if (done) continue;
     }
-    const char c = html[i++];
-    if (std::isspace(static_cast<unsigned char>(c))) {
-      space = true;
-      continue;
-    }
-    if (space && !out.empty()) out += ' ';
-    space = false;
-    out += c;
+    emit(html[i++]);
   }
   return out;
 }

@@ -415,5 +415,70 @@ TEST(ClusterNodes, JoinPathsAndTornState) {
   EXPECT_FALSE(fs::exists(c.data_dir() / "state" / "cluster.json"));
 }
 
+// The web tools against a loopback site and search service, and the
+// watchdog's promotion when the data primary never shows up.
+TEST(ClusterNodes, WebToolsAndFailoverWatchdog) {
+  httplib::Server site;
+  site.Get("/page", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(
+        "<html><head><title>Gulls &amp; Terns</title><style>p{}</style></head><body><script>"
+        "var x=1;</script><p>Gulls   nest on\n cliffs.</p></body></html>",
+        "text/html");
+  });
+  site.Get("/search", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_content(Json{{"results",
+                          {{{"title", "About " + req.get_param_value("q")},
+                            {"url", "https://example.org/a"},
+                            {"content", "snippet"}}}}}
+                        .dump(),
+                    "application/json");
+  });
+  const int port = site.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { site.listen_after_bind(); });
+  const std::string base = "http://127.0.0.1:" + std::to_string(port);
+
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {"controller"};
+  o.args = {"--config-set", "controller.data_primary=ghost",
+            "--config-set", "controller.data_replica=replica-2",
+            "--config-set", "controller.failover_after_s=1",
+            "--config-set", "controller.web_search_url=" + base};
+  TestNode a(dir.path(), "a", o);
+  ASSERT_TRUE(a.started()) << a.process().err();
+  Answer blocked = a.call("POST", "/api/v1/tools/web_fetch", {{"url", base + "/page"}});
+  EXPECT_EQ(blocked.status, 403) << blocked.text;
+  EXPECT_EQ(blocked.body["error"], "address_not_allowed");
+  EXPECT_EQ(a.call("POST", "/api/v1/tools/web_fetch", {{"url", "file:///etc/passwd"}}).status, 400);
+  Answer searched = a.call("POST", "/api/v1/tools/web_search", {{"query", "sea birds"}});
+  ASSERT_EQ(searched.status, 200) << searched.text;
+  EXPECT_EQ(searched.body["results"][0]["title"], "About sea birds");
+  EXPECT_EQ(a.call("POST", "/api/v1/tools/web_search", Json::object()).status, 400);
+
+  TestNode::Options open = o;
+  open.args = {"--config-set", "controller.allow_private_fetch=true"};
+  TestNode b(dir.path(), "b", open);
+  ASSERT_TRUE(b.started());
+  Answer page = b.call("POST", "/api/v1/tools/web_fetch", {{"url", base + "/page"}});
+  ASSERT_EQ(page.status, 200) << page.text;
+  EXPECT_EQ(page.body["title"], "Gulls & Terns");
+  EXPECT_EQ(page.body["text"], "Gulls nest on cliffs.");
+  EXPECT_EQ(b.call("POST", "/api/v1/tools/web_search", {{"query", "x"}}).body["error"],
+            "web_search_not_configured");
+
+  ASSERT_TRUE(
+      a.process().wait_for_err("watchdog: auto-promoting replica-2 (primary ghost down for", 6s));
+  EXPECT_TRUE(a.process().wait_for_err("watchdog: run_failover_swap_ returned status=501", 1s));
+  Json rows = a.call("GET", "/api/v1/cluster/failovers").body["failovers"];
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0]["primary_was"], "ghost");
+  EXPECT_EQ(rows[0]["replica_promoted"], "replica-2");
+  EXPECT_EQ(rows[0]["failover_id"].get<std::string>().rfind("wfo-", 0), 0u);
+  std::this_thread::sleep_for(2500ms);  // still one: a promotion per outage
+  EXPECT_EQ(a.call("GET", "/api/v1/cluster/failovers").body["failovers"].size(), 1u);
+  site.stop();
+  serving.join();
+}
+
 }  // namespace
 }  // namespace ostrel::testing

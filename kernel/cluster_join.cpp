@@ -168,7 +168,11 @@ void Kernel::start_gossip_() {
     gossip_->set_self_tag("modules", join_names(names, ""));
     gossip_->set_self_tag("cluster", identity_.cluster_id);
     if (gossip_->start()) {
-      logger_.info("gossip mesh started on " + c.bind + " — role=" + roles +
+      std::string bound = c.bind;
+      if (bound.size() > 2 && bound.compare(bound.size() - 2, 2, ":0") == 0) {
+        bound = bound.substr(0, bound.size() - 1) + std::to_string(gossip_->port());
+      }
+      logger_.info("gossip mesh started on " + bound + " — role=" + roles +
                    ", modules=" + join_names(names, ""));
     } else {
       logger_.warn("gossip mesh failed to bind " + c.bind +

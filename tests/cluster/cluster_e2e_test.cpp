@@ -94,12 +94,25 @@ std::string state_of(const TestNode& node, const std::string& member) {
   return "absent";
 }
 
-TestNode::Options gossip_node(int gossip_port, const std::string& seeds,
-                              const std::string& controller = "") {
+// The "host:port" a node's gossip listener is bound to (it binds port 0).
+std::string gossip_address(const TestNode& node) {
+  const Json members = node.call("GET", "/api/v1/cluster/members").body["members"];
+  for (const auto& m : members) {
+    if (m.value("self", false)) return m["address"];
+  }
+  return "";
+}
+
+int gossip_port(const TestNode& node) {
+  const std::string a = gossip_address(node);
+  return a.empty() ? 0 : std::stoi(a.substr(a.rfind(':') + 1));
+}
+
+TestNode::Options gossip_node(const std::string& seeds, const std::string& controller = "") {
   TestNode::Options o;
   o.modules = {"controller", "data"};
   o.env = {{"OSTREL_GOSSIP_ENABLED", "1"},
-           {"OSTREL_GOSSIP_BIND", "127.0.0.1:" + std::to_string(gossip_port)},
+           {"OSTREL_GOSSIP_BIND", "127.0.0.1:0"},
            {"OSTREL_GOSSIP_INTERVAL_MS", "200"},
            {"OSTREL_ULVO_HEARTBEAT_S", "1"}};
   if (!seeds.empty()) o.env["OSTREL_GOSSIP_SEEDS"] = seeds;
@@ -114,8 +127,9 @@ TestNode::Options gossip_node(int gossip_port, const std::string& seeds,
 TEST(ClusterNodes, ThreeFormHealRejoinAndReport) {
   TempDir dir;
   Receiver hooks("0123456789abcdef0123456789abcdef");
-  const int ga = free_port(), gb = free_port(), gc = free_port();
-  TestNode a(dir.path(), "a", gossip_node(ga, ""));
+  TestNode::Options ao = gossip_node("");
+  ao.args = {"--config-set", "controller.sync_interval_s=1"};
+  TestNode a(dir.path(), "a", ao);
   ASSERT_TRUE(a.started()) << a.process().err();
   Answer sub = a.call("POST", "/api/v1/webhooks/subscriptions",
                       {{"url", hooks.url()},
@@ -125,9 +139,10 @@ TEST(ClusterNodes, ThreeFormHealRejoinAndReport) {
   ASSERT_EQ(sub.status, 200) << sub.text;
   EXPECT_EQ(sub.body["subscription_id"].get<std::string>().rfind("wh-", 0), 0u);
 
-  const std::string seed = "127.0.0.1:" + std::to_string(ga);
-  TestNode b(dir.path(), "b", gossip_node(gb, seed, a.url()));
-  auto c = std::make_unique<TestNode>(dir.path(), "c", gossip_node(gc, seed, a.url()));
+  const std::string seed = gossip_address(a);
+  ASSERT_FALSE(seed.empty());
+  TestNode b(dir.path(), "b", gossip_node(seed, a.url()));
+  auto c = std::make_unique<TestNode>(dir.path(), "c", gossip_node(seed, a.url()));
   ASSERT_TRUE(b.started()) << b.process().err();
   ASSERT_TRUE(c->started()) << c->process().err();
   EXPECT_TRUE(b.process().wait_for_err("cluster join successful: cluster_id=", 1s));
@@ -166,6 +181,22 @@ TEST(ClusterNodes, ThreeFormHealRejoinAndReport) {
       EXPECT_EQ(n["url"], b.url());
     }
   }
+
+  // The sync pass has read b's module list (versions come only from there);
+  // discovery and the registration counter know both joiners.
+  EXPECT_TRUE(eventually(
+      [&] {
+        Json t = a.call("GET", "/api/v1/cluster/topology").body;
+        return t["peer_modules"].contains("b") && !t["peer_modules"]["b"].empty() &&
+               t["peer_modules"]["b"][0].contains("version");
+      },
+      5s));
+  Json discovered = a.call("GET", "/api/v1/cluster/discover").body;
+  EXPECT_EQ(discovered["count"], 2) << discovered.dump();
+  EXPECT_NE(
+      a.call("GET", "/metrics").text.find("ostrel_controller_peer_register_total{role=\"all\"}"),
+      std::string::npos);
+  EXPECT_EQ(a.call("DELETE", "/api/v1/cluster/peers/nobody").status, 404);
 
   // The data module's peers are the members: a document on c is found from b.
   ASSERT_EQ(c->call("POST", "/api/v1/vector/ingest",
@@ -221,9 +252,10 @@ TEST(ClusterNodes, ThreeFormHealRejoinAndReport) {
 // malformed gossip; none of it changes the registry or the member table.
 TEST(ClusterNodes, ForgedRegistrationsAndForeignGossipAreRefused) {
   TempDir dir;
-  const int ga = free_port();
-  TestNode a(dir.path(), "a", gossip_node(ga, ""));
+  TestNode a(dir.path(), "a", gossip_node(""));
   ASSERT_TRUE(a.started()) << a.process().err();
+  const int ga = gossip_port(a);
+  ASSERT_GT(ga, 0);
   const std::string secret =
       Json::parse(read_file(a.data_dir() / "state" / "cluster.json"))["cluster_secret"];
   const std::string cid = identity::cluster_id_from_secret(secret);

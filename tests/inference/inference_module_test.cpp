@@ -224,8 +224,10 @@ TEST_F(InferenceNode, QueueOverflowReachesClientsAs507) {
 TEST_F(InferenceNode, EmbeddingsOfflineAndThroughLocalBackends) {
   // An OpenAI-compatible embeddings server on loopback.
   httplib::Server openai;
+  std::mutex seen_mu;  // the server's thread writes, the test reads
   std::string seen_auth, seen_source;
   openai.Post("/v1/embeddings", [&](const httplib::Request& req, httplib::Response& res) {
+    std::lock_guard lock(seen_mu);
     seen_auth = req.get_header_value("Authorization");
     seen_source = req.get_header_value("X-Ostrel-Source");
     res.set_content(R"({"object":"list","data":[{"embedding":[0.5,0.5]}],"model":"e5"})",
@@ -286,8 +288,11 @@ TEST_F(InferenceNode, EmbeddingsOfflineAndThroughLocalBackends) {
   EXPECT_EQ(reg["status"], "registered");
   Json out = post("/v1/inference/embeddings", {{"model", "e5"}, {"input", "x"}}, 200);
   EXPECT_EQ(out["data"][0]["embedding"], Json({0.5, 0.5}));
-  EXPECT_EQ(seen_auth, "Bearer sekret");
-  EXPECT_EQ(seen_source.rfind("eis=", 0), 0u);
+  {
+    std::lock_guard lock(seen_mu);
+    EXPECT_EQ(seen_auth, "Bearer sekret");
+    EXPECT_EQ(seen_source.rfind("eis=", 0), 0u);
+  }
   reg = post("/api/v1/inference/local-backends",
              {{"id", "lan"},
               {"provider", "openai"},

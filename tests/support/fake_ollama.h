@@ -12,23 +12,47 @@
 
 namespace ostrel::testing {
 
+// A setting a test changes while the server's threads read it: assignment
+// and reads take a lock, so the two sides are ordered for ThreadSanitizer
+// too (it cannot see the ordering the request's socket gives them).
+template <typename T>
+class Guarded {
+ public:
+  Guarded(T v = T()) : v_(std::move(v)) {}  // NOLINT: assigned like the plain value
+  Guarded& operator=(T v) {
+    std::lock_guard lock(mu_);
+    v_ = std::move(v);
+    return *this;
+  }
+  T get() const {
+    std::lock_guard lock(mu_);
+    return v_;
+  }
+
+ private:
+  mutable std::mutex mu_;
+  T v_;
+};
+
 // A loopback model server speaking the Ollama protocol: /api/tags lists
 // `models`, /api/chat answers `reply` whole or as NDJSON pieces (one per word,
 // `piece_delay` apart), or fails with `fail_status`. Records every chat body.
 class FakeOllama {
  public:
-  std::vector<std::string> models = {"llama3"};
-  std::string reply = "hello from the model";
-  int fail_status = 0;
-  std::string fail_body = "{\"error\":\"nope\"}";
-  std::chrono::milliseconds piece_delay{0};
-  std::chrono::milliseconds reply_delay{0};  // before a whole (non-streamed) answer
-  int pieces_before_dying = -1;              // >= 0: drop the connection after that many pieces
+  Guarded<std::vector<std::string>> models{std::vector<std::string>{"llama3"}};
+  Guarded<std::string> reply{"hello from the model"};
+  Guarded<int> fail_status{0};
+  Guarded<std::string> fail_body{"{\"error\":\"nope\"}"};
+  Guarded<std::chrono::milliseconds> piece_delay{std::chrono::milliseconds(0)};
+  // Before a whole (non-streamed) answer.
+  Guarded<std::chrono::milliseconds> reply_delay{std::chrono::milliseconds(0)};
+  // >= 0: drop the connection after that many pieces.
+  Guarded<int> pieces_before_dying{-1};
 
   FakeOllama() {
     server_.Get("/api/tags", [this](const httplib::Request&, httplib::Response& res) {
       nlohmann::json list = nlohmann::json::array();
-      for (const auto& m : models) list.push_back({{"name", m}});
+      for (const auto& m : models.get()) list.push_back({{"name", m}});
       res.set_content(nlohmann::json{{"models", list}}.dump(), "application/json");
     });
     server_.Post("/api/chat", [this](const httplib::Request& req, httplib::Response& res) {
@@ -37,26 +61,29 @@ class FakeOllama {
         std::lock_guard lock(mu_);
         bodies_.push_back(body);
       }
-      if (fail_status) {
-        res.status = fail_status;
-        res.set_content(fail_body, "application/json");
+      if (const int failing = fail_status.get()) {
+        res.status = failing;
+        res.set_content(fail_body.get(), "application/json");
         return;
       }
       const std::string model = body.value("model", "");
       if (!body.value("stream", false)) {
-        std::this_thread::sleep_for(reply_delay);
-        res.set_content(nlohmann::json{{"model", model},
-                                       {"message", {{"role", "assistant"}, {"content", reply}}},
-                                       {"done", true},
-                                       {"done_reason", "stop"},
-                                       {"prompt_eval_count", 7},
-                                       {"eval_count", 4}}
-                            .dump(),
-                        "application/json");
+        std::this_thread::sleep_for(reply_delay.get());
+        res.set_content(
+            nlohmann::json{{"model", model},
+                           {"message", {{"role", "assistant"}, {"content", reply.get()}}},
+                           {"done", true},
+                           {"done_reason", "stop"},
+                           {"prompt_eval_count", 7},
+                           {"eval_count", 4}}
+                .dump(),
+            "application/json");
         return;
       }
       res.set_chunked_content_provider(
-          "application/x-ndjson", [this, model](size_t, httplib::DataSink& sink) {
+          "application/x-ndjson",
+          [this, model, reply = reply.get(), piece_delay = piece_delay.get(),
+           pieces_before_dying = pieces_before_dying.get()](size_t, httplib::DataSink& sink) {
             std::vector<std::string> words;
             size_t start = 0;
             while (start < reply.size()) {

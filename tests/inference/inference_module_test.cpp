@@ -29,6 +29,8 @@ class InferenceNode : public ::testing::Test {
                   fs::copy_options::overwrite_existing);
     ::setenv("OSTREL_CONFIG_DIR", (dir_ / "config").c_str(), 1);
     ::setenv("OSTREL_INFERENCE_MODEL_DIR", (dir_ / "models").c_str(), 1);
+    // Set before the node's threads start: they read the environment.
+    ::setenv("TEST_EMBED_KEY", "sekret", 1);
     kernel::KernelConfig cfg;
     cfg.data_dir = (dir_ / "data").string();
     cfg.modules_d = (dir_ / "modules.d").string();
@@ -277,7 +279,6 @@ TEST_F(InferenceNode, EmbeddingsOfflineAndThroughLocalBackends) {
                 .rfind("api_key_env_not_allowed", 0),
             0u);
   // A local backend whose base ends in "/v1/" and one without a suffix reach the same URL.
-  ::setenv("TEST_EMBED_KEY", "sekret", 1);
   Json reg = post("/api/v1/inference/local-backends",
                   {{"id", "lan"},
                    {"provider", "openai"},

@@ -65,10 +65,10 @@ void append_labels(std::string& out, const Labels& labels) {
 }
 
 void append_series(std::string& out, const std::string& pname, const char* suffix,
-                   const Labels& labels, double value) {
+                   const std::string& label_text, double value) {
   out += pname;
   out += suffix;
-  append_labels(out, labels);
+  out += label_text;
   out += ' ';
   obs::append_metric_value(out, value);
   out += '\n';
@@ -382,23 +382,32 @@ std::string Telemetry::to_prometheus() const {
     const std::string pname = prometheus_name(name);
     header(name, pname, " counter\n");
     for (const auto& [labels, counter] : series)
-      append_series(out, pname, "", labels, counter->value());
+      append_series(out, pname, "", label_text_locked_(labels), counter->value());
   }
   for (const auto& [name, series] : gauges_) {
     const std::string pname = prometheus_name(name);
     header(name, pname, " gauge\n");
-    for (const auto& [labels, value] : series) append_series(out, pname, "", labels, value);
+    for (const auto& [labels, value] : series)
+      append_series(out, pname, "", label_text_locked_(labels), value);
   }
   for (const auto& [name, series] : histograms_) {
     const std::string pname = prometheus_name(name);
     header(name, pname, " summary\n");
     for (const auto& [labels, s] : series) {
-      append_series(out, pname, "_sum", labels, s.sum);
-      append_series(out, pname, "_count", labels, static_cast<double>(s.count));
+      append_series(out, pname, "_sum", label_text_locked_(labels), s.sum);
+      append_series(out, pname, "_count", label_text_locked_(labels), static_cast<double>(s.count));
     }
   }
   last_render_size_ = out.size();
   return out;
+}
+
+// Series are never removed, so the text of a label set is rendered once and
+// kept by the address of its key in the series map.
+const std::string& Telemetry::label_text_locked_(const Labels& labels) const {
+  auto [it, fresh] = label_text_.try_emplace(&labels);
+  if (fresh) append_labels(it->second, labels);
+  return it->second;
 }
 
 }  // namespace ostrel::kernel::telemetry

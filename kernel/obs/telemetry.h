@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "kernel/obs/metrics.h"
@@ -86,6 +87,9 @@ class Telemetry {
   std::map<std::string, std::map<Labels, Summary>> histograms_;
   std::map<std::string, std::string> help_;
   mutable std::size_t last_render_size_ = 0;  // guarded by mu_; sizes the next render
+  // Guarded by mu_: the exposition text of each series' label set.
+  mutable std::unordered_map<const Labels*, std::string> label_text_;
+  const std::string& label_text_locked_(const Labels& labels) const;
   std::map<std::string, std::map<Labels, double>> gauges_;
 };
 

@@ -47,6 +47,12 @@ std::string dump_json(const nlohmann::json& value, int indent) {
   return value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+std::string string_field(const nlohmann::json& j, const char* key) {
+  if (!j.is_object()) return "";
+  auto it = j.find(key);
+  return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
 std::vector<std::string> string_list(const nlohmann::json& j, const char* key) {
   std::vector<std::string> out;
   if (!j.is_object()) return out;

@@ -31,6 +31,9 @@ std::string dump_json(const nlohmann::json& value, int indent = -1);
 // member types give nothing).
 std::vector<std::string> string_list(const nlohmann::json& j, const char* key);
 
+// The string at `key` of an object, or "" when it is absent or not a string.
+std::string string_field(const nlohmann::json& j, const char* key);
+
 // A whole file parsed as JSON (discarded when it does not parse); `opened`
 // tells whether the file could be read at all.
 nlohmann::json read_json_file(const std::filesystem::path& path, bool& opened);

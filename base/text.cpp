@@ -114,4 +114,20 @@ bool iequals(std::string_view a, std::string_view b) {
   return true;
 }
 
+std::vector<std::string> split_list(std::string_view text, char sep) {
+  std::vector<std::string> out;
+  std::size_t at = 0;
+  while (at <= text.size()) {
+    const std::size_t end = std::min(text.find(sep, at), text.size());
+    std::string_view item = text.substr(at, end - at);
+    const auto b = item.find_first_not_of(" \t\r\n");
+    if (b != std::string_view::npos) {
+      const auto e = item.find_last_not_of(" \t\r\n");
+      out.emplace_back(item.substr(b, e - b + 1));
+    }
+    at = end + 1;
+  }
+  return out;
+}
+
 }  // namespace ostrel::text

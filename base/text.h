@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Small text helpers for code that writes JSON or headers without pulling in
 // the JSON library (the gateway's hot path, the log sinks).
@@ -29,5 +30,9 @@ std::size_t utf8_sequence_length(std::string_view s);
 
 // ASCII case-insensitive comparison, for header names.
 bool iequals(std::string_view a, std::string_view b);
+
+// The items of a `sep`-separated list, blanks around each trimmed, empty
+// items dropped: " a , ,b," → {"a", "b"}.
+std::vector<std::string> split_list(std::string_view text, char sep = ',');
 
 }  // namespace ostrel::text

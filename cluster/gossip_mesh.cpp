@@ -8,11 +8,11 @@
 #include <condition_variable>
 #include <mutex>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <unordered_map>
 
 #include "base/json.h"
+#include "base/text.h"
 
 namespace ostrel::cluster::gossip {
 namespace {
@@ -103,15 +103,7 @@ bool member_from_json(const Json& j, NodeMember& out) {
   return true;
 }
 
-std::vector<std::string> split_seeds(const std::string& text) {
-  std::vector<std::string> out;
-  std::stringstream ss(text);
-  for (std::string item; std::getline(ss, item, ',');) {
-    const auto b = item.find_first_not_of(" \t"), e = item.find_last_not_of(" \t");
-    if (b != std::string::npos) out.push_back(item.substr(b, e - b + 1));
-  }
-  return out;
-}
+std::vector<std::string> split_seeds(const std::string& list) { return text::split_list(list); }
 
 struct GossipMesh::Impl {
   Config cfg;

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "base/http_client.h"
 #include "base/json.h"
+#include "base/text.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::data {
@@ -16,12 +16,8 @@ using Json = nlohmann::json;
 
 std::vector<std::string> split_urls(const std::string& text) {
   std::vector<std::string> out;
-  std::stringstream ss(text);
-  std::string item;
-  while (std::getline(ss, item, ',')) {
-    auto b = item.find_first_not_of(" \t"), e = item.find_last_not_of(" \t");
-    if (b == std::string::npos) continue;
-    std::string url = normalise_peer_url(item.substr(b, e - b + 1));
+  for (const auto& item : text::split_list(text)) {
+    std::string url = normalise_peer_url(item);
     if (!url.empty() && std::find(out.begin(), out.end(), url) == out.end()) out.push_back(url);
   }
   return out;

@@ -77,10 +77,7 @@ bool check_username(const std::string& name, Response& res) {
   return true;
 }
 
-std::string text_of(const Json& body, const char* key) {
-  auto it = body.find(key);
-  return it != body.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
+using base::string_field;
 
 // The request's API key: "X-API-Key", else a bearer credential that is one.
 std::string api_key_of(const Request& req) {
@@ -106,13 +103,15 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (unavailable(ctx, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    const std::string username = text_of(body, "username"), password = text_of(body, "password");
+    const std::string username = string_field(body, "username"),
+                      password = string_field(body, "password");
     if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
     if (password.empty()) return reply(res, {{"error", "password required"}}, 400);
     if (!check_username(username, res)) return;
     if (password.size() > kMaxPassword) return reply(res, {{"error", "password too long"}}, 400);
-    std::string role = text_of(body, "role"), account_type = text_of(body, "account_type");
-    std::string tenant = text_of(body, "tenant_id");
+    std::string role = string_field(body, "role"),
+                account_type = string_field(body, "account_type");
+    std::string tenant = string_field(body, "tenant_id");
     if (role.empty()) role = "viewer";
     if (account_type.empty()) account_type = "human";
     std::string via = "first_user";
@@ -121,7 +120,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       // The first user needs no permission; two racing for it: one wins, the
       // other goes through the allowlist like everyone after it.
       r = ctx.users->register_user(username, password, role, account_type, tenant,
-                                   text_of(body, "display_name"), "{}", true);
+                                   string_field(body, "display_name"), "{}", true);
     }
     if (!r && (r.error.empty() || r.error == "store_not_empty")) {
       if (admin_key(ctx, req)) {
@@ -146,7 +145,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
         role = "viewer";
       }
       r = ctx.users->register_user(username, password, role, account_type, tenant,
-                                   text_of(body, "display_name"));
+                                   string_field(body, "display_name"));
     }
     if (!r) return reply(res, {{"error", r.error}}, status_of(r.error));
     if (ctx.log_info)
@@ -168,7 +167,8 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (unavailable(ctx, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    const std::string username = text_of(body, "username"), password = text_of(body, "password");
+    const std::string username = string_field(body, "username"),
+                      password = string_field(body, "password");
     if (username.empty() || password.empty()) {
       return reply(res, {{"error", "username and password required"}}, 400);
     }
@@ -210,7 +210,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (unavailable(ctx, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    const std::string username = text_of(body, "username");
+    const std::string username = string_field(body, "username");
     if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
     if (auto u = ctx.users->find_by_username(username)) {
       Json settings = base::parse_json(ctx.users->get_settings(u->user_id).value_or("{}"));
@@ -235,8 +235,9 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (unavailable(ctx, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    const std::string username = text_of(body, "username"), token = text_of(body, "token"),
-                      password = text_of(body, "password");
+    const std::string username = string_field(body, "username"),
+                      token = string_field(body, "token"),
+                      password = string_field(body, "password");
     if (username.empty() || token.empty() || password.empty()) {
       return reply(res, {{"error", "username, token, and password required"}}, 400);
     }
@@ -298,7 +299,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
       Json body;
       if (!base::parse_object_body(req, res, body)) return;
-      std::string entry = text_of(body, l.email ? "email" : "domain");
+      std::string entry = string_field(body, l.email ? "email" : "domain");
       for (char& c : entry) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       if (entry.empty() || entry.size() > kMaxUsername) {
         return reply(res, {{"error", std::string(l.email ? "email" : "domain") + " required"}},
@@ -310,7 +311,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       if (!l.email && entry.find('@') != std::string::npos) {
         return reply(res, {{"error", "domain must be bare host (no @)"}}, 400);
       }
-      const std::string tenant = text_of(body, "tenant_id");
+      const std::string tenant = string_field(body, "tenant_id");
       const std::string by = req.user_id.empty() ? req.token_id : req.user_id;
       const std::string e = l.email ? ctx.users->add_email(entry, tenant, by)
                                     : ctx.users->add_domain(entry, tenant, by);
@@ -362,9 +363,10 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       return reply(res, {{"error", "forbidden"}}, 403);
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    if (text_of(body, "action") != "set_password")
+    if (string_field(body, "action") != "set_password")
       return reply(res, {{"error", "unknown_action"}}, 400);
-    const std::string user_id = text_of(body, "user_id"), password = text_of(body, "password");
+    const std::string user_id = string_field(body, "user_id"),
+                      password = string_field(body, "password");
     if (user_id.empty() || password.empty())
       return reply(res, {{"error", "user_id and password required"}}, 400);
     if (!ctx.users || !ctx.users->is_open())

@@ -66,11 +66,10 @@ std::string random_suffix() {
   return out;
 }
 
+// A positive whole number, else `fallback`.
 std::int64_t setting(const kernel::ConfigView& cfg, const std::string& key, std::int64_t fallback) {
-  std::string v = cfg.get(key, "");
-  char* end = nullptr;
-  long long n = std::strtoll(v.c_str(), &end, 10);
-  return (v.empty() || *end != '\0' || n <= 0) ? fallback : n;
+  const std::int64_t n = cfg.get_int(key, fallback);
+  return n > 0 ? n : fallback;
 }
 
 std::string file_type(const fs::path& p) {

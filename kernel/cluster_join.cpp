@@ -7,6 +7,7 @@
 #include "base/http_client.h"
 #include "base/json.h"
 #include "base/reply.h"
+#include "base/text.h"
 #include "cluster/gossip_mesh.h"
 #include "identity/node_token.h"
 #include "kernel/kernel.h"
@@ -24,11 +25,6 @@ bool env_truthy(const char* name) {
   return s == "1" || s == "true" || s == "TRUE" || s == "yes";
 }
 
-std::string trim(const std::string& s) {
-  const auto b = s.find_first_not_of(" \t\r\n"), e = s.find_last_not_of(" \t\r\n");
-  return b == std::string::npos ? "" : s.substr(b, e - b + 1);
-}
-
 std::string join_names(const std::vector<std::string>& names, const std::string& none) {
   std::string out;
   for (const auto& n : names) out += (out.empty() ? "" : ",") + n;
@@ -38,8 +34,9 @@ std::string join_names(const std::vector<std::string>& names, const std::string&
 }  // namespace
 
 bool Kernel::join_cluster_(const std::string& peers) {
-  std::string first = peers.substr(0, peers.find(','));
-  first = trim(first);
+  const std::string list = peers.substr(0, peers.find(','));
+  const auto items = text::split_list(list);
+  std::string first = items.empty() ? "" : items[0];
   while (!first.empty() && first.back() == '/') first.pop_back();
   if (first.empty()) {
     logger_.error("join_cluster: no valid peer URL in OSTREL_ULVO_PEERS");
@@ -125,9 +122,8 @@ void Kernel::start_gossip_() {
   } else {
     gossip::GossipMesh::Config c;
     c.self_id = config_.node_id;
-    c.bind = std::getenv("OSTREL_GOSSIP_BIND") && *std::getenv("OSTREL_GOSSIP_BIND")
-                 ? std::getenv("OSTREL_GOSSIP_BIND")
-                 : "0.0.0.0:7946";
+    const char* bind = std::getenv("OSTREL_GOSSIP_BIND");
+    c.bind = bind && *bind ? bind : "0.0.0.0:7946";
     const char* advertise = std::getenv("OSTREL_GOSSIP_ADVERTISE");
     c.self_address = advertise && *advertise ? advertise : c.bind;
     if (const char* s = std::getenv("OSTREL_GOSSIP_SEEDS")) c.seeds = gossip::split_seeds(s);
@@ -210,15 +206,9 @@ nlohmann::json Kernel::members_json_() const {
   Json list = Json::array();
   if (!gossip_) return {{"enabled", false}, {"members", list}, {"count", 0}};
   for (const auto& m : gossip_->members()) {
-    Json mods = Json::array();
-    std::string text = m.tags.count("modules") ? m.tags.at("modules") : "";
-    for (std::size_t at = 0; at < text.size();) {
-      const auto comma = text.find(',', at);
-      const std::string one = text.substr(at, comma == std::string::npos ? comma : comma - at);
-      if (!one.empty()) mods.push_back(one);
-      if (comma == std::string::npos) break;
-      at = comma + 1;
-    }
+    const auto modules = m.tags.find("modules");
+    const Json mods =
+        modules == m.tags.end() ? Json::array() : Json(text::split_list(modules->second));
     Json tags = Json::object();
     for (const auto& [k, v] : m.tags) tags[k] = v;
     list.push_back({{"id", m.id},

@@ -1,4 +1,6 @@
 #include "kernel/config_view.h"
+#include <cctype>
+#include <cerrno>
 
 #include <cstdlib>
 
@@ -9,6 +11,21 @@ namespace ostrel::kernel {
 std::string ConfigView::get(const std::string& key, const std::string& fallback) const {
   auto it = values_.find(key);
   return it == values_.end() ? fallback : it->second;
+}
+
+std::int64_t ConfigView::get_int(const std::string& key, std::int64_t fallback) const {
+  const std::string v = get(key, "");
+  char* end = nullptr;
+  errno = 0;
+  const long long n = std::strtoll(v.c_str(), &end, 10);
+  return v.empty() || *end != '\0' || errno == ERANGE ? fallback : n;
+}
+
+bool ConfigView::get_bool(const std::string& key, bool fallback) const {
+  std::string v = get(key, "");
+  if (v.empty()) return fallback;
+  for (char& c : v) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return v == "1" || v == "true" || v == "yes";
 }
 
 namespace config_overlay {

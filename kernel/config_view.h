@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,6 +17,10 @@ class ConfigView {
 
   // The stored value (possibly empty), or `fallback` when the key is absent.
   std::string get(const std::string& key, const std::string& fallback = "") const;
+  // A whole number, or `fallback` when the key is absent, empty or not one.
+  std::int64_t get_int(const std::string& key, std::int64_t fallback) const;
+  // "1", "true" or "yes" (any case) → true; absent or empty → `fallback`.
+  bool get_bool(const std::string& key, bool fallback) const;
   bool has(const std::string& key) const { return values_.count(key) != 0; }
   void set(const std::string& key, std::string value) { values_[key] = std::move(value); }
   const std::unordered_map<std::string, std::string>& values() const { return values_; }

@@ -15,13 +15,7 @@ namespace {
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
 
-std::string text_of(const Json& j, const char* key) {
-  auto it = j.find(key);
-  if (it == j.end()) return "";
-  if (it->is_string()) return it->get<std::string>();
-  if (it->is_null()) return "";
-  return it->dump();
-}
+using base::string_field;
 
 double number_of(const Json& j, const char* key, double fallback = 0) {
   auto it = j.find(key);
@@ -65,13 +59,13 @@ class VectorSource : public KernelSearchSource {
       if (out.size() >= limit) break;
       Hit hit;
       hit.source_kind = "vector";
-      hit.id = text_of(h, "id");
-      hit.snippet = h.contains("text") ? text_of(h, "text") : text_of(h, "content");
-      hit.title = text_of(h, "source").empty() ? hit.id : text_of(h, "source");
+      hit.id = string_field(h, "id");
+      hit.snippet = h.contains("text") ? string_field(h, "text") : string_field(h, "content");
+      hit.title = string_field(h, "source").empty() ? hit.id : string_field(h, "source");
       hit.score = number_of(h, "score");
       hit.uri = "vector:///" + ns + "/" + hit.id;
       for (const char* key : {"source", "chunk_index", "peer", "backend"}) {
-        if (h.contains(key)) hit.metadata[key] = text_of(h, key);
+        if (h.contains(key)) hit.metadata[key] = string_field(h, key);
       }
       out.push_back(std::move(hit));
     }
@@ -103,15 +97,15 @@ class MemorySource : public KernelSearchSource {
       if (out.size() >= limit) break;
       Hit hit;
       hit.source_kind = "qmm";
-      hit.id = text_of(h, "key");
+      hit.id = string_field(h, "key");
       hit.title = hit.id;
-      hit.snippet = text_of(h, "value");
+      hit.snippet = string_field(h, "value");
       hit.score = h.contains("score") ? number_of(h, "score") : confidence;
       hit.ts_unix_ms = static_cast<std::int64_t>(number_of(h, "ts_unix_ms"));
-      const std::string hit_ns = h.contains("namespace") ? text_of(h, "namespace") : ns;
+      const std::string hit_ns = h.contains("namespace") ? string_field(h, "namespace") : ns;
       hit.uri = "qmm:///" + hit_ns + "/" + hit.id;
       hit.metadata["matrix"] = matrix ? "true" : "false";
-      if (h.contains("via")) hit.metadata["via"] = text_of(h, "via");
+      if (h.contains("via")) hit.metadata["via"] = string_field(h, "via");
       out.push_back(std::move(hit));
     }
     return out;
@@ -141,14 +135,14 @@ class CommSource : public KernelSearchSource {
       if (out.size() >= limit) break;
       Hit hit;
       hit.source_kind = "comm";
-      hit.id = text_of(m, "id");
-      const std::string subject = text_of(m, "subject");
-      hit.title = text_of(m, "from") + ": " + (subject.empty() ? "(no subject)" : subject);
-      hit.snippet = text_of(m, "body");
+      hit.id = string_field(m, "id");
+      const std::string subject = string_field(m, "subject");
+      hit.title = string_field(m, "from") + ": " + (subject.empty() ? "(no subject)" : subject);
+      hit.snippet = string_field(m, "body");
       hit.score = number_of(m, "score");
       hit.ts_unix_ms = static_cast<std::int64_t>(number_of(m, "ts_unix_ms"));
       hit.uri = "comm://" + hit.id;
-      hit.metadata["protocol"] = text_of(m, "protocol");
+      hit.metadata["protocol"] = string_field(m, "protocol");
       out.push_back(std::move(hit));
     }
     return out;
@@ -177,17 +171,17 @@ class ArtifactSource : public KernelSearchSource {
       bool opened = false;
       Json meta = base::read_json_file(it->path(), opened);
       if (!meta.is_object()) continue;
-      const std::string title = text_of(meta, "title");
-      const std::string description = text_of(meta, "description");
+      const std::string title = string_field(meta, "title");
+      const std::string description = string_field(meta, "description");
       if (!icontains(title, q.text) && !icontains(description, q.text)) continue;
       Hit hit;
       hit.source_kind = "artifact";
-      hit.id = meta.contains("id") ? text_of(meta, "id") : name.substr(0, name.size() - 10);
+      hit.id = meta.contains("id") ? string_field(meta, "id") : name.substr(0, name.size() - 10);
       hit.title = title;
       hit.snippet = description;
       hit.score = icontains(title, q.text) ? 0.6 : 0.5;
       hit.uri = "artifact://" + hit.id;
-      hit.metadata["size_bytes"] = text_of(meta, "size_bytes");
+      hit.metadata["size_bytes"] = string_field(meta, "size_bytes");
       out.push_back(std::move(hit));
     }
     return out;
@@ -213,13 +207,14 @@ class ScienceSource : public KernelSearchSource {
       if (out.size() >= limit) break;
       Hit hit;
       hit.source_kind = "science";
-      hit.id = text_of(r, "id");
-      hit.title = text_of(r, "title");
-      hit.snippet = r.contains("abstract") ? text_of(r, "abstract") : text_of(r, "summary");
+      hit.id = string_field(r, "id");
+      hit.title = string_field(r, "title");
+      hit.snippet =
+          r.contains("abstract") ? string_field(r, "abstract") : string_field(r, "summary");
       hit.score = number_of(r, "score");
       hit.uri = "science://" + hit.id;
       for (const char* key : {"authors", "url", "source", "upstream"}) {
-        if (r.contains(key)) hit.metadata[key] = text_of(r, key);
+        if (r.contains(key)) hit.metadata[key] = string_field(r, key);
       }
       out.push_back(std::move(hit));
     }
@@ -243,18 +238,19 @@ class SwarmSource : public KernelSearchSource {
     if (!list.is_array()) return out;
     for (const auto& s : list) {
       if (out.size() >= limit) break;
-      if (!icontains(text_of(s, "name"), q.text) && !icontains(text_of(s, "goal"), q.text)) {
+      if (!icontains(string_field(s, "name"), q.text) &&
+          !icontains(string_field(s, "goal"), q.text)) {
         continue;
       }
       Hit hit;
       hit.source_kind = "swarm";
-      hit.id = text_of(s, "id");
-      hit.title = text_of(s, "name");
-      hit.snippet = text_of(s, "goal");
+      hit.id = string_field(s, "id");
+      hit.title = string_field(s, "name");
+      hit.snippet = string_field(s, "goal");
       hit.score = 0.5;
       hit.uri = "swarm:///" + hit.id;
-      hit.metadata["topology"] = text_of(s, "topology");
-      hit.metadata["agent_count"] = text_of(s, "agent_count");
+      hit.metadata["topology"] = string_field(s, "topology");
+      hit.metadata["agent_count"] = string_field(s, "agent_count");
       out.push_back(std::move(hit));
     }
     return out;
@@ -277,16 +273,18 @@ class TrainingSource : public KernelSearchSource {
     if (!list.is_array()) return out;
     for (const auto& j : list) {
       if (out.size() >= limit) break;
-      if (!icontains(text_of(j, "name"), q.text) && !icontains(text_of(j, "base_model"), q.text) &&
-          !icontains(text_of(j, "method"), q.text)) {
+      if (!icontains(string_field(j, "name"), q.text) &&
+          !icontains(string_field(j, "base_model"), q.text) &&
+          !icontains(string_field(j, "method"), q.text)) {
         continue;
       }
       Hit hit;
       hit.source_kind = "training";
-      hit.id = text_of(j, "id");
-      hit.title = text_of(j, "name");
-      hit.snippet = "method=" + text_of(j, "method") + ", base=" + text_of(j, "base_model") +
-                    ", backend=" + text_of(j, "backend") + ", state=" + text_of(j, "state");
+      hit.id = string_field(j, "id");
+      hit.title = string_field(j, "name");
+      hit.snippet =
+          "method=" + string_field(j, "method") + ", base=" + string_field(j, "base_model") +
+          ", backend=" + string_field(j, "backend") + ", state=" + string_field(j, "state");
       hit.score = 0.5;
       hit.uri = "training:///jobs/" + hit.id;
       out.push_back(std::move(hit));
@@ -336,7 +334,7 @@ class FileSource : public KernelSearchSource {
       if (answer && answer->contains("objects") && (*answer)["objects"].is_array()) {
         for (const auto& o : (*answer)["objects"]) {
           if (out.size() >= limit) break;
-          const std::string path = text_of(o, "path");
+          const std::string path = string_field(o, "path");
           if (icontains(path, q.text)) {
             add(path, static_cast<std::uint64_t>(number_of(o, "size_bytes")));
           }

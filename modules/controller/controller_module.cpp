@@ -5,7 +5,6 @@
 // delivered to webhook subscribers; a watchdog promotes a data replica when
 // the primary stays down.
 #include <atomic>
-#include <cctype>
 #include <condition_variable>
 #include <filesystem>
 #include <map>
@@ -24,6 +23,7 @@
 #include "base/names.h"
 #include "base/reply.h"
 #include "base/sqlite.h"
+#include "base/text.h"
 #include "identity/node_token.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
@@ -46,45 +46,11 @@ using kernel::Response;
 
 constexpr identity::SourceCode kControllerSource{0x0a, 0x01};
 
-std::string text_of(const Json& j, const char* key) {
-  auto it = j.find(key);
-  return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
-
 // The host of "http(s)://host[:port][/…]", or "".
 std::string host_of(const std::string& url) {
   static const std::regex re(R"(^https?://([^:/]+)(?::\d+)?(?:/.*)?$)");
   std::smatch m;
   return std::regex_match(url, m, re) ? m[1].str() : "";
-}
-
-std::int64_t int_setting(const kernel::ConfigView& cfg, const std::string& key,
-                         std::int64_t fallback) {
-  try {
-    const std::string v = cfg.get(key, "");
-    return v.empty() ? fallback : std::stoll(v);
-  } catch (...) {
-    return fallback;
-  }
-}
-
-bool bool_setting(const kernel::ConfigView& cfg, const std::string& key) {
-  const std::string v = cfg.get(key, "");
-  return v == "1" || v == "true" || v == "yes";
-}
-
-std::string percent_decode(const std::string& in) {
-  std::string out;
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    if (in[i] == '%' && i + 2 < in.size() && std::isxdigit(static_cast<unsigned char>(in[i + 1])) &&
-        std::isxdigit(static_cast<unsigned char>(in[i + 2]))) {
-      out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else {
-      out += in[i];
-    }
-  }
-  return out;
 }
 
 bool loopback_host(const std::string& host) {
@@ -180,10 +146,9 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
   dir_ = data_dir_ / "controller";
   std::error_code ec;
   fs::create_directories(dir_, ec);
-  sync_interval_s_ = std::max(1, static_cast<int>(int_setting(*ctx.config, "sync_interval_s", 10)));
-  stale_after_s_ = std::max(1, static_cast<int>(int_setting(*ctx.config, "stale_after_s", 90)));
-  failover_after_s_ =
-      std::max(1, static_cast<int>(int_setting(*ctx.config, "failover_after_s", 120)));
+  sync_interval_s_ = std::max(1, static_cast<int>(ctx.config->get_int("sync_interval_s", 10)));
+  stale_after_s_ = std::max(1, static_cast<int>(ctx.config->get_int("stale_after_s", 90)));
+  failover_after_s_ = std::max(1, static_cast<int>(ctx.config->get_int("failover_after_s", 120)));
   data_primary_ = ctx.config->get("data_primary", "");
   data_replica_ = ctx.config->get("data_replica", "");
   join_token_ = ctx.config->get("join_token", "");
@@ -191,12 +156,12 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
     join_token_ = t;
   }
   web_.configure(ctx.config->get("web_search_url", ""),
-                 bool_setting(*ctx.config, "allow_private_fetch"));
+                 ctx.config->get_bool("allow_private_fetch", false));
 
   workers_ = std::make_unique<WorkerRegistry>(
       dir_ / "workers.json", [this](const std::string& line) { log_->info(line); });
   Webhooks::Options wo;
-  wo.retry_pause_ms = static_cast<int>(int_setting(*ctx.config, "webhook_retry_pause_ms", 500));
+  wo.retry_pause_ms = static_cast<int>(ctx.config->get_int("webhook_retry_pause_ms", 500));
   webhooks_ =
       std::make_unique<Webhooks>(wo, [this](const std::string& level, const std::string& l) {
         level == "warn" ? log_->warn(l) : log_->info(l);
@@ -221,14 +186,9 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
   // Configured peers: the setting, then what administrators added.
   bool opened = false;
   Json saved = base::read_json_file(dir_ / "peers.json", opened);
-  std::string configured = ctx.config->get("peers", "");
-  for (std::size_t at = 0; at <= configured.size();) {
-    const auto comma = configured.find(',', at);
-    std::string one = configured.substr(at, comma == std::string::npos ? comma : comma - at);
-    one = base::normalise_base_url(one);
-    if (!one.empty() && !host_of(one).empty()) peer_urls_.push_back(one);
-    if (comma == std::string::npos) break;
-    at = comma + 1;
+  for (const auto& item : text::split_list(ctx.config->get("peers", ""))) {
+    const std::string one = base::normalise_base_url(item);
+    if (!host_of(one).empty()) peer_urls_.push_back(one);
   }
   if (saved.is_array()) {
     for (const auto& p : saved) {
@@ -324,14 +284,14 @@ void ControllerModule::publish_topology_change_(const std::string& reason,
 
 void ControllerModule::handle_join_(const Request& req, Response& res) {
   Json body = base::parse_json(req.body);
-  const std::string node_id = body.is_object() ? text_of(body, "node_id") : "";
+  const std::string node_id = body.is_object() ? base::string_field(body, "node_id") : "";
   if (node_id.empty()) return reply(res, {{"error", "missing node_id"}}, 400);
   std::string why;
   if (!base::safe_name(node_id, why, 128))
     return reply(res, {{"error", "invalid node_id"}, {"message", why}}, 400);
   if (!join_token_.empty()) {
     std::string presented = req.header("X-Ostrel-Join-Token");
-    if (presented.empty()) presented = text_of(body, "join_token");
+    if (presented.empty()) presented = base::string_field(body, "join_token");
     if (!base::constant_time_equal(presented, join_token_)) {
       log_->warn("cluster join refused: wrong or missing join token from " + node_id + " at " +
                  req.client_addr);
@@ -344,13 +304,13 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
     std::lock_guard lock(join_mu_);
     bool opened = false;
     state = base::read_json_file(file, opened);
-    const std::string secret = state.is_object() ? text_of(state, "cluster_secret") : "";
+    const std::string secret = state.is_object() ? base::string_field(state, "cluster_secret") : "";
     if (secret.empty()) return reply(res, {{"error", "cluster_secret_not_initialized"}}, 503);
     if (!state.contains("registered_nodes") || !state["registered_nodes"].is_object())
       state["registered_nodes"] = Json::object();
     const std::string now = base::utc_text();
     Json& entry = state["registered_nodes"][node_id];
-    const std::string first = entry.is_object() ? text_of(entry, "joined_at") : "";
+    const std::string first = entry.is_object() ? base::string_field(entry, "joined_at") : "";
     entry = {{"node_id", node_id}, {"joined_at", first.empty() ? now : first}, {"last_seen", now}};
     std::string error;
     if (!base::write_file_atomically(file, state.dump(2) + "\n", error)) {
@@ -370,12 +330,13 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
   auto& t = kernel::telemetry::Telemetry::instance();
   Json body = base::parse_json(req.body);
   if (!body.is_object()) body = Json::object();
-  const std::string node = text_of(body, "node_id"), token = text_of(body, "token");
+  const std::string node = base::string_field(body, "node_id"),
+                    token = base::string_field(body, "token");
   if (node.empty() || token.empty()) {
     t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
     return reply(res, {{"error", "missing node_id or token"}}, 400);
   }
-  const std::string theirs = text_of(body, "cluster_id");
+  const std::string theirs = base::string_field(body, "cluster_id");
   if (theirs != ctx_.cluster_id) {
     log_->warn("cluster register rejected: cluster_id mismatch from " + node.substr(0, 128) +
                " (theirs=" + theirs.substr(0, 64) + ", ours=" + ctx_.cluster_id + ")");
@@ -398,7 +359,7 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
     return reply(res, {{"error", "invalid_node_token"}}, 401);
   }
   log_->info("cluster register: node " + node + " authenticated");
-  std::string url = text_of(body, "url");
+  std::string url = base::string_field(body, "url");
   const std::string host = host_of(url);
   if (host.empty() || loopback_host(host)) {
     // Reachable at the address it called from.
@@ -503,8 +464,9 @@ void ControllerModule::run_peer_sync_pass_() {
       continue;
     }
     fetch("/api/v1/cluster/node-info", info);  // served only where a controller runs
-    const std::string peer =
-        info.is_object() && !text_of(info, "node_id").empty() ? text_of(info, "node_id") : key;
+    const std::string peer = info.is_object() && !base::string_field(info, "node_id").empty()
+                                 ? base::string_field(info, "node_id")
+                                 : key;
     if (peer == ctx_.node_id) continue;
     std::vector<WorkerInfo> learned;
     const bool has_workers = fetch("/api/v1/workers", workers) == 200;
@@ -514,15 +476,16 @@ void ControllerModule::run_peer_sync_pass_() {
       if (list.is_array()) {
         for (const auto& w : list) {
           if (!w.is_object()) continue;
-          const std::string wid = text_of(w, "id");
+          const std::string wid = base::string_field(w, "id");
           if (wid.empty() || wid.rfind("peer:", 0) == 0) continue;  // not theirs to tell
           WorkerInfo x;
           x.id = "peer:" + peer + "/" + wid;
-          x.worker_type = text_of(w, "worker_type");
-          x.url = text_of(w, "url");
+          x.worker_type = base::string_field(w, "worker_type");
+          x.url = base::string_field(w, "url");
           x.node_id = peer;
           x.local = false;
-          x.state = text_of(w, "state").empty() ? "healthy" : text_of(w, "state");
+          x.state =
+              base::string_field(w, "state").empty() ? "healthy" : base::string_field(w, "state");
           x.last_heartbeat_ms = base::unix_ms();
           learned.push_back(std::move(x));
         }
@@ -535,12 +498,15 @@ void ControllerModule::run_peer_sync_pass_() {
       if (list.is_array()) {
         for (const auto& m : list) {
           if (!m.is_object()) continue;
-          Json one = {{"name", text_of(m, "name")},
-                      {"version", text_of(m, "version")},
-                      {"state", text_of(m, "state").empty() ? "running" : text_of(m, "state")},
-                      {"url", url}};
-          one["id"] = text_of(m, "id").empty() ? "synth-" + peer + "-" + text_of(m, "name")
-                                               : text_of(m, "id");
+          Json one = {
+              {"name", base::string_field(m, "name")},
+              {"version", base::string_field(m, "version")},
+              {"state",
+               base::string_field(m, "state").empty() ? "running" : base::string_field(m, "state")},
+              {"url", url}};
+          one["id"] = base::string_field(m, "id").empty()
+                          ? "synth-" + peer + "-" + base::string_field(m, "name")
+                          : base::string_field(m, "id");
           mods.push_back(one);
         }
       }
@@ -574,7 +540,7 @@ Json ControllerModule::topology_(bool is_public) {
   Json self_modules = Json::array();
   {
     std::lock_guard lock(mu_);
-    for (const auto& m : modules_ready_) self_modules.push_back(text_of(m, "id"));
+    for (const auto& m : modules_ready_) self_modules.push_back(base::string_field(m, "id"));
     nodes.push_back({{"node_id", ctx_.node_id},
                      {"url", local_url_()},
                      {"role", "controller"},
@@ -620,7 +586,8 @@ void ControllerModule::watchdog_pass_() {
   }
   bool gossip_alive = false;
   for (const auto& m : gossip_members_()) {
-    if (text_of(m, "id") == data_primary_ && text_of(m, "state") == "alive") gossip_alive = true;
+    if (base::string_field(m, "id") == data_primary_ && base::string_field(m, "state") == "alive")
+      gossip_alive = true;
   }
   const std::int64_t now = base::unix_ms();
   const bool up = gossip_alive || (last > 0 && now - last <= stale_after_s_ * 1000LL);
@@ -744,7 +711,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     Json mods = Json::array();
     {
       std::lock_guard lock(mu_);
-      for (const auto& m : modules_ready_) mods.push_back(text_of(m, "id"));
+      for (const auto& m : modules_ready_) mods.push_back(base::string_field(m, "id"));
     }
     reply(res, {{"node_id", ctx_.node_id},
                 {"cluster_id", ctx_.cluster_id},
@@ -759,10 +726,10 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     std::set<std::string> seen;
     for (const auto& m : gossip_members_()) {
       if (m.value("self", false)) continue;
-      seen.insert(text_of(m, "id"));
-      nodes.push_back({{"node_id", text_of(m, "id")},
-                       {"url", text_of(m, "url")},
-                       {"state", text_of(m, "state")},
+      seen.insert(base::string_field(m, "id"));
+      nodes.push_back({{"node_id", base::string_field(m, "id")},
+                       {"url", base::string_field(m, "url")},
+                       {"state", base::string_field(m, "state")},
                        {"source", "gossip"}});
     }
     std::lock_guard lock(mu_);
@@ -784,7 +751,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     if (!kernel::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    const std::string url = base::normalise_base_url(text_of(body, "url"));
+    const std::string url = base::normalise_base_url(base::string_field(body, "url"));
     if (host_of(url).empty())
       return reply(
           res, {{"error", "invalid_url"}, {"message", "url must be http(s)://host[:port]"}}, 400);
@@ -798,7 +765,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("DELETE", "/api/v1/cluster/peers/*", [this](const Request& req, Response& res) {
     if (!kernel::require_admin(req, res)) return;
     std::string which = req.path.substr(std::string("/api/v1/cluster/peers/").size());
-    which = percent_decode(which);
+    // The server has already decoded the path ("http%3A%2F%2F…" arrives as a URL).
     const std::string url = base::normalise_base_url(which);
     bool removed = false;
     {
@@ -822,7 +789,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("POST", "/api/v1/tools/web_fetch", [this](const Request& req, Response& res) {
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    auto a = web_.fetch(text_of(body, "url"));
+    auto a = web_.fetch(base::string_field(body, "url"));
     reply(res, a.body, a.status);
   });
   gw.route("POST", "/api/v1/tools/web_search", [this](const Request& req, Response& res) {
@@ -831,7 +798,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     const int n = body.contains("max_results") && body["max_results"].is_number_integer()
                       ? body["max_results"].get<int>()
                       : 5;
-    auto a = web_.search(text_of(body, "query"), n);
+    auto a = web_.search(base::string_field(body, "query"), n);
     reply(res, a.body, a.status);
   });
 
@@ -907,15 +874,14 @@ void ControllerModule::register_syscalls(kernel::SyscallTable& table) {
   table.register_syscall(kControllerSource, "controller.topology", [this](std::string_view) {
     return kernel::SyscallResult::ok(base::dump_json(topology_(false)));
   });
-  table.register_syscall(kControllerSource, "controller.webhooks.enqueue",
-                         [this](std::string_view args) {
-                           Json a = base::parse_json(args);
-                           const std::string event = a.is_object() ? text_of(a, "event") : "";
-                           if (event.empty())
-                             return kernel::SyscallResult::failure("missing event");
-                           webhooks_->enqueue_event(event, a.value("payload", Json::object()));
-                           return kernel::SyscallResult::ok(R"({"status":"queued"})");
-                         });
+  table.register_syscall(
+      kControllerSource, "controller.webhooks.enqueue", [this](std::string_view args) {
+        Json a = base::parse_json(args);
+        const std::string event = a.is_object() ? base::string_field(a, "event") : "";
+        if (event.empty()) return kernel::SyscallResult::failure("missing event");
+        webhooks_->enqueue_event(event, a.value("payload", Json::object()));
+        return kernel::SyscallResult::ok(R"({"status":"queued"})");
+      });
 }
 
 }  // namespace

@@ -165,7 +165,11 @@ std::string html_to_text(const std::string& html, std::string* title) {
   for (std::size_t i = 0; i < html.size();) {
     if (html[i] == '<') {
       for (const char* skip : {"script", "style", "noscript", "head"}) {
-        if (low.compare(i + 1, std::strlen(skip), skip) == 0) {
+        const std::size_t n = std::strlen(skip);
+        const char after = i + 1 + n < low.size() ? low[i + 1 + n] : '>';
+        // "<head>" but not "<header>": the name must end there.
+        if (low.compare(i + 1, n, skip) == 0 &&
+            (after == '>' || after == '/' || std::isspace(static_cast<unsigned char>(after)))) {
           const auto close = low.find(std::string("</") + skip, i);
           i = close == std::string::npos ? html.size() : close;
           break;

@@ -23,18 +23,13 @@ double number(const Json& j, const char* key) {
   return it != j.end() && it->is_number() ? it->get<double>() : 0.0;
 }
 
-std::string text(const Json& j, const char* key) {
-  auto it = j.find(key);
-  return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
-
 WorkerInfo from_json(const Json& j) {
   WorkerInfo w;
-  w.id = text(j, "id");
-  w.worker_type = text(j, "worker_type");
-  if (w.worker_type.empty()) w.worker_type = text(j, "type");
-  w.url = text(j, "url");
-  w.node_id = text(j, "node_id");
+  w.id = base::string_field(j, "id");
+  w.worker_type = base::string_field(j, "worker_type");
+  if (w.worker_type.empty()) w.worker_type = base::string_field(j, "type");
+  w.url = base::string_field(j, "url");
+  w.node_id = base::string_field(j, "node_id");
   w.cpu = number(j, "cpu");
   w.ram_gb = number(j, "ram_gb");
   w.gpu = number(j, "gpu");

@@ -151,6 +151,14 @@ TEST(Json, NestingLimitAndUtf8SafeOutput) {
   EXPECT_TRUE(text::valid_utf8("caf\xc3\xa9 \xf0\x9f\x98\x80"));
   EXPECT_EQ(text::json_quote("a\xff\"b"), "\"a\xef\xbf\xbd\\\"b\"");
   EXPECT_TRUE(nlohmann::json::accept(text::json_quote(std::string("\x80\x01\xe2\x82", 4))));
+
+  // Fields and lists as every module reads them from requests and settings.
+  EXPECT_EQ(string_field({{"a", "x"}, {"b", 3}}, "a"), "x");
+  EXPECT_EQ(string_field({{"b", 3}}, "b"), "");
+  EXPECT_EQ(string_field(nlohmann::json::array({"a"}), "a"), "");
+  EXPECT_EQ(text::split_list(" a:1 , ,b:2,\t"), (std::vector<std::string>{"a:1", "b:2"}));
+  EXPECT_EQ(text::split_list(", http://x"), (std::vector<std::string>{"http://x"}));
+  EXPECT_TRUE(text::split_list("").empty());
 }
 
 // The wrapper reports SQLite's text and rolls back an unfinished transaction.

@@ -45,6 +45,24 @@ TEST(ConfigResolution, CommandLineBeatsEnvironmentBeatsManifest) {
   EXPECT_EQ(v.get("undeclared"), "2");
   EXPECT_FALSE(v.has("x"));
   EXPECT_EQ(n, 2u + 4u);  // two from the environment, four from the command line
+
+  // Numbers and switches: anything that is not wholly one keeps the default.
+  ConfigView t({{"n", "42"},
+                {"neg", "-3"},
+                {"bad", "12x"},
+                {"huge", "99999999999999999999"},
+                {"empty", ""},
+                {"on", "TRUE"},
+                {"off", "no"}});
+  EXPECT_EQ(t.get_int("n", 7), 42);
+  EXPECT_EQ(t.get_int("neg", 7), -3);
+  EXPECT_EQ(t.get_int("bad", 7), 7);
+  EXPECT_EQ(t.get_int("huge", 7), 7);
+  EXPECT_EQ(t.get_int("empty", 7), 7);
+  EXPECT_EQ(t.get_int("absent", 7), 7);
+  EXPECT_TRUE(t.get_bool("on", false));
+  EXPECT_FALSE(t.get_bool("off", true));
+  EXPECT_TRUE(t.get_bool("absent", true));
 }
 
 TEST(ConfigResolution, EmptyEnvironmentAndUndeclaredKeysAreIgnored) {

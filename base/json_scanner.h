@@ -130,12 +130,7 @@ class JsonScanner {
     if (!eat('"')) return false;
     out.clear();
     for (;;) {
-      std::size_t run = p_;
-      while (run < t_.size()) {
-        const unsigned char c = static_cast<unsigned char>(t_[run]);
-        if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) break;
-        ++run;
-      }
+      const std::size_t run = text::plain_json_run(t_, p_);
       out.append(t_.data() + p_, run - p_);
       p_ = run;
       if (p_ >= t_.size()) return false;
@@ -156,14 +151,30 @@ class JsonScanner {
       if (++p_ >= t_.size()) return false;
       const char e = t_[p_++];
       switch (e) {
-        case '"': out += '"'; break;
-        case '\\': out += '\\'; break;
-        case '/': out += '/'; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
+        case '"':
+          out += '"';
+          break;
+        case '\\':
+          out += '\\';
+          break;
+        case '/':
+          out += '/';
+          break;
+        case 'b':
+          out += '\b';
+          break;
+        case 'f':
+          out += '\f';
+          break;
+        case 'n':
+          out += '\n';
+          break;
+        case 'r':
+          out += '\r';
+          break;
+        case 't':
+          out += '\t';
+          break;
         case 'u': {
           std::uint32_t cp = 0;
           if (!hex4_(cp)) return false;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +21,49 @@ inline std::string json_quote(std::string_view s) {
   out.reserve(s.size() + 2);
   append_json_string(out, s);
   return out;
+}
+
+// Writes `v` at `at` as a JSON number with at most 9 significant digits and
+// returns the end; at most kFloatChars bytes. The text always reads back
+// (through strtof, or strtod and a cast) as the same float; trailing zeros are
+// dropped, magnitudes below 10^-5 or from 10^9 up use an exponent, and NaN or
+// infinity (which JSON cannot hold) become 0. Several times faster than the
+// shortest round-trip form of std::to_chars, and at most a digit longer.
+constexpr std::size_t kFloatChars = 16;
+char* write_float(char* at, float v);
+
+inline void append_float(std::string& out, float v) {
+  char buf[kFloatChars];
+  out.append(buf, write_float(buf, v));
+}
+
+// Appends `n` values as JSON numbers separated by commas ("1,0.5,-2e-7").
+void append_floats(std::string& out, const float* values, std::size_t n);
+
+// The end of the run of bytes of `s` from `from` that a JSON string holds as
+// they are (no control character, '"', '\\' or byte from 0x80, which needs a
+// UTF-8 check): s.size() when the run reaches the end. Eight bytes are
+// tested at a time with the usual "some byte is below n" word tricks; they
+// are exact as a whole, since a byte with its high bit set ends the run
+// anyway.
+inline std::size_t plain_json_run(std::string_view s, std::size_t from) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
+  std::size_t i = from;
+  for (; i + 8 <= s.size(); i += 8) {
+    std::uint64_t x;
+    std::memcpy(&x, s.data() + i, sizeof x);
+    const std::uint64_t quote = x ^ (kOnes * '"');
+    const std::uint64_t backslash = x ^ (kOnes * '\\');
+    const std::uint64_t hits = ((x - kOnes * 0x20) & ~x) | ((quote - kOnes) & ~quote) |
+                               ((backslash - kOnes) & ~backslash) | x;
+    if (hits & kHighs) break;
+  }
+  for (; i < s.size(); ++i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (c < 0x20 || c >= 0x80 || c == '"' || c == '\\') break;
+  }
+  return i;
 }
 
 // True when `s` is well-formed UTF-8 (no overlong forms, no surrogates, nothing

@@ -88,57 +88,107 @@ AuditLog::~AuditLog() {
 
 std::string AuditLog::to_hex(const Hash& h) { return base::to_hex(h.data(), h.size()); }
 
-std::string AuditLog::canonical_body(const AuditEvent& e) {
-  std::string out;
-  canonical_body(e, out);
-  return out;
-}
-
 namespace {
 
-// The canonical body written into `buf` (grown as needed, never zero-filled):
-// verify runs this once per event.
-std::string_view write_canonical(const AuditEvent& e, std::unique_ptr<char[]>& buf,
-                                 std::size_t& cap) {
+// The canonical body of an event in pieces: the numbers in decimal, then the
+// text fields, joined by "|" (":" between domain and subdomain).
+struct Canonical {
   char seq[24], ts[24], dom[4], sub[4];
-  const auto seq_end = std::to_chars(seq, seq + sizeof seq, e.seq).ptr;
-  const auto ts_end = std::to_chars(ts, ts + sizeof ts, e.ts_ms).ptr;
-  const auto dom_end = std::to_chars(dom, dom + sizeof dom, e.source.domain).ptr;
-  const auto sub_end = std::to_chars(sub, sub + sizeof sub, e.source.subdomain).ptr;
-  const std::size_t size = static_cast<std::size_t>((seq_end - seq) + (ts_end - ts) +
-                                                    (dom_end - dom) + (sub_end - sub)) +
-                           e.actor.size() + e.action.size() + e.resource.size() + e.outcome.size() +
-                           e.tenant.size() + e.metadata.size() + 9;
-  if (size > cap) {
-    cap = std::max(size, cap * 2);
-    buf = std::make_unique<char[]>(cap);
+  std::size_t seq_n, ts_n, dom_n, sub_n;
+  std::array<std::string_view, 6> fields;
+
+  explicit Canonical(const AuditEvent& e)
+      : fields{e.actor, e.action, e.resource, e.outcome, e.tenant, e.metadata} {
+    seq_n = static_cast<std::size_t>(std::to_chars(seq, seq + sizeof seq, e.seq).ptr - seq);
+    ts_n = static_cast<std::size_t>(std::to_chars(ts, ts + sizeof ts, e.ts_ms).ptr - ts);
+    dom_n =
+        static_cast<std::size_t>(std::to_chars(dom, dom + sizeof dom, e.source.domain).ptr - dom);
+    sub_n = static_cast<std::size_t>(std::to_chars(sub, sub + sizeof sub, e.source.subdomain).ptr -
+                                     sub);
   }
-  char* p = buf.get();
-  auto put = [&p](const char* b, std::size_t n) {
-    std::memcpy(p, b, n);
-    p += n;
-  };
-  put(seq, static_cast<std::size_t>(seq_end - seq));
-  *p++ = '|';
-  put(ts, static_cast<std::size_t>(ts_end - ts));
-  *p++ = '|';
-  put(dom, static_cast<std::size_t>(dom_end - dom));
-  *p++ = ':';
-  put(sub, static_cast<std::size_t>(sub_end - sub));
-  for (const std::string* f :
-       {&e.actor, &e.action, &e.resource, &e.outcome, &e.tenant, &e.metadata}) {
+
+  std::size_t size() const {
+    std::size_t n = seq_n + ts_n + dom_n + sub_n + 3 + fields.size();
+    for (std::string_view f : fields) n += f.size();
+    return n;
+  }
+
+  // Writes size() bytes at `out`; `ends` as in AuditLog::Record.
+  void write(char* out, std::array<std::uint32_t, 6>& ends) const {
+    char* p = out;
+    auto put = [&p](const char* b, std::size_t n) {
+      std::memcpy(p, b, n);
+      p += n;
+    };
+    put(seq, seq_n);
     *p++ = '|';
-    put(f->data(), f->size());
+    put(ts, ts_n);
+    *p++ = '|';
+    put(dom, dom_n);
+    *p++ = ':';
+    put(sub, sub_n);
+    *p++ = '|';
+    ends[0] = static_cast<std::uint32_t>(p - out);
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      if (i > 0) {
+        ends[i] = static_cast<std::uint32_t>(p - out);
+        *p++ = '|';
+      }
+      put(fields[i].data(), fields[i].size());
+    }
   }
-  return {buf.get(), size};
-}
+};
 
 }  // namespace
 
-void AuditLog::canonical_body(const AuditEvent& e, std::string& out) {
-  std::unique_ptr<char[]> buf;
-  std::size_t cap = 0;
-  out.assign(write_canonical(e, buf, cap));
+std::string AuditLog::canonical_body(const AuditEvent& e) {
+  const Canonical c(e);
+  std::string out(c.size(), '\0');
+  std::array<std::uint32_t, 6> ends;
+  c.write(out.data(), ends);
+  return out;
+}
+
+std::string_view AuditLog::Record::field(std::size_t i) const {
+  if (damaged) return {};
+  const std::size_t begin = i == 0 ? ends[0] : ends[i] + 1;
+  const std::size_t end = i + 1 < ends.size() ? ends[i + 1] : size;
+  return {body + begin, end - begin};
+}
+
+AuditEvent AuditLog::Record::event() const {
+  AuditEvent e;
+  e.seq = seq;
+  e.ts_ms = ts_ms;
+  e.source = source;
+  e.damaged = damaged;
+  e.prev_hash = prev_hash;
+  e.hash = hash;
+  if (damaged) return e;
+  e.actor = field(0);
+  e.action = field(1);
+  e.resource = field(2);
+  e.outcome = field(3);
+  e.tenant = field(4);
+  e.metadata = field(5);
+  return e;
+}
+
+AuditLog::Record AuditLog::store_(const AuditEvent& e) {
+  Record r;
+  r.seq = e.seq;
+  r.ts_ms = e.ts_ms;
+  r.source = e.source;
+  r.damaged = e.damaged;
+  r.prev_hash = e.prev_hash;
+  r.hash = e.hash;
+  if (e.damaged) return r;
+  const Canonical c(e);
+  r.size = static_cast<std::uint32_t>(c.size());
+  char* body = bodies_.allocate(r.size);
+  c.write(body, r.ends);
+  r.body = body;
+  return r;
 }
 
 std::string AuditLog::journal_line(const AuditEvent& e) {
@@ -180,11 +230,6 @@ Json AuditLog::to_json(const AuditEvent& e) {
   return out;
 }
 
-bool AuditLog::hash_(const Hash& prev, const AuditEvent& e, Hash& out) const {
-  return sha_.digest(std::string_view(reinterpret_cast<const char*>(prev.data()), prev.size()),
-                     write_canonical(e, body_, body_cap_), out.data());
-}
-
 void AuditLog::open_for_append_() {
   if (fd_ >= 0) return;
   std::error_code ec;
@@ -195,6 +240,7 @@ void AuditLog::open_for_append_() {
 std::size_t AuditLog::replay_journal() {
   std::lock_guard lock(mu_);
   events_.clear();
+  bodies_.clear();
   next_seq_ = 1;
   last_hash_ = Hash{};
   std::ifstream in(journal_, std::ios::binary);
@@ -214,7 +260,7 @@ std::size_t AuditLog::replay_journal() {
       e.damaged = true;
     }
     next_seq_ = std::max(next_seq_, e.seq + 1);
-    events_.push_back(std::move(e));
+    events_.push_back(store_(e));
   }
   in.close();
   open_for_append_();
@@ -241,7 +287,11 @@ AuditEvent AuditLog::append(SourceCode source, std::string actor, std::string ac
   e.seq = next_seq_++;
   e.ts_ms = base::unix_ms();
   e.prev_hash = last_hash_;
-  hash_(e.prev_hash, e, e.hash);
+  Record r = store_(e);
+  sha_.digest(
+      std::string_view(reinterpret_cast<const char*>(e.prev_hash.data()), e.prev_hash.size()),
+      std::string_view(r.body, r.size), e.hash.data());
+  r.hash = e.hash;
   last_hash_ = e.hash;
   open_for_append_();
   if (fd_ >= 0) {
@@ -250,7 +300,7 @@ AuditEvent AuditLog::append(SourceCode source, std::string actor, std::string ac
     // A failed write is not the caller's failure: the event stays in memory.
     [[maybe_unused]] ssize_t w = ::write(fd_, line.data(), line.size());
   }
-  events_.push_back(e);
+  events_.push_back(r);
   lock.unlock();
   if (on_append_) on_append_();
   return e;
@@ -262,8 +312,11 @@ AuditLog::Verification AuditLog::verify() const {
   v.total = events_.size();
   Hash expected{};
   Hash computed;
-  for (const AuditEvent& e : events_) {
-    if (e.damaged || e.prev_hash != expected || !hash_(e.prev_hash, e, computed) ||
+  for (const Record& e : events_) {
+    if (e.damaged || e.prev_hash != expected ||
+        !sha_.digest(
+            std::string_view(reinterpret_cast<const char*>(expected.data()), expected.size()),
+            std::string_view(e.body, e.size), computed.data()) ||
         computed != e.hash) {
       v.ok = false;
       v.first_bad_seq = e.seq;
@@ -281,13 +334,13 @@ std::vector<AuditEvent> AuditLog::query(const Filter& f, std::size_t& total) con
   std::vector<AuditEvent> out;
   // Newest first while collecting, so the limit keeps the newest.
   for (auto it = events_.rbegin(); it != events_.rend() && out.size() < f.limit; ++it) {
-    const AuditEvent& e = *it;
-    if (f.actor && e.actor != *f.actor) continue;
-    if (f.action && e.action != *f.action) continue;
-    if (f.tenant && e.tenant != *f.tenant) continue;
+    const Record& e = *it;
+    if (f.actor && e.field(0) != *f.actor) continue;
+    if (f.action && e.field(1) != *f.action) continue;
+    if (f.tenant && e.field(4) != *f.tenant) continue;
     if (f.since_ms && e.ts_ms < f.since_ms) continue;
     if (f.until_ms && e.ts_ms > f.until_ms) continue;
-    out.push_back(e);
+    out.push_back(e.event());
   }
   std::reverse(out.begin(), out.end());
   return out;

@@ -9,9 +9,11 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/encoding.h"
+#include "base/text_arena.h"
 #include "identity/source_code.h"
 
 namespace ostrel::identity {
@@ -44,8 +46,8 @@ struct AuditEvent {
 // writes one line with one write() (no fsync: a killed process loses nothing
 // written, a power cut may lose the last lines, which verify then cannot
 // miss since nothing refers to them).
-// Thread-safe: mu_ guards the events, the counter, the last hash, the hasher
-// and the journal's file descriptor, so appends from many threads get
+// Thread-safe: mu_ guards the events and their arena, the counter, the last
+// hash, the hasher and the journal's file descriptor, so appends from many threads get
 // consecutive seq values and one chain.
 class AuditLog {
  public:
@@ -90,8 +92,6 @@ class AuditLog {
   // The exact bytes hashed: seq|ts_ms|domain:subdomain|actor|action|resource|
   // outcome|tenant|metadata, decimal numbers, nothing escaped.
   static std::string canonical_body(const AuditEvent& e);
-  // The same into `out` (cleared first), for loops that reuse one buffer.
-  static void canonical_body(const AuditEvent& e, std::string& out);
   static std::string to_hex(const Hash& h);
   // The journal record (one line, without the newline).
   static std::string journal_line(const AuditEvent& e);
@@ -99,14 +99,35 @@ class AuditLog {
   static nlohmann::json to_json(const AuditEvent& e);
 
  private:
-  bool hash_(const Hash& prev, const AuditEvent& e, Hash& out) const;  // with mu_ held
-  mutable std::unique_ptr<char[]> body_;  // hash_'s buffer, with mu_ held
-  mutable std::size_t body_cap_ = 0;
+  // One event as kept in memory: its canonical body (the bytes the chain
+  // hashes) in the arena, and where the text fields lie inside it, so verify
+  // hashes the stored body as it is and queries read fields without copies.
+  // A million events with 100-byte bodies take about 220 MB this way.
+  struct Record {
+    std::uint64_t seq = 0;
+    std::int64_t ts_ms = 0;
+    const char* body = nullptr;
+    std::uint32_t size = 0;
+    // ends[0] is where the actor starts; ends[1..5] where actor, action,
+    // resource, outcome and tenant end (each followed by "|"); the metadata
+    // runs from ends[5] + 1 to the end of the body.
+    std::array<std::uint32_t, 6> ends{};
+    SourceCode source{};
+    bool damaged = false;
+    Hash prev_hash{};
+    Hash hash{};
+
+    std::string_view field(std::size_t i) const;  // 0 actor … 5 metadata
+    AuditEvent event() const;
+  };
+  // Lays out `e`'s canonical body in the arena; with mu_ held.
+  Record store_(const AuditEvent& e);
   void open_for_append_();  // with mu_ held
 
   const std::filesystem::path journal_;
   mutable std::mutex mu_;
-  std::vector<AuditEvent> events_;
+  std::vector<Record> events_;
+  base::TextArena bodies_;
   std::uint64_t next_seq_ = 1;
   Hash last_hash_{};
   int fd_ = -1;

@@ -2,6 +2,7 @@
 // node's journals, its SQLite namespace databases and its data peers), the
 // matrix memory service, and this node's piece of the object store.
 #include <httplib.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -23,6 +25,7 @@
 #include "base/names.h"
 #include "base/paths.h"
 #include "base/reply.h"
+#include "base/text.h"
 #include "clusterfs/chunk_store.h"
 #include "clusterfs/metadata_store.h"
 #include "clusterfs/ost.h"
@@ -169,7 +172,9 @@ class DataModule : public kernel::ModuleBase, public IModule {
   bool parse_search_(const Json& body, SearchQuery& q, Json& error_body) const;
   // The whole search of a request body; `status` is the HTTP status.
   Json search_(const Json& body, bool allow_fanout, int& status);
-  Json ingest_(const IngestRequest& request, int& status);
+  // The answer as JSON text: a document's answer is written by hand, it
+  // carries nothing but ids and names.
+  std::string ingest_(const IngestRequest& request, int& status);
   bool embed_(const std::string& model, std::string_view text, std::vector<float>& out,
               std::string& error);
   void register_vector_routes_(kernel::ApiGateway& gw);
@@ -200,7 +205,19 @@ class DataModule : public kernel::ModuleBase, public IModule {
   std::string memory_model_;
   std::string replication_mode_ = "none";
   fs::path settings_path_;
-  mutable std::mutex settings_mu_;  // serialises read-modify-write of vector.json
+  // The settings as last read from vector.json, with the file's identity then.
+  struct SettingsStamp {
+    bool exists = false;
+    ino_t inode = 0;
+    off_t size = 0;
+    time_t sec = 0;
+    long nsec = 0;
+    bool operator==(const SettingsStamp&) const = default;
+  };
+  // Serialises read-modify-write of vector.json and guards the cache.
+  mutable std::mutex settings_mu_;
+  mutable std::optional<VectorSettings> settings_cache_;
+  mutable SettingsStamp settings_stamp_;
   std::unique_ptr<PeerDirectory> peers_;
   std::unique_ptr<EmbeddingChain> chain_;
   std::unique_ptr<VectorStore> vectors_;
@@ -375,28 +392,37 @@ kernel::HealthStatus DataModule::health() {
 // Vectors
 
 VectorSettings DataModule::settings_() const {
+  // The file is read again only when it changed (another inode after an
+  // atomic rewrite, another size or time after an edit in place); a request
+  // then costs one stat() instead of reading and parsing it.
+  struct stat st {};
+  const bool exists = ::stat(settings_path_.c_str(), &st) == 0;
+  const SettingsStamp stamp{exists, st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
+  std::lock_guard lock(settings_mu_);
+  if (settings_cache_ && stamp == settings_stamp_) return *settings_cache_;
   VectorSettings s;
   s.embedding_url = default_url_;
   s.embedding_model = default_model_;
   bool opened = false;
-  Json j;
-  {
-    std::lock_guard lock(settings_mu_);
-    j = base::read_json_file(settings_path_, opened);
+  const Json j = base::read_json_file(settings_path_, opened);
+  if (j.is_object()) {
+    if (auto v = j.find("embedding_url"); v != j.end() && v->is_string()) s.embedding_url = *v;
+    if (auto v = j.find("embedding_model"); v != j.end() && v->is_string()) {
+      s.embedding_model = *v;
+    }
+    if (auto v = j.find("backend"); v != j.end() && v->is_string()) s.backend = *v;
+    if (auto v = j.find("chunking_size"); v != j.end() && v->is_number_integer()) {
+      s.chunking_size = *v;
+    }
+    if (auto v = j.find("chunking_overlap"); v != j.end() && v->is_number_integer()) {
+      s.chunking_overlap = *v;
+    }
+    if (auto v = j.find("default_similarity_threshold"); v != j.end() && v->is_number()) {
+      s.default_similarity_threshold = *v;
+    }
   }
-  if (!j.is_object()) return s;
-  if (auto v = j.find("embedding_url"); v != j.end() && v->is_string()) s.embedding_url = *v;
-  if (auto v = j.find("embedding_model"); v != j.end() && v->is_string()) s.embedding_model = *v;
-  if (auto v = j.find("backend"); v != j.end() && v->is_string()) s.backend = *v;
-  if (auto v = j.find("chunking_size"); v != j.end() && v->is_number_integer()) {
-    s.chunking_size = *v;
-  }
-  if (auto v = j.find("chunking_overlap"); v != j.end() && v->is_number_integer()) {
-    s.chunking_overlap = *v;
-  }
-  if (auto v = j.find("default_similarity_threshold"); v != j.end() && v->is_number()) {
-    s.default_similarity_threshold = *v;
-  }
+  settings_cache_ = s;
+  settings_stamp_ = stamp;
   return s;
 }
 
@@ -406,6 +432,7 @@ bool DataModule::write_settings_(const Json& changes, std::string& error) {
   Json current = base::read_json_file(settings_path_, opened);
   if (!current.is_object()) current = Json::object();
   for (auto it = changes.begin(); it != changes.end(); ++it) current[it.key()] = it.value();
+  settings_cache_.reset();
   return base::write_file_atomically(settings_path_, base::dump_json(current, 2) + "\n", error);
 }
 
@@ -577,7 +604,7 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
           {"peers", peers_out}};
 }
 
-Json DataModule::ingest_(const IngestRequest& request, int& status) {
+std::string DataModule::ingest_(const IngestRequest& request, int& status) {
   status = 200;
   const VectorSettings s = settings_();
   const std::string tenant = request.tenant.value_or("default");
@@ -590,51 +617,61 @@ Json DataModule::ingest_(const IngestRequest& request, int& status) {
   std::string error;
   if (size < 0 || size > (1 << 20) || overlap < 0 || overlap > (1 << 20)) {
     status = 400;
-    return {{"error", "invalid_request"},
-            {"detail", "chunk_size and chunk_overlap must be between 0 and 1048576"}};
+    return base::dump_json(
+        {{"error", "invalid_request"},
+         {"detail", "chunk_size and chunk_overlap must be between 0 and 1048576"}});
   }
   if (text.empty()) {
     status = 400;
-    return {{"error", "missing text"}};
+    return base::dump_json({{"error", "missing text"}});
   }
   std::string why;
   if (!base::safe_name(tenant, why, 64) || !base::safe_name(ns, why)) {
     status = 400;
-    return {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}};
+    return base::dump_json(
+        {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}});
   }
-  const Json& metadata = request.metadata;
   auto pieces = chunk_text(text, static_cast<std::size_t>(size), static_cast<std::size_t>(overlap));
   std::vector<VectorRecord> records;
   records.reserve(pieces.size());
   const std::int64_t now = base::unix_ms();
+  Json chunk_metadata = request.metadata.is_null() ? Json::object() : request.metadata;
+  chunk_metadata["chunk_count"] = pieces.size();
   for (std::size_t i = 0; i < pieces.size(); ++i) {
     VectorRecord r;
     r.text = text.substr(pieces[i].first, pieces[i].second);
     if (!embed_(model, r.text, r.embedding, error)) {
       // Nothing of this document is stored: its chunks go in together.
       status = 502;
-      return {{"error", "embedding_failed"}, {"detail", error}, {"chunk_index", i}};
+      return base::dump_json(
+          {{"error", "embedding_failed"}, {"detail", error}, {"chunk_index", i}});
     }
     r.id = new_uuid();
     r.source = source;
     r.created_ms = now;
-    r.metadata = metadata;
+    r.metadata = chunk_metadata;
     r.metadata["chunk_index"] = i;
-    r.metadata["chunk_count"] = pieces.size();
     records.push_back(std::move(r));
   }
   const std::size_t dim = records.empty() ? 0 : records.front().embedding.size();
-  Json ids = Json::array();
-  for (const auto& r : records) ids.push_back(r.id);
+  std::string out = "{\"status\":\"ingested\",\"ids\":[";
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    if (i) out += ',';
+    text::append_json_string(out, records[i].id);
+  }
+  out += "],\"chunks\":" + std::to_string(pieces.size()) + ",\"tenant\":";
+  text::append_json_string(out, tenant);
+  out += ",\"namespace\":";
+  text::append_json_string(out, ns);
+  out += ",\"embedding_dim\":" + std::to_string(dim) + "}";
   if (!vectors_->append(tenant, ns, std::move(records), error)) {
     status = error.rfind("invalid", 0) == 0 ? 400 : 500;
-    return {{"error", "persist_failed"}, {"detail", error}};
+    return base::dump_json({{"error", "persist_failed"}, {"detail", error}});
   }
   kernel::telemetry::Telemetry::instance().counter("ostrel.data.vector.documents_ingested_total",
                                                    static_cast<double>(pieces.size()),
                                                    {{"namespace", ns}});
-  return {{"status", "ingested"}, {"ids", ids},      {"chunks", pieces.size()},
-          {"tenant", tenant},     {"namespace", ns}, {"embedding_dim", dim}};
+  return out;
 }
 
 bool DataModule::tenant_of_(const Request& req, const Json& body, std::string& tenant,
@@ -725,9 +762,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
         }
         if (!request.tenant) request.tenant = req.tenant.empty() ? "default" : req.tenant;
         if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, *request.tenant, res)) return;
-        int status = 200;
-        Json out = ingest_(request, status);
-        reply(res, out, status);
+        res.body = ingest_(request, res.status);
       },
       large);
 
@@ -1404,21 +1439,20 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
   table.register_syscall(kDataSource, "data.vector.search", search);
   table.register_syscall(kDataSource, "data.search", search);
   // Read without a JSON tree in the usual case: the document is most of it.
-  table.register_syscall(kDataSource, "data.vector.ingest",
-                         [this, as_result](std::string_view args) {
-                           IngestRequest request;
-                           std::string error;
-                           if (!read_ingest_request(args, request, error)) {
-                             return base::syscall_error("invalid_request", error);
-                           }
-                           try {
-                             int status = 200;
-                             Json out = ingest_(request, status);
-                             return as_result(std::move(out), status);
-                           } catch (const std::exception& e) {
-                             return base::syscall_error("internal", base::client_safe_what(e));
-                           }
-                         });
+  table.register_syscall(kDataSource, "data.vector.ingest", [this](std::string_view args) {
+    IngestRequest request;
+    std::string error;
+    if (!read_ingest_request(args, request, error)) {
+      return base::syscall_error("invalid_request", error);
+    }
+    try {
+      int status = 200;
+      std::string out = ingest_(request, status);
+      return kernel::SyscallResult{status == 200 ? 0 : -1, std::move(out)};
+    } catch (const std::exception& e) {
+      return base::syscall_error("internal", base::client_safe_what(e));
+    }
+  });
   table.register_syscall(kDataSource, "data.memory.store",
                          json_syscall([this, as_result](const Json& a) {
                            int status = 200;

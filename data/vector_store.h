@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/journal.h"
+#include "data/row_buffer.h"
 
 namespace ostrel::data {
 
@@ -93,7 +94,7 @@ class VectorStore {
 
  private:
   struct Rows {
-    std::vector<float> values;  // row-major, dim floats per row
+    RowBuffer values;  // row-major, dim floats per row
     std::vector<double> sumsq;
     std::vector<std::uint32_t> record;  // index into records
   };
@@ -103,7 +104,7 @@ class VectorStore {
     std::vector<VectorRecord> records;  // embeddings moved out into rows
     std::vector<std::size_t> dims;      // each record's embedding dimension
     std::unordered_map<std::string, std::size_t> by_id;
-    std::map<std::size_t, Rows> rows;   // by dimension
+    std::map<std::size_t, Rows> rows;  // by dimension
     std::unique_ptr<base::AppendLog> log;
   };
 
@@ -123,5 +124,6 @@ class VectorStore {
 // The JSON line of a record (its journal form): "id", "text", "source",
 // "embedding", "created_ms", "metadata", written without a JSON tree.
 std::string vector_record_line(const VectorRecord& r);
+void append_record_line(std::string& out, const VectorRecord& r);
 
 }  // namespace ostrel::data

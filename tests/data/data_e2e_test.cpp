@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -33,8 +34,9 @@ struct Node {
     httplib::Client c("127.0.0.1", port);
     c.set_read_timeout(20, 0);
     const std::string text = raw.empty() ? body.dump() : raw;
-    auto r = method == "GET"    ? c.Get(path)
+    auto r = method == "GET"      ? c.Get(path)
              : method == "DELETE" ? c.Delete(path)
+             : method == "PUT"    ? c.Put(path, text, "application/json")
                                   : c.Post(path, text, "application/json");
     EXPECT_TRUE(r) << method << " " << path;
     if (!r) return Json();
@@ -59,10 +61,15 @@ class DataNodes : public ::testing::Test {
     Node n;
     n.data = dir_ / name;
     Process::Options o;
-    o.args = {"--port=0", "--bind=127.0.0.1", "--node-id=" + name,
-              "--data-dir=" + n.data.string(), "--modules-d=" + (dir_ / "modules.d").string(),
-              "--config-set", "data.embedding_model=ulvo-hash-embed-v1",
-              "--config-set", "inference.ollama_url=http://127.0.0.1:9"};
+    o.args = {"--port=0",
+              "--bind=127.0.0.1",
+              "--node-id=" + name,
+              "--data-dir=" + n.data.string(),
+              "--modules-d=" + (dir_ / "modules.d").string(),
+              "--config-set",
+              "data.embedding_model=ulvo-hash-embed-v1",
+              "--config-set",
+              "inference.ollama_url=http://127.0.0.1:9"};
     o.args.insert(o.args.end(), extra.begin(), extra.end());
     o.unset_env = {"OSTREL_AUTH", "OSTREL_DATA_DIR", "OSTREL_ULVO_PEERS"};
     o.set_env = {{"OSTREL_CONFIG_DIR", (n.data / "config").string()},
@@ -107,10 +114,9 @@ TEST_F(DataNodes, SearchFansOutAcrossThreeNodes) {
   c.call("POST", "/api/v1/vector/ingest",
          {{"namespace", "docs"}, {"text", "apple orchards need bees"}, {"source", "c"}}, 200);
 
-  Json found = a.call("POST", "/api/v1/vector/search",
-                      {{"namespace", "docs"}, {"query", "apple orchard"}, {"top_k", 5},
-                       {"min_score", 0}},
-                      200);
+  Json found = a.call(
+      "POST", "/api/v1/vector/search",
+      {{"namespace", "docs"}, {"query", "apple orchard"}, {"top_k", 5}, {"min_score", 0}}, 200);
   ASSERT_EQ(found["hits"].size(), 3u) << found.dump(2);
   std::map<std::string, std::string> peer_of;
   for (const auto& h : found["hits"]) peer_of[h["source"]] = h["peer"];
@@ -133,10 +139,9 @@ TEST_F(DataNodes, SearchFansOutAcrossThreeNodes) {
   Json from_b = b.call("POST", "/api/v1/vector/search",
                        {{"namespace", "docs"}, {"query", "apple orchard"}, {"min_score", 0}}, 200);
   EXPECT_EQ(from_b["hits"].size(), 2u);
-  Json no_fanout = b.call("POST", "/api/v1/vector/search",
-                          {{"namespace", "docs"}, {"query", "apple"}, {"_no_fanout", true},
-                           {"min_score", 0}},
-                          200);
+  Json no_fanout = b.call(
+      "POST", "/api/v1/vector/search",
+      {{"namespace", "docs"}, {"query", "apple"}, {"_no_fanout", true}, {"min_score", 0}}, 200);
   EXPECT_EQ(no_fanout["peers"].size(), 0u);
 }
 
@@ -144,13 +149,12 @@ TEST_F(DataNodes, SearchFansOutAcrossThreeNodes) {
 // the memory, and a replica write is never forwarded again.
 TEST_F(DataNodes, MemoryStoresReplicateWithQuorum) {
   Node c = start("c");
-  Node b = start("b", {"--config-set", "data.peers=" + c.url(), "--config-set",
-                       "data.replication_mode=sync"});
+  Node b = start(
+      "b", {"--config-set", "data.peers=" + c.url(), "--config-set", "data.replication_mode=sync"});
   Node a = start("a", {"--config-set", "data.peers=" + b.url() + "," + c.url(), "--config-set",
                        "data.replication_mode=quorum"});
-  Json stored =
-      a.call("POST", "/api/v1/memory/store", {{"key", "launch"}, {"value", "the rocket flies friday"}},
-             200);
+  Json stored = a.call("POST", "/api/v1/memory/store",
+                       {{"key", "launch"}, {"value", "the rocket flies friday"}}, 200);
   EXPECT_EQ(stored["replication_mode"], "quorum");
   EXPECT_EQ(stored["replicated_acks"], 2);
   EXPECT_EQ(stored["quorum_needed"], 1);
@@ -204,28 +208,46 @@ TEST_F(DataNodes, BadInputIsRefusedCleanly) {
   Json one = n.call("POST", "/api/v1/vector/ingest",
                     {{"text", std::string(3000, 'z')}, {"chunk_size", 0}}, 200);
   EXPECT_EQ(one["chunks"], 1);
-  Json wide = n.call("POST", "/api/v1/vector/ingest",
-                     {{"text", std::string(3000, 'y')}, {"chunk_size", 1200}, {"chunk_overlap", 1500}},
-                     200);
+  Json wide = n.call(
+      "POST", "/api/v1/vector/ingest",
+      {{"text", std::string(3000, 'y')}, {"chunk_size", 1200}, {"chunk_overlap", 1500}}, 200);
   EXPECT_EQ(wide["chunks"], 3);  // overlap 300: 0, 900, 1800
-  for (const std::string& bad : std::vector<std::string>{"../x", "a/b", "/etc", "..", std::string("a\0b", 3)}) {
-    EXPECT_EQ(n.call("POST", "/api/v1/vector/ingest", {{"namespace", bad}, {"text", "t"}}, 400)
-                  ["error"],
-              "invalid_request")
+  // Chunking settings apply from the next request, whether set through the
+  // route or by editing vector.json in place.
+  EXPECT_EQ(n.call("PUT", "/api/v1/vector/config", {{"chunk_size", "big"}}, 400)["error"],
+            "invalid_value");
+  n.call("PUT", "/api/v1/vector/config", {{"chunk_size", 500}, {"chunk_overlap", 0}}, 200);
+  EXPECT_EQ(
+      n.call("POST", "/api/v1/vector/ingest", {{"text", std::string(1200, 'v')}}, 200)["chunks"],
+      3);
+  {
+    std::fstream f(n.data / "config" / "data" / "vector.json",
+                   std::ios::in | std::ios::out | std::ios::trunc | std::ios::binary);
+    ASSERT_TRUE(f.good());  // the same file, rewritten in place
+    f << "{\"chunking_size\": 300, \"chunking_overlap\": 0}";
+  }
+  EXPECT_EQ(
+      n.call("POST", "/api/v1/vector/ingest", {{"text", std::string(1200, 'v')}}, 200)["chunks"],
+      4);
+  EXPECT_EQ(n.call("GET", "/api/v1/vector/config", {}, 200)["chunking_size"], 300);
+  for (const std::string& bad :
+       std::vector<std::string>{"../x", "a/b", "/etc", "..", std::string("a\0b", 3)}) {
+    EXPECT_EQ(
+        n.call("POST", "/api/v1/vector/ingest", {{"namespace", bad}, {"text", "t"}}, 400)["error"],
+        "invalid_request")
         << bad;
     EXPECT_EQ(
         n.call("POST", "/api/v1/vector/ingest", {{"tenant", bad}, {"text", "t"}}, 400)["error"],
         "invalid_request");
-    n.call("POST", "/api/v1/memory/store", {{"namespace", bad}, {"key", "k"}, {"value", "v"}},
-           400);
+    n.call("POST", "/api/v1/memory/store", {{"namespace", bad}, {"key", "k"}, {"value", "v"}}, 400);
   }
   EXPECT_EQ(n.call("POST", "/api/v1/memory/store", {{"value", "v"}}, 400)["error"], "missing key");
   EXPECT_EQ(n.call("DELETE", "/api/v1/vector/documents/a/b", {}, 400)["error"],
             "expected /tenant/namespace/id");
   EXPECT_EQ(n.call("DELETE", "/api/v1/vector/documents/default/none/x", {}, 404)["error"],
             "namespace_not_found");
-  EXPECT_EQ(n.call("POST", "/api/v1/memory/forget",
-                   {{"mode", "bulk"}, {"tenant", "default"}}, 400)["error"],
+  EXPECT_EQ(n.call("POST", "/api/v1/memory/forget", {{"mode", "bulk"}, {"tenant", "default"}},
+                   400)["error"],
             "must specify namespace_prefix or older_than_seconds");
   // Nothing landed outside the data directory.
   for (const char* escaped : {"x_default.jsonl", "etc", "x"}) {
@@ -255,8 +277,10 @@ TEST_F(DataNodes, EmbeddingChainThroughALocalBackend) {
 
   Node n = start("emb", {"--config-set", "data.embedding_model=e5"});
   n.call("POST", "/api/v1/inference/local-backends",
-         {{"id", "lan"}, {"provider", "openai"},
-          {"api_base", "http://127.0.0.1:" + std::to_string(port) + "/v1"}, {"models", {"e5"}}},
+         {{"id", "lan"},
+          {"provider", "openai"},
+          {"api_base", "http://127.0.0.1:" + std::to_string(port) + "/v1"},
+          {"models", {"e5"}}},
          200);
   Json ok = n.call("POST", "/api/v1/vector/ingest", {{"namespace", "e"}, {"text", "hello"}}, 200);
   EXPECT_EQ(ok["embedding_dim"], 3);

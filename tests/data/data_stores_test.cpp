@@ -9,6 +9,7 @@
 
 #include "data/chunking.h"
 #include "data/memory_service.h"
+#include "data/row_buffer.h"
 #include "data/vector_store.h"
 #include "inference/hash_embedder.h"
 #include "tests/support/test_support.h"
@@ -17,6 +18,32 @@ namespace ostrel::data {
 namespace {
 
 namespace fs = std::filesystem;
+
+// The rows buffer grows by remapping (the mapping may move): every float
+// appended before stays where search reads it, also across moves of the
+// buffer itself.
+TEST(RowBuffer, KeepsEveryRowAcrossGrowthAndMoves) {
+  RowBuffer rows;
+  std::vector<float> row(384);
+  for (int r = 0; r < 3000; ++r) {  // 4.6 MB: several remaps, megabyte steps
+    for (std::size_t i = 0; i < row.size(); ++i) row[i] = static_cast<float>(r) + i * 1e-3f;
+    rows.append(row.data(), row.size());
+  }
+  RowBuffer moved(std::move(rows));
+  EXPECT_EQ(rows.size(), 0u);
+  rows = std::move(moved);
+  ASSERT_EQ(rows.size(), 3000u * 384);
+  for (int r = 0; r < 3000; r += 7) {
+    for (std::size_t i = 0; i < 384; i += 51) {
+      ASSERT_EQ(rows.data()[static_cast<std::size_t>(r) * 384 + i],
+                static_cast<float>(r) + i * 1e-3f);
+    }
+  }
+  rows.clear();
+  EXPECT_EQ(rows.size(), 0u);
+  rows.append(row.data(), 1);
+  EXPECT_EQ(rows.data()[0], row[0]);
+}
 
 TEST(Chunking, OffsetsOverlapAndDegenerateSizes) {
   const std::string text(3000, 'x');
@@ -29,7 +56,7 @@ TEST(Chunking, OffsetsOverlapAndDegenerateSizes) {
   auto q = chunk_text(text, 1200, 1500);
   ASSERT_GE(q.size(), 2u);
   EXPECT_EQ(q[1].first, 900u);
-  EXPECT_EQ(chunk_text(text, 0, 150).size(), 1u);      // size 0: one chunk
+  EXPECT_EQ(chunk_text(text, 0, 150).size(), 1u);  // size 0: one chunk
   EXPECT_EQ(chunk_text("short", 1200, 150).size(), 1u);
   auto one = chunk_text(text, 1, 5);  // overlap ≥ size, size / 4 = 0: still progresses
   EXPECT_EQ(one.size(), 3000u);
@@ -63,11 +90,11 @@ TEST_F(VectorStoreTest, JournalRoundTripTornTailAndRanking) {
   std::string error;
   {
     VectorStore store(dir_.path(), log());
-    ASSERT_TRUE(store.append("acme", "docs",
-                             {record("a", "the cat sat on the mat"),
-                              record("b", "quarterly tax filing deadlines"),
-                              record("c", "a cat and a mat")},
-                             error))
+    ASSERT_TRUE(store.append(
+        "acme", "docs",
+        {record("a", "the cat sat on the mat"), record("b", "quarterly tax filing deadlines"),
+         record("c", "a cat and a mat")},
+        error))
         << error;
     auto hits = store.search("acme", "docs", embed("cat on a mat"), 0.0, 2);
     ASSERT_EQ(hits.size(), 2u);
@@ -90,7 +117,8 @@ TEST_F(VectorStoreTest, JournalRoundTripTornTailAndRanking) {
   EXPECT_EQ(hits[0].metadata["chunk_index"], 0);
   EXPECT_EQ(testing::read_file(journal), before);  // the torn tail is gone
   bool reported = false;
-  for (const auto& l : lines_) reported |= l.find("cut 25 byte(s) of an unfinished last line") != std::string::npos;
+  for (const auto& l : lines_)
+    reported |= l.find("cut 25 byte(s) of an unfinished last line") != std::string::npos;
   EXPECT_TRUE(reported);
   // The same vectors score the same after the reload.
   VectorStore again(dir_.path(), log());
@@ -168,8 +196,7 @@ class MemoryServiceTest : public ::testing::Test {
         return true;
       };
     }
-    auto s = std::make_unique<MatrixMemoryService>(
-        dir_.path(), e, [](bool, const std::string&) {});
+    auto s = std::make_unique<MatrixMemoryService>(dir_.path(), e, [](bool, const std::string&) {});
     std::string error;
     EXPECT_TRUE(s->initialize(error)) << error;
     return s;
@@ -282,7 +309,8 @@ TEST_F(MemoryServiceTest, NoEmbeddingsAndBulkForget) {
 TEST_F(MemoryServiceTest, AStoreAppendsOneEntryLine) {
   ::testing::internal::CaptureStdout();
   auto s = open();
-  for (int i = 0; i < 50; ++i) s->store(store("k" + std::to_string(i), "value " + std::to_string(i)));
+  for (int i = 0; i < 50; ++i)
+    s->store(store("k" + std::to_string(i), "value " + std::to_string(i)));
   auto matrices = s->list_matrices("acme", "");
   ASSERT_EQ(matrices.size(), 1u);
   const fs::path meta = dir_ / (matrices[0].file_path + ".meta.jsonl");

@@ -11,7 +11,7 @@ namespace ostrel::data {
 
 namespace {
 
-constexpr std::size_t kMinMapping = std::size_t{64} << 10;
+constexpr std::size_t kMinMapping = std::size_t{16} << 10;
 constexpr std::size_t kPopulateStep = std::size_t{1} << 20;
 
 }  // namespace
@@ -52,8 +52,10 @@ void RowBuffer::reserve_bytes_(std::size_t bytes) {
     data_ = static_cast<float*>(p);
     mapped_ = want;
   }
-  // Fault in the pages ahead in one step; where the kernel refuses, the
-  // writes below fault them one by one as usual.
+  // Past the first megabyte, fault in the pages ahead a megabyte at a time;
+  // where the kernel refuses, the writes below fault them one by one as
+  // usual. Small namespaces, the many, hold only the pages they touched.
+  if (mapped_ < kPopulateStep) return;
   while (populated_ < bytes) {
     const std::size_t step = std::min(kPopulateStep, mapped_ - populated_);
 #ifdef MADV_POPULATE_WRITE

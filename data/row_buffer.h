@@ -5,12 +5,12 @@
 namespace ostrel::data {
 
 // Append-only float storage for a namespace's vectors. One anonymous mapping
-// that grows by remapping, so growing never copies the rows already held;
-// the pages ahead of the end are faulted in a megabyte at a time, so filling
-// it takes one system call per 256 pages instead of a trap per page. Holds
-// at most one megabyte beyond its contents in memory (the rest of a doubled
-// mapping stays untouched address space). Not thread-safe: the owner
-// serialises writers against readers.
+// that grows by remapping, so growing never copies the rows already held.
+// Once past a megabyte, the pages ahead of the end are faulted in a megabyte
+// at a time, so filling it takes one system call per 256 pages instead of a
+// trap per page; it then holds at most one megabyte beyond its contents in
+// memory (the rest of a doubled mapping stays untouched address space). Not
+// thread-safe: the owner serialises writers against readers.
 class RowBuffer {
  public:
   RowBuffer() = default;

@@ -67,12 +67,21 @@ std::string new_uuid() {
     a = rng();
     b = rng();
   }
-  char buf[48];
-  std::snprintf(buf, sizeof buf, "%08x-%04x-%04x-%04x-%012llx", static_cast<unsigned>(a >> 32),
-                static_cast<unsigned>((a >> 16) & 0xffff), static_cast<unsigned>(a & 0xffff),
-                static_cast<unsigned>(b >> 48),
-                static_cast<unsigned long long>(b & 0xffffffffffffULL));
-  return buf;
+  // "%08x-%04x-%04x-%04x-%012llx" of a's halves and quarters and b's top
+  // quarter and rest: a's 16 hex digits, then b's, dashes between the groups.
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out(36, '-');
+  std::size_t at = 0;
+  auto put = [&](std::uint64_t v, int digits) {
+    for (int i = digits - 1; i >= 0; --i) out[at++] = kHex[(v >> (4 * i)) & 0xf];
+    ++at;  // past the dash
+  };
+  put(a >> 32, 8);
+  put(a >> 16, 4);
+  put(a, 4);
+  put(b >> 48, 4);
+  put(b, 12);
+  return out;
 }
 
 std::string topk_bucket(std::size_t k) { return k <= 5 ? "1-5" : k <= 20 ? "6-20" : "21+"; }

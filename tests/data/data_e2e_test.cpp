@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <thread>
 
 #include "tests/support/test_support.h"
@@ -208,6 +209,10 @@ TEST_F(DataNodes, BadInputIsRefusedCleanly) {
   Json one = n.call("POST", "/api/v1/vector/ingest",
                     {{"text", std::string(3000, 'z')}, {"chunk_size", 0}}, 200);
   EXPECT_EQ(one["chunks"], 1);
+  EXPECT_TRUE(
+      std::regex_match(one["ids"][0].get<std::string>(),
+                       std::regex("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}")))
+      << one;
   Json wide = n.call(
       "POST", "/api/v1/vector/ingest",
       {{"text", std::string(3000, 'y')}, {"chunk_size", 1200}, {"chunk_overlap", 1500}}, 200);

@@ -27,7 +27,7 @@ inline std::string json_quote(std::string_view s) {
 // returns the end; at most kFloatChars bytes. The text always reads back
 // (through strtof, or strtod and a cast) as the same float; trailing zeros are
 // dropped, magnitudes below 10^-5 or from 10^9 up use an exponent, and NaN or
-// infinity (which JSON cannot hold) become 0. Several times faster than the
+// infinity (which JSON cannot hold) become 0. Two to three times faster than the
 // shortest round-trip form of std::to_chars, and at most a digit longer.
 constexpr std::size_t kFloatChars = 16;
 char* write_float(char* at, float v);

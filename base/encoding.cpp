@@ -1,6 +1,8 @@
 #include "base/encoding.h"
 
+#include <algorithm>
 #include <array>
+#include <random>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -150,6 +152,27 @@ std::string random_bytes(std::size_t size) {
   if (RAND_bytes(reinterpret_cast<unsigned char*>(out.data()), static_cast<int>(size)) != 1) {
     return "";
   }
+  return out;
+}
+
+void append_hex(std::string& out, std::uint64_t v, int digits) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  for (int i = digits - 1; i >= 0; --i) out += kDigits[(v >> (4 * i)) & 0xf];
+}
+
+std::string random_hex(int digits) {
+  thread_local std::mt19937_64 rng(std::random_device{}());
+  std::string out;
+  out.reserve(static_cast<std::size_t>(digits));
+  for (; digits > 0; digits -= 16) append_hex(out, rng(), std::min(digits, 16));
+  return out;
+}
+
+std::string random_alnum(std::size_t n) {
+  static constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  std::string out;
+  out.reserve(n);
+  for (unsigned char c : random_bytes(n)) out += kAlphabet[c % 36];
   return out;
 }
 

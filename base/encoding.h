@@ -12,6 +12,10 @@ inline std::string to_hex(const unsigned char* data, std::size_t size) {
   return to_hex(std::string_view(reinterpret_cast<const char*>(data), size));
 }
 
+// Appends the low `digits` hex digits of `v`, lower case, most significant
+// first (digits <= 16).
+void append_hex(std::string& out, std::uint64_t v, int digits);
+
 // Parses lower- or upper-case hex; false on an odd length or a non-hex digit.
 bool from_hex(std::string_view hex, std::string& out);
 
@@ -45,6 +49,12 @@ class Sha256 {
 std::string hmac_sha256(std::string_view key, std::string_view message);
 // `size` bytes from the system's secure random source; empty on failure.
 std::string random_bytes(std::size_t size);
+// Identifier suffixes. random_hex: `digits` lower-case hex digits from a
+// per-thread generator seeded from the system (cheap; for names that must not
+// collide, not for secrets). random_alnum: `n` characters of a-z0-9 from the
+// secure source (for names a caller must not guess).
+std::string random_hex(int digits);
+std::string random_alnum(std::size_t n);
 // Constant-time comparison of two equally long texts; false when lengths differ.
 bool constant_time_equal(std::string_view a, std::string_view b);
 

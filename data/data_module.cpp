@@ -21,6 +21,7 @@
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
@@ -69,18 +70,17 @@ std::string new_uuid() {
   }
   // "%08x-%04x-%04x-%04x-%012llx" of a's halves and quarters and b's top
   // quarter and rest: a's 16 hex digits, then b's, dashes between the groups.
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out(36, '-');
-  std::size_t at = 0;
-  auto put = [&](std::uint64_t v, int digits) {
-    for (int i = digits - 1; i >= 0; --i) out[at++] = kHex[(v >> (4 * i)) & 0xf];
-    ++at;  // past the dash
-  };
-  put(a >> 32, 8);
-  put(a >> 16, 4);
-  put(a, 4);
-  put(b >> 48, 4);
-  put(b, 12);
+  std::string out;
+  out.reserve(36);
+  base::append_hex(out, a >> 32, 8);
+  out += '-';
+  base::append_hex(out, a >> 16, 4);
+  out += '-';
+  base::append_hex(out, a, 4);
+  out += '-';
+  base::append_hex(out, b >> 48, 4);
+  out += '-';
+  base::append_hex(out, b, 12);
   return out;
 }
 

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <random>
 #include <sstream>
 
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "data/vector_math.h"
@@ -21,15 +21,6 @@ using Json = nlohmann::json;
 constexpr std::size_t kMaxKeyBytes = 4096;
 constexpr std::size_t kMaxValueBytes = 1 << 20;
 constexpr const char* kSharedUser = "_shared";
-
-std::string random_suffix() {
-  thread_local std::mt19937_64 rng(std::random_device{}());
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::uint64_t v = rng();
-  std::string out(16, '0');
-  for (int i = 15; i >= 0; --i, v >>= 4) out[static_cast<std::size_t>(i)] = kDigits[v & 0xf];
-  return out;
-}
 
 std::vector<std::string> words(std::string_view text) {
   std::vector<std::string> out;
@@ -131,11 +122,11 @@ MatrixMemoryConfig MatrixMemoryService::preset(const std::string& domain, std::i
   c.max_rank = 0;  // a store's cost stays the same however much is stored
   c.decay = 0.995f;
   c.use_delta_rule = true;
-  static const std::set<std::string> kResearch = {"ai_research", "bibliometric", "genomics",
-                                                  "proteomics", "pharma", "clinical",
+  static const std::set<std::string> kResearch = {"ai_research",     "bibliometric", "genomics",
+                                                  "proteomics",      "pharma",       "clinical",
                                                   "particle_physics"};
-  static const std::set<std::string> kStreams = {"seismic", "iot", "manufacturing", "trading",
-                                                 "speech", "audio", "robotics"};
+  static const std::set<std::string> kStreams = {"seismic", "iot",   "manufacturing", "trading",
+                                                 "speech",  "audio", "robotics"};
   static const std::set<std::string> kSlow = {"climate", "geospatial", "financial"};
   if (kResearch.count(domain)) {
     c.rank = 128;
@@ -208,8 +199,9 @@ bool MatrixMemoryService::initialize(std::string& error) {
       matrices_[e.id] = std::move(m);
     }
   } else if (opened) {
-    log_(true, "matrix memory: _matrix_index.json does not parse — rebuilding it as matrices "
-               "are used");
+    log_(true,
+         "matrix memory: _matrix_index.json does not parse — rebuilding it as matrices "
+         "are used");
   }
   initialized_ = true;
   for (fs::directory_iterator it(base_dir_, ec), end; !ec && it != end; it.increment(ec)) {
@@ -228,9 +220,9 @@ void MatrixMemoryService::replay_tenant_(const std::string& tenant) {
   std::size_t n = base::replay_journal(
       path, [&](const Json& r) { return r.is_object() && apply_record_locked_(r); }, &stats);
   if (stats.skipped > 0 || stats.torn_bytes > 0) {
-    log_(true, "memory journal " + tenant + "/kv.jsonl: skipped " +
-                   std::to_string(stats.skipped) + " malformed line(s), cut " +
-                   std::to_string(stats.torn_bytes) + " byte(s) of an unfinished last line");
+    log_(true, "memory journal " + tenant + "/kv.jsonl: skipped " + std::to_string(stats.skipped) +
+                   " malformed line(s), cut " + std::to_string(stats.torn_bytes) +
+                   " byte(s) of an unfinished last line");
   }
   log_(false, "memory journal replayed — tenant='" + tenant + "' records=" + std::to_string(n));
 }
@@ -299,7 +291,7 @@ MatrixMemoryService::OpenMatrix* MatrixMemoryService::matrix_locked_(const std::
     if (!create) return nullptr;
     auto fresh = std::make_unique<OpenMatrix>();
     MatrixMemoryConfig c = preset(domain, dimension);
-    c.id = "mem-" + random_suffix();
+    c.id = "mem-" + base::random_hex(16);
     c.tenant_id = tenant;
     c.user_id = kSharedUser;
     c.name = tenant + "/" + domain;
@@ -405,7 +397,7 @@ bool MatrixMemoryService::write_entries_locked_(OpenMatrix& m, std::string& erro
 
 void MatrixMemoryService::track_store_locked_(OpenMatrix& m, const MemoryStoreRequest& r) {
   MemoryEntry e;
-  e.entry_id = "ent-" + random_suffix();
+  e.entry_id = "ent-" + base::random_hex(16);
   e.key_text = r.key;
   e.value_text = r.value;
   e.ns = r.ns;
@@ -468,8 +460,8 @@ MemoryStoreOutcome MatrixMemoryService::store(const MemoryStoreRequest& r) {
     return out;
   }
   const std::int64_t now = base::unix_ms();
-  const Json record = {{"op", "put"},   {"tenant", r.tenant}, {"ns", r.ns},
-                       {"key", r.key},  {"value", r.value},   {"ts", now}};
+  const Json record = {{"op", "put"},  {"tenant", r.tenant}, {"ns", r.ns},
+                       {"key", r.key}, {"value", r.value},   {"ts", now}};
   std::string error;
   if (!kv_log_locked_(r.tenant).append(base::dump_json(record) + "\n", sync_each_, error)) {
     out.error = "persist_failed: " + error;
@@ -485,8 +477,8 @@ MemoryStoreOutcome MatrixMemoryService::store(const MemoryStoreRequest& r) {
   }
   MemoryStoreRequest scoped = r;
   scoped.domain = domain;
-  OpenMatrix* m = matrix_locked_(r.tenant, domain, static_cast<std::int32_t>(kvec.size()), true,
-                                 error);
+  OpenMatrix* m =
+      matrix_locked_(r.tenant, domain, static_cast<std::int32_t>(kvec.size()), true, error);
   if (!m) {
     out.matrix = "no";
     log_(true, "matrix_memory: " + error);
@@ -499,8 +491,8 @@ MemoryStoreOutcome MatrixMemoryService::store(const MemoryStoreRequest& r) {
 }
 
 MemoryRecallOutcome MatrixMemoryService::recall(const std::string& tenant, const std::string& ns,
-                                                const std::string& query,
-                                                const std::string& domain, std::size_t limit) {
+                                                const std::string& query, const std::string& domain,
+                                                std::size_t limit) {
   MemoryRecallOutcome out;
   const auto started = std::chrono::steady_clock::now();
   std::string error;
@@ -546,8 +538,8 @@ MemoryRecallOutcome MatrixMemoryService::recall(const std::string& tenant, const
           continue;
         }
         if (v.size() != rr.value.size()) continue;
-        const double score =
-            cosine(dot(rr.value.data(), v.data(), v.size()), rsq, dot(v.data(), v.data(), v.size()));
+        const double score = cosine(dot(rr.value.data(), v.data(), v.size()), rsq,
+                                    dot(v.data(), v.data(), v.size()));
         if (score < 0.5) continue;
         ++e.access_count;
         e.last_recalled_at = base::unix_s();
@@ -606,8 +598,8 @@ MemoryForgetOutcome MatrixMemoryService::forget(const MemoryForgetRequest& r) {
         if (it != scope->second.end()) value = it->second.value;
       }
     }
-    if (embed_ && (!embed_(r.key, kvec, error) ||
-                   !embed_(value.empty() ? r.key : value, vvec, error))) {
+    if (embed_ &&
+        (!embed_(r.key, kvec, error) || !embed_(value.empty() ? r.key : value, vvec, error))) {
       kvec.clear();
     }
   }
@@ -629,8 +621,8 @@ MemoryForgetOutcome MatrixMemoryService::forget(const MemoryForgetRequest& r) {
   }
   Json listed = Json::array();
   for (const auto& [n, k] : keys) listed.push_back({n, k});
-  const Json record = {{"op", "forget"},     {"tenant", r.tenant}, {"ns", r.ns},
-                       {"key", r.key},       {"mode", r.mode},     {"keys", listed},
+  const Json record = {{"op", "forget"},       {"tenant", r.tenant}, {"ns", r.ns},
+                       {"key", r.key},         {"mode", r.mode},     {"keys", listed},
                        {"ts", base::unix_ms()}};
   if (!keys.empty() || !bulk) {
     if (!kv_log_locked_(r.tenant).append(base::dump_json(record) + "\n", sync_each_, error)) {
@@ -659,8 +651,8 @@ MemoryForgetOutcome MatrixMemoryService::forget(const MemoryForgetRequest& r) {
       m->entries[it->second].forgotten = true;
       std::string append_error;
       m->meta_log->append(
-          base::dump_json(Json{{"op", "forget"}, {"namespace", n}, {"key", k}}) + "\n",
-          sync_each_, append_error);
+          base::dump_json(Json{{"op", "forget"}, {"namespace", n}, {"key", k}}) + "\n", sync_each_,
+          append_error);
       ++m->meta_log_lines;
       ++out.removed;
       touched.insert(id);

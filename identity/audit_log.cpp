@@ -113,8 +113,8 @@ struct Canonical {
     return n;
   }
 
-  // Writes size() bytes at `out`; `ends` as in AuditLog::Record.
-  void write(char* out, std::array<std::uint32_t, 6>& ends) const {
+  // Writes size() bytes at `out` and where each text field starts.
+  void write(char* out, std::array<std::uint32_t, 6>& starts) const {
     char* p = out;
     auto put = [&p](const char* b, std::size_t n) {
       std::memcpy(p, b, n);
@@ -127,13 +127,9 @@ struct Canonical {
     put(dom, dom_n);
     *p++ = ':';
     put(sub, sub_n);
-    *p++ = '|';
-    ends[0] = static_cast<std::uint32_t>(p - out);
     for (std::size_t i = 0; i < fields.size(); ++i) {
-      if (i > 0) {
-        ends[i] = static_cast<std::uint32_t>(p - out);
-        *p++ = '|';
-      }
+      *p++ = '|';
+      starts[i] = static_cast<std::uint32_t>(p - out);
       put(fields[i].data(), fields[i].size());
     }
   }
@@ -144,16 +140,16 @@ struct Canonical {
 std::string AuditLog::canonical_body(const AuditEvent& e) {
   const Canonical c(e);
   std::string out(c.size(), '\0');
-  std::array<std::uint32_t, 6> ends;
-  c.write(out.data(), ends);
+  std::array<std::uint32_t, 6> starts;
+  c.write(out.data(), starts);
   return out;
 }
 
 std::string_view AuditLog::Record::field(std::size_t i) const {
   if (damaged) return {};
-  const std::size_t begin = i == 0 ? ends[0] : ends[i] + 1;
-  const std::size_t end = i + 1 < ends.size() ? ends[i + 1] : size;
-  return {body + begin, end - begin};
+  // Each field but the last is followed by "|".
+  const std::size_t end = i + 1 < starts.size() ? starts[i + 1] - 1 : size;
+  return {body + starts[i], end - starts[i]};
 }
 
 AuditEvent AuditLog::Record::event() const {
@@ -174,6 +170,11 @@ AuditEvent AuditLog::Record::event() const {
   return e;
 }
 
+bool AuditLog::chain_hash_(const Hash& prev, const Record& r, Hash& out) const {
+  return sha_.digest(std::string_view(reinterpret_cast<const char*>(prev.data()), prev.size()),
+                     std::string_view(r.body, r.size), out.data());
+}
+
 AuditLog::Record AuditLog::store_(const AuditEvent& e) {
   Record r;
   r.seq = e.seq;
@@ -186,7 +187,7 @@ AuditLog::Record AuditLog::store_(const AuditEvent& e) {
   const Canonical c(e);
   r.size = static_cast<std::uint32_t>(c.size());
   char* body = bodies_.allocate(r.size);
-  c.write(body, r.ends);
+  c.write(body, r.starts);
   r.body = body;
   return r;
 }
@@ -288,9 +289,7 @@ AuditEvent AuditLog::append(SourceCode source, std::string actor, std::string ac
   e.ts_ms = base::unix_ms();
   e.prev_hash = last_hash_;
   Record r = store_(e);
-  sha_.digest(
-      std::string_view(reinterpret_cast<const char*>(e.prev_hash.data()), e.prev_hash.size()),
-      std::string_view(r.body, r.size), e.hash.data());
+  chain_hash_(e.prev_hash, r, e.hash);
   r.hash = e.hash;
   last_hash_ = e.hash;
   open_for_append_();
@@ -313,10 +312,7 @@ AuditLog::Verification AuditLog::verify() const {
   Hash expected{};
   Hash computed;
   for (const Record& e : events_) {
-    if (e.damaged || e.prev_hash != expected ||
-        !sha_.digest(
-            std::string_view(reinterpret_cast<const char*>(expected.data()), expected.size()),
-            std::string_view(e.body, e.size), computed.data()) ||
+    if (e.damaged || e.prev_hash != expected || !chain_hash_(expected, e, computed) ||
         computed != e.hash) {
       v.ok = false;
       v.first_bad_seq = e.seq;

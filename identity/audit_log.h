@@ -108,10 +108,8 @@ class AuditLog {
     std::int64_t ts_ms = 0;
     const char* body = nullptr;
     std::uint32_t size = 0;
-    // ends[0] is where the actor starts; ends[1..5] where actor, action,
-    // resource, outcome and tenant end (each followed by "|"); the metadata
-    // runs from ends[5] + 1 to the end of the body.
-    std::array<std::uint32_t, 6> ends{};
+    // Where actor, action, resource, outcome, tenant and metadata start.
+    std::array<std::uint32_t, 6> starts{};
     SourceCode source{};
     bool damaged = false;
     Hash prev_hash{};
@@ -122,6 +120,8 @@ class AuditLog {
   };
   // Lays out `e`'s canonical body in the arena; with mu_ held.
   Record store_(const AuditEvent& e);
+  // SHA-256(prev ‖ the record's body), the chain rule; with mu_ held.
+  bool chain_hash_(const Hash& prev, const Record& r, Hash& out) const;
   void open_for_append_();  // with mu_ held
 
   const std::filesystem::path journal_;

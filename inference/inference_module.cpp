@@ -9,7 +9,6 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -55,16 +54,6 @@ constexpr const char* kNativeOnly = "{\"error\":\"native_inference_not_compiled_
 const std::set<std::string> kSettingsKeys = {
     "backend",          "gpu_layers", "ctx_length",  "max_contexts",         "batch_size",
     "batching_enabled", "auto_load",  "auto_unload", "auto_unload_timeout_s"};
-
-// 16 lower-case hex digits.
-std::string random_suffix() {
-  thread_local std::mt19937_64 rng(std::random_device{}());
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::uint64_t v = rng();
-  std::string out(16, '0');
-  for (int i = 15; i >= 0; --i, v >>= 4) out[static_cast<std::size_t>(i)] = kDigits[v & 0xf];
-  return out;
-}
 
 // A positive whole number, else `fallback`.
 std::int64_t setting(const kernel::ConfigView& cfg, const std::string& key, std::int64_t fallback) {
@@ -469,7 +458,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   }
   std::string session = req.header("X-Session-Id");
   if (session.empty()) session = chat.session_id;
-  if (session.empty()) session = "sess-" + random_suffix();
+  if (session.empty()) session = "sess-" + base::random_hex(16);
   if (std::string why; !base::safe_id(session, why)) {
     reply(res, chat_json::render_error({400, "session id " + why}), 400);
     return;
@@ -477,7 +466,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   chat.session_id = session;
   // A caller bound to a tenant is queued and counted as that tenant.
   if (!req.tenant.empty() || chat.tenant_id.empty()) chat.tenant_id = req.tenant;
-  if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
+  if (chat.request_id.empty()) chat.request_id = "req-" + base::random_hex(16);
   res.headers["X-Session-Id"] = session;
 
   if (!stream) {
@@ -497,7 +486,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
 int InferenceModule::stream_sse_(ChatRequest chat,
                                  const std::function<bool(std::string_view)>& write,
                                  bool coalesce) {
-  if (chat.request_id.empty()) chat.request_id = "req-" + random_suffix();
+  if (chat.request_id.empty()) chat.request_id = "req-" + base::random_hex(16);
   const std::string id = "chatcmpl-ulvo-" + chat.request_id;
   const std::int64_t created = base::unix_s();
   const std::string model = chat.model;

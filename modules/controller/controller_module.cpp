@@ -633,9 +633,7 @@ void ControllerModule::trigger_auto_failover_(const std::string& primary,
     log_->warn("watchdog: run_failover_swap_ returned status=" + std::to_string(status) +
                " body=" + body);
   }
-  static const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-  std::string id = "wfo-";
-  for (unsigned char c : base::random_bytes(12)) id += kAlphabet[c % 36];
+  const std::string id = "wfo-" + base::random_alnum(12);
   const std::string at = base::utc_text();
   const int notified = 0;
   {

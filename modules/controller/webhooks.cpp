@@ -26,14 +26,6 @@ constexpr const char* kSchema =
     "CREATE INDEX IF NOT EXISTS ix_deliveries_sub ON deliveries(subscription_id);"
     "CREATE INDEX IF NOT EXISTS ix_deliveries_sent ON deliveries(sent_at DESC);";
 
-std::string random_suffix(std::size_t n) {
-  static const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-  const std::string bytes = base::random_bytes(n);
-  std::string out;
-  for (unsigned char c : bytes) out += kAlphabet[c % 36];
-  return out;
-}
-
 bool wants(const Json& events, const std::string& event) {
   if (!events.is_array() || events.empty()) return true;
   for (const auto& e : events) {
@@ -192,7 +184,7 @@ Webhooks::Answer Webhooks::create(const Json& body) {
   const std::string description = body.contains("description") && body["description"].is_string()
                                       ? body["description"].get<std::string>()
                                       : "";
-  const std::string id = "wh-" + random_suffix(12), created = base::utc_text();
+  const std::string id = "wh-" + base::random_alnum(12), created = base::utc_text();
   std::lock_guard lock(db_mu_);
   if (!db_) return {{{"error", "webhooks_db_unavailable"}}, 503};
   std::string error;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/durable_file.h"
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/sqlite.h"
@@ -242,6 +243,23 @@ TEST(Text, ArenaTextsStayPut) {
   for (const auto& [p, t] : kept) ASSERT_EQ(std::string_view(p, t.size()), t);
   arena.clear();
   EXPECT_NE(arena.allocate(10), nullptr);
+}
+
+// Identifier pieces: exact hex digits, random suffixes of the promised
+// length and alphabet that do not repeat.
+TEST(Text, HexDigitsAndRandomSuffixes) {
+  std::string out = "x";
+  append_hex(out, 0x0123456789abcdefULL, 16);
+  append_hex(out, 0xabcULL, 2);
+  append_hex(out, 0x5ULL, 4);
+  EXPECT_EQ(out, "x0123456789abcdefbc0005");
+  const std::string h = random_hex(40), a = random_alnum(24);
+  EXPECT_EQ(h.size(), 40u);
+  EXPECT_EQ(h.find_first_not_of("0123456789abcdef"), std::string::npos) << h;
+  EXPECT_EQ(a.size(), 24u);
+  EXPECT_EQ(a.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789"), std::string::npos) << a;
+  EXPECT_NE(random_hex(16), random_hex(16));
+  EXPECT_NE(random_alnum(12), random_alnum(12));
 }
 
 // The wrapper reports SQLite's text and rolls back an unfinished transaction.

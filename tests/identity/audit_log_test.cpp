@@ -58,6 +58,16 @@ TEST(AuditLog, CanonicalBodyAndChainRule) {
   EXPECT_EQ(b.prev_hash, a.hash);
   EXPECT_TRUE(log.verify().ok);
   EXPECT_EQ(log.verify().checked, 2u);
+  // Fields read back as appended, "|" inside them and empty ones included.
+  std::size_t total = 0;
+  const auto back = log.query({}, total);
+  ASSERT_EQ(back.size(), 2u);
+  EXPECT_EQ(
+      std::vector<std::string>({back[0].actor, back[0].action, back[0].resource, back[0].outcome,
+                                back[0].tenant, back[0].metadata}),
+      std::vector<std::string>({"actor|x", "policy.mode.set", "r", "ok", "t", "{\"m\":\"a|b\"}"}));
+  EXPECT_EQ(std::vector<std::string>({back[1].resource, back[1].tenant, back[1].metadata}),
+            std::vector<std::string>({"", "", "{}"}));
 
   Json line = Json::parse(lines_of(dir / "audit.jsonl").at(0));
   for (const char* key : {"seq", "ts_ms", "actor", "action", "resource", "outcome", "tenant",

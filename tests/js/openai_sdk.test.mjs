@@ -7,16 +7,13 @@
 //   node --test tests/js/openai_sdk.test.mjs   (env OSTREL_BINARY, OSTREL_SOURCE_DIR)
 import { test, before, after } from "node:test";
 import assert from "node:assert/strict";
-import { spawn } from "node:child_process";
 import { mkdtempSync, rmSync } from "node:fs";
 import { createServer } from "node:http";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import OpenAI from "openai";
+import { startNode } from "./node_process.mjs";
 
-const binary = process.env.OSTREL_BINARY;
-const sourceDir = process.env.OSTREL_SOURCE_DIR;
-assert.ok(binary && sourceDir, "OSTREL_BINARY and OSTREL_SOURCE_DIR must be set");
 
 // --- the scripted model server ------------------------------------------------
 
@@ -63,39 +60,15 @@ let node;
 let baseURL;
 const dataDir = mkdtempSync(join(tmpdir(), "ostrel-sdk-"));
 
-function freePort() {
-  return new Promise((resolve) => {
-    const s = createServer();
-    s.listen(0, "127.0.0.1", () => {
-      const { port } = s.address();
-      s.close(() => resolve(port));
-    });
-  });
-}
-
 before(async () => {
   await new Promise((r) => model.listen(0, "127.0.0.1", r));
   const modelURL = `http://127.0.0.1:${model.address().port}`;
-  const port = await freePort();
-  node = spawn(binary, [
-    `--port=${port}`, "--bind=127.0.0.1", `--data-dir=${dataDir}`, `--modules-d=${sourceDir}/modules.d`,
-    "--config-set", "data.embedding_model=ulvo-hash-embed-v1",
-    "--config-set", `inference.ollama_url=${modelURL}`,
-    "--config-set", "inference.health_poll_interval_seconds=1",
-    "--config-set", `edge.controller_url=http://127.0.0.1:${port}`,
-  ], { env: { ...process.env, OSTREL_AUTH: "off", OSTREL_CONFIG_DIR: join(dataDir, "config") }, stdio: ["ignore", "ignore", "pipe"] });
-  let err = "";
-  await new Promise((resolve, reject) => {
-    const timer = setTimeout(() => reject(new Error("node not ready:\n" + err)), 20000);
-    node.stderr.on("data", (c) => {
-      err += c;
-      if (err.includes("ready — serving on")) {
-        clearTimeout(timer);
-        resolve();
-      }
-    });
-    node.on("exit", (code) => reject(new Error(`node exited ${code}:\n${err}`)));
-  });
+  let port;
+  ({ node, port } = await startNode(dataDir, (p) => [
+    `inference.ollama_url=${modelURL}`,
+    "inference.health_poll_interval_seconds=1",
+    `edge.controller_url=http://127.0.0.1:${p}`,
+  ]));
   baseURL = `http://127.0.0.1:${port}/v1`;
   // The scripted server's models are known once the engine has polled it.
   const client = new OpenAI({ apiKey: "unused", baseURL });

@@ -9,51 +9,21 @@
 //                                          OSTREL_ARTIFACT_DIR, CHROMIUM)
 import { test, before, after } from "node:test";
 import assert from "node:assert/strict";
-import { spawn } from "node:child_process";
 import { mkdirSync, mkdtempSync, rmSync, statSync } from "node:fs";
-import { createServer } from "node:net";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import puppeteer from "puppeteer-core";
+import { startNode } from "./node_process.mjs";
 
-const binary = process.env.OSTREL_BINARY;
-const sourceDir = process.env.OSTREL_SOURCE_DIR;
 const artifacts = process.env.OSTREL_ARTIFACT_DIR || join(tmpdir(), "ostrel-artifacts");
 const chromium = process.env.CHROMIUM || "/usr/bin/chromium";
-assert.ok(binary && sourceDir, "OSTREL_BINARY and OSTREL_SOURCE_DIR must be set");
 
 let node, browser, base;
 const dataDir = mkdtempSync(join(tmpdir(), "ostrel-pages-"));
 
-function freePort() {
-  return new Promise((resolve) => {
-    const s = createServer();
-    s.listen(0, "127.0.0.1", () => {
-      const { port } = s.address();
-      s.close(() => resolve(port));
-    });
-  });
-}
-
 before(async () => {
-  const port = await freePort();
-  node = spawn(binary, [
-    `--port=${port}`, "--bind=127.0.0.1", `--data-dir=${dataDir}`, `--modules-d=${sourceDir}/modules.d`,
-    "--config-set", "data.embedding_model=ulvo-hash-embed-v1",
-    "--config-set", "inference.ollama_url=http://127.0.0.1:9",
-  ], { env: { ...process.env, OSTREL_AUTH: "off", OSTREL_CONFIG_DIR: join(dataDir, "config") }, stdio: ["ignore", "ignore", "pipe"] });
-  let err = "";
-  await new Promise((resolve, reject) => {
-    const timer = setTimeout(() => reject(new Error("node not ready:\n" + err)), 20000);
-    node.stderr.on("data", (c) => {
-      err += c;
-      if (err.includes("ready — serving on")) {
-        clearTimeout(timer);
-        resolve();
-      }
-    });
-    node.on("exit", (code) => reject(new Error(`node exited ${code}:\n${err}`)));
-  });
+  let port;
+  ({ node, port } = await startNode(dataDir, () => ["inference.ollama_url=http://127.0.0.1:9"]));
   base = `http://127.0.0.1:${port}`;
   browser = await puppeteer.launch({
     executablePath: chromium,

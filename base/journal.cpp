@@ -111,16 +111,21 @@ bool AppendLog::open_locked_(std::string& error) {
 bool AppendLog::append(std::string_view bytes, bool sync, std::string& error) {
   std::lock_guard lock(mu_);
   if (!open_locked_(error)) return false;
-  const off_t before = ::lseek(fd_, 0, SEEK_END);
   std::size_t done = 0;
   while (done < bytes.size()) {
     ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       error = "write " + path_.filename().string() + ": " + std::strerror(errno);
-      // A partial record must not stay ahead of the next one.
-      if (done > 0 && before >= 0 && ::ftruncate(fd_, before) != 0) {
-        error += " (and the partial record could not be cut off)";
+      // A partial record must not stay ahead of the next one. Appending
+      // leaves the offset at the end of what was written, so the record
+      // began `done` bytes before it.
+      if (done > 0) {
+        const off_t end = ::lseek(fd_, 0, SEEK_CUR);
+        if (end < static_cast<off_t>(done) ||
+            ::ftruncate(fd_, end - static_cast<off_t>(done)) != 0) {
+          error += " (and the partial record could not be cut off)";
+        }
       }
       return false;
     }

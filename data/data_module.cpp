@@ -618,8 +618,9 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
   const VectorSettings s = settings_();
   const std::string tenant = request.tenant.value_or("default");
   const std::string ns = request.ns.value_or("default");
-  const std::string& text = request.text ? *request.text : std::string();
-  const std::string source = request.source.value_or("");
+  static const std::string kNone;
+  const std::string& text = request.text ? *request.text : kNone;
+  const std::string& source = request.source ? *request.source : kNone;
   const std::string model = request.model.value_or(s.embedding_model);
   const std::int64_t size = request.chunk_size.value_or(s.chunking_size);
   const std::int64_t overlap = request.chunk_overlap.value_or(s.chunking_overlap);
@@ -641,39 +642,51 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
         {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}});
   }
   auto pieces = chunk_text(text, static_cast<std::size_t>(size), static_cast<std::size_t>(overlap));
-  std::vector<VectorRecord> records;
-  records.reserve(pieces.size());
+  // Every chunk carries the document's metadata with "chunk_count" and its
+  // own "chunk_index"; the shared part is written once.
+  std::string shared_text;  // "{…}", never empty
+  if (request.metadata.empty()) {
+    shared_text = "{\"chunk_count\":" + std::to_string(pieces.size()) + "}";
+  } else {
+    Json shared = request.metadata;
+    shared["chunk_count"] = pieces.size();
+    shared.erase("chunk_index");
+    shared_text = base::dump_json(shared);
+  }
+  struct Chunk {
+    std::vector<float> embedding;
+    std::string id;
+    std::string metadata;
+  };
+  std::vector<Chunk> chunks(pieces.size());
+  std::vector<RecordView> records(pieces.size());
   const std::int64_t now = base::unix_ms();
-  Json chunk_metadata = request.metadata.is_null() ? Json::object() : request.metadata;
-  chunk_metadata["chunk_count"] = pieces.size();
   for (std::size_t i = 0; i < pieces.size(); ++i) {
-    VectorRecord r;
-    r.text = text.substr(pieces[i].first, pieces[i].second);
-    if (!embed_(model, r.text, r.embedding, error)) {
+    Chunk& c = chunks[i];
+    const std::string_view chunk = std::string_view(text).substr(pieces[i].first, pieces[i].second);
+    if (!embed_(model, chunk, c.embedding, error)) {
       // Nothing of this document is stored: its chunks go in together.
       status = 502;
       return base::dump_json(
           {{"error", "embedding_failed"}, {"detail", error}, {"chunk_index", i}});
     }
-    r.id = new_uuid();
-    r.source = source;
-    r.created_ms = now;
-    r.metadata = chunk_metadata;
-    r.metadata["chunk_index"] = i;
-    records.push_back(std::move(r));
+    c.id = new_uuid();
+    c.metadata = "{\"chunk_index\":" + std::to_string(i) + ",";
+    c.metadata.append(shared_text, 1);
+    records[i] = {c.id, chunk, source, c.metadata, c.embedding.data(), c.embedding.size(), now};
   }
-  const std::size_t dim = records.empty() ? 0 : records.front().embedding.size();
+  const std::size_t dim = chunks.empty() ? 0 : chunks.front().embedding.size();
   std::string out = "{\"status\":\"ingested\",\"ids\":[";
-  for (std::size_t i = 0; i < records.size(); ++i) {
+  for (std::size_t i = 0; i < chunks.size(); ++i) {
     if (i) out += ',';
-    text::append_json_string(out, records[i].id);
+    text::append_json_string(out, chunks[i].id);
   }
   out += "],\"chunks\":" + std::to_string(pieces.size()) + ",\"tenant\":";
   text::append_json_string(out, tenant);
   out += ",\"namespace\":";
   text::append_json_string(out, ns);
   out += ",\"embedding_dim\":" + std::to_string(dim) + "}";
-  if (!vectors_->append(tenant, ns, std::move(records), error)) {
+  if (!vectors_->append(tenant, ns, records, error)) {
     status = error.rfind("invalid", 0) == 0 ? 400 : 500;
     return base::dump_json({{"error", "persist_failed"}, {"detail", error}});
   }

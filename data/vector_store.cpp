@@ -1,6 +1,8 @@
 #include "data/vector_store.h"
 
 #include <charconv>
+#include <cstring>
+#include <limits>
 #include <system_error>
 
 #include "base/durable_file.h"
@@ -106,14 +108,29 @@ bool valid_names(const std::string& tenant, const std::string& ns, std::string& 
 namespace {
 
 // Room for a record's line in the usual case (escapes in the text aside).
-std::size_t line_size_hint(const VectorRecord& r) {
-  return 128 + r.text.size() + r.text.size() / 8 + r.source.size() +
-         r.embedding.size() * (text::kFloatChars + 1);
+std::size_t line_size_hint(const RecordView& r) {
+  return 128 + r.text.size() + r.text.size() / 8 + r.source.size() + r.metadata.size() +
+         r.dim * (text::kFloatChars + 1);
+}
+
+// Views of whole records; their metadata texts live in `metadata`.
+std::vector<RecordView> views_of(const std::vector<VectorRecord>& records,
+                                 std::vector<std::string>& metadata) {
+  metadata.clear();
+  metadata.reserve(records.size());
+  std::vector<RecordView> views;
+  views.reserve(records.size());
+  for (const auto& r : records) {
+    metadata.push_back(base::dump_json(r.metadata.is_object() ? r.metadata : Json::object()));
+    views.push_back({r.id, r.text, r.source, metadata.back(), r.embedding.data(),
+                     r.embedding.size(), r.created_ms});
+  }
+  return views;
 }
 
 }  // namespace
 
-void append_record_line(std::string& out, const VectorRecord& r) {
+void append_record_line(std::string& out, const RecordView& r) {
   out.reserve(out.size() + line_size_hint(r));
   out += "{\"id\":";
   text::append_json_string(out, r.id);
@@ -122,17 +139,19 @@ void append_record_line(std::string& out, const VectorRecord& r) {
   out += ",\"source\":";
   text::append_json_string(out, r.source);
   out += ",\"embedding\":[";
-  text::append_floats(out, r.embedding.data(), r.embedding.size());
+  text::append_floats(out, r.embedding, r.dim);
   out += "],\"created_ms\":";
-  out += std::to_string(r.created_ms);
+  char digits[24];
+  out.append(digits, std::to_chars(digits, digits + sizeof digits, r.created_ms).ptr);
   out += ",\"metadata\":";
-  out += base::dump_json(r.metadata.is_object() ? r.metadata : Json::object());
+  out += r.metadata.empty() ? std::string_view("{}") : r.metadata;
   out += "}\n";
 }
 
 std::string vector_record_line(const VectorRecord& r) {
+  std::vector<std::string> metadata;
   std::string out;
-  append_record_line(out, r);
+  append_record_line(out, views_of({r}, metadata).front());
   return out;
 }
 
@@ -145,31 +164,50 @@ fs::path VectorStore::journal_path(const std::string& tenant, const std::string&
   return root_ / (escape_tenant(tenant) + "_" + ns + ".jsonl");
 }
 
-void VectorStore::add_locked_(Namespace& n, VectorRecord r) {
-  const std::size_t dim = r.embedding.size();
-  Rows& rows = n.rows[dim];
-  rows.values.append(r.embedding.data(), dim);
-  rows.sumsq.push_back(dot(r.embedding.data(), r.embedding.data(), dim));
-  rows.record.push_back(static_cast<std::uint32_t>(n.records.size()));
-  r.embedding.clear();
-  r.embedding.shrink_to_fit();
-  n.by_id[r.id] = n.records.size();
-  n.dims.push_back(dim);
-  n.records.push_back(std::move(r));
+bool VectorStore::Contents::add(const RecordView& r) {
+  constexpr std::size_t kMaxField = std::numeric_limits<std::uint32_t>::max();
+  if (r.id.size() > kMaxField || r.text.size() > kMaxField || r.source.size() > kMaxField ||
+      r.metadata.size() > kMaxField || r.dim > kMaxField || records.size() >= kMaxField) {
+    return false;
+  }
+  if (by_id.count(r.id)) return false;
+  const std::size_t total = r.id.size() + r.text.size() + r.source.size() + r.metadata.size();
+  char* at = texts.allocate(total);
+  char* p = at;
+  for (std::string_view part : {r.id, r.text, r.source, r.metadata}) {
+    if (!part.empty()) std::memcpy(p, part.data(), part.size());
+    p += part.size();
+  }
+  Rows& rows = this->rows[r.dim];
+  const auto row = static_cast<std::uint32_t>(rows.sumsq.size());
+  rows.values.append(r.embedding, r.dim);
+  rows.sumsq.push_back(dot(r.embedding, r.embedding, r.dim));
+  rows.record.push_back(static_cast<std::uint32_t>(records.size()));
+  records.push_back(
+      {at, static_cast<std::uint32_t>(r.id.size()), static_cast<std::uint32_t>(r.text.size()),
+       static_cast<std::uint32_t>(r.source.size()), static_cast<std::uint32_t>(r.metadata.size()),
+       r.created_ms, static_cast<std::uint32_t>(r.dim), row});
+  by_id.emplace(records.back().id(), static_cast<std::uint32_t>(records.size() - 1));
+  return true;
+}
+
+RecordView VectorStore::Contents::view(const Stored& s) const {
+  const float* embedding = rows.at(s.dim).values.data() + std::size_t{s.row} * s.dim;
+  return {s.id(), s.text(), s.source(), s.metadata(), embedding, s.dim, s.created_ms};
 }
 
 void VectorStore::load_locked_(Namespace& n, const std::string& tenant, const std::string& ns) {
   if (n.loaded) return;
   const fs::path path = journal_path(tenant, ns);
   base::ReplayStats stats;
+  std::vector<std::string> metadata;
   base::replay_journal_lines(
       path,
       [&](std::string_view line) {
         VectorRecord r;
         if (!record_from_line(line, r)) return false;
-        if (n.by_id.count(r.id)) return false;  // a duplicate line: the first stands
-        add_locked_(n, std::move(r));
-        return true;
+        // A duplicate line: the first stands.
+        return n.contents.add(views_of({r}, metadata).front());
       },
       &stats);
   if (stats.skipped > 0 || stats.torn_bytes > 0) {
@@ -180,7 +218,7 @@ void VectorStore::load_locked_(Namespace& n, const std::string& tenant, const st
   n.log = std::make_unique<base::AppendLog>(path);
   n.loaded = true;
   log_(false, "vector namespace loaded — tenant='" + tenant + "' ns='" + ns +
-                  "' records=" + std::to_string(n.records.size()));
+                  "' records=" + std::to_string(n.contents.records.size()));
 }
 
 VectorStore::Namespace& VectorStore::open_(const std::string& tenant, const std::string& ns) {
@@ -201,7 +239,7 @@ VectorStore::Namespace& VectorStore::open_(const std::string& tenant, const std:
 }
 
 bool VectorStore::append(const std::string& tenant, const std::string& ns,
-                         std::vector<VectorRecord> records, std::string& error) {
+                         std::span<const RecordView> records, std::string& error) {
   if (!valid_names(tenant, ns, error)) return false;
   std::string lines;
   std::size_t room = 0;
@@ -216,11 +254,14 @@ bool VectorStore::append(const std::string& tenant, const std::string& ns,
     error = "persist_failed: " + why;
     return false;
   }
-  for (auto& r : records) {
-    if (n.by_id.count(r.id)) continue;
-    add_locked_(n, std::move(r));
-  }
+  for (const auto& r : records) n.contents.add(r);
   return true;
+}
+
+bool VectorStore::append(const std::string& tenant, const std::string& ns,
+                         const std::vector<VectorRecord>& records, std::string& error) {
+  std::vector<std::string> metadata;
+  return append(tenant, ns, views_of(records, metadata), error);
 }
 
 std::vector<VectorHit> VectorStore::search(const std::string& tenant, const std::string& ns,
@@ -234,8 +275,8 @@ std::vector<VectorHit> VectorStore::search(const std::string& tenant, const std:
   const double qsq = dot(query.data(), query.data(), dim);
   if (!(qsq > 0)) return {};
   std::shared_lock lock(n.mu);
-  auto it = n.rows.find(dim);
-  if (it == n.rows.end()) return {};
+  auto it = n.contents.rows.find(dim);
+  if (it == n.contents.rows.end()) return {};
   const Rows& rows = it->second;
   TopK<std::size_t> best(k);
   const std::size_t count = rows.sumsq.size();
@@ -258,9 +299,12 @@ std::vector<VectorHit> VectorStore::search(const std::string& tenant, const std:
   }
   std::vector<VectorHit> hits;
   for (std::size_t r : best.take()) {
-    const VectorRecord& rec = n.records[rows.record[r]];
+    const Stored& rec = n.contents.records[rows.record[r]];
     const double score = cosine(dot(query.data(), values + r * dim, dim), qsq, rows.sumsq[r]);
-    hits.push_back({rec.id, rec.text, rec.source, rec.metadata, score});
+    Json metadata = base::parse_json(rec.metadata());
+    if (!metadata.is_object()) metadata = Json::object();
+    hits.push_back({std::string(rec.id()), std::string(rec.text()), std::string(rec.source()),
+                    std::move(metadata), score});
   }
   return hits;
 }
@@ -271,7 +315,7 @@ bool VectorStore::exists(const std::string& tenant, const std::string& ns) {
     auto it = spaces_.find({tenant, ns});
     if (it != spaces_.end()) {
       std::shared_lock read(it->second->mu);
-      if (!it->second->records.empty()) return true;
+      if (!it->second->contents.records.empty()) return true;
     }
   }
   std::error_code ec;
@@ -290,26 +334,22 @@ bool VectorStore::remove(const std::string& tenant, const std::string& ns, const
   }
   Namespace& n = open_(tenant, ns);
   std::unique_lock lock(n.mu);
-  auto found = n.by_id.find(id);
-  if (found == n.by_id.end()) {
+  auto found = n.contents.by_id.find(id);
+  if (found == n.contents.by_id.end()) {
     error = "id_not_found";
     return false;
   }
   const std::size_t victim = found->second;
-  // The journal without the record, written whole and renamed over the old one.
-  std::vector<VectorRecord> kept;
-  kept.reserve(n.records.size() - 1);
-  std::map<std::size_t, std::size_t> next_row;  // dimension → next row of that dimension
+  // The journal without the record, written whole and renamed over the old
+  // one; memory is rebuilt beside it and replaces the old contents once the
+  // file is in place.
+  Contents kept;
   std::string content;
-  for (std::size_t i = 0; i < n.records.size(); ++i) {
-    const std::size_t dim = n.dims[i];
-    const std::size_t row = next_row[dim]++;
+  for (std::size_t i = 0; i < n.contents.records.size(); ++i) {
     if (i == victim) continue;
-    VectorRecord r = n.records[i];
-    const float* v = n.rows[dim].values.data() + row * dim;
-    r.embedding.assign(v, v + dim);
-    append_record_line(content, r);
-    kept.push_back(std::move(r));
+    const RecordView v = n.contents.view(n.contents.records[i]);
+    append_record_line(content, v);
+    kept.add(v);
   }
   const fs::path path = journal_path(tenant, ns);
   n.log->close();
@@ -317,11 +357,7 @@ bool VectorStore::remove(const std::string& tenant, const std::string& ns, const
     error = "rename_failed";
     return false;
   }
-  n.records.clear();
-  n.dims.clear();
-  n.by_id.clear();
-  n.rows.clear();
-  for (auto& r : kept) add_locked_(n, std::move(r));
+  n.contents = std::move(kept);
   return true;
 }
 
@@ -346,8 +382,8 @@ std::vector<VectorNamespaceInfo> VectorStore::list(const std::string& tenant) {
   for (auto& [key, info] : found) {
     Namespace& n = open_(key.first, key.second);
     std::shared_lock lock(n.mu);
-    info.document_count = n.records.size();
-    info.embedding_dim = n.dims.empty() ? 0 : n.dims.front();
+    info.document_count = n.contents.records.size();
+    info.embedding_dim = n.contents.records.empty() ? 0 : n.contents.records.front().dim;
     out.push_back(info);
   }
   return out;

@@ -8,11 +8,14 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <shared_mutex>
+#include <span>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "base/journal.h"
+#include "base/text_arena.h"
 #include "data/row_buffer.h"
 
 namespace ostrel::data {
@@ -25,6 +28,17 @@ struct VectorRecord {
   std::vector<float> embedding;
   std::int64_t created_ms = 0;
   nlohmann::json metadata = nlohmann::json::object();
+};
+
+// A record to store, as views of the caller's storage (valid for the call).
+struct RecordView {
+  std::string_view id;
+  std::string_view text;
+  std::string_view source;
+  std::string_view metadata;  // the text of a JSON object
+  const float* embedding = nullptr;
+  std::size_t dim = 0;
+  std::int64_t created_ms = 0;
 };
 
 // A scored record, copied out of the store.
@@ -67,9 +81,12 @@ class VectorStore {
   ~VectorStore();
 
   // False with a reason ("invalid …", "persist_failed: …"); then nothing of
-  // `records` is stored.
-  bool append(const std::string& tenant, const std::string& ns, std::vector<VectorRecord> records,
+  // `records` is stored. A record whose id is already held keeps the first.
+  bool append(const std::string& tenant, const std::string& ns, std::span<const RecordView> records,
               std::string& error);
+  // The same for whole records.
+  bool append(const std::string& tenant, const std::string& ns,
+              const std::vector<VectorRecord>& records, std::string& error);
 
   // The best `k` records at or above `min_score` whose embedding has the
   // query's dimension, best first; equal scores in storage order.
@@ -98,13 +115,35 @@ class VectorStore {
     std::vector<double> sumsq;
     std::vector<std::uint32_t> record;  // index into records
   };
+  // A record held in memory: its id, text, source and metadata text lie one
+  // after another in the namespace's text arena, its embedding in the rows
+  // of its dimension.
+  struct Stored {
+    const char* at;
+    std::uint32_t id_len, text_len, source_len, metadata_len;
+    std::int64_t created_ms;
+    std::uint32_t dim, row;
+    std::string_view id() const { return {at, id_len}; }
+    std::string_view text() const { return {at + id_len, text_len}; }
+    std::string_view source() const { return {at + id_len + text_len, source_len}; }
+    std::string_view metadata() const {
+      return {at + id_len + text_len + source_len, metadata_len};
+    }
+  };
+  // What a namespace holds in memory; rebuilt whole when a record is removed.
+  struct Contents {
+    base::TextArena texts;
+    std::vector<Stored> records;
+    std::unordered_map<std::string_view, std::uint32_t> by_id;  // views into texts
+    std::map<std::size_t, Rows> rows;                           // by dimension
+    // False (nothing added) for an id already held or a field over 4 GiB.
+    bool add(const RecordView& r);
+    RecordView view(const Stored& s) const;
+  };
   struct Namespace {
     std::shared_mutex mu;  // guards everything below
     bool loaded = false;
-    std::vector<VectorRecord> records;  // embeddings moved out into rows
-    std::vector<std::size_t> dims;      // each record's embedding dimension
-    std::unordered_map<std::string, std::size_t> by_id;
-    std::map<std::size_t, Rows> rows;  // by dimension
+    Contents contents;
     std::unique_ptr<base::AppendLog> log;
   };
 
@@ -112,7 +151,6 @@ class VectorStore {
   Namespace& open_(const std::string& tenant, const std::string& ns);
   // REQUIRES: ns.mu held exclusively.
   void load_locked_(Namespace& n, const std::string& tenant, const std::string& ns);
-  static void add_locked_(Namespace& n, VectorRecord r);
 
   const std::filesystem::path root_;
   const Log log_;
@@ -124,6 +162,6 @@ class VectorStore {
 // The JSON line of a record (its journal form): "id", "text", "source",
 // "embedding", "created_ms", "metadata", written without a JSON tree.
 std::string vector_record_line(const VectorRecord& r);
-void append_record_line(std::string& out, const VectorRecord& r);
+void append_record_line(std::string& out, const RecordView& r);
 
 }  // namespace ostrel::data

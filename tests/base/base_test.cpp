@@ -1,6 +1,8 @@
 // The shared helpers under every layer: durable files, names, JSON limits,
 // UTF-8, numbers as JSON text and the SQLite wrapper.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cmath>
@@ -12,6 +14,7 @@
 
 #include "base/durable_file.h"
 #include "base/encoding.h"
+#include "base/journal.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/sqlite.h"
@@ -243,6 +246,32 @@ TEST(Text, ArenaTextsStayPut) {
   for (const auto& [p, t] : kept) ASSERT_EQ(std::string_view(p, t.size()), t);
   arena.clear();
   EXPECT_NE(arena.allocate(10), nullptr);
+}
+
+// A write the file system cuts short is taken back: the journal keeps only
+// whole lines, and the next append lands right after them.
+TEST(Journal, ShortWriteIsCutOff) {
+  testing::TempDir dir;
+  const auto path = dir.path() / "log.jsonl";
+  AppendLog log(path);
+  std::string error;
+  ASSERT_TRUE(log.append("{\"a\":1}\n", false, error)) << error;
+  // A file size limit ten bytes past the first line makes the next write stop there.
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  rlimit tight = old;
+  tight.rlim_cur = 8 + 10;
+  auto* previous = ::signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+  const bool written = log.append(std::string(100, 'x') + "\n", false, error);
+  ::setrlimit(RLIMIT_FSIZE, &old);
+  ::signal(SIGXFSZ, previous);
+  EXPECT_FALSE(written);
+  EXPECT_NE(error.find("write log.jsonl"), std::string::npos) << error;
+  EXPECT_EQ(error.find("could not be cut off"), std::string::npos) << error;
+  EXPECT_EQ(testing::read_file(path), "{\"a\":1}\n");
+  ASSERT_TRUE(log.append("{\"b\":2}\n", false, error)) << error;
+  EXPECT_EQ(testing::read_file(path), "{\"a\":1}\n{\"b\":2}\n");
 }
 
 // Identifier pieces: exact hex digits, random suffixes of the promised

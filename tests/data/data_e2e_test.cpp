@@ -13,6 +13,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include "tests/support/test_support.h"
@@ -179,7 +180,37 @@ TEST_F(DataNodes, AcknowledgedWritesSurviveSigkill) {
   n.call("POST", "/api/v1/memory/store", {{"key", "door code"}, {"value", "4711"}}, 200);
   n.call("POST", "/api/v1/memory/store", {{"key", "old code"}, {"value", "1234"}}, 200);
   n.call("POST", "/api/v1/memory/forget", {{"key", "old code"}, {"mode", "hard"}}, 200);
+  // Each chunk carries the document's metadata with its own place in it (a
+  // "chunk_index" sent along is the chunk's, not the caller's), the same
+  // from memory and after a reload from the journal.
+  n.call("POST", "/api/v1/vector/ingest",
+         {{"namespace", "m"},
+          {"text", "kites fly high over the windy hills. submarines dive below the waves."},
+          {"source", "notes.txt"},
+          {"chunk_size", 36},
+          {"chunk_overlap", 0},
+          {"metadata", {{"lang", "en"}, {"chunk_index", 99}, {"tags", {"a", "b"}}}}},
+         200);
+  auto check_chunks = [](Node& node) {
+    Json r = node.call("POST", "/api/v1/vector/search",
+                       {{"namespace", "m"}, {"query", "kites"}, {"min_score", -1}}, 200);
+    ASSERT_EQ(r["hits"].size(), 2u);
+    std::set<int> places;
+    for (const auto& h : r["hits"]) {
+      EXPECT_EQ(h["source"], "notes.txt");
+      EXPECT_EQ(h["metadata"]["lang"], "en");
+      EXPECT_EQ(h["metadata"]["tags"], Json::array({"a", "b"}));
+      EXPECT_EQ(h["metadata"]["chunk_count"], 2);
+      EXPECT_EQ(h["total_chunks"], 2);
+      EXPECT_EQ(h["chunk_index"], h["metadata"]["chunk_index"]);
+      places.insert(h["chunk_index"].get<int>());
+    }
+    EXPECT_EQ(places, (std::set<int>{0, 1}));
+    EXPECT_NE(r["hits"][0]["text"].get<std::string>().find("kites"), std::string::npos);
+  };
+  check_chunks(n);
   n = restart(n, "solo");
+  check_chunks(n);
   Json found = n.call("POST", "/api/v1/vector/search",
                       {{"namespace", "k"}, {"query", "submarines"}, {"min_score", 0}}, 200);
   ASSERT_EQ(found["hits"].size(), 1u);

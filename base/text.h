@@ -1,5 +1,10 @@
 #pragma once
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -42,14 +47,29 @@ void append_floats(std::string& out, const float* values, std::size_t n);
 
 // The end of the run of bytes of `s` from `from` that a JSON string holds as
 // they are (no control character, '"', '\\' or byte from 0x80, which needs a
-// UTF-8 check): s.size() when the run reaches the end. Eight bytes are
-// tested at a time with the usual "some byte is below n" word tricks; they
-// are exact as a whole, since a byte with its high bit set ends the run
-// anyway.
+// UTF-8 check): s.size() when the run reaches the end. Sixteen bytes are
+// tested at a time with SSE2 (as signed bytes, "below 0x20" also catches
+// every byte from 0x80), then eight at a time with the usual "some byte is
+// below n" word tricks, which are exact as a whole since a byte with its
+// high bit set ends the run anyway.
 inline std::size_t plain_json_run(std::string_view s, std::size_t from) {
+  std::size_t i = from;
+#ifdef __SSE2__
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  const __m128i space = _mm_set1_epi8(0x20);
+  for (; i + 16 <= s.size(); i += 16) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s.data() + i));
+    const __m128i stop =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)),
+                     _mm_cmplt_epi8(x, space));
+    if (const int mask = _mm_movemask_epi8(stop); mask != 0) {
+      return i + static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(mask)));
+    }
+  }
+#endif
   constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
   constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
-  std::size_t i = from;
   for (; i + 8 <= s.size(); i += 8) {
     std::uint64_t x;
     std::memcpy(&x, s.data() + i, sizeof x);

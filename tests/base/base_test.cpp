@@ -158,11 +158,12 @@ TEST(Json, NestingLimitAndUtf8SafeOutput) {
   EXPECT_TRUE(text::valid_utf8("caf\xc3\xa9 \xf0\x9f\x98\x80"));
   EXPECT_EQ(text::json_quote("a\xff\"b"), "\"a\xef\xbf\xbd\\\"b\"");
   EXPECT_TRUE(nlohmann::json::accept(text::json_quote(std::string("\x80\x01\xe2\x82", 4))));
-  // Plain runs are measured a word at a time: every character that needs
-  // escaping is still found wherever it sits in the word.
+  // Plain runs are measured sixteen and eight bytes at a time: every
+  // character that needs escaping is still found wherever it sits in a
+  // block, a word or the tail.
   for (const char special : {'"', '\\', '\n', '\x01', '\x1f', '\x7f', ' ', '~'}) {
-    for (std::size_t at = 0; at < 19; ++at) {
-      std::string t(19, 'a');
+    for (std::size_t at = 0; at < 43; ++at) {
+      std::string t(43, 'a');
       t[at] = special;
       EXPECT_EQ(text::json_quote(t), nlohmann::json(t).dump()) << int(special) << " at " << at;
     }

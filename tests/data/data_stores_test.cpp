@@ -7,7 +7,9 @@
 #include <random>
 #include <thread>
 
+#include "base/json.h"
 #include "data/chunking.h"
+#include "data/ingest_request.h"
 #include "data/memory_service.h"
 #include "data/row_buffer.h"
 #include "data/vector_store.h"
@@ -60,6 +62,54 @@ TEST(Chunking, OffsetsOverlapAndDegenerateSizes) {
   EXPECT_EQ(chunk_text("short", 1200, 150).size(), 1u);
   auto one = chunk_text(text, 1, 5);  // overlap ≥ size, size / 4 = 0: still progresses
   EXPECT_EQ(one.size(), 3000u);
+}
+
+// The ingest request reader takes documents of the usual shape without a
+// JSON tree; whatever it is given, it must read what the JSON parser reads
+// (or refuse the same way), escapes and multi-byte characters anywhere in a
+// long text included.
+TEST(IngestRequest, FastReaderAgreesWithTheJsonPath) {
+  auto same = [](const std::string& text) {
+    IngestRequest fast, slow;
+    std::string fast_error, slow_error;
+    const bool fast_ok = read_ingest_request(text, fast, fast_error);
+    const bool slow_ok = ingest_request_from_json(
+        text.empty() ? nlohmann::json::object() : base::parse_json(text), slow, slow_error);
+    EXPECT_EQ(fast_ok, slow_ok) << text;
+    EXPECT_EQ(fast_error, slow_error) << text;
+    if (!fast_ok || !slow_ok) return;
+    EXPECT_EQ(fast.tenant, slow.tenant) << text;
+    EXPECT_EQ(fast.ns, slow.ns) << text;
+    EXPECT_EQ(fast.text, slow.text) << text;
+    EXPECT_EQ(fast.source, slow.source) << text;
+    EXPECT_EQ(fast.model, slow.model) << text;
+    EXPECT_EQ(fast.chunk_size, slow.chunk_size) << text;
+    EXPECT_EQ(fast.chunk_overlap, slow.chunk_overlap) << text;
+    EXPECT_EQ(fast.metadata, slow.metadata) << text;
+  };
+  const std::string plain =
+      R"({"tenant_id":"acme","namespace":"docs","source":"notes.txt","chunk_size":300,)"
+      R"("text":"The quick brown fox jumps over the lazy dog, then again and again until )"
+      R"(the line is long enough to span several blocks of sixteen bytes.","metadata":{"k":1}})";
+  const std::string odd =
+      R"({"text":"tabs\there, quotes \"inside\", caf\u00e9 and \u2603 snow, a pair )"
+      R"(\ud83d\ude00, plain bytes é ü ß — and a last backslash\\",)"
+      R"("namespace_id":"n","embedding_model":"m","chunk_overlap":10})";
+  IngestRequest r;
+  std::string error;
+  ASSERT_TRUE(read_ingest_request(odd, r, error)) << error;
+  EXPECT_NE(r.text->find("quotes \"inside\""), std::string::npos);
+  EXPECT_NE(r.text->find("\xf0\x9f\x98\x80"), std::string::npos);  // the pair, one character
+  EXPECT_EQ(r.text->back(), '\\');
+  for (const std::string& base : {plain, odd}) {
+    for (std::size_t n = 0; n <= base.size(); ++n) same(base.substr(0, n));
+  }
+  const std::string alphabet = "{}[]\":,\\ut0123456789 abn\n\x01\x1f\x7f\x80\xc3\xa9\xff";
+  std::mt19937 rng(41);
+  for (int i = 0; i < 20000; ++i) {
+    same(testing::mutate(i % 2 ? plain : odd, rng, alphabet));
+    if (HasFailure()) return;
+  }
 }
 
 std::vector<float> embed(const std::string& text) { return inference::HashEmbedder::embed(text); }

@@ -113,19 +113,10 @@ std::size_t line_size_hint(const RecordView& r) {
          r.dim * (text::kFloatChars + 1);
 }
 
-// Views of whole records; their metadata texts live in `metadata`.
-std::vector<RecordView> views_of(const std::vector<VectorRecord>& records,
-                                 std::vector<std::string>& metadata) {
-  metadata.clear();
-  metadata.reserve(records.size());
-  std::vector<RecordView> views;
-  views.reserve(records.size());
-  for (const auto& r : records) {
-    metadata.push_back(base::dump_json(r.metadata.is_object() ? r.metadata : Json::object()));
-    views.push_back({r.id, r.text, r.source, metadata.back(), r.embedding.data(),
-                     r.embedding.size(), r.created_ms});
-  }
-  return views;
+// A view of a whole record; its metadata text is kept in `metadata`.
+RecordView view_of(const VectorRecord& r, std::string& metadata) {
+  metadata = base::dump_json(r.metadata.is_object() ? r.metadata : Json::object());
+  return {r.id, r.text, r.source, metadata, r.embedding.data(), r.embedding.size(), r.created_ms};
 }
 
 }  // namespace
@@ -149,9 +140,9 @@ void append_record_line(std::string& out, const RecordView& r) {
 }
 
 std::string vector_record_line(const VectorRecord& r) {
-  std::vector<std::string> metadata;
+  std::string metadata;
   std::string out;
-  append_record_line(out, views_of({r}, metadata).front());
+  append_record_line(out, view_of(r, metadata));
   return out;
 }
 
@@ -200,14 +191,14 @@ void VectorStore::load_locked_(Namespace& n, const std::string& tenant, const st
   if (n.loaded) return;
   const fs::path path = journal_path(tenant, ns);
   base::ReplayStats stats;
-  std::vector<std::string> metadata;
+  std::string metadata;
   base::replay_journal_lines(
       path,
       [&](std::string_view line) {
         VectorRecord r;
         if (!record_from_line(line, r)) return false;
         // A duplicate line: the first stands.
-        return n.contents.add(views_of({r}, metadata).front());
+        return n.contents.add(view_of(r, metadata));
       },
       &stats);
   if (stats.skipped > 0 || stats.torn_bytes > 0) {
@@ -260,8 +251,12 @@ bool VectorStore::append(const std::string& tenant, const std::string& ns,
 
 bool VectorStore::append(const std::string& tenant, const std::string& ns,
                          const std::vector<VectorRecord>& records, std::string& error) {
-  std::vector<std::string> metadata;
-  return append(tenant, ns, views_of(records, metadata), error);
+  std::vector<std::string> metadata(records.size());
+  std::vector<RecordView> views;
+  views.reserve(records.size());
+  for (std::size_t i = 0; i < records.size(); ++i)
+    views.push_back(view_of(records[i], metadata[i]));
+  return append(tenant, ns, views, error);
 }
 
 std::vector<VectorHit> VectorStore::search(const std::string& tenant, const std::string& ns,

@@ -122,6 +122,7 @@ struct GossipMesh::Impl {
 
   httplib::Server server;
   int bound_port = 0;
+  std::atomic<bool> listener_done{false};
   std::thread listener, gossiper, detector;
   std::mt19937_64 rng{std::random_device{}()};   // used by the gossip thread only
   std::unordered_map<std::string, int> failing;  // target → failed rounds in a row (gossip thread)
@@ -421,7 +422,15 @@ bool GossipMesh::start() {
     }
   }
   d.started = true;
-  d.listener = std::thread([&d] { d.server.listen_after_bind(); });
+  d.listener = std::thread([&d] {
+    d.server.listen_after_bind();
+    d.listener_done = true;
+  });
+  // The server's stop() only reaches a listener that is already serving;
+  // one stopped before it got there would serve on and never be joined.
+  while (!d.server.is_running() && !d.listener_done) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   d.gossiper = std::thread([&d] {
     do {
       d.round();

@@ -468,6 +468,7 @@ TEST(ClusterNodes, WebToolsAndFailoverWatchdog) {
   });
   const int port = site.bind_to_any_port("127.0.0.1");
   std::thread serving([&] { site.listen_after_bind(); });
+  while (!site.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   const std::string base = "http://127.0.0.1:" + std::to_string(port);
 
   TempDir dir;

@@ -140,6 +140,14 @@ TEST(GossipMesh, TwoMeshesConvergeAndStatsCount) {
   mb.stop();
   ma.stop();
 
+  // A mesh stopped right after it started (before its listener thread got
+  // to serve) still stops.
+  for (int i = 0; i < 50; ++i) {
+    GossipMesh quick(a);
+    ASSERT_TRUE(quick.start());
+    quick.stop();
+  }
+
   GossipMesh::Config bad = a;
   bad.self_address = "no-port";
   GossipMesh mbad(bad);

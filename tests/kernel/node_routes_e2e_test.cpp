@@ -307,6 +307,7 @@ TEST(Observability, OtlpExportReachesACollector) {
   }
   const int port = collector.bind_to_any_port("127.0.0.1");
   std::thread serving([&] { collector.listen_after_bind(); });
+  while (!collector.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 
   TempDir dir;
   TestNode::Options o;

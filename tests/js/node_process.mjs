@@ -45,3 +45,15 @@ export async function startNode(dataDir, settings = () => []) {
   });
   return { node, port };
 }
+
+// Stops the node and waits until it has exited (it writes its state on the
+// way out, so its data directory is only then safe to remove); a node that
+// has not exited after ten seconds is killed.
+export async function stopNode(node) {
+  if (!node || node.exitCode !== null || node.signalCode !== null) return;
+  const exited = new Promise((resolve) => node.once("exit", resolve));
+  node.kill("SIGTERM");
+  const timer = setTimeout(() => node.kill("SIGKILL"), 10000);
+  await exited;
+  clearTimeout(timer);
+}

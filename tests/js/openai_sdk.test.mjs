@@ -12,7 +12,7 @@ import { createServer } from "node:http";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import OpenAI from "openai";
-import { startNode } from "./node_process.mjs";
+import { startNode, stopNode } from "./node_process.mjs";
 
 
 // --- the scripted model server ------------------------------------------------
@@ -79,8 +79,8 @@ before(async () => {
   }
 });
 
-after(() => {
-  node?.kill("SIGTERM");
+after(async () => {
+  await stopNode(node);
   model.close();
   rmSync(dataDir, { recursive: true, force: true });
 });

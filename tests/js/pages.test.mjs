@@ -13,7 +13,7 @@ import { mkdirSync, mkdtempSync, rmSync, statSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import puppeteer from "puppeteer-core";
-import { startNode } from "./node_process.mjs";
+import { startNode, stopNode } from "./node_process.mjs";
 
 const artifacts = process.env.OSTREL_ARTIFACT_DIR || join(tmpdir(), "ostrel-artifacts");
 const chromium = process.env.CHROMIUM || "/usr/bin/chromium";
@@ -35,7 +35,7 @@ before(async () => {
 
 after(async () => {
   await browser?.close();
-  node?.kill("SIGTERM");
+  await stopNode(node);
   rmSync(dataDir, { recursive: true, force: true });
 });
 

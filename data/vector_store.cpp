@@ -115,8 +115,14 @@ std::size_t line_size_hint(const RecordView& r) {
 
 // A view of a whole record; its metadata text is kept in `metadata`.
 RecordView view_of(const VectorRecord& r, std::string& metadata) {
-  metadata = base::dump_json(r.metadata.is_object() ? r.metadata : Json::object());
+  metadata = r.metadata.is_object() ? base::dump_json(r.metadata) : "{}";
   return {r.id, r.text, r.source, metadata, r.embedding.data(), r.embedding.size(), r.created_ms};
+}
+
+// Room for one more element, growing geometrically.
+template <typename Vector>
+void make_room(Vector& v) {
+  if (v.size() == v.capacity()) v.reserve(v.size() < 8 ? 8 : v.size() * 2);
 }
 
 }  // namespace
@@ -162,6 +168,13 @@ bool VectorStore::Contents::add(const RecordView& r) {
     return false;
   }
   if (by_id.count(r.id)) return false;
+  // Everything that can fail to allocate comes first, and a failure undoes
+  // what went before, so that the rows, their scores and the records never
+  // fall out of step (a search reads them by position).
+  Rows& rows = this->rows[r.dim];
+  make_room(rows.sumsq);
+  make_room(rows.record);
+  make_room(records);
   const std::size_t total = r.id.size() + r.text.size() + r.source.size() + r.metadata.size();
   char* at = texts.allocate(total);
   char* p = at;
@@ -169,16 +182,22 @@ bool VectorStore::Contents::add(const RecordView& r) {
     if (!part.empty()) std::memcpy(p, part.data(), part.size());
     p += part.size();
   }
-  Rows& rows = this->rows[r.dim];
+  const auto index = static_cast<std::uint32_t>(records.size());
+  const auto placed = by_id.emplace(std::string_view(at, r.id.size()), index).first;
+  try {
+    rows.values.append(r.embedding, r.dim);
+  } catch (...) {
+    by_id.erase(placed);
+    throw;
+  }
+  // Within the room made above: these do not allocate.
   const auto row = static_cast<std::uint32_t>(rows.sumsq.size());
-  rows.values.append(r.embedding, r.dim);
   rows.sumsq.push_back(dot(r.embedding, r.embedding, r.dim));
-  rows.record.push_back(static_cast<std::uint32_t>(records.size()));
+  rows.record.push_back(index);
   records.push_back(
       {at, static_cast<std::uint32_t>(r.id.size()), static_cast<std::uint32_t>(r.text.size()),
        static_cast<std::uint32_t>(r.source.size()), static_cast<std::uint32_t>(r.metadata.size()),
        r.created_ms, static_cast<std::uint32_t>(r.dim), row});
-  by_id.emplace(records.back().id(), static_cast<std::uint32_t>(records.size() - 1));
   return true;
 }
 

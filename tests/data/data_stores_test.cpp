@@ -12,8 +12,10 @@
 #include "data/ingest_request.h"
 #include "data/memory_service.h"
 #include "data/row_buffer.h"
+#include "data/vector_math.h"
 #include "data/vector_store.h"
 #include "inference/hash_embedder.h"
+#include "tests/support/failing_allocator.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::data {
@@ -214,6 +216,57 @@ TEST_F(VectorStoreTest, RemoveNamesAndTenantSeparation) {
     EXPECT_EQ(e.path().extension(), ".jsonl") << e.path();
   }
   EXPECT_FALSE(fs::exists(dir_.path().parent_path() / "x_ns.jsonl"));
+}
+
+// An allocation failing anywhere in an append leaves the namespace whole:
+// every record held is found with the score of its own text (the rows, their
+// scores and the records stay in step), and appends go on afterwards.
+TEST_F(VectorStoreTest, FailedAllocationLeavesTheNamespaceWhole) {
+  VectorStore store(dir_.path(), log());
+  std::string error;
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_TRUE(store.append(
+        "t", "n", {record("r" + std::to_string(i), "first text " + std::to_string(i))}, error));
+  }
+  const std::vector<float> query = embed("text 3");
+  auto in_step = [&] {
+    for (const VectorHit& h : store.search("t", "n", query, -1, 1000)) {
+      const std::vector<float> own = embed(h.text);
+      const double want = cosine(dot(query.data(), own.data(), own.size()),
+                                 dot(query.data(), query.data(), query.size()),
+                                 dot(own.data(), own.data(), own.size()));
+      if (std::abs(h.score - want) > 1e-9) return false;
+    }
+    return true;
+  };
+  // Each append is tried with its first allocation failing, then its
+  // second, and so on until it goes through; the namespace grows past the
+  // points where its arrays move.
+  int failed = 0;
+  for (int i = 0; i < 40; ++i) {
+    const std::string id = "x" + std::to_string(i), text = "more text " + std::to_string(i);
+    const std::vector<VectorRecord> more = {record(id, text)};
+    for (long k = 0;; ++k) {
+      testing::fail_allocation_after(k);
+      bool threw = false;
+      try {
+        ASSERT_TRUE(store.append("t", "n", more, error)) << error;
+      } catch (const std::bad_alloc&) {
+        threw = true;
+      }
+      testing::fail_allocation_after(-1);
+      ASSERT_TRUE(in_step()) << id << " with allocation " << k << " failing";
+      if (!threw) break;
+      ++failed;
+    }
+    const auto found = store.search("t", "n", embed(text), 0.9999, 1);
+    ASSERT_EQ(found.size(), 1u) << id;
+    EXPECT_EQ(found[0].id, id);
+  }
+  EXPECT_GT(failed, 100);
+  ASSERT_TRUE(store.append("t", "n", {record("last", "the last text")}, error)) << error;
+  EXPECT_EQ(store.search("t", "n", embed("the last text"), 0.99, 1).at(0).id, "last");
+  EXPECT_TRUE(in_step());
 }
 
 // Appends from many threads all land once, in the journal and in memory.

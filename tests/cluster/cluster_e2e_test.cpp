@@ -50,9 +50,7 @@ class Receiver {
       res.status = status_;
       res.set_content("{}", "application/json");
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(1ms);
+    thread_ = serve_on_loopback(server_, port_);
   }
   ~Receiver() {
     server_.stop();
@@ -466,9 +464,8 @@ TEST(ClusterNodes, WebToolsAndFailoverWatchdog) {
                         .dump(),
                     "application/json");
   });
-  const int port = site.bind_to_any_port("127.0.0.1");
-  std::thread serving([&] { site.listen_after_bind(); });
-  while (!site.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  int port = 0;
+  std::thread serving = serve_on_loopback(site, port);
   const std::string base = "http://127.0.0.1:" + std::to_string(port);
 
   TempDir dir;

@@ -307,9 +307,8 @@ TEST_F(DataNodes, EmbeddingChainThroughALocalBackend) {
     }
     res.set_content(R"({"data":[{"embedding":[0.6,0.8,0.0]}],"model":"e5"})", "application/json");
   });
-  int port = server.bind_to_any_port("127.0.0.1");
-  std::thread t([&] { server.listen_after_bind(); });
-  ASSERT_TRUE(eventually([&] { return server.is_running(); }));
+  int port = 0;
+  std::thread t = serve_on_loopback(server, port);
 
   Node n = start("emb", {"--config-set", "data.embedding_model=e5"});
   n.call("POST", "/api/v1/inference/local-backends",

@@ -315,9 +315,8 @@ TEST(MatrixMemorySink, StoresLocallyOrOverHttpWithTheSecret) {
     res.status = status.load();
     res.set_content("{}", "application/json");
   });
-  const int port = server.bind_to_any_port("127.0.0.1");
-  std::thread t([&] { server.listen_after_bind(); });
-  ASSERT_TRUE(testing::eventually([&] { return server.is_running(); }));
+  int port = 0;
+  std::thread t = testing::serve_on_loopback(server, port);
 
   std::vector<std::string> logs;
   Log log = [&](bool, const std::string& line) { logs.push_back(line); };

@@ -50,9 +50,7 @@ class MailCatcher {
       node_headers_ = req.has_header("X-Ostrel-Node-Token");
       res.set_content(R"({"status":"sent"})", "application/json");
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(1ms);
+    thread_ = serve_on_loopback(server_, port_);
   }
   ~MailCatcher() {
     server_.stop();

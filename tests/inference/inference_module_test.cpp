@@ -235,10 +235,8 @@ TEST_F(InferenceNode, EmbeddingsOfflineAndThroughLocalBackends) {
     res.set_content(R"({"object":"list","data":[{"embedding":[0.5,0.5]}],"model":"e5"})",
                     "application/json");
   });
-  int port = openai.bind_to_any_port("127.0.0.1");
-  std::thread t([&] { openai.listen_after_bind(); });
-  ASSERT_TRUE(testing::eventually([&] { return openai.is_running(); }))
-      << "the OpenAI-shaped test server did not start";
+  int port = 0;
+  std::thread t = testing::serve_on_loopback(openai, port);
   boot();
 
   Json a = post("/v1/inference/embeddings",

@@ -305,9 +305,8 @@ TEST(Observability, OtlpExportReachesACollector) {
       res.set_content("{}", "application/json");
     });
   }
-  const int port = collector.bind_to_any_port("127.0.0.1");
-  std::thread serving([&] { collector.listen_after_bind(); });
-  while (!collector.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  int port = 0;
+  std::thread serving = serve_on_loopback(collector, port);
 
   TempDir dir;
   TestNode::Options o;

@@ -109,9 +109,7 @@ class ScriptedModel {
           Json{{"choices", {{{"message", {{"role", "assistant"}, {"content", content}}}}}}}.dump(),
           "application/json");
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    eventually([this] { return server_.is_running(); });
+    thread_ = serve_on_loopback(server_, port_);
   }
   ~ScriptedModel() {
     server_.stop();

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
 namespace ostrel::testing {
 
 // A setting a test changes while the server's threads read it: assignment
@@ -122,9 +124,7 @@ class FakeOllama {
             return true;
           });
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    thread_ = serve_on_loopback(server_, port_);
   }
   ~FakeOllama() {
     stopping_ = true;

@@ -8,7 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <httplib.h>
+
+#include <atomic>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -202,6 +206,17 @@ std::string mutate(std::string text, std::mt19937& rng, const std::string& alpha
     }
   }
   return text;
+}
+
+std::thread serve_on_loopback(httplib::Server& server, int& port) {
+  port = server.bind_to_any_port("127.0.0.1");
+  auto done = std::make_shared<std::atomic<bool>>(false);
+  std::thread serving([&server, done] {
+    server.listen_after_bind();
+    *done = true;
+  });
+  while (!server.is_running() && !*done) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return serving;
 }
 
 }  // namespace ostrel::testing

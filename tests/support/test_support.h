@@ -11,6 +11,10 @@
 #include <thread>
 #include <vector>
 
+namespace httplib {
+class Server;
+}
+
 namespace ostrel::testing {
 
 // A fresh directory under the system temp dir, removed with its contents.
@@ -32,6 +36,11 @@ std::string read_file(const std::filesystem::path& path);
 
 // A loopback TCP port that was free a moment ago.
 int free_port();
+
+// Binds `server` to a free loopback port (returned in `port`) and serves it on
+// the returned thread, returning once it serves: the library's stop() does
+// not reach a listener that has not begun, which would then never end.
+std::thread serve_on_loopback(httplib::Server& server, int& port);
 
 // A child process with stdout and stderr captured to files.
 class Process {

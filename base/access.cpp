@@ -12,16 +12,26 @@ bool credential_checked(const Request& req) {
 
 bool anonymous(const Request& req) { return req.auth_source == "anonymous"; }
 
-std::string role_from_scopes(const Request& req) {
-  if (is_admin(req)) return "admin";
-  for (const auto& s : req.scopes) {
-    if (s == "tenant.users.manage" || s == "tenant.roles.manage" || s == "tenant.*") return "admin";
+std::string role_for_scopes(const std::vector<std::string>& scopes) {
+  std::string best = "viewer";
+  for (const auto& s : scopes) {
+    if (s == "*" || s == "kernel.*") return "superadmin";
+    if (s == "admin.*" || s == "tenant.users.manage" || s == "tenant.roles.manage" ||
+        s == "tenant.*") {
+      best = "admin";
+    } else if ((s == "agent.invoke" || s == "agent.*") && best == "viewer") {
+      best = "developer";
+    }
   }
-  for (const auto& s : req.scopes) {
-    if (s == "agent.invoke" || s == "agent.*") return "developer";
-  }
-  return "viewer";
+  return best;
 }
+
+std::string role_from_scopes(const Request& req) {
+  if (!credential_checked(req)) return anonymous(req) ? "viewer" : "admin";
+  return req.role.empty() ? role_for_scopes(req.scopes) : req.role;
+}
+
+bool is_peer(const Request& req) { return req.auth_source == "node"; }
 
 bool is_admin(const Request& req) {
   if (anonymous(req)) return false;

@@ -44,7 +44,13 @@ struct Request {
   std::vector<std::string> scopes;
   std::string peer_node_id;  // set when a node token was accepted
   std::string user_id;
-  std::string auth_source;  // "capability", "api_key", "node" or empty (nothing checked)
+  // The tool-policy role the checked credential stands for: a user's own
+  // role for an API key, else the one its scopes add up to.
+  std::string role;
+  // "capability" (any checked credential), "node" (a peer's node token),
+  // "cluster_secret" (on cluster-internal routes), "anonymous" (nothing, on a
+  // public path of an enforcing node) or empty (nothing checked).
+  std::string auth_source;
 
   // Set only for routes registered to stream their body; valid while the
   // handler runs.
@@ -79,6 +85,22 @@ struct Response {
 // One server-sent event: "data: <payload>\n\n" (one "data: " line per payload line).
 std::string sse_event(std::string_view payload);
 
+// How the gateway takes a route's request, declared by whoever registers
+// it. Bodies are read only after the request was admitted (node token, source
+// policy, credential) and its route found, and never past the route's limit.
+struct RouteOptions {
+  // The largest body kept in memory for the handler (Request::body).
+  static constexpr std::size_t kDefaultMaxBody = 1 << 20;  // JSON control routes
+  static constexpr std::size_t kLargeBody = 16 << 20;      // chat, embeddings, ingest
+  std::size_t max_body = kDefaultMaxBody;
+  // The handler reads the body itself through Request::body_reader (uploads
+  // that go straight to disk); max_body then bounds nothing.
+  bool stream_body = false;
+  // A cluster-internal route: the cluster secret in "X-Ostrel-Cluster-Secret"
+  // stands in for a credential here, and nowhere else.
+  bool cluster_secret = false;
+};
+
 // Result of a syscall: status 0 on success, negative on failure; body is JSON
 // text (the result object, or {"error": …} on failure).
 struct SyscallResult {
@@ -97,6 +119,7 @@ struct AuthResult {
   std::string token_id;
   std::vector<std::string> scopes;
   std::string user_id;
+  std::string role;  // see Request::role
 };
 
 }  // namespace ostrel::kernel

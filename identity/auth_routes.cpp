@@ -89,11 +89,46 @@ std::string api_key_of(const Request& req) {
   return key;
 }
 
-bool admin_key(const IdentityContext& ctx, const Request& req) {
+// The four roles in order of power; -1 for anything else.
+int role_rank(const std::string& role) {
+  if (role == "viewer") return 0;
+  if (role == "developer") return 1;
+  if (role == "admin") return 2;
+  if (role == "superadmin") return 3;
+  return -1;
+}
+
+const char* role_of_rank(int rank) {
+  static const char* kRoles[] = {"viewer", "developer", "admin", "superadmin"};
+  return rank >= 0 && rank <= 3 ? kRoles[rank] : "none";
+}
+
+// Who grants a registration made with a credential: the role it stands for
+// and the tenant it is bound to. rank -1: the caller grants nothing (it is
+// no administrator, or presented nothing).
+struct Granter {
+  int rank = -1;
+  std::string tenant;
+};
+
+Granter granter_of(const IdentityContext& ctx, const Request& req) {
+  Granter g;
+  if (kernel::credential_checked(req)) {
+    // Checked by the gateway: a user's key or a token, with its role.
+    const int rank = role_rank(kernel::role_from_scopes(req));
+    g.rank = rank >= 2 ? rank : -1;
+    g.tenant = req.tenant;
+    return g;
+  }
+  // A node that does not enforce checked nothing: an administrator's key
+  // still counts.
   const std::string key = api_key_of(req);
-  if (key.empty()) return false;
-  auto u = ctx.users->authenticate_key(key);
-  return u && (u->role == "admin" || u->role == "superadmin");
+  if (key.empty()) return g;
+  if (auto u = ctx.users->authenticate_key(key)) {
+    g.rank = role_rank(u->role) >= 2 ? role_rank(u->role) : -1;
+    g.tenant = u->tenant_id;
+  }
+  return g;
 }
 
 }  // namespace
@@ -103,28 +138,68 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (unavailable(ctx, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
-    const std::string username = string_field(body, "username"),
-                      password = string_field(body, "password");
+    const std::string password = string_field(body, "password");
+    std::string username = string_field(body, "username");
     if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
     if (password.empty()) return reply(res, {{"error", "password required"}}, 400);
     if (!check_username(username, res)) return;
     if (password.size() > kMaxPassword) return reply(res, {{"error", "password too long"}}, 400);
+    {
+      std::string normal, why;
+      if (!UserStore::normalise_username(username, normal, why))
+        return reply(res, {{"error", why}}, 400);
+      username = normal;
+    }
     std::string role = string_field(body, "role"),
                 account_type = string_field(body, "account_type");
     std::string tenant = string_field(body, "tenant_id");
     if (role.empty()) role = "viewer";
     if (account_type.empty()) account_type = "human";
+    const std::string display_name = string_field(body, "display_name");
+    const bool enforcing = ctx.enforcing && ctx.enforcing();
+    const Granter granter = granter_of(ctx, req);
     std::string via = "first_user";
     identity_registry::UserResult r;
     if (ctx.users->count_users() == 0) {
-      // The first user needs no permission; two racing for it: one wins, the
-      // other goes through the allowlist like everyone after it.
-      r = ctx.users->register_user(username, password, role, account_type, tenant,
-                                   string_field(body, "display_name"), "{}", true);
+      // The first account administers the node. An open node lets whoever
+      // comes first make it (the operator, on loopback); a node that
+      // enforces credentials wants its administrator's for it.
+      if (enforcing && granter.rank < 2) {
+        return reply(res,
+                     {{"error", "admin_credential_required"},
+                      {"message",
+                       "this node enforces credentials: its first account needs an "
+                       "administrator credential (the bootstrap token)"}},
+                     401);
+      }
+      if (!enforcing || granter.rank == 3) {
+        // Two racing for it: one wins, the other goes on like everyone after.
+        r = ctx.users->register_user(username, password, role, account_type, tenant, display_name,
+                                     "{}", true);
+      }
     }
     if (!r && (r.error.empty() || r.error == "store_not_empty")) {
-      if (admin_key(ctx, req)) {
+      if (granter.rank >= 2) {
         via = "admin";
+        // Nobody grants more than they hold, nor outside their own tenant.
+        if (role_rank(role) > granter.rank) {
+          return reply(res,
+                       {{"error", "role_above_granter"},
+                        {"message", "a registration may not grant a role above the granter's"},
+                        {"role", role},
+                        {"granter_role", role_of_rank(granter.rank)}},
+                       403);
+        }
+        if (!granter.tenant.empty()) {
+          if (!tenant.empty() && tenant != granter.tenant) {
+            return reply(res,
+                         {{"error", "cross_tenant_access_denied"},
+                          {"authenticated_tenant", granter.tenant},
+                          {"requested_tenant", tenant}},
+                         403);
+          }
+          tenant = granter.tenant;
+        }
       } else {
         // Self-registration: the user name is an e-mail address on the allowlist.
         const auto at = username.rfind('@');
@@ -144,8 +219,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
         tenant = *t;
         role = "viewer";
       }
-      r = ctx.users->register_user(username, password, role, account_type, tenant,
-                                   string_field(body, "display_name"));
+      r = ctx.users->register_user(username, password, role, account_type, tenant, display_name);
     }
     if (!r) return reply(res, {{"error", r.error}}, status_of(r.error));
     if (ctx.log_info)
@@ -172,7 +246,10 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (username.empty() || password.empty()) {
       return reply(res, {{"error", "username and password required"}}, 400);
     }
-    const std::string by_name = "user:" + username, by_addr = "addr:" + req.client_addr;
+    std::string name, why;
+    if (!UserStore::normalise_username(username.substr(0, kMaxUsername + 1), name, why))
+      name = username.substr(0, kMaxUsername + 1);
+    const std::string by_name = "user:" + name, by_addr = "addr:" + req.client_addr;
     if (ctx.throttle) {
       const std::int64_t wait =
           std::max(ctx.throttle->wait_seconds(by_name), ctx.throttle->wait_seconds(by_addr));
@@ -212,6 +289,22 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (!base::parse_object_body(req, res, body)) return;
     const std::string username = string_field(body, "username");
     if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
+    if (username.size() > kMaxUsername) return reply(res, {{"error", "username too long"}}, 400);
+    if (ctx.reset_throttle) {
+      // Each request voids the token mailed before it: counted per name
+      // (known or not, so the answer tells nothing) and per address.
+      std::string name, why;
+      if (!UserStore::normalise_username(username, name, why)) name = username;
+      const std::string by_name = "user:" + name, by_addr = "addr:" + req.client_addr;
+      const std::int64_t wait = std::max(ctx.reset_throttle->wait_seconds(by_name),
+                                         ctx.reset_throttle->wait_seconds(by_addr));
+      if (wait > 0) {
+        res.headers["Retry-After"] = std::to_string(wait);
+        return reply(res, {{"error", "too_many_attempts"}, {"retry_after_s", wait}}, 429);
+      }
+      ctx.reset_throttle->failed(by_name);
+      ctx.reset_throttle->failed(by_addr);
+    }
     if (auto u = ctx.users->find_by_username(username)) {
       Json settings = base::parse_json(ctx.users->get_settings(u->user_id).value_or("{}"));
       if (!settings.is_object()) settings = Json::object();
@@ -354,7 +447,11 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     reply(res, {{"status", "saved"}, {"user_id", u->user_id}});
   });
 
-  add("POST", "/api/v1/identity/_sync", [ctx](const Request& req, Response& res) {
+  kernel::RouteOptions cluster_internal;
+  cluster_internal.cluster_secret = true;
+  add(
+      "POST", "/api/v1/identity/_sync",
+      [ctx](const Request& req, Response& res) {
     const std::string presented = req.header("X-Ostrel-Cluster-Secret");
     if (presented.empty()) return reply(res, {{"error", "cluster_secret_required"}}, 401);
     const std::string secret = ctx.cluster_secret ? ctx.cluster_secret() : "";
@@ -375,7 +472,8 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       return reply(res, {{"error", "update_failed"}}, 400);
     if (ctx.users_changed) ctx.users_changed();
     reply(res, {{"status", "ok"}, {"user_id", user_id}});
-  });
+      },
+      cluster_internal);
 }
 
 void register_user_syscalls(const IdentityContext& ctx, const AddSyscall& add) {

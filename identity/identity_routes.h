@@ -21,7 +21,17 @@
 namespace ostrel::identity {
 
 using RouteFn = std::function<void(const kernel::Request&, kernel::Response&)>;
-using AddRoute = std::function<void(const std::string& method, const std::string& path, RouteFn)>;
+// Adds one route to the gateway: method, pattern, handler and, where they
+// differ from the defaults, the route's options.
+struct AddRoute {
+  std::function<void(const std::string& method, const std::string& path, RouteFn,
+                     kernel::RouteOptions)>
+      add;
+  void operator()(const std::string& method, const std::string& path, RouteFn fn,
+                  kernel::RouteOptions options = {}) const {
+    add(method, path, std::move(fn), options);
+  }
+};
 using SyscallFn = std::function<kernel::SyscallResult(std::string_view)>;
 using AddSyscall = std::function<void(const std::string& name, SyscallFn)>;
 
@@ -46,6 +56,11 @@ struct IdentityContext {
   // The user store (null when it could not be opened) and the login throttle.
   identity_registry::UserStore* users = nullptr;
   LoginThrottle* throttle = nullptr;
+  // Limits password-reset requests per user name and per client address.
+  LoginThrottle* reset_throttle = nullptr;
+  // True while the node enforces credentials (it may start doing so while
+  // it runs, when its first user registers).
+  std::function<bool()> enforcing;
   // Sends a password-reset message to a user name (an e-mail address).
   std::function<void(const std::string& to, const std::string& body)> send_reset_mail;
   // This node's cluster secret.

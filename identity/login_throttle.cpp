@@ -16,55 +16,61 @@ std::int64_t LoginThrottle::quiet_since(const Entry& e) {
 std::int64_t LoginThrottle::wait_seconds(const std::string& key) {
   const std::int64_t now = base::unix_ms();
   std::lock_guard lock(mu_);
-  auto it = entries_.find(key);
-  if (it == entries_.end()) return 0;
-  if (now - quiet_since(it->second) > std::chrono::milliseconds(s_.window).count()) {
-    entries_.erase(it);
+  auto it = index_.find(key);
+  if (it == index_.end()) return 0;
+  const Entry& e = *it->second;
+  if (now - quiet_since(e) > std::chrono::milliseconds(s_.window).count()) {
+    order_.erase(it->second);
+    index_.erase(it);
     return 0;
   }
-  const std::int64_t wait = it->second.next_allowed_ms - now;
+  const std::int64_t wait = e.next_allowed_ms - now;
   return wait > 0 ? (wait + 999) / 1000 : 0;
 }
 
 void LoginThrottle::failed(const std::string& key) {
   const std::int64_t now = base::unix_ms();
   std::lock_guard lock(mu_);
-  // Room is made only for a new key, never by dropping the one being counted.
-  if (entries_.size() >= s_.max_keys && !entries_.count(key)) prune_locked_(now);
-  Entry& e = entries_[key];
+  auto it = index_.find(key);
+  if (it == index_.end()) {
+    // Room is made only for a new key, never by dropping the one being
+    // counted: the key failed longest ago goes.
+    while (!order_.empty() && order_.size() >= s_.max_keys) {
+      index_.erase(order_.front().key);
+      order_.pop_front();
+    }
+    order_.push_back(Entry{key, 0, now, 0});
+    it = index_.emplace(key, std::prev(order_.end())).first;
+  } else {
+    order_.splice(order_.end(), order_, it->second);  // now the newest
+  }
+  Entry& e = *it->second;
   if (e.failures == 0 || now - quiet_since(e) > std::chrono::milliseconds(s_.window).count()) {
-    e = {0, now, 0};
+    e.failures = 0;
+    e.next_allowed_ms = 0;
   }
   e.last_ms = now;
   ++e.failures;
+  // The attempt after the last free one already waits.
   const int over = e.failures - s_.free_attempts;
-  if (over > 0) {
+  if (over >= 0) {
     const std::int64_t wait_ms = std::min<std::int64_t>(
-        1000LL << std::min(over - 1, 20), std::chrono::milliseconds(s_.max_wait).count());
+        1000LL << std::min(over, 20), std::chrono::milliseconds(s_.max_wait).count());
     e.next_allowed_ms = now + wait_ms;
   }
 }
 
 void LoginThrottle::succeeded(const std::string& key) {
   std::lock_guard lock(mu_);
-  entries_.erase(key);
+  auto it = index_.find(key);
+  if (it == index_.end()) return;
+  order_.erase(it->second);
+  index_.erase(it);
 }
 
-void LoginThrottle::prune_locked_(std::int64_t now_ms) {
-  const std::int64_t window = std::chrono::milliseconds(s_.window).count();
-  for (auto it = entries_.begin(); it != entries_.end();) {
-    if (now_ms - quiet_since(it->second) > window) {
-      it = entries_.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  while (entries_.size() >= s_.max_keys) {
-    auto oldest = std::min_element(
-        entries_.begin(), entries_.end(),
-        [](const auto& a, const auto& b) { return a.second.last_ms < b.second.last_ms; });
-    entries_.erase(oldest);
-  }
+std::size_t LoginThrottle::size() const {
+  std::lock_guard lock(mu_);
+  return index_.size();
 }
 
 }  // namespace ostrel::identity

@@ -1,5 +1,6 @@
 #include "identity/user_store.h"
 
+#include <algorithm>
 #include <cctype>
 #include <ctime>
 #include <mutex>
@@ -30,6 +31,10 @@ UserRecord record_of(const Statement& s) {
 }
 
 std::string random_hex(std::size_t bytes) { return base::to_hex(base::random_bytes(bytes)); }
+
+bool domain_char(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.';
+}
 
 }  // namespace
 
@@ -71,6 +76,40 @@ UserStore::~UserStore() = default;
 
 std::string UserStore::hash_password(const std::string& password) {
   return base::to_hex(base::sha256(password));
+}
+
+bool UserStore::normalise_username(const std::string& name, std::string& out,
+                                   std::string& error) {
+  const auto first = name.find_first_not_of(" \t\r\n");
+  const auto last = name.find_last_not_of(" \t\r\n");
+  out = first == std::string::npos ? "" : name.substr(first, last - first + 1);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  if (out.empty()) {
+    error = "username required";
+    return false;
+  }
+  const auto at = out.find('@');
+  if (at == std::string::npos) return true;
+  if (out.find('@', at + 1) != std::string::npos) {
+    error = "username must be one e-mail address (one @)";
+    return false;
+  }
+  const std::string domain = out.substr(at + 1);
+  if (at == 0 || domain.empty() || domain.front() == '.' || domain.back() == '.' ||
+      domain.find("..") != std::string::npos ||
+      !std::all_of(domain.begin(), domain.end(), domain_char)) {
+    error = "username must be an e-mail address with a valid domain";
+    return false;
+  }
+  for (char c : out.substr(0, at)) {
+    if (static_cast<unsigned char>(c) <= 0x20 || c == 0x7f) {
+      error = "username must not contain spaces or control characters";
+      return false;
+    }
+  }
+  return true;
 }
 
 bool UserStore::valid_role(const std::string& role) {
@@ -121,13 +160,15 @@ bool UserStore::is_open() const {
   return static_cast<bool>(impl_->db);
 }
 
-UserResult UserStore::register_user(const std::string& username, const std::string& password,
+UserResult UserStore::register_user(const std::string& name, const std::string& password,
                                     const std::string& role, const std::string& account_type,
                                     const std::string& tenant_id, const std::string& display_name,
-                                    const std::string& settings_json, bool only_if_empty) {
-  if (username.empty()) return {std::nullopt, "username required"};
+                                    const std::string& settings_json, bool first_user) {
+  if (name.empty()) return {std::nullopt, "username required"};
   if (password.empty()) return {std::nullopt, "password required"};
   if (password.size() < 8) return {std::nullopt, "password must be at least 8 characters"};
+  std::string username, why;
+  if (!normalise_username(name, username, why)) return {std::nullopt, why};
   if (account_type != "human" && account_type != "system" && account_type != "service" &&
       account_type != "device") {
     return {std::nullopt, "invalid account_type: must be human, system, service, or device"};
@@ -135,22 +176,19 @@ UserResult UserStore::register_user(const std::string& username, const std::stri
   std::lock_guard lock(impl_->mu);
   if (!impl_->db) return {std::nullopt, kNotOpen};
   std::string error;
-  // One transaction: the "first human" check and the insert cannot be split
-  // by another registration (BEGIN IMMEDIATE takes the write lock).
+  // One transaction: the "first account" check and the insert cannot be
+  // split by another registration (BEGIN IMMEDIATE takes the write lock).
   base::sqlite::Transaction tx(impl_->db, error);
   if (!tx.ok()) return {std::nullopt, "insert failed: " + error};
-  if (only_if_empty && impl_->db.scalar("SELECT COUNT(*) FROM users", 0) > 0) {
+  if (first_user && impl_->db.scalar("SELECT COUNT(*) FROM users", 0) > 0) {
     return {std::nullopt, "store_not_empty"};
   }
   if (impl_->scalar_text("SELECT user_id FROM users WHERE username=?", username)) {
     return {std::nullopt, "username already exists"};
   }
   UserRecord r;
-  r.role = role;
-  if (impl_->db.scalar("SELECT COUNT(*) FROM users WHERE account_type='human'", 0) == 0 &&
-      account_type == "human") {
-    r.role = "superadmin";  // the first human account administers the node
-  } else if (!valid_role(role)) {
+  r.role = first_user ? "superadmin" : role;
+  if (!valid_role(r.role)) {
     return {std::nullopt, "invalid role: must be viewer, developer, admin, or superadmin"};
   }
   r.user_id = "usr-" + random_hex(8);
@@ -176,9 +214,11 @@ UserResult UserStore::register_user(const std::string& username, const std::stri
 
 UserResult UserStore::login(const std::string& username, const std::string& password) {
   const std::string hash = hash_password(password);
+  std::string name, why;
+  if (!normalise_username(username, name, why)) name = username;
   std::lock_guard lock(impl_->mu);
   if (!impl_->db) return {std::nullopt, kNotOpen};
-  auto r = impl_->one(std::string("SELECT ") + kColumns + " FROM users WHERE username=?", username);
+  auto r = impl_->one(std::string("SELECT ") + kColumns + " FROM users WHERE username=?", name);
   // The same work and the same answer for an unknown name and a wrong password.
   const std::string stored = r ? r->password_hash : std::string(64, '0');
   const bool match = base::constant_time_equal(stored, hash);
@@ -204,15 +244,17 @@ std::optional<UserRecord> UserStore::get_user(const std::string& user_id) {
 }
 
 std::optional<UserRecord> UserStore::find_by_username(const std::string& username) {
+  std::string name, why;
+  if (!normalise_username(username, name, why)) name = username;
   std::lock_guard lock(impl_->mu);
   if (!impl_->db) return std::nullopt;
-  auto id = impl_->scalar_text("SELECT user_id FROM users WHERE username=?", username);
+  auto id = impl_->scalar_text("SELECT user_id FROM users WHERE username=?", name);
   if (!id) return std::nullopt;
   return impl_->one(std::string("SELECT ") + kColumns + " FROM users WHERE user_id=?", *id);
 }
 
 std::string UserStore::update_user(const std::string& user_id, const std::string& role,
-                                   const std::string& password) {
+                                   const std::string& password, std::string* new_api_key) {
   if (!role.empty() && !valid_role(role)) return "invalid role";
   if (!password.empty() && password.size() < 8) return "password must be at least 8 characters";
   std::lock_guard lock(impl_->mu);
@@ -227,11 +269,15 @@ std::string UserStore::update_user(const std::string& user_id, const std::string
       !impl_->run("UPDATE users SET role=? WHERE user_id=?", {role, user_id}, error)) {
     return error;
   }
-  if (!password.empty() && !impl_->run("UPDATE users SET password_hash=? WHERE user_id=?",
-                                       {hash_password(password), user_id}, error)) {
+  // Whoever knew the old password may have copied the key too.
+  const std::string key = password.empty() ? "" : "ak-" + random_hex(16);
+  if (!password.empty() &&
+      !impl_->run("UPDATE users SET password_hash=?, api_key=? WHERE user_id=?",
+                  {hash_password(password), key, user_id}, error)) {
     return error;
   }
   if (!tx.commit(error)) return error;
+  if (new_api_key) *new_api_key = key;
   return "";
 }
 

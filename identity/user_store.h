@@ -63,17 +63,18 @@ class UserStore {
   bool is_open() const;
 
   // Checks in order: "username required", "password required", "password
-  // must be at least 8 characters", the account type, "username already
-  // exists"; the first human account becomes "superadmin", else the role
-  // must be one of the four. The check and the insert are one transaction,
-  // so two first registrations racing make one superadmin.
-  // With `only_if_empty` the registration succeeds only while the store has
-  // no users at all ("store_not_empty" otherwise), decided in the same
-  // transaction.
+  // must be at least 8 characters", the user name's form (see
+  // normalise_username; the name is stored normalised), the account type,
+  // "username already exists", the role (one of the four).
+  // With `first_user` the registration succeeds only while the store has no
+  // users at all ("store_not_empty" otherwise) and the account becomes
+  // "superadmin": the first account administers the node. The check and the
+  // insert are one transaction, so two first registrations racing make one
+  // superadmin, and the rule is decided once, by the first account alone.
   UserResult register_user(const std::string& username, const std::string& password,
                            const std::string& role, const std::string& account_type,
                            const std::string& tenant_id, const std::string& display_name,
-                           const std::string& settings_json = "{}", bool only_if_empty = false);
+                           const std::string& settings_json = "{}", bool first_user = false);
   // "invalid username or password" for either mistake.
   UserResult login(const std::string& username, const std::string& password);
   std::optional<UserRecord> authenticate_key(const std::string& api_key);
@@ -81,9 +82,10 @@ class UserStore {
   std::optional<UserRecord> find_by_username(const std::string& username);
   // Empty role or password leaves that part as it is; "" on success, else
   // "user not found", "invalid role", "password must be at least 8
-  // characters" or a database error.
+  // characters" or a database error. A new password also replaces the API
+  // key (the old one stops working); the new key goes to `new_api_key`.
   std::string update_user(const std::string& user_id, const std::string& role,
-                          const std::string& password);
+                          const std::string& password, std::string* new_api_key = nullptr);
   std::string save_settings(const std::string& user_id, const std::string& json);
   std::optional<std::string> get_settings(const std::string& user_id);
   std::vector<UserRecord> list_users();
@@ -101,6 +103,12 @@ class UserStore {
   std::optional<std::string> domain_tenant(const std::string& domain);
   std::optional<std::string> email_tenant(const std::string& email);
 
+  // The one spelling of a user name: white space at both ends removed and
+  // ASCII letters in lower case, so "DEV@acme.test" and " dev@acme.test" are
+  // "dev@acme.test". A name with "@" must be one e-mail address: one "@",
+  // text on both sides, a domain of letters, digits, '-' and '.'. False with
+  // the reason otherwise.
+  static bool normalise_username(const std::string& name, std::string& out, std::string& error);
   // SHA-256 of the text, lower-case hex.
   static std::string hash_password(const std::string& password);
   static bool valid_role(const std::string& role);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "identity/source_header.h"
@@ -40,6 +41,9 @@ void Kernel::open_identity_stores_() {
   if (issuer_.open(state, error)) {
     n = issuer_.load_keys();
     logger_.info("tenant signing keys loaded: " + std::to_string(n) + " records");
+    if (!issuer_.identity_key_problem().empty()) {
+      logger_.error("node identity key: " + issuer_.identity_key_problem());
+    }
   } else {
     // Tokens still work with the node key; tenant keys stay unavailable.
     logger_.error("capability key store unavailable: " + error);
@@ -103,6 +107,7 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
         result.token_id = "key:" + u->user_id;
         result.user_id = u->user_id;
         result.scopes = scopes_for_role(u->role);
+        result.role = u->role;
         auth_cache_.put(credential, {result, now + 60});
         return result;
       }
@@ -120,12 +125,13 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
     result.tenant = token.tenant;
     result.token_id = token.id;
     result.scopes = token.scopes;
+    result.role = role_for_scopes(token.scopes);
     auth_cache_.put(credential, {result, token.expires_at_s});
   }
   // A suspended or terminating tenant is locked out at once, cached or not.
   if (!result.tenant.empty() && tenants_.exists(result.tenant) &&
       !tenants_.is_active(result.tenant)) {
-    return AuthResult{false, "tenant_unknown_or_inactive", result.tenant, result.token_id, {}, ""};
+    return AuthResult{false, "tenant_unknown_or_inactive", result.tenant, result.token_id, {}, "", ""};
   }
   return result;
 }

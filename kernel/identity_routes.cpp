@@ -30,6 +30,8 @@ identity::IdentityContext Kernel::identity_context_() {
   ctx.syscall_caller = [] { return SyscallTable::current_caller(); };
   ctx.users = &users_;
   ctx.throttle = &login_throttle_;
+  ctx.reset_throttle = &reset_throttle_;
+  ctx.enforcing = [this] { return gateway_.auth_mode() == AuthMode::enforce; };
   ctx.send_reset_mail = [this](const std::string& to, const std::string& body) {
     send_reset_mail_(to, body);
   };
@@ -46,10 +48,10 @@ identity::IdentityContext Kernel::identity_context_() {
 }
 
 void Kernel::register_identity_routes_() {
-  identity::AddRoute add = [this](const std::string& method, const std::string& path,
-                                  identity::RouteFn fn) {
-    gateway_.route(method, path, std::move(fn));
-  };
+  identity::AddRoute add{[this](const std::string& method, const std::string& path,
+                                identity::RouteFn fn, RouteOptions options) {
+    gateway_.route(method, path, std::move(fn), options);
+  }};
   identity::register_capability_routes(identity_context_(), add);
   identity::register_tenant_routes(identity_context_(), add);
   identity::register_audit_routes(identity_context_(), add);

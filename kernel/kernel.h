@@ -152,6 +152,8 @@ class Kernel {
   identity::AuditLog audit_;
   identity_registry::UserStore users_;
   identity::LoginThrottle login_throttle_;
+  // Password-reset requests: three per name or address, then waits.
+  identity::LoginThrottle reset_throttle_{identity::LoginThrottle::Settings{3}};
   HybridClock hlc_;
   std::mutex flags_mu_;  // guards flags_ and serialises writes of flags.json
   nlohmann::json flags_;

@@ -125,8 +125,19 @@ button{margin-top:16px;width:100%;padding:10px;border:0;border-radius:6px;backgr
 (function () {
   var registering = false;
   var params = new URLSearchParams(location.search);
-  var next = params.get("next") || "/dashboard/help";
-  if (next.charAt(0) !== "/" || next.charAt(1) === "/") next = "/dashboard/help";
+  // Only a path of this node: no scheme, no other host, and nothing a browser
+  // would read as one (backslashes, control characters); the parsed origin
+  // must be this page's.
+  var next = (function (n) {
+    var fallback = "/dashboard/help";
+    if (!n || n.charAt(0) !== "/" || /[\\\u0000-\u001f\u007f]/.test(n)) return fallback;
+    try {
+      var u = new URL(n, location.origin);
+      return u.origin === location.origin ? u.pathname + u.search + u.hash : fallback;
+    } catch (e) {
+      return fallback;
+    }
+  })(params.get("next"));
   function mode(reg) {
     registering = reg;
     document.getElementById("heading").textContent = reg ? "Create an Ostrel account" : "Sign in to Ostrel";

@@ -379,10 +379,6 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
     req.peer_node_id = node_id;
     req.auth_source = "node";
     if (scope.span) scope.span->set_attribute("auth.node_id", node_id);
-  } else if (const std::string& secret = req.header("X-Ostrel-Cluster-Secret");
-             !secret.empty() && secret_verifier && secret_verifier(secret)) {
-    req.peer_node_id = node_id.empty() ? "cluster" : node_id;
-    req.auth_source = "cluster_secret";
   }
 
   if (starts_with(req.path, "/api/v1/")) {
@@ -398,6 +394,19 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
       res.status = d.status;
       res.body = d.body;
       return;
+    }
+  }
+
+  std::string_view lookup_method = req.method == "HEAD" ? std::string_view("GET") : req.method;
+  RouteTable::Match match = routes.find(lookup_method, req.path);
+
+  // The cluster secret stands in for a credential only on the routes that
+  // declare themselves cluster-internal.
+  if (match && match.options->cluster_secret && req.peer_node_id.empty()) {
+    const std::string& secret = req.header("X-Ostrel-Cluster-Secret");
+    if (!secret.empty() && secret_verifier && secret_verifier(secret)) {
+      req.peer_node_id = node_id.empty() ? "cluster" : node_id;
+      req.auth_source = "cluster_secret";
     }
   }
 
@@ -428,6 +437,7 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
       req.token_id = std::move(auth.token_id);
       req.scopes = std::move(auth.scopes);
       req.user_id = std::move(auth.user_id);
+      req.role = std::move(auth.role);
       req.auth_source = "capability";
       if (scope.span) {
         scope.span->set_attribute("auth.tenant", req.tenant);
@@ -438,8 +448,6 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
     }
   }
 
-  std::string_view lookup_method = req.method == "HEAD" ? std::string_view("GET") : req.method;
-  RouteTable::Match match = routes.find(lookup_method, req.path);
   if (!match) {
     std::vector<std::string> allowed = routes.methods_matching(req.path);
     if (!allowed.empty()) {

@@ -14,19 +14,6 @@ namespace ostrel::kernel {
 
 using RouteHandler = std::function<void(const Request&, Response&)>;
 
-// How the gateway takes a route's request body. Bodies are read only after
-// the request was admitted (node token, source policy, credential) and its
-// route found, and never past the route's limit.
-struct RouteOptions {
-  // The largest body kept in memory for the handler (Request::body).
-  static constexpr std::size_t kDefaultMaxBody = 1 << 20;  // JSON control routes
-  static constexpr std::size_t kLargeBody = 16 << 20;      // chat, embeddings, ingest
-  std::size_t max_body = kDefaultMaxBody;
-  // The handler reads the body itself through Request::body_reader (uploads
-  // that go straight to disk); max_body then bounds nothing.
-  bool stream_body = false;
-};
-
 struct RouteInfo {
   std::string method;
   std::string path;  // the pattern as registered

@@ -117,22 +117,36 @@ TEST(LoginThrottle, FreeAttemptsThenDoublingWaitsCappedAndCleared) {
   s.max_keys = 3;
   identity::LoginThrottle t(s);
   t.failed("user:a");
-  t.failed("user:a");
   EXPECT_EQ(t.wait_seconds("user:a"), 0);
+  // The last free failure already makes the next attempt wait.
   std::vector<std::int64_t> waits;
-  for (int i = 0; i < 4; ++i) {
+  for (int i = 0; i < 5; ++i) {
     t.failed("user:a");
     waits.push_back(t.wait_seconds("user:a"));
   }
-  EXPECT_EQ(waits, (std::vector<std::int64_t>{1, 2, 4, 4}));
+  EXPECT_EQ(waits, (std::vector<std::int64_t>{1, 2, 4, 4, 4}));
   EXPECT_EQ(t.wait_seconds("user:b"), 0);
   t.succeeded("user:a");
   EXPECT_EQ(t.wait_seconds("user:a"), 0);
+  // A full table makes room by dropping the key that failed longest ago,
+  // never the one being counted: "old" goes, "kept" (failed again since)
+  // stays.
+  t.failed("user:old");
+  t.failed("user:kept");
+  t.failed("user:mid");
+  t.failed("user:kept");  // now the newest
+  t.failed("user:new");   // evicts "old"
+  EXPECT_EQ(t.size(), 3u);
+  EXPECT_EQ(t.wait_seconds("user:kept"), 1);
+  t.failed("user:newer");  // evicts "mid"
+  EXPECT_EQ(t.wait_seconds("user:kept"), 1);
+  EXPECT_EQ(t.wait_seconds("user:old"), 0);
   // A flood of names keeps the table bounded and still tracks the newest.
   for (int i = 0; i < 50; ++i) {
     for (int k = 0; k < 3; ++k) t.failed("addr:" + std::to_string(i));
   }
-  EXPECT_EQ(t.wait_seconds("addr:49"), 1);
+  EXPECT_EQ(t.size(), 3u);
+  EXPECT_EQ(t.wait_seconds("addr:49"), 2);
 }
 
 TEST(HybridClock, StampsOnlyGrowAcrossThreadsAndAfterPeers) {

@@ -176,6 +176,23 @@ std::string random_alnum(std::size_t n) {
   return out;
 }
 
+bool ed25519_verify(std::string_view public_key, std::string_view message,
+                    std::string_view signature) {
+  if (public_key.size() != 32 || signature.size() != 64) return false;
+  EVP_PKEY* key = EVP_PKEY_new_raw_public_key(
+      EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(public_key.data()), 32);
+  if (!key) return false;
+  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+  const bool ok =
+      ctx && EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, key) == 1 &&
+      EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char*>(signature.data()),
+                       signature.size(), reinterpret_cast<const unsigned char*>(message.data()),
+                       message.size()) == 1;
+  EVP_MD_CTX_free(ctx);
+  EVP_PKEY_free(key);
+  return ok;
+}
+
 bool constant_time_equal(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   return CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;

@@ -55,6 +55,10 @@ std::string random_bytes(std::size_t size);
 // secure source (for names a caller must not guess).
 std::string random_hex(int digits);
 std::string random_alnum(std::size_t n);
+// True when `signature` is a valid Ed25519 signature of `message` under the
+// 32-byte raw public key `public_key`.
+bool ed25519_verify(std::string_view public_key, std::string_view message,
+                    std::string_view signature);
 // Constant-time comparison of two equally long texts; false when lengths differ.
 bool constant_time_equal(std::string_view a, std::string_view b);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -11,6 +12,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/text.h"
 
@@ -67,12 +69,27 @@ const char* status_name(NodeStatus s) {
 Json member_to_json(const NodeMember& m) {
   Json tags = Json::object();
   for (const auto& [k, v] : m.tags) tags[k] = v;
-  return {{"id", m.id},
-          {"address", m.address},
-          {"status", static_cast<int>(m.status)},
-          {"incarnation", m.incarnation},
-          {"last_seen_ms", static_cast<std::int64_t>(m.last_seen_ms)},
-          {"tags", tags}};
+  Json j = {{"id", m.id},
+            {"address", m.address},
+            {"status", static_cast<int>(m.status)},
+            {"incarnation", m.incarnation},
+            {"last_seen_ms", static_cast<std::int64_t>(m.last_seen_ms)},
+            {"tags", tags}};
+  if (!m.sig.empty()) {
+    j["key"] = base::to_hex(m.key);
+    j["token"] = m.token;
+    j["sig"] = base::base64url_encode(m.sig);
+  }
+  return j;
+}
+
+std::string signed_bytes(const NodeMember& m) {
+  Json tags = Json::object();
+  for (const auto& [k, v] : m.tags) tags[k] = v;
+  return Json::array({"ostrel-gossip-1", m.id, m.address, m.incarnation,
+                      static_cast<std::int64_t>(m.last_seen_ms), tags, base::to_hex(m.key),
+                      m.token})
+      .dump();
 }
 
 bool member_from_json(const Json& j, NodeMember& out) {
@@ -100,6 +117,20 @@ bool member_from_json(const Json& j, NodeMember& out) {
       out.tags[it.key()] = it.value().get<std::string>();
     }
   }
+  out.key.clear();
+  out.token.clear();
+  out.sig.clear();
+  out.dial.clear();
+  auto key = j.find("key"), token = j.find("token"), sig = j.find("sig");
+  if (key != j.end() || token != j.end() || sig != j.end()) {
+    if (key == j.end() || !key->is_string() || token == j.end() || !token->is_string() ||
+        sig == j.end() || !sig->is_string() || token->get<std::string>().size() > 128 ||
+        !base::from_hex(key->get<std::string>(), out.key) || out.key.size() != 32 ||
+        !base::base64url_decode(sig->get<std::string>(), out.sig) || out.sig.size() != 64) {
+      return false;
+    }
+    out.token = *token;
+  }
   return true;
 }
 
@@ -109,11 +140,22 @@ struct GossipMesh::Impl {
   Config cfg;
   MemberFn joined, left;
   StatusFn changed;
-  LogFn warn;
+  LogFn warn, error;
 
   mutable std::mutex mu;  // guards table, self and the counters below
   std::unordered_map<std::string, NodeMember> table;
-  std::uint64_t rounds = 0, sent = 0, received = 0, rejected = 0;
+  std::uint64_t rounds = 0, sent = 0, received = 0, rejected = 0, records_rejected = 0;
+  // Signed meshes: the key each known member signs with, and the last record
+  // of each whose signature was checked (so an unchanged record relayed
+  // again costs a comparison, not a verification).
+  struct Pin {
+    std::string key;
+    std::string address;
+  };
+  std::unordered_map<std::string, Pin> pins;
+  std::unordered_map<std::string, std::pair<std::string, std::string>> verified;  // id → (bytes, sig)
+  std::unordered_map<std::string, double> conflicts_logged;  // "id|address" → when, to limit lines
+  bool self_dirty = true;  // the local record changed since it was last signed
 
   std::mutex wake_mu;  // guards stopping; wake waits on it
   std::condition_variable wake;
@@ -141,11 +183,49 @@ struct GossipMesh::Impl {
 
   double now() const { return cfg.clock ? cfg.clock() : now_ms(); }
 
-  // The local member, announced now.
+  // The local member, announced now (and signed, in a signed mesh).
   void refresh_self_locked() {
     NodeMember& self = table[cfg.self_id];
     self.status = NodeStatus::alive;
-    self.last_seen_ms = std::max(now(), self.last_seen_ms + 1e-3);
+    // Whole milliseconds (what travels is what was signed); within one
+    // millisecond the record, and its signature, stay as they are.
+    const double t = std::floor(now());
+    const bool changed = t > self.last_seen_ms || self.sig.empty() || self_dirty;
+    if (!changed) return;
+    self.last_seen_ms = std::max(t, self.last_seen_ms);
+    self_dirty = false;
+    if (cfg.sign) {
+      self.key = cfg.public_key;
+      self.token = cfg.record_token ? cfg.record_token() : "";
+      self.sig = cfg.sign(signed_bytes(self));
+    }
+  }
+
+  // A conflict an operator must fix, reported at most once a minute per
+  // (id, address).
+  void report_conflict_locked(const std::string& id, const std::string& other_address,
+                              const std::string& line) {
+    const double t = now();
+    double& last = conflicts_logged[id + "|" + other_address];
+    if (last != 0 && t - last < 60000) return;
+    last = t;
+    if (conflicts_logged.size() > 1024) conflicts_logged.clear();
+    if (error) error(line);
+  }
+
+  // True when the record is its member's own (or the mesh does not sign).
+  bool proven_locked(const NodeMember& in) {
+    if (!cfg.sign) return true;
+    if (in.sig.empty()) return false;
+    const std::string bytes = signed_bytes(in);
+    if (auto v = verified.find(in.id);
+        v != verified.end() && v->second.first == bytes && v->second.second == in.sig) {
+      return true;
+    }
+    if (cfg.admit && !cfg.admit(in.id, in.token)) return false;
+    if (!base::ed25519_verify(in.key, bytes, in.sig)) return false;
+    verified[in.id] = {bytes, in.sig};
+    return true;
   }
 
   Json table_json_locked() {
@@ -158,20 +238,25 @@ struct GossipMesh::Impl {
   void merge_one_locked(NodeMember in, const std::string& sender_id, const std::string& sender_host,
                         std::vector<Pending>& events) {
     if (in.id == cfg.self_id) {
+      NodeMember& self = table[cfg.self_id];
+      if (cfg.sign && in.key != cfg.public_key) {
+        // Another node calls itself by this node's id.
+        if (proven_locked(in)) {
+          report_conflict_locked(in.id, in.address,
+                                 "duplicate node id '" + in.id + "': another node announces it from " +
+                                     in.address + " (this node is " + self.address +
+                                     "); its records are refused — give every node its own "
+                                     "--node-id");
+        }
+        return;
+      }
       // Someone holds a newer incarnation of this node (a previous run):
       // outbid it so our own record wins everywhere.
-      NodeMember& self = table[cfg.self_id];
-      if (in.incarnation >= self.incarnation) self.incarnation = in.incarnation + 1;
-      return;
-    }
-    // The sender's own address as seen from here when it advertised none usable.
-    if (in.id == sender_id && !sender_host.empty()) {
-      std::string host;
-      int port = 0;
-      if (split_host_port(in.address, host, port) && unroutable_host(host) &&
-          !unroutable_host(sender_host)) {
-        in.address = sender_host + ":" + std::to_string(port);
+      if (in.incarnation >= self.incarnation) {
+        self.incarnation = in.incarnation + 1;
+        self_dirty = true;
       }
+      return;
     }
     const double age = now() - in.last_seen_ms;
     auto it = table.find(in.id);
@@ -180,18 +265,53 @@ struct GossipMesh::Impl {
       // that others have already given up on must not bring it back.
       if (age > cfg.suspect_after_ms || in.status != NodeStatus::alive) return;
       if (table.size() >= cfg.max_members) return;
+    } else if (!fresher(in, it->second)) {
+      return;
+    }
+    if (cfg.sign) {
+      auto pin = pins.find(in.id);
+      if (pin != pins.end() && pin->second.key != in.key) {
+        if (proven_locked(in)) {
+          report_conflict_locked(in.id, in.address,
+                                 "duplicate node id '" + in.id + "': announced from " +
+                                     pin->second.address + " and from " + in.address +
+                                     " by two different nodes; the second is refused — give "
+                                     "every node its own --node-id");
+        }
+        return;
+      }
+      if (!proven_locked(in)) {
+        ++records_rejected;
+        return;
+      }
+      pins[in.id] = {in.key, in.address};
+    }
+    // The sender's own address as seen from here when it advertised none usable.
+    if (in.id == sender_id && !sender_host.empty()) {
+      std::string host;
+      int port = 0;
+      if (split_host_port(in.address, host, port) && unroutable_host(host) &&
+          !unroutable_host(sender_host)) {
+        in.dial = sender_host + ":" + std::to_string(port);
+      }
+    }
+    if (it == table.end()) {
       in.status = NodeStatus::alive;
       table[in.id] = in;
       events.push_back({Pending::join, in});
       return;
     }
     NodeMember& have = it->second;
-    if (!fresher(in, have)) return;
     const NodeStatus before = have.status;
+    const std::string dial = in.dial.empty() && in.address == have.address ? have.dial : in.dial;
     have.address = in.address;
+    have.dial = dial;
     have.incarnation = in.incarnation;
     have.last_seen_ms = in.last_seen_ms;
     have.tags = in.tags;
+    have.key = in.key;
+    have.token = in.token;
+    have.sig = in.sig;
     // Status is judged here from the announcement's age; fresh news revives.
     have.status = age <= cfg.suspect_after_ms ? NodeStatus::alive : std::max(before, in.status);
     if (have.status != before) events.push_back({Pending::status, have});
@@ -297,7 +417,8 @@ struct GossipMesh::Impl {
     {
       std::lock_guard lock(mu);
       for (const auto& [id, m] : table) {
-        if (id != cfg.self_id && m.status != NodeStatus::dead) targets.push_back(m.address);
+        if (id != cfg.self_id && m.status != NodeStatus::dead)
+          targets.push_back(m.dial.empty() ? m.address : m.dial);
       }
       body = base::dump_json({{"from_node", cfg.self_id}, {"members", table_json_locked()}});
     }
@@ -347,6 +468,8 @@ struct GossipMesh::Impl {
           events.push_back({Pending::status, m});
         } else if (m.status == NodeStatus::dead && age > cfg.remove_after_ms) {
           events.push_back({Pending::leave, m});
+          pins.erase(m.id);
+          verified.erase(m.id);
           it = table.erase(it);
           continue;
         }
@@ -375,7 +498,7 @@ GossipMesh::GossipMesh(Config config) : impl_(std::make_unique<Impl>()) {
   self.address = impl_->cfg.self_address;
   // A restarted node outbids every record of its previous run.
   self.incarnation = static_cast<std::uint64_t>(impl_->now());
-  self.last_seen_ms = impl_->now();
+  self.last_seen_ms = std::floor(impl_->now());
   impl_->table[self.id] = self;
 }
 
@@ -385,6 +508,7 @@ void GossipMesh::on_join(MemberFn fn) { impl_->joined = std::move(fn); }
 void GossipMesh::on_leave(MemberFn fn) { impl_->left = std::move(fn); }
 void GossipMesh::on_status_change(StatusFn fn) { impl_->changed = std::move(fn); }
 void GossipMesh::set_log(LogFn warn) { impl_->warn = std::move(warn); }
+void GossipMesh::set_error_log(LogFn error) { impl_->error = std::move(error); }
 
 bool GossipMesh::start() {
   Impl& d = *impl_;
@@ -419,6 +543,7 @@ bool GossipMesh::start() {
     std::lock_guard lock(d.mu);
     if (self_port == 0) {
       d.table[d.cfg.self_id].address = self_host + ":" + std::to_string(d.bound_port);
+      d.self_dirty = true;
     }
   }
   d.started = true;
@@ -461,6 +586,7 @@ void GossipMesh::stop() {
 void GossipMesh::set_self_tag(const std::string& key, const std::string& value) {
   std::lock_guard lock(impl_->mu);
   impl_->table[impl_->cfg.self_id].tags[key] = value;
+  impl_->self_dirty = true;
 }
 
 std::vector<NodeMember> GossipMesh::members() const {
@@ -478,6 +604,7 @@ GossipStats GossipMesh::stats() const {
   s.messages_sent = impl_->sent;
   s.messages_received = impl_->received;
   s.messages_rejected = impl_->rejected;
+  s.records_rejected = impl_->records_rejected;
   for (const auto& [id, m] : impl_->table) {
     s.members_alive += m.status == NodeStatus::alive;
     s.members_suspect += m.status == NodeStatus::suspect;

@@ -26,7 +26,20 @@ struct NodeMember {
   // member from the same instant, so all of them see it fall silent together.
   double last_seen_ms = 0;
   std::map<std::string, std::string> tags;
+  // Proof that the member itself made this record (empty in a mesh that does
+  // not sign): its Ed25519 public key (32 bytes), a node token it made for
+  // its id, and its signature (64 bytes) over signed_bytes().
+  std::string key;
+  std::string token;
+  std::string sig;
+  // Where this node dials the member, when that differs from the address it
+  // announced (seen from here); never sent on.
+  std::string dial;
 };
+
+// The bytes a member signs: its id, address, incarnation, announcement time,
+// tags, key and token (not its status: that is each observer's judgement).
+std::string signed_bytes(const NodeMember& m);
 
 nlohmann::json member_to_json(const NodeMember& m);
 // False when a required field is missing or has the wrong type.
@@ -37,6 +50,7 @@ struct GossipStats {
   std::uint64_t messages_sent = 0;
   std::uint64_t messages_received = 0;
   std::uint64_t messages_rejected = 0;
+  std::uint64_t records_rejected = 0;  // records that failed their proof
   int members_alive = 0;
   int members_suspect = 0;
   int members_dead = 0;
@@ -63,6 +77,17 @@ class GossipMesh {
     // check of a sender's (id, headers); both optional.
     std::function<std::vector<std::pair<std::string, std::string>>()> credentials;
     std::function<bool(const std::string& node_id, const std::string& token)> admit;
+    // Signing. With `sign` set, this node signs its own record with the key
+    // whose public half is `public_key` (32 raw bytes) and carries a fresh
+    // `record_token()`; every record received must then carry its member's
+    // key, a token `admit` accepts for the member's id, and a valid
+    // signature — so a peer can relay others' records but never make or
+    // change one. The first key seen for an id is kept while the member is
+    // known: another key for that id is a second node using the same id,
+    // refused and reported.
+    std::string public_key;
+    std::function<std::string(std::string_view message)> sign;
+    std::function<std::string()> record_token;
     // Wall-clock milliseconds; the system clock unless a test supplies one.
     std::function<double()> clock;
   };
@@ -79,6 +104,8 @@ class GossipMesh {
   void on_leave(MemberFn fn);
   void on_status_change(StatusFn fn);
   void set_log(LogFn warn);
+  // Where conflicts go that an operator must fix (two nodes with one id).
+  void set_error_log(LogFn error);
 
   // False when the bind or self address is invalid or cannot be bound.
   bool start();

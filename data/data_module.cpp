@@ -1242,7 +1242,14 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
        {Op{"/api/v1/memory/store", "data.memory.store", &DataModule::memory_store_},
         Op{"/api/v1/memory/recall", "data.memory.recall", &DataModule::memory_recall_},
         Op{"/api/v1/memory/forget", "data.memory.store", &DataModule::memory_forget_}}) {
-    gw.route("POST", op.path, [this, op](const Request& req, Response& res) {
+    // A node without the data module (dreaming elsewhere) stores here with
+    // the cluster secret: the one data route where it stands in for a
+    // credential.
+    kernel::RouteOptions options;
+    options.cluster_secret = std::string_view(op.path) == "/api/v1/memory/store";
+    gw.route(
+        "POST", op.path,
+        [this, op](const Request& req, Response& res) {
       if (!kernel::require_scope(req, res, op.scope)) return;
       Json body;
       if (!base::parse_object_body(req, res, body)) return;
@@ -1257,7 +1264,8 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
       int status = 200;
       Json out = (this->*op.fn)(body, status);
       reply(res, out, status);
-    });
+        },
+        options);
   }
 
   gw.route("GET", "/api/v1/memory", [this](const Request&, Response& res) {

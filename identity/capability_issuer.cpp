@@ -142,7 +142,48 @@ bool KeyPair::verify(std::string_view message, std::string_view signature) const
 }
 
 CapabilityIssuer::CapabilityIssuer()
-    : node_key_(KeyPair::generate()), clock_([] { return base::now(); }) {}
+    : node_key_(KeyPair::generate()),
+      identity_key_(KeyPair::generate()),
+      clock_([] { return base::now(); }) {}
+
+std::shared_ptr<KeyPair> CapabilityIssuer::identity_key() const { return identity_key_; }
+
+bool CapabilityIssuer::open_identity_key_(std::string& error) {
+  const fs::path file = state_dir_ / "node.key";
+  bool opened = false;
+  Json sealed = base::read_json_file(file, opened);
+  if (opened) {
+    std::string nonce, cipher, priv;
+    if (!sealed.is_object() || !from_hex(sealed.value("nonce", ""), nonce) ||
+        !from_hex(sealed.value("ciphertext", ""), cipher) ||
+        !gcm_decrypt(master_key_, nonce, cipher, priv)) {
+      // Never replaced: what it signed could no longer be checked.
+      error = "node.key at " + file.string() + " cannot be opened with master.key";
+      return false;
+    }
+    auto pair = KeyPair::from_private(priv);
+    if (!pair) {
+      error = "node.key at " + file.string() + " holds no Ed25519 key";
+      return false;
+    }
+    identity_key_ = std::move(pair);
+    return true;
+  }
+  auto pair = KeyPair::generate();
+  std::string nonce = random_bytes(kGcmNonceBytes), cipher;
+  if (!pair || nonce.size() != kGcmNonceBytes ||
+      !gcm_encrypt(master_key_, nonce, pair->private_key(), cipher)) {
+    error = "node key generation failed";
+    return false;
+  }
+  const Json record = {{"algorithm", "Ed25519"},
+                       {"public_key", to_hex(pair->public_key())},
+                       {"nonce", to_hex(nonce)},
+                       {"ciphertext", to_hex(cipher)}};
+  if (!base::write_file_atomically(file, record.dump(2) + "\n", error)) return false;
+  identity_key_ = std::move(pair);
+  return true;
+}
 
 CapabilityIssuer::~CapabilityIssuer() = default;
 
@@ -163,6 +204,7 @@ bool CapabilityIssuer::open(const fs::path& state_dir, std::string& error) {
       return false;
     }
     master_key_ = key;
+    if (!open_identity_key_(identity_key_problem_)) identity_key_problem_ += " (a key for this run only)";
     return true;
   }
   std::string key = random_bytes(32);
@@ -172,6 +214,7 @@ bool CapabilityIssuer::open(const fs::path& state_dir, std::string& error) {
   }
   if (!base::write_file_atomically(key_file, key, error)) return false;
   master_key_ = key;
+  if (!open_identity_key_(identity_key_problem_)) identity_key_problem_ += " (a key for this run only)";
   return true;
 }
 

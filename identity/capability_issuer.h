@@ -111,6 +111,15 @@ class CapabilityIssuer {
   // journalled token.
   bool compact_revocations(std::string& error);
 
+  // The node's long-lived identity key: made once and kept in "node.key"
+  // (sealed with the master key), so it survives restarts. It signs what
+  // others must be able to check later: audit checkpoints and this node's
+  // gossip records. A fresh key for this process only while open() has not
+  // succeeded. Never null.
+  std::shared_ptr<KeyPair> identity_key() const;
+  // Why the identity key could not be kept across restarts ("" when it is).
+  const std::string& identity_key_problem() const { return identity_key_problem_; }
+
   const std::filesystem::path& state_dir() const { return state_dir_; }
   // For tests: the wall clock the issuer reads.
   void set_clock(Clock clock) { clock_ = std::move(clock); }
@@ -120,7 +129,12 @@ class CapabilityIssuer {
   std::filesystem::path keys_path_() const { return state_dir_ / "keys.jsonl"; }
   std::filesystem::path caps_path_() const { return state_dir_ / "caps.jsonl"; }
 
+  // Loads "node.key" or makes and seals a new one; false with the reason.
+  bool open_identity_key_(std::string& error);
+
   std::shared_ptr<KeyPair> node_key_;
+  std::shared_ptr<KeyPair> identity_key_;  // set in the constructor and open(); read-only after
+  std::string identity_key_problem_;
   std::filesystem::path state_dir_;
   std::string master_key_;  // 32 bytes; empty until open()
   Clock clock_;

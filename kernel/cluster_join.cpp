@@ -43,9 +43,16 @@ bool Kernel::join_cluster_(const std::string& peers) {
     return false;
   }
   logger_.info("joining cluster via " + first);
+  base::HttpHeaders headers;
+  if (const char* t = std::getenv("OSTREL_CLUSTER_JOIN_TOKEN"); t && *t) {
+    headers.emplace_back("X-Ostrel-Join-Token", t);
+  } else {
+    logger_.warn("joining without a join token (OSTREL_CLUSTER_JOIN_TOKEN): a controller that "
+                 "requires one refuses the join");
+  }
   base::HttpReply r =
       base::http_post(first, "/api/v1/cluster/join",
-                      base::dump_json({{"node_id", config_.node_id}, {"capabilities", ""}}), {},
+                      base::dump_json({{"node_id", config_.node_id}, {"capabilities", ""}}), headers,
                       std::chrono::seconds(10), "application/json", std::chrono::seconds(5));
   if (!r.transport_ok) {
     logger_.error("join_cluster: " + r.error);
@@ -148,8 +155,17 @@ void Kernel::start_gossip_() {
     c.admit = [secret = cluster_secret_](const std::string& id, const std::string& token) {
       return identity::verify_node_token(secret, id, token);
     };
+    // Every record is signed with this node's identity key, which outlives
+    // restarts; a peer relays records but cannot make or change one.
+    std::shared_ptr<identity::KeyPair> key = issuer_.identity_key();
+    c.public_key = key->public_key();
+    c.sign = [key](std::string_view message) { return key->sign(message); };
+    c.record_token = [this] {
+      return identity::generate_node_token(cluster_secret_, config_.node_id);
+    };
     gossip_ = std::make_unique<gossip::GossipMesh>(c);
     gossip_->set_log([this](const std::string& line) { logger_.warn(line); });
+    gossip_->set_error_log([this](const std::string& line) { logger_.error(line); });
     gossip_->on_join(
         [this](const gossip::NodeMember& m) { logger_.info("gossip: peer joined " + m.id); });
     gossip_->on_leave(
@@ -187,7 +203,8 @@ void Kernel::start_gossip_() {
                       {"members_dead", s.members_dead},
                       {"messages_sent", s.messages_sent},
                       {"messages_received", s.messages_received},
-                      {"messages_rejected", s.messages_rejected}});
+                      {"messages_rejected", s.messages_rejected},
+                      {"records_rejected", s.records_rejected}});
   });
   gateway_.route("GET", "/api/v1/cluster/members",
                  [this](const Request&, Response& res) { base::reply(res, members_json_()); });
@@ -212,7 +229,7 @@ nlohmann::json Kernel::members_json_() const {
     Json tags = Json::object();
     for (const auto& [k, v] : m.tags) tags[k] = v;
     list.push_back({{"id", m.id},
-                    {"address", m.address},
+                    {"address", m.dial.empty() ? m.address : m.dial},
                     {"state", gossip::status_name(m.status)},
                     {"status", static_cast<int>(m.status)},
                     {"incarnation", m.incarnation},

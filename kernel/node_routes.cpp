@@ -2,6 +2,7 @@
 // hybrid logical clock, and the extension routes this build does not fill.
 #include <algorithm>
 #include <filesystem>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "base/access.h"
@@ -19,6 +20,11 @@ using Json = nlohmann::json;
 namespace fs = std::filesystem;
 using base::reply;
 
+// The logical counter stops at its top instead of wrapping to negative.
+std::int64_t next_logical(std::int64_t v) {
+  return v >= std::numeric_limits<std::int64_t>::max() ? v : std::max<std::int64_t>(v, -1) + 1;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -30,7 +36,7 @@ HybridClock::Stamp HybridClock::now() {
   if (wall > last_.physical_ms) {
     last_ = {wall, 0};
   } else {
-    ++last_.logical;
+    last_.logical = next_logical(last_.logical);
   }
   return last_;
 }
@@ -40,11 +46,11 @@ HybridClock::Stamp HybridClock::update(Stamp remote) {
   const std::int64_t wall = base::unix_ms();
   const std::int64_t top = std::max({wall, last_.physical_ms, remote.physical_ms});
   if (top == last_.physical_ms && top == remote.physical_ms) {
-    last_.logical = std::max(last_.logical, remote.logical) + 1;
+    last_.logical = next_logical(std::max(last_.logical, remote.logical));
   } else if (top == last_.physical_ms) {
-    ++last_.logical;
+    last_.logical = next_logical(last_.logical);
   } else if (top == remote.physical_ms) {
-    last_ = {top, remote.logical + 1};
+    last_ = {top, next_logical(remote.logical)};
   } else {
     last_ = {top, 0};
   }
@@ -223,6 +229,14 @@ void Kernel::register_node_routes_() {
   });
   gateway_.route("POST", "/api/v1/hlc/update",
                  [this, stamp_json](const Request& req, Response& res) {
+                   // Peers merge their clocks here (administrators may too);
+                   // nobody else moves this node's clock.
+                   if (!is_peer(req) && !is_admin(req)) {
+                     return reply(res,
+                                  {{"error", "forbidden"},
+                                   {"reason", "only peer nodes update the clock"}},
+                                  403);
+                   }
                    Json body;
                    if (!base::parse_object_body(req, res, body)) return;
                    auto p = body.find("physical_ms");

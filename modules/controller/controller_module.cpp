@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <filesystem>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -24,6 +25,7 @@
 #include "base/reply.h"
 #include "base/sqlite.h"
 #include "base/text.h"
+#include "identity/login_throttle.h"
 #include "identity/node_token.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
@@ -105,6 +107,9 @@ class ControllerModule : public kernel::ModuleBase {
   void trigger_auto_failover_(const std::string& primary, const std::string& replica,
                               std::int64_t downtime_s, const std::string& reason);
   std::pair<int, std::string> run_failover_swap_(const std::string& actor);
+  // The tool policy's decision for the caller, as the tool loop asks it;
+  // false when it answered the refusal.
+  bool tool_allowed_(const Request& req, Response& res, const std::string& tool);
   // Background loop: sleeps `period`, false once stopping.
   bool pause_(std::chrono::milliseconds period);
 
@@ -115,6 +120,13 @@ class ControllerModule : public kernel::ModuleBase {
   std::unique_ptr<Webhooks> webhooks_;
   WebTools web_;
   std::string join_token_;
+  bool open_join_ = false;
+  std::size_t max_nodes_ = 1024;
+  int joins_per_minute_ = 60;
+  // Wrong join tokens, per client address: a few, then growing waits.
+  identity::LoginThrottle join_guesses_;
+  std::mutex join_rate_mu_;  // guards join_times_
+  std::deque<std::int64_t> join_times_;  // ms of the joins answered in the last minute
   int sync_interval_s_ = 10;
   int stale_after_s_ = 90;
   int failover_after_s_ = 120;
@@ -154,6 +166,19 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
   join_token_ = ctx.config->get("join_token", "");
   if (const char* t = std::getenv("OSTREL_CLUSTER_JOIN_TOKEN"); join_token_.empty() && t) {
     join_token_ = t;
+  }
+  open_join_ = ctx.config->get_bool("open_join", false);
+  max_nodes_ = static_cast<std::size_t>(std::max<std::int64_t>(1, ctx.config->get_int("max_nodes", 1024)));
+  joins_per_minute_ = std::max(1, static_cast<int>(ctx.config->get_int("joins_per_minute", 60)));
+  if (!join_token_.empty()) {
+    log_->info("cluster joins need the join token");
+  } else if (open_join_) {
+    log_->warn("controller.open_join=true: any node that reaches this one may join the cluster "
+               "and receive its secret; set controller.join_token instead on shared networks");
+  } else {
+    log_->info("cluster joins are refused until a join token is set: set controller.join_token "
+               "(or OSTREL_CLUSTER_JOIN_TOKEN) here and OSTREL_CLUSTER_JOIN_TOKEN on each joining "
+               "node");
   }
   web_.configure(ctx.config->get("web_search_url", ""),
                  ctx.config->get_bool("allow_private_fetch", false));
@@ -289,14 +314,40 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
   std::string why;
   if (!base::safe_name(node_id, why, 128))
     return reply(res, {{"error", "invalid node_id"}, {"message", why}}, 400);
+  if (join_token_.empty() && !open_join_) {
+    return reply(res,
+                 {{"error", "join_token_not_configured"},
+                  {"message",
+                   "this controller takes no joins until a join token is set "
+                   "(controller.join_token or OSTREL_CLUSTER_JOIN_TOKEN)"}},
+                 403);
+  }
+  const std::string guesser = "addr:" + req.client_addr;
   if (!join_token_.empty()) {
+    if (const std::int64_t wait = join_guesses_.wait_seconds(guesser); wait > 0) {
+      res.headers["Retry-After"] = std::to_string(wait);
+      return reply(res, {{"error", "too_many_attempts"}, {"retry_after_s", wait}}, 429);
+    }
     std::string presented = req.header("X-Ostrel-Join-Token");
     if (presented.empty()) presented = base::string_field(body, "join_token");
     if (!base::constant_time_equal(presented, join_token_)) {
+      join_guesses_.failed(guesser);
       log_->warn("cluster join refused: wrong or missing join token from " + node_id + " at " +
                  req.client_addr);
       return reply(res, {{"error", "join_token_required"}}, 403);
     }
+    join_guesses_.succeeded(guesser);
+  }
+  {
+    // Each join rewrites cluster.json whole: their rate is bounded.
+    std::lock_guard lock(join_rate_mu_);
+    const std::int64_t now = base::unix_ms();
+    while (!join_times_.empty() && now - join_times_.front() > 60000) join_times_.pop_front();
+    if (join_times_.size() >= static_cast<std::size_t>(joins_per_minute_)) {
+      res.headers["Retry-After"] = "60";
+      return reply(res, {{"error", "too_many_joins"}, {"retry_after_s", 60}}, 429);
+    }
+    join_times_.push_back(now);
   }
   const fs::path file = data_dir_ / "state" / "cluster.json";
   Json state;
@@ -308,6 +359,12 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
     if (secret.empty()) return reply(res, {{"error", "cluster_secret_not_initialized"}}, 503);
     if (!state.contains("registered_nodes") || !state["registered_nodes"].is_object())
       state["registered_nodes"] = Json::object();
+    if (!state["registered_nodes"].contains(node_id) &&
+        state["registered_nodes"].size() >= max_nodes_) {
+      log_->warn("cluster join refused: " + node_id + " would exceed controller.max_nodes (" +
+                 std::to_string(max_nodes_) + ")");
+      return reply(res, {{"error", "cluster_full"}, {"max_nodes", max_nodes_}}, 503);
+    }
     const std::string now = base::utc_text();
     Json& entry = state["registered_nodes"][node_id];
     const std::string first = entry.is_object() ? base::string_field(entry, "joined_at") : "";
@@ -663,12 +720,39 @@ void ControllerModule::trigger_auto_failover_(const std::string& primary,
                                      {"peers_notified", notified}}));
 }
 
+bool ControllerModule::tool_allowed_(const Request& req, Response& res, const std::string& tool) {
+  if (!kernel::credential_checked(req) && !kernel::anonymous(req)) return true;  // open node, peer
+  if (!ctx_.syscalls->has("security.role.check")) {
+    // Without the policy, the web tools are for developers and up.
+    if (kernel::role_from_scopes(req) != "viewer") return true;
+    reply(res, {{"error", "forbidden"}, {"reason", "tool '" + tool + "' needs a developer role"}},
+          403);
+    return false;
+  }
+  const Json check = {{"tool", tool},
+                      {"context",
+                       {{"user_id", !req.user_id.empty() ? req.user_id : "token:" + req.token_id},
+                        {"role", kernel::role_from_scopes(req)},
+                        {"tenant_id", req.tenant.empty() ? "default" : req.tenant}}}};
+  Json d = base::parse_json(
+      ctx_.syscalls->call(kControllerSource, "security.role.check", base::dump_json(check)).body);
+  if (d.is_object() && d.value("decision", "") == "allowed") return true;
+  Json out = d.is_object() && d.contains("reject") ? d["reject"] : Json::object();
+  out["error"] = "forbidden";
+  out["reason"] = "the tool policy does not grant '" + tool + "' to role " +
+                  kernel::role_from_scopes(req);
+  reply(res, out, 403);
+  return false;
+}
+
 void ControllerModule::register_routes(kernel::ApiGateway& gw) {
   auto& t = kernel::telemetry::Telemetry::instance();
   t.describe("ostrel.controller.peer_heartbeats_total", "Worker heartbeats, by result");
   t.describe("ostrel.controller.peer_register_total", "Peer registrations, by role (or rejected)");
 
   gw.route("POST", "/api/v1/workers", [this](const Request& req, Response& res) {
+    // What is listed here is served to everyone in /v1/models.
+    if (!kernel::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     WorkerInfo w;
@@ -681,6 +765,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, {{"status", "registered"}, {"worker", worker_json(w)}});
   });
   gw.route("POST", "/api/v1/workers/*", [this](const Request& req, Response& res) {
+    if (!kernel::require_admin(req, res)) return;
     std::string id = req.path.substr(std::string("/api/v1/workers/").size());
     if (id.size() > 10 && id.compare(id.size() - 10, 10, "/heartbeat") == 0)
       id = id.substr(0, id.size() - 10);
@@ -785,12 +870,14 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
   });
 
   gw.route("POST", "/api/v1/tools/web_fetch", [this](const Request& req, Response& res) {
+    if (!tool_allowed_(req, res, "web_fetch")) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     auto a = web_.fetch(base::string_field(body, "url"));
     reply(res, a.body, a.status);
   });
   gw.route("POST", "/api/v1/tools/web_search", [this](const Request& req, Response& res) {
+    if (!tool_allowed_(req, res, "web_search")) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     const int n = body.contains("max_results") && body["max_results"].is_number_integer()

@@ -185,7 +185,9 @@ class SecurityModule : public kernel::ModuleBase {
   // The decision for a {"tool", "context"} request text as routes and
   // syscalls answer it; `status` is the HTTP status (the rejection's when
   // refused).
-  std::string check_text_(std::string_view text, int& status);
+  // `caller`: the HTTP request the check came in on, whose checked
+  // credential decides role, user and tenant; null for syscalls.
+  std::string check_text_(std::string_view text, int& status, const Request* caller = nullptr);
   std::string decide_(const std::string& tool, CheckContext& ctx, int& status);
   Json set_mode_(const Json& body, int& status);
   Json export_report_(const Json& body, int& status);
@@ -267,7 +269,8 @@ kernel::HealthStatus SecurityModule::health() {
 
 // ---------------------------------------------------------------------------
 
-std::string SecurityModule::check_text_(std::string_view text, int& status) {
+std::string SecurityModule::check_text_(std::string_view text, int& status,
+                                        const Request* caller) {
   std::string tool;
   CheckContext ctx;
   if (!read_check_fast(text, tool, ctx)) {
@@ -290,6 +293,18 @@ std::string SecurityModule::check_text_(std::string_view text, int& status) {
   if (tool.empty()) {
     status = 400;
     return R"({"error":"missing tool"})";
+  }
+  // A checked credential speaks for itself: the body cannot name another
+  // role, user or tenant for the decision it records.
+  if (caller && kernel::credential_checked(*caller)) {
+    ctx.role = kernel::role_from_scopes(*caller);
+    ctx.user_id = !caller->user_id.empty()    ? caller->user_id
+                  : !caller->token_id.empty() ? "token:" + caller->token_id
+                                              : "anon";
+    if (!caller->tenant.empty()) ctx.tenant_id = caller->tenant;
+  } else if (caller && kernel::anonymous(*caller)) {
+    ctx.role = "viewer";
+    ctx.user_id = "anon";
   }
   return decide_(tool, ctx, status);
 }
@@ -515,7 +530,7 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
   });
   gw.route("POST", "/api/v1/security/check", [this](const Request& req, Response& res) {
     int status = 200;
-    res.body = check_text_(req.body, status);
+    res.body = check_text_(req.body, status, &req);
     res.status = status;
   });
   gw.route("GET", "/api/v1/security/policy", [this](const Request&, Response& res) {

@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "base/encoding.h"
+#include "cluster/gossip_mesh.h"
+#include "identity/capability_issuer.h"
 #include "identity/node_token.h"
 #include "tests/support/test_node.h"
 #include "tests/support/test_support.h"
@@ -106,10 +108,30 @@ int gossip_port(const TestNode& node) {
   return a.empty() ? 0 : std::stoi(a.substr(a.rfind(':') + 1));
 }
 
+constexpr const char* kJoinToken = "join-4f1c2e";
+
+// A gossip record of member `id`, signed with `key` as that member would.
+Json signed_record(const identity::KeyPair& key, const std::string& secret, const std::string& id,
+                   const std::string& address, const std::string& url) {
+  cluster::gossip::NodeMember m;
+  m.id = id;
+  m.address = address;
+  m.incarnation = 1;
+  m.last_seen_ms = static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           std::chrono::system_clock::now().time_since_epoch())
+                                           .count());
+  m.tags = {{"url", url}, {"modules", "data"}};
+  m.key = key.public_key();
+  m.token = identity::generate_node_token(secret, id);
+  m.sig = key.sign(cluster::gossip::signed_bytes(m));
+  return cluster::gossip::member_to_json(m);
+}
+
 TestNode::Options gossip_node(const std::string& seeds, const std::string& controller = "") {
   TestNode::Options o;
   o.modules = {"controller", "data"};
   o.env = {{"OSTREL_GOSSIP_ENABLED", "1"},
+           {"OSTREL_CLUSTER_JOIN_TOKEN", kJoinToken},
            {"OSTREL_GOSSIP_BIND", "127.0.0.1:0"},
            {"OSTREL_GOSSIP_INTERVAL_MS", "200"},
            {"OSTREL_ULVO_HEARTBEAT_S", "1"}};
@@ -325,11 +347,41 @@ TEST(ClusterNodes, ForgedRegistrationsAndForeignGossipAreRefused) {
   EXPECT_EQ(a.call("GET", "/api/v1/cluster/members").body["count"], 1);
   Json stats = a.call("GET", "/api/v1/cluster/gossip/stats").body;
   EXPECT_GE(stats["messages_rejected"].get<int>(), 4);
-  // A member of the cluster is let in.
+  // A member of the cluster speaks only for itself. Its unsigned record is
+  // dropped; its own signed record gets in; a copy whose address was changed
+  // after signing, or a record of it signed with another key (a second node
+  // using its id), is refused and the duplicate id is reported.
   auto in = g.Post("/api/v1/cluster/gossip/sync", ours, sync, "application/json");
   ASSERT_TRUE(in);
   EXPECT_EQ(in->status, 200);
+  EXPECT_EQ(state_of(a, "evil"), "absent");
+  EXPECT_GE(a.call("GET", "/api/v1/cluster/gossip/stats").body["records_rejected"].get<int>(), 1);
+  auto evil_key = identity::KeyPair::generate();
+  auto send = [&](const Json& record) {
+    auto r = g.Post("/api/v1/cluster/gossip/sync", ours,
+                    Json{{"from_node", "evil"}, {"members", {record}}}.dump(), "application/json");
+    return r ? r->status : 0;
+  };
+  EXPECT_EQ(send(signed_record(*evil_key, secret, "evil", "127.0.0.1:1", "http://127.0.0.1:1")),
+            200);
   EXPECT_EQ(state_of(a, "evil"), "alive");
+  Json moved = signed_record(*evil_key, secret, "evil", "127.0.0.1:1", "http://127.0.0.1:1");
+  moved["tags"]["url"] = "http://10.9.9.9:1";
+  moved["last_seen_ms"] = moved["last_seen_ms"].get<std::int64_t>() + 5;
+  EXPECT_EQ(send(moved), 200);
+  auto twin_key = identity::KeyPair::generate();
+  EXPECT_EQ(send(signed_record(*twin_key, secret, "evil", "127.0.0.1:2", "http://127.0.0.1:2")),
+            200);
+  EXPECT_TRUE(a.process().wait_for_err(
+      "duplicate node id 'evil': announced from 127.0.0.1:1 and from 127.0.0.1:2", 1s));
+  const Json listed_members = a.call("GET", "/api/v1/cluster/members").body["members"];
+  for (const auto& m : listed_members) {
+    if (m["id"] == "evil") EXPECT_EQ(m["url"], "http://127.0.0.1:1") << m.dump();
+  }
+  // Nobody may speak as the node itself.
+  EXPECT_EQ(send(signed_record(*twin_key, secret, "a", "127.0.0.1:3", "http://127.0.0.1:3")), 200);
+  EXPECT_TRUE(a.process().wait_for_err(
+      "duplicate node id 'a': another node announces it from 127.0.0.1:3", 1s));
 
   // Workers: registration, heartbeats, unknown ids, and stale after a restart.
   EXPECT_EQ(a.call("POST", "/api/v1/workers/nobody/heartbeat").body["error"], "unknown_worker");
@@ -412,11 +464,13 @@ TEST(ClusterNodes, JoinPathsAndTornState) {
   TempDir dir;
   TestNode::Options co;
   co.modules = {"controller"};
+  co.env = {{"OSTREL_CLUSTER_JOIN_TOKEN", kJoinToken}};
   TestNode a(dir.path(), "a", co);
   ASSERT_TRUE(a.started());
   TestNode::Options jo;
   jo.modules = {};
-  jo.env = {{"OSTREL_ULVO_PEERS", " " + a.url() + "/ , http://second-peer.invalid:9"}};
+  jo.env = {{"OSTREL_ULVO_PEERS", " " + a.url() + "/ , http://second-peer.invalid:9"},
+            {"OSTREL_CLUSTER_JOIN_TOKEN", kJoinToken}};
   TestNode b(dir.path(), "b", jo);
   ASSERT_TRUE(b.started());
   // Trimmed, its trailing "/" gone, and the second peer never named.

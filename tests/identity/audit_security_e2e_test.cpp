@@ -168,16 +168,29 @@ class EnforcingNode : public ::testing::Test {
     EXPECT_EQ(t.status, 200) << t.text;
     return t.body.value("token", "");
   }
+  // A token that stands for `role` (the credential decides the role a check
+  // is made for, not the body).
+  const std::string& role_token(const std::string& role) {
+    static const std::map<std::string, std::vector<std::string>> kScopes = {
+        {"viewer", {"data.memory.recall"}},
+        {"developer", {"agent.invoke"}},
+        {"admin", {"admin.*"}},
+        {"superadmin", {"kernel.*"}}};
+    std::string& t = role_tokens_[role];
+    if (t.empty()) t = scoped_token(kScopes.at(role));
+    return t;
+  }
   Json check(const std::string& tool, const std::string& role, int expect) {
-    Answer a = node_->call(
-        "POST", "/api/v1/security/check",
-        {{"tool", tool}, {"context", {{"role", role}, {"user_id", "u-" + role}}}}, admin_);
+    Answer a = node_->call("POST", "/api/v1/security/check",
+                           {{"tool", tool}, {"context", {{"user_id", "u-" + role}}}},
+                           role_token(role));
     EXPECT_EQ(a.status, expect) << tool << " as " << role << ": " << a.text;
     return a.body;
   }
   TempDir dir_;
   std::unique_ptr<TestNode> node_;
   std::string admin_;
+  std::map<std::string, std::string> role_tokens_;
 };
 
 // Reading the log needs audit.read; a tenant-bound reader sees only its own
@@ -247,10 +260,7 @@ TEST_F(EnforcingNode, ToolDecisionsPerRoleAndMode) {
   std::map<std::string, std::set<std::string>> allowed;
   for (const char* role : {"viewer", "developer", "admin"}) {
     for (const auto& t : tools) {
-      Json d = node_
-                   ->call("POST", "/api/v1/security/check",
-                          {{"tool", t}, {"context", {{"role", role}}}}, admin_)
-                   .body;
+      Json d = node_->call("POST", "/api/v1/security/check", {{"tool", t}}, role_token(role)).body;
       if (d["decision"] == "allowed") allowed[role].insert(t);
     }
   }
@@ -264,6 +274,18 @@ TEST_F(EnforcingNode, ToolDecisionsPerRoleAndMode) {
     EXPECT_FALSE(allowed["developer"].count(t)) << t;
     EXPECT_TRUE(allowed["admin"].count(t)) << t;
   }
+  // A body that names another role and user changes nothing: the viewer's
+  // credential decides, and the decision log names the token, not the forgery.
+  Answer forged = node_->call(
+      "POST", "/api/v1/security/check",
+      {{"tool", "bash"}, {"context", {{"role", "superadmin"}, {"user_id", "usr-FORGED"}}}},
+      role_token("viewer"));
+  EXPECT_EQ(forged.status, 403) << forged.text;
+  EXPECT_EQ(forged.body["decision"], "denied");
+  Json log = node_->call("GET", "/api/v1/security/audit?limit=1", Json(), admin_).body;
+  const std::string log_text = log.dump();
+  EXPECT_EQ(log_text.find("usr-FORGED"), std::string::npos) << log_text;
+  EXPECT_NE(log_text.find("token:"), std::string::npos) << log_text;
   Json refused = check("bash", "viewer", 403);
   EXPECT_EQ(refused["error"], "RBAC_INSUFFICIENT_ROLE");
   EXPECT_EQ(refused["reject"]["message"], "Your role does not grant 'bash'.");
@@ -297,6 +319,7 @@ TEST_F(EnforcingNode, ToolDecisionsPerRoleAndMode) {
   node_ = std::make_unique<TestNode>(dir_.path(), "n1", o);
   ASSERT_TRUE(node_->started());
   admin_ = node_->admin_token();
+  role_tokens_.clear();  // signed with the previous run's node key
   EXPECT_EQ(node_->call("GET", "/api/v1/security/mode", Json(), admin_).body["mode"], "enforce");
   EXPECT_EQ(node_->call("GET", "/api/v1/security/counters", Json(), admin_).body["denied"], denied);
   EXPECT_EQ(check("bash", "viewer", 403)["decision"], "denied");

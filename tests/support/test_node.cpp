@@ -35,7 +35,8 @@ void TestNode::launch_() {
                  "OSTREL_ULVO_PEERS",
                  "OSTREL_GOSSIP_ENABLED",
                  "OSTREL_ULVO_CONTROLLER_URL",
-                 "OSTREL_CLUSTER_SECRET"};
+                 "OSTREL_CLUSTER_SECRET",
+                 "OSTREL_CLUSTER_JOIN_TOKEN"};
   o.set_env = {{"OSTREL_CONFIG_DIR", (data_ / "config").string()},
                {"OSTREL_INFERENCE_MODEL_DIR", (data_ / "models").string()}};
   if (options_.enforce) o.set_env["OSTREL_AUTH"] = "enforce";

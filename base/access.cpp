@@ -59,6 +59,27 @@ bool has_scope(const Request& req, std::string_view required) {
   return false;
 }
 
+bool acting_tenant(const Request& req, const std::string& requested, std::string& out,
+                   Response& res) {
+  const std::string own = req.tenant.empty() ? "default" : req.tenant;
+  if (!credential_checked(req) && !anonymous(req)) {
+    out = requested.empty() ? own : requested;
+    return true;
+  }
+  if (requested.empty() || requested == own || (req.tenant.empty() && is_admin(req))) {
+    out = requested.empty() ? own : requested;
+    return true;
+  }
+  res.status = 403;
+  res.content_type = "application/json";
+  res.body = "{\"error\":\"cross_tenant_access_denied\",\"authenticated_tenant\":";
+  text::append_json_string(res.body, req.tenant);
+  res.body += ",\"requested_tenant\":";
+  text::append_json_string(res.body, requested);
+  res.body += '}';
+  return false;
+}
+
 bool require_admin(const Request& req, Response& res) {
   if (is_admin(req)) return true;
   res.status = 403;

@@ -35,6 +35,16 @@ std::string role_from_scopes(const Request& req);
 // True for a peer node that came in with a node token.
 bool is_peer(const Request& req);
 
+// The tenant a request acts for, into `out`, when it names `requested`
+// ("" names none). A credential bound to a tenant acts for that tenant
+// alone; one bound to none acts for "default" and may name another only when
+// it administers the node; a caller whose credential was not checked (an open
+// node, a peer node) names any. Otherwise answers 403
+// {"error":"cross_tenant_access_denied", "authenticated_tenant",
+// "requested_tenant"} and returns false.
+bool acting_tenant(const Request& req, const std::string& requested, std::string& out,
+                   Response& res);
+
 // Each answers 403 {"error":"forbidden","reason":…} and returns false when
 // the caller lacks the right.
 bool require_admin(const Request& req, Response& res);

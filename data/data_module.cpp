@@ -703,8 +703,8 @@ bool DataModule::tenant_of_(const Request& req, const Json& body, std::string& t
     reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
     return false;
   }
-  if (tenant.empty()) tenant = req.tenant.empty() ? "default" : req.tenant;
-  return !identity::tenant_guard::deny_if_cross_tenant(req.tenant, tenant, res);
+  const std::string asked = tenant;
+  return kernel::acting_tenant(req, asked, tenant, res);
 }
 
 bool DataModule::proxy_(const Request& req, Response& res, bool has_local) {
@@ -782,8 +782,10 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
           reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
           return;
         }
-        if (!request.tenant) request.tenant = req.tenant.empty() ? "default" : req.tenant;
-        if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, *request.tenant, res)) return;
+        std::string tenant;
+        if (!kernel::acting_tenant(req, std::string(request.tenant.value_or("")), tenant, res))
+          return;
+        request.tenant = tenant;
         res.body = ingest_(request, res.status);
       },
       large);
@@ -957,7 +959,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
                reply(res, {{"error", "invalid_request"}, {"detail", "tenant " + why}}, 400);
                return;
              }
-             if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, tenant, res)) return;
+             if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
              Json list = namespaces(tenant, false);
              reply(res, {{"tenant", tenant}, {"namespaces", list}, {"count", list.size()}});
            });
@@ -996,7 +998,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
           reply(res, {{"error", "expected /tenant/namespace/id"}}, 400);
           return;
         }
-        if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, parts[0], res)) return;
+        if (std::string acting; !kernel::acting_tenant(req, parts[0], acting, res)) return;
         std::string error, detail;
         if (!vectors_->remove(parts[0], parts[1], parts[2], error, detail)) {
           int status = error == "rename_failed" ? 500 : 404;
@@ -1279,8 +1281,8 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
     reply(res, memory_->checkpoint());
   });
   gw.route("GET", "/api/v1/memory/matrices", [this](const Request& req, Response& res) {
-    std::string tenant = req.param("tenant", req.tenant);
-    if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, tenant, res)) return;
+    std::string tenant;
+    if (!kernel::acting_tenant(req, req.param("tenant"), tenant, res)) return;
     Json list = Json::array();
     for (const auto& m : memory_->list_matrices(tenant, req.param("user"))) {
       list.push_back({{"id", m.id},
@@ -1345,7 +1347,7 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
           reply(res, {{"error", "expected /tenant/path"}}, 400);
           return;
         }
-        if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, tenant, res)) return;
+        if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
         constexpr std::size_t kChunk = 4 << 20;
         clusterfs::ObjectMeta meta;
         meta.tenant_id = tenant;
@@ -1397,7 +1399,7 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
                reply(res, {{"error", "expected /tenant/path"}}, 400);
                return;
              }
-             if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, tenant, res)) return;
+             if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
              clusterfs::ObjectMeta meta;
              if (!objects_->lookup(tenant, path, meta, error)) {
                reply(res, {{"error", "not_found"}, {"detail", error}}, 404);
@@ -1427,7 +1429,7 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
                reply(res, {{"error", "expected /tenant/path"}}, 400);
                return;
              }
-             if (identity::tenant_guard::deny_if_cross_tenant(req.tenant, tenant, res)) return;
+             if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
              clusterfs::ObjectMeta meta;
              if (!objects_->lookup(tenant, path, meta, error) ||
                  !objects_->remove(meta.object_id, error)) {

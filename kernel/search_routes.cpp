@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "base/access.h"
 #include "base/reply.h"
 #include "identity/identity_registry.h"
 #include "kernel/kernel.h"
@@ -48,7 +49,9 @@ void Kernel::start_search_() {
   // The whole search of one request body: the answer, or an error body with
   // its status. `bound_tenant` is the caller's tenant when a credential binds
   // it to one (a body naming another tenant is refused).
-  auto run = [this](const Json& body, const std::string& bound_tenant, int& status) -> Json {
+  // `caller`: the HTTP request, whose credential decides the tenant and the
+  // sources it may read; null for modules (the syscall).
+  auto run = [this](const Json& body, const Request* caller, int& status) -> Json {
     status = 400;
     ostrel::search::Query q;
     auto text = body.contains("query") ? body["query"] : body.value("q", Json());
@@ -60,14 +63,21 @@ void Kernel::start_search_() {
       return {{"error", "invalid_field"}, {"field", "tenant_id"}};
     }
     q.tenant_id = tenant;
-    if (!bound_tenant.empty()) {
-      if (!q.tenant_id.empty() && q.tenant_id != bound_tenant) {
-        status = 403;
-        return {{"error", "cross_tenant_access_denied"},
-                {"authenticated_tenant", bound_tenant},
-                {"requested_tenant", q.tenant_id}};
+    if (caller) {
+      // Each source is read as its own route would be: for the caller's
+      // tenant, and only with that route's scope.
+      Response refused;
+      const std::string asked = q.tenant_id;
+      if (!acting_tenant(*caller, asked, q.tenant_id, refused)) {
+        status = refused.status;
+        return base::parse_json(refused.body);
       }
-      q.tenant_id = bound_tenant;
+      q.may_read = [caller](const std::vector<std::string>& any_of) {
+        for (const auto& scope : any_of) {
+          if (has_scope(*caller, scope)) return true;
+        }
+        return false;
+      };
     }
     auto limit = body.value("limit", Json(20));
     if (!limit.is_number_integer() || limit.get<std::int64_t>() < 0 ||
@@ -100,6 +110,7 @@ void Kernel::start_search_() {
     return {{"hits", hits},
             {"sources_queried", r.sources_queried},
             {"sources_failed", r.sources_failed},
+            {"sources_denied", r.sources_denied},
             {"duration_ms", r.duration_ms},
             {"scope", scope_text}};
   };
@@ -108,7 +119,7 @@ void Kernel::start_search_() {
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     int status = 200;
-    Json out = run(body, req.tenant, status);
+    Json out = run(body, &req, status);
     base::reply(res, out, status);
   };
   gateway_.route("POST", "/api/v1/search", handler);
@@ -117,7 +128,7 @@ void Kernel::start_search_() {
   syscalls_.register_syscall(
       identity::kKernelSource, "search.query", base::json_syscall([run](const Json& args) {
         int status = 200;
-        Json out = run(args, "", status);
+        Json out = run(args, nullptr, status);
         return status == 200 ? base::syscall_ok(out) : base::syscall_error_body(out);
       }));
 }

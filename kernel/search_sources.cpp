@@ -39,6 +39,7 @@ std::optional<std::string> tenant_dir(const Query& q) {
 class VectorSource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
+  std::vector<std::string> required_scopes() const override { return {"data.vector.search", "data.memory.recall"}; }
   std::string source_kind() const override { return "vector"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Knowledge; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -79,6 +80,7 @@ class VectorSource : public KernelSearchSource {
 class MemorySource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
+  std::vector<std::string> required_scopes() const override { return {"data.memory.recall"}; }
   std::string source_kind() const override { return "qmm"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Knowledge; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -118,6 +120,7 @@ class MemorySource : public KernelSearchSource {
 class CommSource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
+  std::vector<std::string> required_scopes() const override { return {"comm.read"}; }
   std::string source_kind() const override { return "comm"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Comms; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -157,6 +160,7 @@ class ArtifactSource : public KernelSearchSource {
   ArtifactSource(SyscallTable* s, identity::SourceCode c, std::string n, const Logger* l,
                  fs::path root)
       : KernelSearchSource(s, c, std::move(n), l), root_(std::move(root)) {}
+  std::vector<std::string> required_scopes() const override { return {"data.storage.read"}; }
   std::string source_kind() const override { return "artifact"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Artifacts; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -194,6 +198,7 @@ class ArtifactSource : public KernelSearchSource {
 class ScienceSource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
+  std::vector<std::string> required_scopes() const override { return {"science.read"}; }
   std::string source_kind() const override { return "science"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Science; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -228,6 +233,7 @@ class ScienceSource : public KernelSearchSource {
 class SwarmSource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
+  std::vector<std::string> required_scopes() const override { return {"agent.invoke"}; }
   std::string source_kind() const override { return "swarm"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Swarms; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -263,6 +269,7 @@ class SwarmSource : public KernelSearchSource {
 class TrainingSource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
+  std::vector<std::string> required_scopes() const override { return {"training.read"}; }
   std::string source_kind() const override { return "training"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Training; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -300,6 +307,7 @@ class FileSource : public KernelSearchSource {
  public:
   FileSource(SyscallTable* s, identity::SourceCode c, std::string n, const Logger* l, fs::path root)
       : KernelSearchSource(s, c, std::move(n), l), root_(std::move(root)) {}
+  std::vector<std::string> required_scopes() const override { return {"data.storage.read"}; }
   std::string source_kind() const override { return "file"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Files; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {

@@ -145,6 +145,13 @@ SearchResult SearchEngine::search(const Query& query) {
   std::vector<std::shared_ptr<Outcome>> outcomes;
   for (const auto& source : sources()) {
     if (!source->in_scope(query.scope)) continue;
+    if (query.may_read) {
+      const std::vector<std::string> needed = source->required_scopes();
+      if (!needed.empty() && !query.may_read(needed)) {
+        result.sources_denied.push_back(source->source_kind());
+        continue;
+      }
+    }
     result.sources_queried.push_back(source->source_kind());
     auto outcome = std::make_shared<Outcome>();
     asked.push_back(source);

@@ -35,6 +35,10 @@ struct Query {
   std::size_t limit = 20;
   Scope scope = Scope::All;
   std::map<std::string, std::string> filters;
+  // Whether the caller may read a source, given the scopes of which any one
+  // grants it (SearchSource::required_scopes). Empty: every source (the
+  // node's own callers).
+  std::function<bool(const std::vector<std::string>& any_of)> may_read;
 };
 
 struct Hit {
@@ -56,12 +60,17 @@ class SearchSource {
   virtual std::string source_kind() const = 0;
   virtual bool in_scope(Scope scope) const = 0;
   virtual std::vector<Hit> search(const Query& query, std::size_t limit) = 0;
+  // The scopes of which any one lets a caller read this source (those of the
+  // route that serves the same data); empty: no scope is needed.
+  virtual std::vector<std::string> required_scopes() const { return {}; }
 };
 
 struct SearchResult {
   std::vector<Hit> hits;
   std::vector<std::string> sources_queried;
   std::vector<std::string> sources_failed;
+  // In scope, but not for this caller: not asked.
+  std::vector<std::string> sources_denied;
   std::int64_t duration_ms = 0;
 };
 

@@ -181,5 +181,80 @@ TEST(Stranger, WorkersClockAndWebToolsFollowTheCredential) {
   EXPECT_NE(guarded.status, 200) << guarded.text;
 }
 
+// Unified search reads each store as that store's own route would: with
+// the route's scope, for the caller's tenant. A credential bound to a
+// tenant, or to none, never names another; an administrator of the node may.
+TEST(Stranger, UnifiedSearchKeepsEachSourcesScopeAndTenant) {
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {"data", "inference"};
+  o.enforce = true;
+  TestNode node(dir.path(), "n1", o);
+  ASSERT_TRUE(node.started()) << node.process().err();
+  const std::string admin = node.admin_token();
+  ASSERT_EQ(node.call("POST", "/api/v1/tenants", {{"id", "beta"}}, admin).status, 201);
+  for (const std::string tenant : {"default", "beta"}) {
+    Answer in = node.call("POST", "/api/v1/vector/ingest",
+                          {{"tenant", tenant},
+                           {"namespace", "default"},
+                           {"source", tenant + ".txt"},
+                           {"text", "The secret plan of " + tenant + " is to grow kelp."}},
+                          admin);
+    ASSERT_EQ(in.status, 200) << in.text;
+    ASSERT_EQ(node.call("POST", "/api/v1/memory/store",
+                        {{"tenant", tenant}, {"key", "plan"}, {"value", tenant + " grows kelp"}},
+                        admin)
+                  .status,
+              200);
+  }
+  auto token = [&](const std::vector<std::string>& scopes, const std::string& tenant = "") {
+    Json body = {{"scopes", scopes}};
+    if (!tenant.empty()) body["tenant"] = tenant;
+    Answer t = node.call("POST", "/api/v1/capabilities/issue", body, admin);
+    EXPECT_EQ(t.status, 200) << t.text;
+    return t.body.value("token", "");
+  };
+  const Json query = {{"query", "secret plan kelp"}, {"filters", {{"min_score", "0"}}}};
+
+  // Chat only: neither the vector nor the memory route lets it read, so
+  // the search does not ask those sources for it.
+  const std::string chat = token({"inference.chat"});
+  EXPECT_EQ(node.call("POST", "/api/v1/vector/search", {{"query", "kelp"}}, chat).status, 403);
+  EXPECT_EQ(node.call("POST", "/api/v1/memory/recall", {{"query", "kelp"}}, chat).status, 403);
+  Answer blind = node.call("POST", "/api/v1/search", query, chat);
+  ASSERT_EQ(blind.status, 200) << blind.text;
+  EXPECT_TRUE(blind.body["hits"].empty()) << blind.text;
+  EXPECT_NE(blind.body["sources_denied"].dump().find("vector"), std::string::npos);
+  EXPECT_NE(blind.body["sources_denied"].dump().find("qmm"), std::string::npos);
+
+  // A reader bound to no tenant reads "default" and may not name beta.
+  const std::string reader = token({"data.vector.search", "data.memory.recall"});
+  Answer own = node.call("POST", "/api/v1/search", query, reader);
+  ASSERT_EQ(own.status, 200) << own.text;
+  ASSERT_FALSE(own.body["hits"].empty()) << own.text;
+  EXPECT_EQ(own.text.find("beta"), std::string::npos) << own.text;
+  Json to_beta = query;
+  to_beta["tenant_id"] = "beta";
+  Answer crossed = node.call("POST", "/api/v1/search", to_beta, reader);
+  EXPECT_EQ(crossed.status, 403) << crossed.text;
+  EXPECT_EQ(crossed.body["error"], "cross_tenant_access_denied");
+  EXPECT_EQ(node.call("POST", "/api/v1/vector/search", {{"query", "kelp"}, {"tenant", "beta"}},
+                      reader)
+                .status,
+            403);
+  // Bound to beta: beta only.
+  const std::string beta_reader = token({"data.vector.search", "data.memory.recall"}, "beta");
+  Answer theirs = node.call("POST", "/api/v1/search", query, beta_reader);
+  ASSERT_EQ(theirs.status, 200);
+  EXPECT_EQ(theirs.text.find("default.txt"), std::string::npos) << theirs.text;
+  Json to_default = query;
+  to_default["tenant_id"] = "default";
+  EXPECT_EQ(node.call("POST", "/api/v1/search", to_default, beta_reader).status, 403);
+  // The node's administrator names any tenant.
+  Answer admin_view = node.call("POST", "/api/v1/search", to_beta, admin);
+  ASSERT_EQ(admin_view.status, 200);
+  EXPECT_NE(admin_view.text.find("beta.txt"), std::string::npos) << admin_view.text;
+}
+
 }  // namespace
 }  // namespace ostrel::testing

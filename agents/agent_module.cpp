@@ -163,6 +163,7 @@ class AgentModule : public kernel::ModuleBase {
   std::string api_key_;
   std::string default_model_ = "ostrel-echo";
   std::size_t history_window_ = 40;
+  std::size_t max_message_bytes_ = 1 << 20;
   std::unique_ptr<praxis::Runtime> runtime_;
   std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
 
@@ -195,6 +196,8 @@ bool AgentModule::initialize(const kernel::ModuleContext& ctx) {
   const std::string window = cfg.get("history_messages", "40");
   history_window_ =
       static_cast<std::size_t>(std::max(0L, std::strtol(window.c_str(), nullptr, 10)));
+  max_message_bytes_ = static_cast<std::size_t>(
+      std::max<std::int64_t>(1, cfg.get_int("max_message_bytes", 1 << 20)));
 
   {
     std::lock_guard lock(matrix_mu_);
@@ -295,6 +298,17 @@ bool AgentModule::parse_chat_(const Json& body, ChatRequest& r, ChatAnswer& erro
   auto message = body.find("message");
   if (message == body.end() || !message->is_string() || message->get<std::string>().empty()) {
     error = {400, {{"error", "missing_message"}}};
+    return false;
+  }
+  // Every turn is kept in the session (memory and journal) and sent again
+  // with the next ones: a turn has a size.
+  if (message->get_ref<const std::string&>().size() > max_message_bytes_) {
+    error = {413,
+             {{"error", "message_too_large"},
+              {"message", "a chat message may have at most " +
+                              std::to_string(max_message_bytes_) +
+                              " bytes; ingest long texts into a namespace instead"},
+              {"max_bytes", max_message_bytes_}}};
     return false;
   }
   r.message = *message;
@@ -729,7 +743,7 @@ std::shared_ptr<Session> AgentModule::session_for_route_(const Request& req, Res
 void AgentModule::register_routes(kernel::ApiGateway& gw) {
   // A body that is not JSON answers "bad_json".
   auto body_of = [](const Request& req, Response& res, Json& out) {
-    out = req.body.empty() ? Json::object() : base::parse_json(req.body);
+    out = req.body.empty() ? Json::object() : base::parse_json_lean(req.body);
     if (!out.is_object()) {
       reply(res, {{"error", "bad_json"}}, 400);
       return false;

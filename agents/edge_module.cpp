@@ -11,7 +11,9 @@
 #include "base/clock.h"
 #include "base/http_client.h"
 #include "base/json.h"
+#include "base/json_scanner.h"
 #include "base/reply.h"
+#include "base/text.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
 #include "kernel/obs/logger.h"
@@ -67,46 +69,48 @@ class RateGate {
 };
 
 // A final completion as server-sent events in the chunk shape: the role and
-// content, the finish, the usage when asked for, and the end marker.
+// content, the finish, the usage when asked for, and the end marker. Written
+// directly, reading the completion in place: a long answer is copied once.
 std::string completion_events(const Json& completion, bool include_usage) {
   const std::string id = completion.value("id", "chatcmpl-edge");
   const std::string model = completion.value("model", "");
   const std::int64_t created = completion.value("created", base::unix_s());
-  Json message = Json::object();
+  const std::string* content = nullptr;
   std::string finish = "stop";
   if (completion.contains("choices") && completion["choices"].is_array() &&
       !completion["choices"].empty() && completion["choices"][0].is_object()) {
     const Json& c = completion["choices"][0];
-    if (c.contains("message") && c["message"].is_object()) message = c["message"];
+    if (c.contains("message") && c["message"].is_object()) {
+      const Json& m = c["message"];
+      if (m.contains("content") && m["content"].is_string())
+        content = &m["content"].get_ref<const std::string&>();
+    }
     if (c.contains("finish_reason") && c["finish_reason"].is_string()) finish = c["finish_reason"];
   }
-  auto chunk = [&](Json delta, Json finish_reason) {
-    return "data: " +
-           base::dump_json(
-               {{"id", id},
-                {"object", "chat.completion.chunk"},
-                {"created", created},
-                {"model", model},
-                {"choices",
-                 {{{"index", 0}, {"delta", delta}, {"finish_reason", finish_reason}}}}}) +
-           "\n\n";
+  std::string out;
+  out.reserve(768 + (content ? content->size() : 0));
+  auto head = [&] {
+    out += "data: {\"id\":";
+    text::append_json_string(out, id);
+    out += ",\"object\":\"chat.completion.chunk\",\"created\":" + std::to_string(created) +
+           ",\"model\":";
+    text::append_json_string(out, model);
+    out += ",\"choices\":";
   };
-  const std::string content = message.contains("content") && message["content"].is_string()
-                                  ? message["content"].get<std::string>()
-                                  : "";
-  std::string out = chunk({{"role", "assistant"}, {"content", content}}, nullptr);
-  out += chunk(Json::object(), finish);
+  head();
+  out += "[{\"index\":0,\"delta\":{\"role\":\"assistant\",\"content\":";
+  text::append_json_string(out, content ? std::string_view(*content) : std::string_view());
+  out += "},\"finish_reason\":null}]}\n\n";
+  head();
+  out += "[{\"index\":0,\"delta\":{},\"finish_reason\":";
+  text::append_json_string(out, finish);
+  out += "}]}\n\n";
   if (include_usage && completion.contains("usage")) {
-    out += "data: " +
-           base::dump_json({{"id", id},
-                            {"object", "chat.completion.chunk"},
-                            {"created", created},
-                            {"model", model},
-                            {"choices", Json::array()},
-                            {"usage", completion["usage"]}}) +
-           "\n\n";
+    head();
+    out += "[],\"usage\":" + base::dump_json(completion["usage"]) + "}\n\n";
   }
-  return out + "data: [DONE]\n\n";
+  out += "data: [DONE]\n\n";
+  return out;
 }
 
 class EdgeModule : public kernel::ModuleBase {
@@ -218,13 +222,27 @@ ToolCallContext EdgeModule::context_(const Request& req) const {
 bool EdgeModule::upstream_(const ToolCallContext& ctx, const std::string& request, int& status,
                            std::string& answer) const {
   if (router_url_.empty()) {
-    // This node's own router module.
+    // This node's own router module: {"status", "body"}, the body taken out
+    // as text without building a tree of it.
     if (!ctx_.syscalls->has("router.chat")) return false;
     kernel::SyscallResult r = ctx_.syscalls->call(kEdgeSource, "router.chat", request);
-    Json j = base::parse_json(r.body);
-    if (!j.is_object() || !j.contains("status")) return false;
-    status = j["status"].get<int>();
-    answer = base::dump_json(j["body"]);
+    base::JsonScanner scan(r.body);
+    std::optional<std::int64_t> code;
+    std::string_view body;
+    const bool ok = scan.object([&](std::string_view key) {
+      if (key == "status") return scan.integer(code);
+      if (key == "body") return scan.raw_value(body);
+      return scan.skip_value(0);
+    });
+    if (!ok || !code) {
+      Json j = base::parse_json(r.body);
+      if (!j.is_object() || !j.contains("status") || !j["status"].is_number_integer()) return false;
+      status = j["status"].get<int>();
+      answer = base::dump_json(j["body"]);
+      return true;
+    }
+    status = static_cast<int>(*code);
+    answer.assign(body);
     return true;
   }
   base::HttpHeaders headers(ctx.auth_headers.begin(), ctx.auth_headers.end());
@@ -267,7 +285,7 @@ void EdgeModule::chat_(const Request& req, Response& res) {
           429);
     return;
   }
-  Json body = req.body.empty() ? Json::object() : base::parse_json(req.body);
+  Json body = req.body.empty() ? Json::object() : base::parse_json_lean(req.body);
   if (!body.is_object()) {
     reply(res,
           api_error("request body must be a JSON object", "invalid_request_error", "invalid_json"),
@@ -307,10 +325,20 @@ void EdgeModule::chat_(const Request& req, Response& res) {
       [this](const std::string& tool, const ToolCallContext& c) { return policy_(tool, c); },
       [this](const std::string& line) { log_->info(line); });
   if (out.status == 200 && stream) {
+    if (!out.text.empty()) {
+      out.body = base::parse_json_lean(out.text);
+      out.text = std::string();
+    }
     std::string events = completion_events(out.body, include_usage);
+    out.body = nullptr;
     res.content_type = "text/event-stream";
     res.headers["Cache-Control"] = "no-cache";
     res.stream = [events = std::move(events)](const kernel::StreamWrite& write) { write(events); };
+    return;
+  }
+  if (!out.text.empty()) {
+    res.status = out.status;
+    res.body = std::move(out.text);
     return;
   }
   reply(res, out.body, out.status);

@@ -5,6 +5,7 @@
 
 #include "base/http_client.h"
 #include "base/json.h"
+#include "base/json_scanner.h"
 
 namespace ostrel::edge {
 
@@ -330,10 +331,23 @@ void run_tool_calls(Json& messages, const Json& assistant, const ToolCallContext
   const Json calls = assistant.contains("tool_calls") && assistant["tool_calls"].is_array()
                          ? assistant["tool_calls"]
                          : Json::array();
+  std::size_t ran = 0;
   for (const auto& call : calls) {
     if (!call.is_object()) continue;
     const std::string id =
         call.contains("id") && call["id"].is_string() ? call["id"].get<std::string>() : "";
+    if (ran == kMaxToolCallsPerRound) {
+      // Every call still gets its answer, so the conversation stays well formed.
+      messages.push_back(
+          {{"role", "tool"},
+           {"tool_call_id", id},
+           {"content", base::dump_json(
+                           {{"error", "tool_call_limit"},
+                            {"message", "at most " + std::to_string(kMaxToolCallsPerRound) +
+                                            " tool calls run per round; ask again for the rest"}})}});
+      continue;
+    }
+    ++ran;
     const Json fn = call.contains("function") && call["function"].is_object() ? call["function"]
                                                                               : Json::object();
     const std::string name =
@@ -363,6 +377,29 @@ void run_tool_calls(Json& messages, const Json& assistant, const ToolCallContext
   }
 }
 
+bool peek_finish_reason(std::string_view answer, std::string& finish) {
+  base::JsonScanner scan(answer);
+  bool seen = false;
+  const bool ok = scan.object([&](std::string_view key) {
+    if (key != "choices") return scan.skip_value(0);
+    bool first = true;
+    return scan.array([&] {
+      if (!first) return scan.skip_value(1);
+      first = false;
+      return scan.object([&](std::string_view k) {
+        if (k != "finish_reason") return scan.skip_value(2);
+        std::string_view f;
+        if (scan.peek() == 'n') return scan.skip_value(2);  // null: still running
+        if (!scan.plain_string(f)) return false;
+        finish.assign(f);
+        seen = true;
+        return true;
+      });
+    });
+  });
+  return ok && scan.at_end() && seen;
+}
+
 LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRegistry& tools,
                           const Upstream& upstream, const std::string& upstream_name,
                           const PolicyCheck& policy, const LoopLog& log) {
@@ -378,15 +415,26 @@ LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRe
       if (status != 0) out.body["upstream_status"] = status;
       return out;
     }
+    // An answer in words goes back as it came.
+    if (std::string f; peek_finish_reason(answer, f) && f != "tool_calls") {
+      if (log) log("tool_loop: iter=" + std::to_string(i) + " finish=" + f);
+      out.body = nullptr;
+      out.text = std::move(answer);
+      return out;
+    }
     Json reply = base::parse_json(answer);
-    Json choice = reply.is_object() && reply.contains("choices") && reply["choices"].is_array() &&
-                          !reply["choices"].empty()
-                      ? reply["choices"][0]
-                      : Json();
-    const std::string finish = choice.is_object() && choice.contains("finish_reason") &&
-                                       choice["finish_reason"].is_string()
-                                   ? choice["finish_reason"].get<std::string>()
-                                   : "";
+    answer = std::string();
+    // Read in place: a long answer is not copied to be looked at.
+    const Json* choice = nullptr;
+    if (reply.is_object()) {
+      auto c = reply.find("choices");
+      if (c != reply.end() && c->is_array() && !c->empty()) choice = &(*c)[0];
+    }
+    std::string finish;
+    if (choice && choice->is_object()) {
+      auto f = choice->find("finish_reason");
+      if (f != choice->end() && f->is_string()) finish = f->get<std::string>();
+    }
     if (log) log("tool_loop: iter=" + std::to_string(i) + " finish=" + finish);
     if (finish != "tool_calls") {
       if (!reply.is_object()) {
@@ -399,8 +447,8 @@ LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRe
       out.body = std::move(reply);
       return out;
     }
-    const Json assistant = choice.contains("message") && choice["message"].is_object()
-                               ? choice["message"]
+    const Json assistant = choice->contains("message") && (*choice)["message"].is_object()
+                               ? (*choice)["message"]
                                : Json{{"role", "assistant"}, {"content", nullptr}};
     run_tool_calls(messages, assistant, ctx, tools, policy);
   }

@@ -89,11 +89,24 @@ using LoopLog = std::function<void(const std::string& line)>;
 struct LoopOutcome {
   int status = 200;
   nlohmann::json body;  // the final completion, the capped answer, or an error
+  // The final completion as the model sent it, when it needed no reading
+  // beyond its finish reason (then `body` is null): a long answer is not
+  // turned into a tree and back.
+  std::string text;
   int iterations = 0;
   bool capped = false;
 };
 
 constexpr int kMaxIterations = 8;
+
+// The finish reason of a chat-completions answer's first choice, read
+// without building a tree; false when the text is not a well-formed JSON
+// object of the plain shape (the caller then parses it).
+bool peek_finish_reason(std::string_view answer, std::string& finish);
+// Tool calls run in one round; the model's further calls of that round are
+// answered "tool_call_limit" without running (nor a policy check, nor an
+// audit line).
+constexpr std::size_t kMaxToolCallsPerRound = 8;
 
 // The loop: the request (with "tools" set and the instructions injected) goes
 // upstream; tool calls in the answer are run in order and fed back as tool

@@ -1,8 +1,12 @@
 #include "base/json.h"
 
+#include <charconv>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
+
+#include "base/json_scanner.h"
 
 namespace ostrel::base {
 
@@ -41,6 +45,82 @@ bool json_depth_ok(std::string_view text, std::size_t max_depth) {
 nlohmann::json parse_json(std::string_view text) {
   if (!json_depth_ok(text)) return nlohmann::json(nlohmann::json::value_t::discarded);
   return nlohmann::json::parse(text, nullptr, false);
+}
+
+namespace {
+
+// One value read by the scanner into `out`; false where the scanner refuses.
+bool lean_value(JsonScanner& s, nlohmann::json& out, int depth) {
+  if (depth > kJsonScanMaxDepth) return false;
+  switch (s.peek()) {
+    case '{': {
+      out = nlohmann::json::object();
+      return s.object([&](std::string_view key) {
+        nlohmann::json v;
+        if (!lean_value(s, v, depth + 1)) return false;
+        out[std::string(key)] = std::move(v);  // a repeated key keeps the last value
+        return true;
+      });
+    }
+    case '[': {
+      out = nlohmann::json::array();
+      return s.array([&] {
+        out.push_back(nullptr);
+        return lean_value(s, out.back(), depth + 1);
+      });
+    }
+    case '"': {
+      std::string v;
+      if (!s.string(v)) return false;
+      out = std::move(v);
+      return true;
+    }
+    case 't':
+    case 'f': {
+      std::optional<bool> b;
+      if (!s.boolean(b)) return false;
+      out = *b;
+      return true;
+    }
+    case 'n':
+      if (!s.null()) return false;
+      out = nullptr;
+      return true;
+    default: {
+      // Numbers take the JSON library's types: unsigned for whole numbers
+      // from 0, signed below 0, double otherwise.
+      std::string_view t;
+      if (!s.number_text(t)) return false;
+      const char* end = t.data() + t.size();
+      if (t.find_first_of(".eE") != std::string_view::npos) {
+        double v = 0;
+        auto [at, ec] = std::from_chars(t.data(), end, v);
+        if (ec != std::errc() || at != end) return false;
+        out = v;
+      } else if (t.front() == '-') {
+        std::int64_t v = 0;
+        auto [at, ec] = std::from_chars(t.data(), end, v);
+        if (ec != std::errc() || at != end) return false;
+        out = v;
+      } else {
+        std::uint64_t v = 0;
+        auto [at, ec] = std::from_chars(t.data(), end, v);
+        if (ec != std::errc() || at != end) return false;
+        out = v;
+      }
+      return true;
+    }
+  }
+}
+
+}  // namespace
+
+nlohmann::json parse_json_lean(std::string_view text) {
+  JsonScanner s(text);
+  nlohmann::json out;
+  if (lean_value(s, out, 0) && s.at_end()) return out;
+  out = nlohmann::json();
+  return parse_json(text);
 }
 
 std::string dump_json(const nlohmann::json& value, int indent) {

@@ -23,6 +23,14 @@ bool json_depth_ok(std::string_view text, std::size_t max_depth = kMaxJsonDepth)
 // nested deeper than kMaxJsonDepth.
 nlohmann::json parse_json(std::string_view text);
 
+// The same tree as parse_json, built through the JSON scanner where it can
+// be: each string is decoded once into room of its own size, where the JSON
+// library's reader grows a buffer by doubling and copies it (about three
+// times a long string's size at once). For request bodies that may carry
+// megabytes of text; anything the scanner does not take (non-plain keys,
+// numbers out of range) goes to parse_json.
+nlohmann::json parse_json_lean(std::string_view text);
+
 // Compact JSON text that never throws: bytes that are not valid UTF-8 in
 // strings are replaced by U+FFFD.
 std::string dump_json(const nlohmann::json& value, int indent = -1);

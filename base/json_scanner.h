@@ -68,6 +68,8 @@ class JsonScanner {
     return false;
   }
 
+  bool null() { return literal("null"); }
+
   bool boolean(std::optional<bool>& out) {
     if (literal("true")) {
       out = true;
@@ -129,6 +131,9 @@ class JsonScanner {
   bool string(std::string& out) {
     if (!eat('"')) return false;
     out.clear();
+    // A long string is decoded into room made once (its text bounds it):
+    // growing by doubling would hold up to three times its size.
+    if (t_.size() - p_ > 4096) out.reserve(string_end_() - p_);
     for (;;) {
       const std::size_t run = text::plain_json_run(t_, p_);
       out.append(t_.data() + p_, run - p_);
@@ -238,6 +243,19 @@ class JsonScanner {
   }
 
  private:
+  // Where the string starting at p_ (after its opening quote) ends: its
+  // closing quote, or the end of the text.
+  std::size_t string_end_() const {
+    std::size_t at = p_;
+    for (;;) {
+      const std::size_t q = t_.find('"', at);
+      if (q == std::string_view::npos) return t_.size();
+      std::size_t slashes = 0;
+      while (q > p_ + slashes && t_[q - 1 - slashes] == '\\') ++slashes;
+      if (slashes % 2 == 0) return q;
+      at = q + 1;
+    }
+  }
   void skip_space() {
     while (p_ < t_.size() &&
            (t_[p_] == ' ' || t_[p_] == '\t' || t_[p_] == '\n' || t_[p_] == '\r')) {
@@ -289,11 +307,17 @@ class JsonScanner {
       if (++p_ >= t_.size()) return false;
       const char e = t_[p_];
       if (e == 'u') {
-        for (int i = 0; i < 4; ++i) {
-          if (++p_ >= t_.size() || !std::isxdigit(static_cast<unsigned char>(t_[p_]))) {
-            return false;
-          }
+        // Surrogates come in pairs, as the JSON parser wants them.
+        ++p_;
+        std::uint32_t cp = 0;
+        if (!hex4_(cp) || (cp >= 0xDC00 && cp <= 0xDFFF)) return false;
+        if (cp >= 0xD800 && cp <= 0xDBFF) {
+          std::uint32_t low = 0;
+          if (p_ + 1 >= t_.size() || t_[p_] != '\\' || t_[p_ + 1] != 'u') return false;
+          p_ += 2;
+          if (!hex4_(low) || low < 0xDC00 || low > 0xDFFF) return false;
         }
+        --p_;  // the loop steps past the last digit
       } else if (std::string_view("\"\\/bfnrt").find(e) == std::string_view::npos) {
         return false;
       }

@@ -18,7 +18,7 @@ bool parse_object_body(const kernel::Request& req, kernel::Response& res, Json& 
     out = Json::object();
     return true;
   }
-  out = parse_json(req.body);
+  out = parse_json_lean(req.body);
   if (out.is_discarded() || !out.is_object()) {
     res.error(400, "invalid_json", "request body must be a JSON object");
     return false;

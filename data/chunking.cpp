@@ -21,4 +21,12 @@ std::vector<std::pair<std::size_t, std::size_t>> chunk_text(std::string_view tex
   return out;
 }
 
+std::size_t chunk_count(std::size_t length, std::size_t size, std::size_t overlap) {
+  if (size == 0 || length <= size) return 1;
+  if (overlap >= size) overlap = size / 4;
+  const std::size_t step = size - overlap;
+  // Chunks start at 0, step, 2·step, …; the last one reaches the end.
+  return 1 + (length - size + step - 1) / step;
+}
+
 }  // namespace ostrel::data

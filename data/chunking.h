@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -15,5 +16,12 @@ namespace ostrel::data {
 std::vector<std::pair<std::size_t, std::size_t>> chunk_text(std::string_view text,
                                                             std::size_t size,
                                                             std::size_t overlap);
+
+// How many chunks chunk_text makes of a text of `length` bytes, without
+// making them.
+std::size_t chunk_count(std::size_t length, std::size_t size, std::size_t overlap);
+
+// The smallest chunk size a request may ask for (0 still means one chunk).
+inline constexpr std::int64_t kMinChunkSize = 16;
 
 }  // namespace ostrel::data

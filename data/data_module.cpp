@@ -209,6 +209,7 @@ class DataModule : public kernel::ModuleBase, public IModule {
   std::unique_ptr<kernel::Logger> log_;
   std::atomic<bool> ready_{false};
   std::string proxy_url_;
+  std::size_t max_chunks_per_request_ = 20000;
   std::string default_model_;
   std::string default_url_;
   std::string memory_model_;
@@ -259,6 +260,8 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
   const fs::path data_dir = cfg.get("data_dir", ctx.data_dir);
 
   proxy_url_ = cfg.get("proxy_url", "");
+  max_chunks_per_request_ = static_cast<std::size_t>(
+      std::max<std::int64_t>(1, cfg.get_int("max_chunks_per_request", 20000)));
   if (proxy_url_.empty()) {
     if (const char* v = std::getenv("OSTREL_DATA_PROXY_URL"); v && *v) proxy_url_ = v;
   }
@@ -631,6 +634,25 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
         {{"error", "invalid_request"},
          {"detail", "chunk_size and chunk_overlap must be between 0 and 1048576"}});
   }
+  if (size != 0 && size < kMinChunkSize) {
+    status = 400;
+    return base::dump_json({{"error", "invalid_request"},
+                            {"detail", "chunk_size must be 0 (one chunk) or at least " +
+                                           std::to_string(kMinChunkSize)}});
+  }
+  // Each chunk is embedded and kept: their number is bounded before any is made.
+  if (const std::size_t n = chunk_count(text.size(), static_cast<std::size_t>(size),
+                                        static_cast<std::size_t>(overlap));
+      n > max_chunks_per_request_) {
+    status = 413;
+    return base::dump_json(
+        {{"error", "too_many_chunks"},
+         {"detail", "this text would make " + std::to_string(n) + " chunks; at most " +
+                        std::to_string(max_chunks_per_request_) +
+                        " per request (a larger chunk_size, a smaller overlap, or several "
+                        "documents)"},
+         {"max_chunks", max_chunks_per_request_}});
+  }
   if (text.empty()) {
     status = 400;
     return base::dump_json({{"error", "missing text"}});
@@ -876,6 +898,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
         return;
       }
       if ((text && !it->is_string()) || (whole && (!it->is_number_integer() || *it < 0)) ||
+          (key == "chunking_size" && *it != 0 && *it < kMinChunkSize) ||
           (key == "default_similarity_threshold" && !it->is_number())) {
         reply(res, {{"error", "invalid_value"}, {"key", it.key()}}, 400);
         return;

@@ -189,14 +189,32 @@ bool to_float(JsonScanner& s, std::optional<float>& out) {
   return true;
 }
 
+// A string (any, decoded once into its own room) or null (left empty).
+bool text_or_null(JsonScanner& s, std::string& out) {
+  if (s.peek() == 'n') return s.null();
+  return s.string(out);
+}
+
+// A value kept as JSON text, written as the JSON path writes it; null leaves
+// it empty, and so does an empty array where an array is wanted.
+bool json_text(JsonScanner& s, std::string& out, bool array) {
+  if (s.peek() == 'n') return s.null();
+  std::string_view raw;
+  if (!s.raw_value(raw)) return false;
+  Json v = base::parse_json(raw);
+  if (v.is_discarded() || (array && !v.is_array())) return false;
+  if (!(array && v.empty())) out = base::dump_json(v);
+  return true;
+}
+
 bool scan_message(JsonScanner& s, Message& m) {
   OnceEach once;
   bool ok = s.object([&](std::string_view key) {
     if (key == "role") return once.first(1) && plain(s, m.role);
-    if (key == "content") return once.first(2) && plain(s, m.content);
+    if (key == "content") return once.first(2) && text_or_null(s, m.content);
     if (key == "name") return once.first(4) && plain(s, m.name);
     if (key == "tool_call_id") return once.first(8) && plain(s, m.tool_call_id);
-    if (key == "tool_calls") return false;  // the JSON path keeps them
+    if (key == "tool_calls") return once.first(16) && json_text(s, m.tool_calls, true);
     return s.skip_value(2);
   });
   if (m.role.empty()) m.role = "user";
@@ -253,7 +271,8 @@ bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream) {
     if (key == "session_id") return once.first(2048) && plain(s, r.session_id);
     if (key == "user_id") return once.first(4096) && plain(s, r.user_id);
     if (key == "user") return once.first(8192) && plain(s, user);
-    if (key == "tools" || key == "tool_choice") return false;  // the JSON path keeps them
+    if (key == "tools") return once.first(32768) && json_text(s, r.tools, true);
+    if (key == "tool_choice") return once.first(65536) && json_text(s, r.tool_choice, false);
     if (key == "stream_options") {
       if (!once.first(16384) || s.peek() != '{') return false;
       return s.object([&](std::string_view k) {
@@ -275,7 +294,7 @@ bool scan_chat_request(std::string_view text, ChatRequest& out, bool& stream) {
 
 bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std::string& error) {
   if (scan_chat_request(text, out, stream)) return true;
-  Json j = text.empty() ? Json::object() : base::parse_json(text);
+  Json j = text.empty() ? Json::object() : base::parse_json_lean(text);
   if (j.is_discarded()) {
     error = "invalid JSON body";
     return false;
@@ -288,7 +307,10 @@ bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std:
 // times the text.
 std::string render_completion(const ChatResponse& resp, std::int64_t created) {
   std::string out;
-  out.reserve(256 + resp.message.content.size());
+  // Room for everything at once (escapes aside): a long answer that
+  // outgrew its room would be copied into twice its size.
+  out.reserve(512 + resp.request_id.size() + resp.model.size() + resp.message.content.size() +
+              resp.message.tool_calls.size() + resp.finish_reason.size());
   out += "{\"id\":";
   text::append_json_string(out, "chatcmpl-ulvo-" + resp.request_id);
   out += ",\"object\":\"chat.completion\",\"created\":" + std::to_string(created);
@@ -316,7 +338,14 @@ std::string render_chunk(const std::string& id, const std::string& model, std::i
                          const std::string& content, bool first, const std::string* finish_reason,
                          const InferenceError* error) {
   std::string out;
-  out.reserve(160 + content.size());
+  append_chunk(out, id, model, created, content, first, finish_reason, error);
+  return out;
+}
+
+void append_chunk(std::string& out, const std::string& id, const std::string& model,
+                  std::int64_t created, const std::string& content, bool first,
+                  const std::string* finish_reason, const InferenceError* error) {
+  out.reserve(out.size() + 256 + id.size() + model.size() + content.size());
   out += "{\"id\":";
   text::append_json_string(out, id);
   out += ",\"object\":\"chat.completion.chunk\",\"created\":" + std::to_string(created);
@@ -340,7 +369,6 @@ std::string render_chunk(const std::string& id, const std::string& model, std::i
     out += '}';
   }
   out += '}';
-  return out;
 }
 
 Json render_error(const InferenceError& e) {

@@ -32,6 +32,10 @@ std::string render_completion(const ChatResponse& resp, std::int64_t created);
 std::string render_chunk(const std::string& id, const std::string& model, std::int64_t created,
                          const std::string& content, bool first, const std::string* finish_reason,
                          const InferenceError* error = nullptr);
+// The same chunk, appended to `out` (room for it made at once).
+void append_chunk(std::string& out, const std::string& id, const std::string& model,
+                  std::int64_t created, const std::string& content, bool first,
+                  const std::string* finish_reason, const InferenceError* error = nullptr);
 // {"error": {"message", "type", "param", "code"}}, the shape OpenAI clients read.
 nlohmann::json render_error(const InferenceError& e);
 // The last chunk of a stream asked for with "include_usage": no choices, the counts.

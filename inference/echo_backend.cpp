@@ -4,24 +4,43 @@ namespace ostrel::inference {
 namespace {
 
 std::string echo_text(const ChatRequest& req) {
-  return "Echo: " + (req.messages.empty() ? std::string() : req.messages.back().content);
-}
-
-// Words with their following blank, so that the pieces concatenate back to the text.
-std::vector<std::string> pieces(const std::string& text) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t space = text.find(' ', start);
-    size_t end = space == std::string::npos ? text.size() : space + 1;
-    out.push_back(text.substr(start, end - start));
-    start = end;
-  }
+  static const std::string kEmpty;
+  const std::string& last = req.messages.empty() ? kEmpty : req.messages.back().content;
+  std::string out;
+  out.reserve(6 + last.size());  // one allocation of the answer's size, however long
+  out += "Echo: ";
+  out += last;
   return out;
 }
 
-std::int64_t word_count(const std::string& text) {
-  return static_cast<std::int64_t>(pieces(text).size());
+// Words with their following blank, so that the pieces concatenate back to
+// the text. A long text goes in at most about 256 pieces of several words
+// each: one piece per word would make a reply of a million words a million
+// events.
+template <class Piece>
+void for_each_piece(std::string_view text, Piece&& piece) {
+  const std::size_t at_least = text.size() / 256;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = start;
+    do {
+      const std::size_t space = text.find(' ', end);
+      end = space == std::string_view::npos ? text.size() : space + 1;
+    } while (end - start < at_least && end < text.size());
+    if (!piece(text.substr(start, end - start))) return;
+    start = end;
+  }
+}
+
+std::int64_t word_count(std::string_view text) {
+  std::int64_t n = 0;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    const std::size_t space = text.find(' ', start);
+    start = space == std::string_view::npos ? text.size() : space + 1;
+    ++n;
+  }
+  return n;
 }
 
 }  // namespace
@@ -44,22 +63,28 @@ std::optional<InferenceError> EchoBackend::stream(const ChatRequest& req, const 
   requests_.fetch_add(1);
   const std::string model = req.model.empty() ? "echo" : req.model;
   std::optional<InferenceError> result;
-  for (const auto& piece : pieces(echo_text(req))) {
+  std::string text = echo_text(req);
+  const std::int64_t completion_tokens = word_count(text);
+  for_each_piece(text, [&](std::string_view piece) {
     ChatChunk chunk;
-    chunk.delta = piece;
-    chunk.model = model;
-    if (!sink(chunk)) {
-      result = InferenceError{499, "echo: stream aborted by sink"};
-      break;
+    // A text of one piece is handed on, not copied.
+    if (piece.size() == text.size()) {
+      chunk.delta = std::move(text);
+    } else {
+      chunk.delta.assign(piece);
     }
-  }
+    chunk.model = model;
+    if (sink(chunk)) return true;
+    result = InferenceError{499, "echo: stream aborted by sink"};
+    return false;
+  });
   if (!result) {
     ChatChunk last;
     last.model = model;
     last.finish_reason = "stop";
     last.done = true;
     for (const auto& m : req.messages) last.prompt_tokens += word_count(m.content);
-    last.completion_tokens = word_count(echo_text(req));
+    last.completion_tokens = completion_tokens;
     sink(last);
   }
   completed_.fetch_add(1);

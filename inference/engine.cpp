@@ -68,12 +68,14 @@ void Engine::prepare_request_(ChatRequest& req) {
   if (req.request_id.empty()) req.request_id = new_request_id();
 }
 
-void Engine::remember_(const ChatRequest& req, Message answer) {
+void Engine::remember_(ChatRequest& req, Message answer) {
   if (req.session_id.empty()) return;
   // Only a turn that was answered is kept: a failed request leaves nothing.
-  std::vector<Message> turn = req.messages;
+  // Moved, not copied: a long conversation is held once, not three times.
+  std::vector<Message> turn = std::move(req.messages);
+  turn.reserve(turn.size() + 1);
   turn.push_back(std::move(answer));
-  sessions_.append(req.session_id, turn);
+  sessions_.append(req.session_id, std::move(turn));
 }
 
 std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp) {
@@ -99,7 +101,7 @@ std::optional<InferenceError> Engine::run_(ChatRequest& req, ChunkSink sink, Cha
 std::optional<InferenceError> Engine::complete(ChatRequest req, ChatResponse& resp) {
   prepare_request_(req);
   auto err = run_(req, nullptr, resp);
-  if (!err) remember_(req, resp.message);
+  if (!err) remember_(req, req.session_id.empty() ? Message{} : resp.message);
   return err;
 }
 
@@ -109,14 +111,25 @@ std::optional<InferenceError> Engine::stream(ChatRequest req, ChunkSink sink) {
   prepare_request_(req);
   // Collect the text as it passes, for the session; the sink runs on a
   // scheduler worker, and this thread reads the text only after the future.
+  // An answer longer than a session keeps is not collected (the session
+  // would drop it at once).
   auto text = std::make_shared<std::string>();
-  ChunkSink collecting = [text, sink = std::move(sink)](const ChatChunk& c) {
-    text->append(c.delta);
+  auto kept = std::make_shared<bool>(!req.session_id.empty());
+  const std::size_t limit = sessions_.max_session_bytes();
+  ChunkSink collecting = [text, kept, limit, sink = std::move(sink)](const ChatChunk& c) {
+    if (*kept) {
+      if (text->size() + c.delta.size() > limit) {
+        *kept = false;
+        *text = std::string();
+      } else {
+        text->append(c.delta);
+      }
+    }
     return sink(c);
   };
   ChatResponse resp;
   auto err = run_(req, std::move(collecting), resp);
-  if (!err) remember_(req, Message{"assistant", *text, "", "", ""});
+  if (!err && *kept) remember_(req, Message{"assistant", std::move(*text), "", "", ""});
   return err;
 }
 

@@ -67,7 +67,9 @@ class Engine {
 
  private:
   void prepare_request_(ChatRequest& req);
-  void remember_(const ChatRequest& req, Message answer);
+  // Keeps the answered turn in the request's session; takes the request's
+  // messages (the request is done with them).
+  void remember_(ChatRequest& req, Message answer);
   std::optional<InferenceError> run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp);
   void health_loop_();
   void observe_(const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err,

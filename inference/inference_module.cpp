@@ -365,6 +365,11 @@ static std::string base64_floats(const std::vector<float>& v) {
   return base::base64_encode(bytes);
 }
 
+// What one embeddings request may ask for.
+constexpr std::size_t kMaxEmbeddingInputs = 2048;
+constexpr std::size_t kMaxEmbeddingTokensPerInput = 8192;
+constexpr std::size_t kMaxEmbeddingTokensPerRequest = 300000;
+
 Json InferenceModule::embeddings_(const Json& args, int& status) const {
   status = 200;
   auto model = args.value("model", Json(""));
@@ -373,6 +378,42 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
     return {{"error", "missing_model"}};
   }
   const std::string m = model;
+  // A request's size in work, before any of it is done: inputs, and tokens
+  // per input and in all (the limits the OpenAI API sets).
+  {
+    const Json input = args.value("input", Json(""));
+    std::size_t inputs = 0, total = 0, largest = 0;
+    auto count = [&](const Json& one) {
+      std::size_t n = 0;
+      if (one.is_string()) n = HashEmbedder::token_count(one.get_ref<const std::string&>());
+      if (one.is_array()) n = one.size();  // token ids
+      ++inputs;
+      total += n;
+      largest = std::max(largest, n);
+    };
+    if (input.is_array() && !input.empty() && !input[0].is_number()) {
+      for (const auto& one : input) count(one);
+    } else {
+      count(input);
+    }
+    const char* code = nullptr;
+    std::string why;
+    if (inputs > kMaxEmbeddingInputs) {
+      code = "too_many_inputs";
+      why = "at most " + std::to_string(kMaxEmbeddingInputs) + " inputs per request";
+    } else if (largest > kMaxEmbeddingTokensPerInput) {
+      code = "input_too_long";
+      why = "an input may have at most " + std::to_string(kMaxEmbeddingTokensPerInput) + " tokens";
+    } else if (total > kMaxEmbeddingTokensPerRequest) {
+      code = "too_many_tokens";
+      why = "at most " + std::to_string(kMaxEmbeddingTokensPerRequest) +
+            " tokens per request in all";
+    }
+    if (code) {
+      status = 400;
+      return {{"error", {{"message", why}, {"type", "invalid_request_error"}, {"code", code}}}};
+    }
+  }
   // OpenAI clients ask for base64 (little-endian float32) unless told otherwise.
   std::string format = "float";
   if (auto f = args.find("encoding_format"); f != args.end() && !f->is_null()) {
@@ -471,7 +512,7 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
 
   if (!stream) {
     ChatResponse resp;
-    if (auto err = engine_->complete(chat, resp)) {
+    if (auto err = engine_->complete(std::move(chat), resp)) {
       reply(res, chat_json::render_error(explain(*err)), err->code);
       return;
     }
@@ -480,7 +521,10 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   }
 
   res.content_type = "text/event-stream";
-  res.stream = [this, chat](const kernel::StreamWrite& write) { stream_sse_(chat, write, true); };
+  // The request moves into the stream: a long conversation is not copied for it.
+  res.stream = [this, chat = std::move(chat)](const kernel::StreamWrite& write) mutable {
+    stream_sse_(std::move(chat), write, true);
+  };
 }
 
 int InferenceModule::stream_sse_(ChatRequest chat,
@@ -503,15 +547,19 @@ int InferenceModule::stream_sse_(ChatRequest chat,
   }
   bool gone = false;
   std::int64_t prompt_tokens = 0, completion_tokens = 0;
-  auto err = engine_->stream(chat, [&](const ChatChunk& c) {
+  auto err = engine_->stream(std::move(chat), [&](const ChatChunk& c) {
     if (c.done) {
       prompt_tokens = c.prompt_tokens;
       completion_tokens = c.completion_tokens;
     }
     if (!c.delta.empty() || c.finish_reason) {
       const std::string* reason = c.finish_reason ? &*c.finish_reason : nullptr;
-      pending += kernel::sse_event(chat_json::render_chunk(id, c.model.empty() ? model : c.model,
-                                                           created, c.delta, false, reason));
+      // A rendered chunk is one line (JSON escapes its newlines): it is
+      // written into the pending bytes as one event, in place.
+      pending += "data: ";
+      chat_json::append_chunk(pending, id, c.model.empty() ? model : c.model, created, c.delta,
+                              false, reason);
+      pending += "\n\n";
     }
     // An empty piece still sends what was held back for it.
     if (pending.empty() || (coalesce && (c.done || c.more_ready))) return true;
@@ -972,7 +1020,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
         return base::syscall_error_body(chat_json::render_error({400, error}));
       }
       ChatResponse resp;
-      if (auto err = engine_->complete(chat, resp)) {
+      if (auto err = engine_->complete(std::move(chat), resp)) {
         return base::syscall_error_body(chat_json::render_error(explain(*err)));
       }
       return kernel::SyscallResult::ok(chat_json::render_completion(resp, base::unix_s()));

@@ -124,7 +124,7 @@ class RouterModule : public kernel::ModuleBase {
     std::string body;  // JSON text
   };
   // One chat completion (not streamed) or one embeddings request.
-  Dispatch chat_(const std::string& body);
+  Dispatch chat_(std::string_view body);
   Dispatch embeddings_(const std::string& body);
   Json models_() const;
   void count_(const std::string& endpoint, std::chrono::steady_clock::time_point started,
@@ -416,7 +416,7 @@ void RouterModule::count_(const std::string& endpoint,
   t.histogram("ostrel.router.routing_duration_ms", ms, {{"endpoint", endpoint}});
 }
 
-RouterModule::Dispatch RouterModule::chat_(const std::string& body) {
+RouterModule::Dispatch RouterModule::chat_(std::string_view body) {
   const auto started = std::chrono::steady_clock::now();
   const char* syscall = ctx_.syscalls->has("cloud.chat")       ? "cloud.chat"
                         : ctx_.syscalls->has("inference.chat") ? "inference.chat"
@@ -734,14 +734,21 @@ void RouterModule::register_syscalls(kernel::SyscallTable& table) {
   // The front door's dispatch for modules of this node (the edge module's
   // tool loop reaches the router here when no router address is set).
   // Answers {"status": HTTP status, "body": the answer's JSON}.
+  // The body is JSON this node made: it is wrapped as it is, not parsed and
+  // written again (a long answer would otherwise be held three times).
   auto wrap = [](Dispatch d) {
-    Json body = base::parse_json(d.body);
-    return kernel::SyscallResult{d.status == 200 ? 0 : -1,
-                                 base::dump_json({{"status", d.status}, {"body", body}})};
+    std::string out;
+    out.reserve(32 + d.body.size());
+    out += "{\"status\":";
+    out += std::to_string(d.status);
+    out += ",\"body\":";
+    out += d.body.empty() ? std::string_view("null") : std::string_view(d.body);
+    out += '}';
+    d.body = std::string();
+    return kernel::SyscallResult{d.status == 200 ? 0 : -1, std::move(out)};
   };
-  table.register_syscall(kRouterSource, "router.chat", [this, wrap](std::string_view args) {
-    return wrap(chat_(std::string(args)));
-  });
+  table.register_syscall(kRouterSource, "router.chat",
+                         [this, wrap](std::string_view args) { return wrap(chat_(args)); });
   table.register_syscall(kRouterSource, "router.embeddings", [this, wrap](std::string_view args) {
     return wrap(embeddings_(std::string(args)));
   });

@@ -19,7 +19,7 @@ void SessionStore::trim_locked_(Entry& e) {
   total_bytes_ -= freed;
 }
 
-void SessionStore::append(const std::string& id, const std::vector<Message>& messages,
+void SessionStore::append(const std::string& id, std::vector<Message> messages,
                           Clock::time_point now) {
   std::lock_guard lock(mu_);
   auto it = sessions_.find(id);
@@ -42,9 +42,9 @@ void SessionStore::append(const std::string& id, const std::vector<Message>& mes
   }
   Entry& e = it->second;
   e.last_use = now;
-  for (const Message& m : messages) {
+  for (Message& m : messages) {
     const std::size_t b = message_bytes(m);
-    e.history.push_back(m);
+    e.history.push_back(std::move(m));
     e.bytes += b;
     total_bytes_ += b;
   }

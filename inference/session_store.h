@@ -45,7 +45,7 @@ class SessionStore {
         max_session_bytes_(max_session_bytes) {}
 
   // Touches (creating when absent or expired) and appends the messages.
-  void append(const std::string& id, const std::vector<Message>& messages,
+  void append(const std::string& id, std::vector<Message> messages,
               Clock::time_point now = Clock::now());
   // A copy of the session, or nullptr when absent or expired.
   std::shared_ptr<const Session> get(const std::string& id, Clock::time_point now = Clock::now());
@@ -55,6 +55,8 @@ class SessionStore {
   // Bytes of message text held in all sessions.
   std::size_t bytes() const;
 
+  // The most message text one session keeps.
+  std::size_t max_session_bytes() const { return max_session_bytes_; }
   // What one message costs in the byte bounds.
   static std::size_t message_bytes(const Message& m);
 

@@ -519,7 +519,14 @@ bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions
       return false;
     }
     if (!ok) {
-      res.error(400, "bad_request", "the request body could not be read");
+      const std::string why = body->failure ? body->failure() : "";
+      if (why == "too_slow") {
+        res.error(408, "request_timeout", "the request body came too slowly");
+      } else if (why == "busy") {
+        res.error(503, "server_busy", "too many request bodies in progress; retry shortly");
+      } else {
+        res.error(400, "bad_request", "the request body could not be read");
+      }
       return false;
     }
     consumed = true;

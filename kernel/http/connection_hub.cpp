@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -37,15 +38,52 @@ bool head_complete(std::string_view b) {
   return b.find("\n\r\n") != std::string_view::npos || b.find("\n\n") != std::string_view::npos;
 }
 
-// "GET /health" or "HEAD /health", with or without a query.
+// "GET /health", "HEAD /health" or "GET /metrics", with or without a query.
 bool is_probe(std::string_view head) {
-  for (std::string_view m : {std::string_view("GET /health"), std::string_view("HEAD /health")}) {
+  for (std::string_view m : {std::string_view("GET /health"), std::string_view("HEAD /health"),
+                             std::string_view("GET /metrics")}) {
     if (head.substr(0, m.size()) == m && head.size() > m.size() &&
         (head[m.size()] == ' ' || head[m.size()] == '?')) {
       return true;
     }
   }
   return false;
+}
+
+// The value of header `name` (lower case, with its colon) in a request
+// head, or "" when absent; header names compare without regard to case.
+std::string_view header_value(std::string_view head, std::string_view name) {
+  std::size_t at = head.find('\n');
+  while (at != std::string_view::npos && at + 1 < head.size()) {
+    const std::size_t line = at + 1;
+    const std::size_t end = head.find('\n', line);
+    std::string_view text = head.substr(line, end == std::string_view::npos ? head.npos : end - line);
+    if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+    if (text.empty()) break;  // the blank line ending the head
+    if (text.size() > name.size()) {
+      bool same = true;
+      for (std::size_t i = 0; i < name.size() && same; ++i) {
+        same = std::tolower(static_cast<unsigned char>(text[i])) == name[i];
+      }
+      if (same) {
+        std::string_view v = text.substr(name.size());
+        while (!v.empty() && (v.front() == ' ' || v.front() == '\t')) v.remove_prefix(1);
+        return v;
+      }
+    }
+    at = end;
+  }
+  return {};
+}
+
+std::size_t head_length(std::string_view b) {
+  const std::size_t crlf = b.find("\r\n\r\n");
+  const std::size_t lf = b.find("\n\n");
+  if (crlf == std::string_view::npos && lf == std::string_view::npos) return 0;
+  if (lf == std::string_view::npos || (crlf != std::string_view::npos && crlf + 2 < lf)) {
+    return crlf + 4;
+  }
+  return lf + 2;
 }
 
 std::string peer_address(const sockaddr_storage& addr) {
@@ -138,6 +176,7 @@ void ConnectionHub::accept_loop_() {
   take_parked_();
   for (auto& [fd, w] : waiting_) close_(fd, w.client_addr);
   waiting_.clear();
+  waiting_bytes_ = 0;
   ::close(listen_fd_);
   listen_fd_ = -1;
 }
@@ -155,14 +194,27 @@ void ConnectionHub::accept_new_() {
     int yes = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     std::string client = peer_address(addr);
-    bool admitted = false;
+    bool full = false;
+    {
+      std::lock_guard lock(mu_);
+      full = open_ >= limits_.max_connections;
+    }
+    // At the cap, the connection silent for longest makes room.
+    if (full) evict_silent_();
+    bool admitted = false, probe_only = false;
     {
       std::lock_guard lock(mu_);
       std::size_t& mine = per_client_[client];
-      if (open_ < limits_.max_connections && mine < limits_.max_per_client) {
+      if (mine < limits_.max_per_client) {
+        if (open_ < limits_.max_connections) {
+          admitted = true;
+        } else if (open_ < limits_.max_connections + limits_.probe_reserve) {
+          admitted = probe_only = true;
+        }
+      }
+      if (admitted) {
         ++open_;
         ++mine;
-        admitted = true;
       } else if (mine == 0) {
         per_client_.erase(client);
       }
@@ -172,8 +224,59 @@ void ConnectionHub::accept_new_() {
       ::close(fd);
       continue;
     }
-    watch_(fd, Waiting{std::move(client), {}, Clock::now() + limits_.head_timeout});
+    const auto now = Clock::now();
+    Waiting w{std::move(client), {}, now + limits_.head_timeout, now, probe_only};
+    // A reserved place is for a probe that asks at once.
+    if (probe_only) w.deadline = now + std::min<Clock::duration>(limits_.head_timeout, std::chrono::seconds(2));
+    watch_(fd, std::move(w));
   }
+}
+
+bool ConnectionHub::evict_silent_() {
+  auto oldest = waiting_.end();
+  for (auto it = waiting_.begin(); it != waiting_.end(); ++it) {
+    if (!it->second.buffered.empty()) continue;
+    if (oldest == waiting_.end() || it->second.since < oldest->second.since) oldest = it;
+  }
+  if (oldest == waiting_.end()) return false;
+  const int fd = oldest->first;
+  Waiting w = unwatch_(oldest);
+  close_(fd, w.client_addr);
+  return true;
+}
+
+ConnectionHub::Waiting ConnectionHub::unwatch_(std::unordered_map<int, Waiting>::iterator it) {
+  ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, it->first, nullptr);
+  waiting_bytes_ -= std::min(waiting_bytes_, it->second.buffered.size());
+  Waiting w = std::move(it->second);
+  waiting_.erase(it);
+  return w;
+}
+
+std::size_t ConnectionHub::wanted_bytes_(std::string_view b) const {
+  const std::size_t head = head_length(b);
+  if (head == 0) return 0;
+  const std::string_view h = b.substr(0, head);
+  // A client that asked to be told to go on waits for that before its body.
+  if (header_value(h, "expect:").find("100") != std::string_view::npos) return head;
+  if (waiting_bytes_ > limits_.preread_budget) return head;
+  const std::string_view te = header_value(h, "transfer-encoding:");
+  if (te.find("chunked") != std::string_view::npos) {
+    // Until the last chunk has come, or the pre-read is full.
+    const std::string_view body = b.substr(head);
+    if (body.find("0\r\n\r\n") != std::string_view::npos) return b.size();
+    return head + limits_.preread;
+  }
+  // A body that fits the pre-read comes whole; a larger one is left to the
+  // worker, so that a refusal (401, 413) can come before it is sent.
+  const std::string_view cl = header_value(h, "content-length:");
+  std::size_t length = 0;
+  for (char c : cl) {
+    if (c < '0' || c > '9') break;
+    if (length > limits_.preread) return head;
+    length = length * 10 + static_cast<std::size_t>(c - '0');
+  }
+  return length > limits_.preread ? head : head + length;
 }
 
 void ConnectionHub::watch_(int fd, Waiting w) {
@@ -185,6 +288,7 @@ void ConnectionHub::watch_(int fd, Waiting w) {
     return;
   }
   bool ready = head_complete(w.buffered);
+  waiting_bytes_ += w.buffered.size();
   waiting_.insert_or_assign(fd, std::move(w));
   // A parked connection may already hold the next head (pipelining).
   if (ready) on_readable_(fd);
@@ -195,10 +299,16 @@ void ConnectionHub::on_readable_(int fd) {
   if (it == waiting_.end()) return;
   Waiting& w = it->second;
   const bool was_empty = w.buffered.empty();
+  const std::size_t before = w.buffered.size();
   char buf[16 * 1024];
   bool closed = false;
-  while (w.buffered.size() <= limits_.max_head) {
-    ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+  // The head (one byte past its bound tells it is too long), then as much
+  // of a body as is wanted before a worker.
+  for (;;) {
+    const std::size_t wanted = wanted_bytes_(w.buffered);
+    const std::size_t limit = wanted != 0 ? wanted : limits_.max_head + 1;
+    if (w.buffered.size() >= limit) break;
+    ssize_t n = ::recv(fd, buf, std::min(sizeof buf, limit - w.buffered.size()), MSG_DONTWAIT);
     if (n > 0) {
       w.buffered.append(buf, static_cast<std::size_t>(n));
       continue;
@@ -207,10 +317,20 @@ void ConnectionHub::on_readable_(int fd) {
     closed = n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
     break;
   }
-  if (head_complete(std::string_view(w.buffered).substr(0, limits_.max_head + 4))) {
-    ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
-    Job job{fd, std::move(w.client_addr), std::move(w.buffered), false};
-    waiting_.erase(it);
+  waiting_bytes_ += w.buffered.size() - before;
+  const std::string_view seen(w.buffered);
+  if (head_complete(seen.substr(0, limits_.max_head + 4))) {
+    const std::size_t wanted = wanted_bytes_(seen);
+    if (w.probe_only && !is_probe(seen)) {
+      // A reserved place asked for something else.
+      Waiting gone = unwatch_(it);
+      refuse_(fd, kTooMany);
+      close_(fd, gone.client_addr);
+      return;
+    }
+    if (w.buffered.size() < wanted && !closed) return;  // the body is still coming
+    Waiting ready = unwatch_(it);
+    Job job{fd, std::move(ready.client_addr), std::move(ready.buffered), false};
     std::lock_guard lock(mu_);
     enqueue_locked_(std::move(job));
     return;
@@ -218,19 +338,15 @@ void ConnectionHub::on_readable_(int fd) {
   if (w.buffered.size() > limits_.max_head) {
     // A request line with no end in sight is an overlong URI; otherwise the
     // headers are too many.
-    ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
     const bool in_request_line = w.buffered.find('\n') == std::string::npos;
-    std::string client = std::move(w.client_addr);
-    waiting_.erase(it);
+    Waiting gone = unwatch_(it);
     refuse_(fd, in_request_line ? kUriTooLong : kHeadTooLarge);
-    close_(fd, client);
+    close_(fd, gone.client_addr);
     return;
   }
   if (closed) {
-    ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
-    std::string client = std::move(w.client_addr);
-    waiting_.erase(it);
-    close_(fd, client);
+    Waiting gone = unwatch_(it);
+    close_(fd, gone.client_addr);
     return;
   }
   // The first bytes of a head after an idle keep-alive wait start its clock.
@@ -243,13 +359,14 @@ void ConnectionHub::sweep_(Clock::time_point now) {
       ++it;
       continue;
     }
-    int fd = it->first;
-    ::epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
-    // A head that started and did not finish is answered; a silent
-    // connection just ends.
-    if (!it->second.buffered.empty()) refuse_(fd, kTimeout);
-    close_(fd, it->second.client_addr);
-    it = waiting_.erase(it);
+    const int fd = it->first;
+    auto next = std::next(it);
+    // A head (or the body read with it) that started and did not finish is
+    // answered; a silent connection just ends.
+    Waiting gone = unwatch_(it);
+    if (!gone.buffered.empty()) refuse_(fd, kTimeout);
+    close_(fd, gone.client_addr);
+    it = next;
   }
 }
 
@@ -264,9 +381,9 @@ void ConnectionHub::take_parked_() {
       close_(job.fd, job.client_addr);
       continue;
     }
-    auto deadline = Clock::now() + (job.buffered.empty() ? limits_.idle_timeout
-                                                         : limits_.head_timeout);
-    watch_(job.fd, Waiting{std::move(job.client_addr), std::move(job.buffered), deadline});
+    const auto now = Clock::now();
+    auto deadline = now + (job.buffered.empty() ? limits_.idle_timeout : limits_.head_timeout);
+    watch_(job.fd, Waiting{std::move(job.client_addr), std::move(job.buffered), deadline, now});
   }
 }
 

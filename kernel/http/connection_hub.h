@@ -32,7 +32,9 @@ namespace ostrel::kernel {
 // its own, so that liveness checks are answered while the node is saturated.
 //
 // Caps: connections in all and per client address; over either, a newcomer
-// is answered 503 and closed.
+// is answered 503 and closed, except that at the overall cap the connection
+// that has waited longest without sending anything is closed to make room,
+// and a few reserved places take probes (/health, /metrics) only.
 //
 // Thread-safe. mu_ guards the queues, the counts, the parked list and the
 // set of connections being served; the acceptor alone owns the waiting set.
@@ -51,6 +53,14 @@ class ConnectionHub {
     // when no other connection waits for a worker.
     std::chrono::milliseconds linger{100};
     std::size_t max_head = 64 * 1024;
+    // A request's body, up to this much, is read here with its head before
+    // a worker is asked for (a client that drips a small body costs no
+    // thread); within `preread_budget` bytes held for all connections.
+    std::size_t preread = 64 * 1024;
+    std::size_t preread_budget = 64u << 20;
+    // Connections beyond max_connections kept for GET /health and GET
+    // /metrics alone (anything else on them is refused).
+    std::size_t probe_reserve = 16;
   };
 
   // A connection handed to a worker: its socket, the peer address and the
@@ -101,11 +111,15 @@ class ConnectionHub {
     std::string client_addr;
     std::string buffered;
     std::chrono::steady_clock::time_point deadline;
+    std::chrono::steady_clock::time_point since;  // when it began to wait
+    bool probe_only = false;                      // admitted into the probe reserve
   };
 
   void accept_loop_();
   void worker_loop_(bool probe_lane);
   void accept_new_();
+  // Removes a waiting connection from the set (and from epoll).
+  Waiting unwatch_(std::unordered_map<int, Waiting>::iterator it);
   void watch_(int fd, Waiting w);
   void on_readable_(int fd);
   void sweep_(std::chrono::steady_clock::time_point now);
@@ -114,6 +128,11 @@ class ConnectionHub {
   // Sends a canned answer and ends the sending side; the caller closes.
   void refuse_(int fd, const char* response);
   void close_(int fd, const std::string& client_addr);
+  // Closes the waiting connection silent for longest; false when none is.
+  bool evict_silent_();
+  // Bytes of the request at the front of `buffered` (head and body) that
+  // should be here before a worker takes it.
+  std::size_t wanted_bytes_(std::string_view buffered) const;
   void update_busy_locked_();
 
   const Limits limits_;
@@ -128,6 +147,7 @@ class ConnectionHub {
 
   // Owned by the acceptor thread alone.
   std::unordered_map<int, Waiting> waiting_;
+  std::size_t waiting_bytes_ = 0;  // buffered bytes of waiting_, for the pre-read budget
 
   mutable std::mutex mu_;  // guards everything below
   std::condition_variable work_cv_;  // workers wait for jobs

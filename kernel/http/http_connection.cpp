@@ -149,11 +149,37 @@ ssize_t HttpConnection::recv_(char* ptr, size_t size) {
       if (left.count() <= 0) return -1;
       timeout = std::min(timeout, left);
     }
-    if (!wait_(POLLIN, timeout)) return -1;
+    if (in_body_ && timeouts_.body_min_rate > 0) {
+      // The next byte is due by the time the body's pace allows.
+      const auto due = body_start_ + timeouts_.body_grace +
+                       std::chrono::microseconds(body_bytes_ * 1000000 / timeouts_.body_min_rate);
+      auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+          due - std::chrono::steady_clock::now());
+      if (left.count() <= 0) {
+        body_too_slow_ = true;
+        return -1;
+      }
+      timeout = std::min(timeout, left);
+    }
+    if (!wait_(POLLIN, timeout)) {
+      if (in_body_ && timeouts_.body_min_rate > 0 && timeout < timeouts_.read) {
+        body_too_slow_ = true;
+      }
+      return -1;
+    }
   }
 }
 
 ssize_t HttpConnection::read(char* ptr, size_t size) {
+  if (in_body_) {
+    const ssize_t n = read_bytes_(ptr, size);
+    if (n > 0) body_bytes_ += static_cast<std::uint64_t>(n);
+    return n;
+  }
+  return read_bytes_(ptr, size);
+}
+
+ssize_t HttpConnection::read_bytes_(char* ptr, size_t size) {
   if (preread_pos_ < preread_.size()) {
     size_t n = std::min(size, preread_.size() - preread_pos_);
     if (in_request_head_ && !count_head_(preread_.data() + preread_pos_, n)) return -1;
@@ -193,6 +219,10 @@ bool HttpConnection::count_head_(const char* ptr, size_t n) {
     head_tail_ = (head_tail_ << 8) | static_cast<unsigned char>(ptr[i]);
     if (head_tail_ == kEnd) {
       in_request_head_ = false;
+      in_body_ = true;
+      body_start_ = std::chrono::steady_clock::now();
+      body_bytes_ = 0;
+      body_too_slow_ = false;
       return true;
     }
   }

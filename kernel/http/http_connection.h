@@ -30,6 +30,11 @@ class HttpConnection final : public httplib::Stream {
     // For the whole request head, from its first byte: a client that drips
     // it cannot hold the connection's thread for longer.
     std::chrono::microseconds request_head{std::chrono::seconds(30)};
+    // A body must keep coming: after `body_grace` from the end of its head,
+    // at least `body_min_rate` bytes a second on average, so a body of n
+    // bytes has at most grace + n / rate to arrive. 0 turns the rule off.
+    std::chrono::microseconds body_grace{std::chrono::seconds(10)};
+    std::size_t body_min_rate = 16 * 1024;
   };
 
   // `buffered`: bytes already read from the socket (the request head the
@@ -60,6 +65,11 @@ class HttpConnection final : public httplib::Stream {
 
   // Bytes read from the socket and not yet consumed (taken out).
   std::string take_unread();
+  // How many bytes are buffered and not yet consumed.
+  size_t buffered_bytes() const { return (preread_.size() - preread_pos_) + (in_end_ - in_begin_); }
+  // The last body read failed because the body came slower than the
+  // minimum rate (see Timeouts).
+  bool body_too_slow() const { return body_too_slow_; }
 
   // The most bytes a request head (request line and headers) may take; a
   // longer one (or one slower than Timeouts::request_head) fails to read,
@@ -74,6 +84,7 @@ class HttpConnection final : public httplib::Stream {
     next_write_is_head_ = true;
     closing_ = false;
     in_request_head_ = true;
+    in_body_ = false;
     head_bytes_ = 0;
     head_tail_ = 0;
   }
@@ -101,6 +112,7 @@ class HttpConnection final : public httplib::Stream {
 
   bool send_all_(const char* a, size_t a_len, const char* b, size_t b_len) const;
   ssize_t recv_(char* ptr, size_t size);
+  ssize_t read_bytes_(char* ptr, size_t size);
   bool count_head_(const char* ptr, size_t n);
   bool wait_(short events, std::chrono::microseconds timeout) const;
   bool peer_closed_() const;
@@ -117,6 +129,10 @@ class HttpConnection final : public httplib::Stream {
   size_t head_bytes_ = 0;
   std::chrono::steady_clock::time_point head_deadline_;  // set by the head's first byte
   std::uint32_t head_tail_ = 0;  // the last four bytes of the head, to see its end
+  bool in_body_ = false;         // past the head: reads are the body's, paced
+  std::chrono::steady_clock::time_point body_start_;
+  std::uint64_t body_bytes_ = 0;
+  bool body_too_slow_ = false;
   bool hold_next_write_ = false;
   bool next_write_is_head_ = false;
   bool closing_ = false;

@@ -82,7 +82,16 @@ std::optional<std::uint64_t> content_length(const httplib::Request& in) {
   return std::strtoull(v.c_str(), nullptr, 10);
 }
 
-BodySource body_source(const httplib::Request& in, const httplib::ContentReader& reader) {
+// Workers waiting on request bodies that have not arrived yet; beyond the
+// limit a request is answered 503 at once, so slow bodies never hold every
+// worker.
+struct BodyReaders {
+  std::atomic<std::size_t> active{0};
+  std::size_t limit = 48;
+};
+
+BodySource body_source(const httplib::Request& in, const httplib::ContentReader& reader,
+                       BodyReaders& readers) {
   BodySource body;
   body.length = content_length(in);
   const std::string te = in.get_header_value("Transfer-Encoding");
@@ -92,9 +101,24 @@ BodySource body_source(const httplib::Request& in, const httplib::ContentReader&
   // not read to the end of the connection.
   body.present = body.chunked || in.has_header("Content-Length");
   if (body.length && *body.length == 0 && !body.chunked) body.present = false;
-  body.read = [&reader](const std::function<bool(const char*, std::size_t)>& sink) {
-    return reader([&sink](const char* data, std::size_t n) { return sink(data, n); });
+  auto failure = std::make_shared<std::string>();
+  body.read = [&reader, &readers, length = body.length, failure](
+                  const std::function<bool(const char*, std::size_t)>& sink) {
+    failure->clear();
+    // A body already read in with its head needs no waiting worker.
+    const bool waits = t_connection && !(length && t_connection->buffered_bytes() >= *length);
+    if (waits && readers.active.fetch_add(1) >= readers.limit) {
+      readers.active.fetch_sub(1);
+      *failure = "busy";
+      return false;
+    }
+    const bool ok =
+        reader([&sink](const char* data, std::size_t n) { return sink(data, n); });
+    if (waits) readers.active.fetch_sub(1);
+    if (!ok && t_connection && t_connection->body_too_slow()) *failure = "too_slow";
+    return ok;
   };
+  body.failure = [failure] { return *failure; };
   return body;
 }
 
@@ -172,6 +196,8 @@ std::size_t default_max_connections() {
 
 struct HttpServer::Impl {
   Dispatch dispatch;
+  BodyReaders body_readers;
+  HttpConnection::Timeouts timeouts;
   int worker_threads = kDefaultWorkerThreads;
   std::chrono::milliseconds drain = kDefaultDrain;
   std::function<void()> on_deadline;
@@ -187,7 +213,7 @@ struct HttpServer::Impl {
 ConnectionHub::Outcome HttpServer::Impl::serve(ConnectionHub::Job& job) {
   using Outcome = ConnectionHub::Outcome;
   using Wait = HttpConnection::Wait;
-  HttpConnection conn(job.fd, {}, std::move(job.buffered));
+  HttpConnection conn(job.fd, timeouts, std::move(job.buffered));
   struct Current {
     explicit Current(HttpConnection* c) { t_connection = c; }
     ~Current() { t_connection = nullptr; }
@@ -231,10 +257,11 @@ void HttpServer::Impl::install_handlers() {
   };
   // Methods that may carry a body take it through a reader, so the gateway
   // decides whether and how much of it to read.
-  auto with_body = [d](const httplib::Request& in, httplib::Response& out,
-                       const httplib::ContentReader& reader) {
+  BodyReaders* readers = &body_readers;
+  auto with_body = [d, readers](const httplib::Request& in, httplib::Response& out,
+                                const httplib::ContentReader& reader) {
     Request req = to_request(in);
-    BodySource body = body_source(in, reader);
+    BodySource body = body_source(in, reader, *readers);
     Response res;
     (*d)(req, res, &body);
     write_response(res, out);
@@ -302,6 +329,12 @@ bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   limits.max_per_client = env_size("OSTREL_ULVO_HTTP_MAX_CONN_PER_CLIENT", 512);
   limits.head_timeout =
       std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_HEAD_TIMEOUT_S", 10));
+  // Bodies: a pace they must keep, and a share of the workers they may hold
+  // while they come (the rest stay for requests that are ready).
+  impl_->timeouts.body_grace =
+      std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_BODY_GRACE_S", 10));
+  impl_->timeouts.body_min_rate = env_size("OSTREL_ULVO_HTTP_BODY_MIN_RATE", 16 * 1024);
+  impl_->body_readers.limit = std::max<std::size_t>(1, limits.workers * 3 / 4);
   Impl* impl = impl_.get();
   auto hub = std::make_unique<ConnectionHub>(
       limits, [impl](ConnectionHub::Job& job) { return impl->serve(job); });

@@ -22,6 +22,10 @@ struct BodySource {
   // Hands the body to `sink` piece by piece; false when the client failed,
   // the framing was bad or the sink returned false.
   std::function<bool(const std::function<bool(const char*, std::size_t)>& sink)> read;
+  // Why the last read failed: "too_slow" (the body fell below the minimum
+  // rate), "busy" (too many workers already wait on bodies), or "" (the
+  // client failed or the framing was bad).
+  std::function<std::string()> failure;
 };
 
 // The embedded HTTP server behind the gateway. cpp-httplib parses requests

@@ -64,6 +64,13 @@ class ScriptedRouter {
                  {"tool_calls",
                   {tool_call("c" + std::to_string(tool_messages), "search", "{\"query\":\"x\"}")}}},
                 "tool_calls");
+          } else if (model == "flood" && tool_messages == 0) {
+            Json calls = Json::array();
+            for (int i = 0; i < 200; ++i) {
+              calls.push_back(tool_call("f" + std::to_string(i), "forget", "{\"key\":\"k\"}"));
+            }
+            answer = completion({{"role", "assistant"}, {"content", nullptr}, {"tool_calls", calls}},
+                                "tool_calls");
           } else if (model == "mixed" && tool_messages == 0) {
             answer = completion(
                 {{"role", "assistant"},
@@ -190,6 +197,31 @@ TEST_F(ToolLoop, ResultsFedBackAndTheCap) {
   const Json last = router_.bodies().back();
   for (const auto& m : last["messages"]) results += m["role"] == "tool";
   EXPECT_EQ(results, 7);
+}
+
+// A model that asks for two hundred tools at once gets eight run (each with
+// its policy check and decision line); the others are answered
+// "tool_call_limit" without running, so the conversation stays well formed.
+TEST_F(ToolLoop, ToolCallsPerRoundAreCapped) {
+  start();
+  auto decisions = [&] {
+    Json c = node_->call("GET", "/api/v1/security/counters").body;
+    return c["allowed"].get<int>() + c["denied"].get<int>() + c["would_have_denied"].get<int>() +
+           c["admin_overrides"].get<int>();
+  };
+  const int before = decisions();
+  Answer a = chat({{"model", "flood"}, {"messages", {user("forget everything")}}});
+  ASSERT_EQ(a.status, 200) << a.text;
+  EXPECT_EQ(decisions() - before, 8);
+  const Json msgs = router_.bodies().back()["messages"];
+  int ran = 0, limited = 0;
+  for (const auto& m : msgs) {
+    if (m["role"] != "tool") continue;
+    const Json result = Json::parse(m["content"].get<std::string>());
+    (result.value("error", "") == "tool_call_limit" ? limited : ran) += 1;
+  }
+  EXPECT_EQ(ran, 8);
+  EXPECT_EQ(limited, 192);
 }
 
 // A router that fails or hangs ends in 502 upstream_unreachable within the

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -141,6 +142,61 @@ TEST(Names, OnlySafeNamesReachTheFileSystem) {
 
 // The nesting limit counts only structure: brackets inside strings (escaped
 // quotes included) do not count, and exactly the limit passes.
+// The same tree, types included (the library compares 1 and 1u as equal).
+bool same_tree(const nlohmann::json& a, const nlohmann::json& b) {
+  if (a.is_discarded() || b.is_discarded()) return a.is_discarded() && b.is_discarded();
+  if (a.type() != b.type()) return false;
+  if (a.is_object()) {
+    if (a.size() != b.size()) return false;
+    for (auto it = a.begin(); it != a.end(); ++it) {
+      auto o = b.find(it.key());
+      if (o == b.end() || !same_tree(*it, *o)) return false;
+    }
+    return true;
+  }
+  if (a.is_array()) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      if (!same_tree(a[i], b[i])) return false;
+    }
+    return true;
+  }
+  if (a.is_number_float()) return a.get<double>() == b.get<double>() || (a != a && b != b);
+  return a == b;
+}
+
+// The lean reader builds the library's own tree for every text, whatever it
+// refuses (those go to the library): typical bodies, odd numbers, escapes,
+// repeated keys, and 20,000 random edits of them.
+TEST(Json, LeanParseMatchesTheLibraryOnEveryEdit) {
+  const std::vector<std::string> seeds = {
+      R"({"model":"echo","messages":[{"role":"user","content":"hi \"there\"\n\u00e9\ud83d\ude00"}],"stream":true,"temperature":0.7,"max_tokens":128,"n":-3,"big":18446744073709551615,"neg":-9223372036854775808,"e":1e-7,"z":-0,"t":[true,false,null]})",
+      R"([1, 2.5, -0.0, 1E3, "a", {"k": {"k": [{}]}}, [], "\/\b\f\r\t"])",
+      R"({"a":1,"a":2,"b":{"c":"cafÃ©"},"tools":[{"type":"function","function":{"name":"f","parameters":{}}}]})",
+      R"("just a string")",
+      R"(123456789012345678901234567890)",
+      R"({"x":1e400,"y":0.1e-400})"};
+  for (const auto& text : seeds) {
+    EXPECT_TRUE(same_tree(parse_json_lean(text), parse_json(text))) << text;
+  }
+  std::mt19937 rng(7);
+  const std::string alphabet = "{}[]\",:0123456789.eE-+tfnul\\ \u00e9";
+  int parsed = 0;
+  for (int i = 0; i < 20000; ++i) {
+    const std::string text = testing::mutate(seeds[i % seeds.size()], rng, alphabet);
+    const nlohmann::json lean = parse_json_lean(text), lib = parse_json(text);
+    ASSERT_TRUE(same_tree(lean, lib)) << text;
+    parsed += !lib.is_discarded();
+  }
+  EXPECT_GT(parsed, 1000);  // the edits reach both outcomes
+  // A long string is held once, not grown by doubling.
+  const std::string long_text = "{\"content\":\"" + std::string(1 << 20, 'x') + "\\n\"}";
+  const nlohmann::json long_tree = parse_json_lean(long_text);
+  const auto& content = long_tree["content"].get_ref<const std::string&>();
+  EXPECT_EQ(content.size(), (1u << 20) + 1);
+  EXPECT_LE(content.capacity(), (1u << 20) + 16);
+}
+
 TEST(Json, NestingLimitAndUtf8SafeOutput) {
   EXPECT_TRUE(json_depth_ok(std::string(64, '[') + std::string(64, ']')));
   EXPECT_FALSE(json_depth_ok(std::string(65, '[')));

@@ -64,6 +64,16 @@ TEST(Chunking, OffsetsOverlapAndDegenerateSizes) {
   EXPECT_EQ(chunk_text("short", 1200, 150).size(), 1u);
   auto one = chunk_text(text, 1, 5);  // overlap ≥ size, size / 4 = 0: still progresses
   EXPECT_EQ(one.size(), 3000u);
+  // The count ingest checks before cutting is the number chunk_text makes.
+  for (std::size_t length : {0u, 1u, 63u, 64u, 65u, 1000u, 3000u, 4097u}) {
+    for (std::size_t size : {0u, 1u, 7u, 64u, 100u, 1200u, 5000u}) {
+      for (std::size_t overlap : {0u, 1u, 3u, 50u, 63u, 150u, 1199u, 1200u, 9000u}) {
+        EXPECT_EQ(chunk_count(length, size, overlap),
+                  chunk_text(std::string(length, 'y'), size, overlap).size())
+            << length << " " << size << " " << overlap;
+      }
+    }
+  }
 }
 
 // The ingest request reader takes documents of the usual shape without a

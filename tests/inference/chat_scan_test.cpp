@@ -29,9 +29,10 @@ std::string describe(const ChatRequest& r, bool stream) {
                     " prio=" + std::to_string(r.priority) + " stop=";
   for (const auto& s : r.stop) out += "[" + s + "]";
   for (const auto& m : r.messages) {
-    out += " {" + m.role + "|" + m.content + "|" + m.name + "|" + m.tool_call_id + "}";
+    out += " {" + m.role + "|" + m.content + "|" + m.name + "|" + m.tool_call_id + "|" +
+           m.tool_calls + "}";
   }
-  return out;
+  return out + " tools=" + r.tools + " choice=" + r.tool_choice;
 }
 
 // parse_chat_text, fast path or not, reads every text as the JSON-tree path
@@ -64,6 +65,14 @@ const std::string kPlain =
     R"({"role":"user","content":"hello there","name":"ann"}],"stream":true,"temperature":0.7,)"
     R"("top_p":1,"max_tokens":256,"stop":["END","STOP"],"priority":-3,"user":"u1",)"
     R"("metadata":{"k":[1,2.5e3,null,true]}})";
+// What the tool loop sends: tools, a tool call and its answer, escaped text.
+const std::string kTools =
+    R"({"model":"m","messages":[{"role":"system","content":"Use tools.\nNever guess."},)"
+    R"({"role":"user","content":"caf\u00e9 \"now\"\t\ud83d\ude00"},{"role":"assistant","content":null,)"
+    R"("tool_calls":[{"id":"c1","type":"function","function":{"name":"search","arguments":"{\"q\":1}"}}]},)"
+    R"({"role":"tool","tool_call_id":"c1","name":"search","content":"{\"hits\":[]}"}],)"
+    R"("tools":[{"type":"function","function":{"name":"search","parameters":{"type":"object"}}}],)"
+    R"("tool_choice":"auto","stream":false})";
 const std::string kOdd =
     R"({"model":"m","messages":[{"content":"caf\u00e9"},{"role":"","content":[{"type":"text",)"
     R"("text":"a"}]}],"stop":"\n","user_id":"id","user":null,"frequency_penalty":-0,)"
@@ -74,6 +83,7 @@ TEST(ChatScan, CommonRequestsTakeTheFastPathAndOthersTheJsonPath) {
   EXPECT_TRUE(scanned(R"({"model":"m","messages":[{"content":"x"}]})"));
   EXPECT_TRUE(scanned(R"( { "model" : "m" , "stream" : false } )"));
   EXPECT_TRUE(scanned("{}"));
+  EXPECT_TRUE(scanned(kTools));  // tools and escaped text no longer need the tree
   ChatRequest r;
   bool stream = true;
   ASSERT_TRUE(chat_json::scan_chat_request(
@@ -98,11 +108,12 @@ TEST(ChatScan, CommonRequestsTakeTheFastPathAndOthersTheJsonPath) {
   }
   expect_same_as_json_path(kPlain);
   expect_same_as_json_path(kOdd);
+  expect_same_as_json_path(kTools);
   expect_same_as_json_path(R"({"model":"a","model":"b"})");
 }
 
 TEST(ChatScan, AgreesWithTheJsonPathOnEveryMutation) {
-  for (const std::string& base : {kPlain, kOdd}) {
+  for (const std::string& base : {kPlain, kOdd, kTools}) {
     for (std::size_t n = 0; n <= base.size(); ++n) {
       expect_same_as_json_path(base.substr(0, n));
       if (HasFailure()) return;
@@ -112,7 +123,7 @@ TEST(ChatScan, AgreesWithTheJsonPathOnEveryMutation) {
   std::mt19937 rng(29);
   int fast = 0;
   for (int i = 0; i < 30000; ++i) {
-    std::string text = (i % 3) ? kPlain : kOdd;
+    std::string text = i % 3 == 0 ? kOdd : i % 3 == 1 ? kPlain : kTools;
     text = ostrel::testing::mutate(std::move(text), rng, alphabet);
     fast += scanned(text);
     expect_same_as_json_path(text);

@@ -305,6 +305,22 @@ AuditEvent AuditLog::append(SourceCode source, std::string actor, std::string ac
   return e;
 }
 
+std::pair<std::uint64_t, std::string> AuditLog::head() const {
+  std::lock_guard lock(mu_);
+  return {events_.size(), to_hex(events_.empty() ? Hash{} : events_.back().hash)};
+}
+
+std::map<std::uint64_t, std::string> AuditLog::heads_after(
+    const std::vector<std::uint64_t>& counts) const {
+  std::lock_guard lock(mu_);
+  std::map<std::uint64_t, std::string> out;
+  for (std::uint64_t n : counts) {
+    if (n > events_.size()) continue;
+    out[n] = to_hex(n == 0 ? Hash{} : events_[n - 1].hash);
+  }
+  return out;
+}
+
 AuditLog::Verification AuditLog::verify() const {
   std::lock_guard lock(mu_);
   Verification v;

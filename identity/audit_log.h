@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -84,6 +85,12 @@ class AuditLog {
   std::vector<AuditEvent> query(const Filter& filter, std::size_t& total) const;
 
   std::size_t size() const;
+  // The number of events and the hash of the last one (hex; 64 zeros when
+  // there is none), read together.
+  std::pair<std::uint64_t, std::string> head() const;
+  // The chain's hash after each of `counts` events (hex), for the counts the
+  // log reaches.
+  std::map<std::uint64_t, std::string> heads_after(const std::vector<std::uint64_t>& counts) const;
   const std::filesystem::path& journal_path() const { return journal_; }
   // Called after every append, outside the lock (the records counter). Set
   // before the first append.

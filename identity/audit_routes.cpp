@@ -251,6 +251,16 @@ void register_audit_routes(const IdentityContext& ctx, const AddRoute& add) {
     AuditLog::Verification v = ctx.audit_log->verify();
     Json out = {{"ok", v.ok}, {"checked", v.checked}, {"total_in_log", v.total}};
     if (!v.ok) out["first_bad_seq"] = v.first_bad_seq;
+    // The chain as a whole against what the node signed: a cut tail or a
+    // rewritten chain with recomputed hashes passes the links, not these.
+    if (ctx.audit_checkpoints) {
+      std::vector<std::uint64_t> counts;
+      for (const auto& [n, head] : ctx.audit_checkpoints->signed_heads()) counts.push_back(n);
+      const auto verdict = ctx.audit_checkpoints->judge(ctx.audit_log->size(),
+                                                        ctx.audit_log->heads_after(counts));
+      out["checkpoints"] = ChainCheckpoints::to_json(verdict);
+      if (!verdict.ok) out["ok"] = false;
+    }
     reply(res, out);
   });
 }

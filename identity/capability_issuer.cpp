@@ -182,6 +182,7 @@ bool CapabilityIssuer::open_identity_key_(std::string& error) {
                        {"ciphertext", to_hex(cipher)}};
   if (!base::write_file_atomically(file, record.dump(2) + "\n", error)) return false;
   identity_key_ = std::move(pair);
+  identity_key_created_ = true;
   return true;
 }
 

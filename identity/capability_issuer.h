@@ -117,6 +117,8 @@ class CapabilityIssuer {
   // gossip records. A fresh key for this process only while open() has not
   // succeeded. Never null.
   std::shared_ptr<KeyPair> identity_key() const;
+  // True when open() made the identity key (none was kept yet).
+  bool identity_key_created() const { return identity_key_created_; }
   // Why the identity key could not be kept across restarts ("" when it is).
   const std::string& identity_key_problem() const { return identity_key_problem_; }
 
@@ -135,6 +137,7 @@ class CapabilityIssuer {
   std::shared_ptr<KeyPair> node_key_;
   std::shared_ptr<KeyPair> identity_key_;  // set in the constructor and open(); read-only after
   std::string identity_key_problem_;
+  bool identity_key_created_ = false;
   std::filesystem::path state_dir_;
   std::string master_key_;  // 32 bytes; empty until open()
   Clock clock_;

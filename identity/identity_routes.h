@@ -8,6 +8,7 @@
 #include "base/types.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
+#include "identity/chain_checkpoints.h"
 #include "identity/login_throttle.h"
 #include "identity/quota.h"
 #include "identity/rbac.h"
@@ -47,8 +48,10 @@ struct IdentityContext {
   std::function<void(const std::string&)> log_info;
   // Records a security-relevant action: {"action", "tenant", "subject", …}.
   std::function<void(const kernel::Request* caller, const nlohmann::json& event)> audit;
-  // The audit log itself, for its routes and syscalls.
+  // The audit log itself, for its routes and syscalls, and its signed
+  // checkpoints (null until they are opened).
   AuditLog* audit_log = nullptr;
+  ChainCheckpoints* audit_checkpoints = nullptr;
   // Checks a token presented where auth is not enforced (the audit routes).
   std::function<kernel::AuthResult(const std::string& token)> verify_token;
   // The source code of the caller of the syscall running on this thread.

@@ -203,6 +203,7 @@ void RoleService::attach(const fs::path& dir) {
   if (audit_fd_ >= 0) ::close(audit_fd_);
   // The chain continues from the last complete line.
   last_hash_.clear();
+  audit_entries_ = 0;
   std::ifstream in(dir / "audit.log", std::ios::binary);
   std::string line;
   bool newline_at_end = true;
@@ -211,6 +212,7 @@ void RoleService::attach(const fs::path& dir) {
     const std::size_t at = line.rfind(kHashKey);
     if (at != std::string::npos && line.size() >= at + std::strlen(kHashKey) + 66) {
       last_hash_ = line.substr(at + std::strlen(kHashKey), 64);
+      ++audit_entries_;
     }
   }
   audit_fd_ = ::open((dir / "audit.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
@@ -332,17 +334,30 @@ void RoleService::write_audit_(const std::string& tool, const CheckContext& ctx,
   body += '}';
   unsigned char digest[32];
   sha_.digest(body, {}, digest);
-  last_hash_ = base::to_hex(digest, sizeof digest);
+  const std::string hash = base::to_hex(digest, sizeof digest);
   body.pop_back();
   body += kHashKey;
-  body += last_hash_;
+  body += hash;
   body += "\"}\n";
-  // A failed write does not change the decision.
-  [[maybe_unused]] ssize_t w = ::write(audit_fd_, body.data(), body.size());
+  // A failed write does not change the decision; the chain goes on from the
+  // last line that is in the file.
+  const ssize_t w = ::write(audit_fd_, body.data(), body.size());
+  if (w == static_cast<ssize_t>(body.size())) {
+    last_hash_ = hash;
+    ++audit_entries_;
+  }
 }
 
-RoleService::AuditVerification RoleService::verify_audit() const {
+std::pair<std::uint64_t, std::string> RoleService::audit_head() const {
+  std::lock_guard lock(audit_mu_);
+  return {audit_entries_, last_hash_};
+}
+
+RoleService::AuditVerification RoleService::verify_audit(
+    const std::vector<std::uint64_t>& heads_at) const {
   AuditVerification v;
+  const std::set<std::uint64_t> wanted(heads_at.begin(), heads_at.end());
+  if (wanted.count(0)) v.heads[0] = "";
   const fs::path path = audit_path();
   if (path.empty()) return v;
   std::ifstream in(path, std::ios::binary);
@@ -380,6 +395,7 @@ RoleService::AuditVerification RoleService::verify_audit() const {
     }
     prev = stored;
     ++v.checked;
+    if (wanted.count(v.checked)) v.heads[v.checked] = stored;
   }
   return v;
 }

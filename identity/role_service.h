@@ -117,14 +117,19 @@ class RoleService {
   static RejectResponse build_reject(const std::string& tool, const CheckOutcome& outcome,
                                      const CheckContext& ctx, const std::string& contact_url);
 
-  // Recomputes every audit line's hash and the chain between them.
+  // Recomputes every audit line's hash and the chain between them, and
+  // notes the chain's head after each of `heads_at` entries (its checkpoints).
   struct AuditVerification {
     bool ok = true;
     std::size_t checked = 0;
     std::size_t first_bad_line = 0;  // 1-based, when !ok
     std::string problem;
+    std::map<std::uint64_t, std::string> heads;  // entries → hash of the last one
   };
-  AuditVerification verify_audit() const;
+  AuditVerification verify_audit(const std::vector<std::uint64_t>& heads_at = {}) const;
+  // The number of entries in the log and the hash of the last one ("" for
+  // none), read together.
+  std::pair<std::uint64_t, std::string> audit_head() const;
   // Audit entries (parsed lines), newest last, at most `limit` of the newest.
   std::vector<nlohmann::json> audit_entries(std::size_t limit) const;
 
@@ -150,6 +155,7 @@ class RoleService {
   std::filesystem::path dir_;
   int audit_fd_ = -1;
   std::string last_hash_;  // hex of the last line's hash, "" before the first
+  std::uint64_t audit_entries_ = 0;  // complete entries in the log
   base::Sha256 sha_;
 };
 

@@ -6,6 +6,7 @@
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "identity/chain_checkpoints.h"
 #include "identity/source_header.h"
 #include "kernel/kernel.h"
 
@@ -48,6 +49,7 @@ void Kernel::open_identity_stores_() {
     // Tokens still work with the node key; tenant keys stay unavailable.
     logger_.error("capability key store unavailable: " + error);
   }
+  open_audit_checkpoints_();
   n = issuer_.load_revocations();
   logger_.info("capability revocation list replayed " + std::to_string(n) + " records from " +
                (state / "caps.jsonl").string());
@@ -73,6 +75,48 @@ void Kernel::open_identity_stores_() {
     logger_.info("user store initialized at " + db.string());
   } else {
     std::fprintf(stderr, "[identity] UserStore init failed: %s\n", error.c_str());
+  }
+}
+
+void Kernel::open_audit_checkpoints_() {
+  const std::filesystem::path state = std::filesystem::path(config_.data_dir) / "state";
+  std::shared_ptr<identity::KeyPair> key = issuer_.identity_key();
+  audit_checkpoints_ = std::make_unique<identity::ChainCheckpoints>(
+      state / "audit.checkpoints.jsonl", "audit", key->public_key(),
+      [key](std::string_view message) { return key->sign(message); });
+  const std::size_t n = audit_checkpoints_->load();
+  std::vector<std::uint64_t> counts;
+  for (const auto& [count, head] : audit_checkpoints_->signed_heads()) counts.push_back(count);
+  identity::ChainCheckpoints::Verdict v =
+      audit_checkpoints_->judge(audit_.size(), audit_.heads_after(counts));
+  // A node that has kept its key has signed its log before: a log with
+  // records and no checkpoint file lost the file.
+  if (v.ok && !audit_checkpoints_->existed() && audit_.size() > 0 &&
+      !issuer_.identity_key_created()) {
+    v.ok = false;
+    v.problem = "the log holds " + std::to_string(audit_.size()) +
+                " records but its checkpoint file is gone";
+  }
+  if (v.ok) {
+    logger_.info("audit checkpoints: " + std::to_string(n) + " read, the log matches them (" +
+                 std::to_string(v.unsigned_records) + " record(s) after the last)");
+  } else {
+    // The finding goes into the chain itself, which the next checkpoint signs.
+    logger_.error("audit log integrity: " + v.problem);
+    audit_event_(nullptr, {{"action", "audit.integrity_failed"},
+                           {"outcome", "failed"},
+                           {"problem", v.problem},
+                           {"first_bad_count", v.first_bad}});
+  }
+  checkpoint_audit_();
+}
+
+void Kernel::checkpoint_audit_() {
+  if (!audit_checkpoints_) return;
+  const auto [count, head] = audit_.head();
+  std::string error;
+  if (!audit_checkpoints_->record(count, head, error)) {
+    logger_.error("audit checkpoint not written: " + error);
   }
 }
 

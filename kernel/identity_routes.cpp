@@ -4,7 +4,9 @@
 #include <nlohmann/json.hpp>
 
 #include "base/access.h"
+#include "base/encoding.h"
 #include "base/http_client.h"
+#include "base/json.h"
 #include "base/reply.h"
 #include "identity/identity_routes.h"
 #include "kernel/kernel.h"
@@ -25,6 +27,7 @@ identity::IdentityContext Kernel::identity_context_() {
   ctx.credentials_changed = [this] { auth_cache_.clear(); };
   ctx.log_info = [this](const std::string& line) { logger_.info(line); };
   ctx.audit_log = &audit_;
+  ctx.audit_checkpoints = audit_checkpoints_.get();
   ctx.audit = [this](const Request* caller, const Json& event) { audit_event_(caller, event); };
   ctx.verify_token = [this](const std::string& token) { return verify_credential_(token); };
   ctx.syscall_caller = [] { return SyscallTable::current_caller(); };
@@ -122,6 +125,26 @@ void Kernel::register_identity_syscalls_() {
   identity::register_tenant_syscalls(identity_context_(), add);
   identity::register_audit_syscalls(identity_context_(), add);
   identity::register_user_syscalls(identity_context_(), add);
+  // Other logs' checkpoints signed with the node's key (the security
+  // module's decision log): only checkpoint messages, so the key signs
+  // nothing else through here.
+  add("audit.checkpoint.key", [this](std::string_view) {
+    return base::syscall_ok({{"public_key", base::to_hex(issuer_.identity_key()->public_key())}});
+  });
+  add("audit.checkpoint.sign", base::json_syscall([this](const Json& a) {
+        const Json count = a.value("count", Json()), ts = a.value("ts_ms", Json());
+        const std::string chain = base::string_field(a, "chain"),
+                          head = base::string_field(a, "head");
+        if (chain.empty() || chain == "audit" || head.empty() || !count.is_number_unsigned() ||
+            !ts.is_number_integer()) {
+          return base::syscall_error("chain (not \"audit\"), count, head and ts_ms required");
+        }
+        const std::string sig = issuer_.identity_key()->sign(identity::ChainCheckpoints::message(
+            chain, count.get<std::uint64_t>(), head, ts.get<std::int64_t>()));
+        if (sig.empty()) return base::syscall_error("signing_failed");
+        return base::syscall_ok({{"signature", base::base64url_encode(sig)},
+                                 {"public_key", base::to_hex(issuer_.identity_key()->public_key())}});
+      }));
 }
 
 void Kernel::register_compaction_route_() {

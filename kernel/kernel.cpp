@@ -387,6 +387,13 @@ void Kernel::start_background_threads_() {
   logger_.info(
       "otp audit verifier: not available in this build — no extension audit log to verify");
   bg_threads_.emplace_back([this] { run_self_health_(); });
+  std::int64_t every_s = 60;
+  if (const char* v = std::getenv("OSTREL_AUDIT_CHECKPOINT_S"); v && std::atoll(v) > 0) {
+    every_s = std::atoll(v);
+  }
+  bg_threads_.emplace_back([this, every_s] {
+    while (sleep_unless_stopping_(std::chrono::seconds(every_s))) checkpoint_audit_();
+  });
   logger_.info("self-health watchdog started (30s probe, 2-strike _exit)");
   if (const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL");
       controller && *controller) {
@@ -463,6 +470,8 @@ void Kernel::drain_and_stop() {
   for (const std::string& problem : sequencer_.shutdown()) {
     logger_.warn("BootSequencer shutdown reported: " + problem);
   }
+  // The last word of the run: the audit chain's head, signed.
+  checkpoint_audit_();
   logger_.info("clean shutdown");
 }
 

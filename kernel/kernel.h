@@ -126,6 +126,11 @@ class Kernel {
   // "user:<id>", "token:<id>", "node:<id>", "anonymous@<addr>", or "kernel".
   static std::string actor_of_(const Request* caller);
   void install_auth_policy_();
+  // Opens the audit checkpoints, judges the replayed log against them (a
+  // finding is logged and recorded as an audit event) and signs the head.
+  void open_audit_checkpoints_();
+  // Signs the audit chain's head when it grew since the last checkpoint.
+  void checkpoint_audit_();
   // Turns a credential into an AuthResult, through the auth cache.
   AuthResult verify_credential_(const std::string& credential);
   static std::vector<std::string> scopes_for_role(const std::string& role);
@@ -150,6 +155,10 @@ class Kernel {
   identity::RBAC rbac_;
   identity::QuotaAccountant quotas_;
   identity::AuditLog audit_;
+  // Signed checkpoints of audit_'s chain, in "state/audit.checkpoints.jsonl";
+  // made at boot, every checkpoint period while the chain grows, and on
+  // shutdown.
+  std::unique_ptr<identity::ChainCheckpoints> audit_checkpoints_;
   identity_registry::UserStore users_;
   identity::LoginThrottle login_throttle_;
   // Password-reset requests: three per name or address, then waits.

@@ -13,11 +13,13 @@
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "base/encoding.h"
 #include "base/json.h"
 #include "base/json_scanner.h"
 #include "base/names.h"
 #include "base/reply.h"
 #include "base/text.h"
+#include "identity/chain_checkpoints.h"
 #include "identity/role_service.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
@@ -31,6 +33,7 @@ namespace {
 
 using Json = nlohmann::json;
 using base::reply;
+using identity::ChainCheckpoints;
 using kernel::Request;
 using kernel::Response;
 namespace fs = std::filesystem;
@@ -193,6 +196,12 @@ class SecurityModule : public kernel::ModuleBase {
   Json export_report_(const Json& body, int& status);
   void serve_report_(const Request& req, Response& res, const std::string& id);
   void counters_loop_();
+  // The decision log's signed checkpoints (the node's key, through the
+  // kernel's "audit.checkpoint.*" syscalls): opened and judged at start,
+  // written while the log grows and at stop.
+  void open_checkpoints_();
+  void checkpoint_();
+  ChainCheckpoints::Verdict judge_checkpoints_(const RoleService::AuditVerification& v) const;
 
   kernel::ModuleContext ctx_;
   std::unique_ptr<kernel::Logger> log_;
@@ -206,6 +215,7 @@ class SecurityModule : public kernel::ModuleBase {
   std::condition_variable bg_cv_;
   bool bg_stop_ = false;
   std::thread counters_thread_;  // joined by stop()
+  std::unique_ptr<ChainCheckpoints> checkpoints_;  // null when the kernel cannot sign
 };
 
 bool SecurityModule::initialize(const kernel::ModuleContext& ctx) {
@@ -225,10 +235,104 @@ bool SecurityModule::initialize(const kernel::ModuleContext& ctx) {
   // taken: the two locks never nest.
   for (const std::string& name : registry_.names()) roles_->add_known_tool(name);
   roles_->attach(dir_);
+  // An operator's mode setting wins over the saved one at every start.
+  if (const std::string wanted = ctx.config->get("mode", ""); !wanted.empty()) {
+    RoleService::Mode m;
+    std::string error;
+    if (!RoleService::parse_mode(wanted, m)) {
+      log_->warn("security.mode '" + wanted + "' is not stub_allow, audit or enforce — ignored");
+    } else if (m != roles_->mode() && !roles_->set_mode(m, error)) {
+      log_->warn("security.mode not applied: " + error);
+    }
+  }
   log_->info(std::string("initialize — mode=") + RoleService::mode_name(roles_->mode()) +
              ", tools=" + std::to_string(roles_->known_tools().size()) +
              ", audit=" + roles_->audit_path().string());
+  if (roles_->mode() == RoleService::Mode::stub_allow) {
+    log_->warn("tool policy mode is stub_allow: every tool runs whatever the caller's role "
+               "(the tool loop included); on a node others use, set enforce "
+               "(--config-set security.mode=enforce, or PUT /api/v1/security/mode)");
+  }
+  open_checkpoints_();
   return true;
+}
+
+void SecurityModule::open_checkpoints_() {
+  if (!ctx_.syscalls->has("audit.checkpoint.sign")) {
+    log_->warn("decision log checkpoints off: the kernel offers no checkpoint signing");
+    return;
+  }
+  Json key = base::parse_json(
+      ctx_.syscalls->call(kSecuritySource, "audit.checkpoint.key", "{}").body);
+  std::string public_key;
+  if (!key.is_object() || !base::from_hex(base::string_field(key, "public_key"), public_key)) {
+    log_->warn("decision log checkpoints off: no node key");
+    return;
+  }
+  kernel::SyscallTable* syscalls = ctx_.syscalls;
+  checkpoints_ = std::make_unique<ChainCheckpoints>(
+      dir_ / "audit.checkpoints.jsonl", "security", public_key,
+      [syscalls](std::string_view message) -> std::string {
+        // The kernel signs checkpoint messages only: the fields go across,
+        // and it builds the message itself.
+        const std::string m(message);
+        std::vector<std::string> parts;
+        for (std::size_t at = 0;;) {
+          const std::size_t bar = m.find('|', at);
+          parts.push_back(m.substr(at, bar == std::string::npos ? bar : bar - at));
+          if (bar == std::string::npos) break;
+          at = bar + 1;
+        }
+        if (parts.size() != 5) return "";
+        Json args = {{"chain", parts[1]},
+                     {"count", std::stoull(parts[2])},
+                     {"head", parts[3]},
+                     {"ts_ms", std::stoll(parts[4])}};
+        Json r = base::parse_json(
+            syscalls->call(kSecuritySource, "audit.checkpoint.sign", base::dump_json(args)).body);
+        std::string sig;
+        if (!r.is_object() || !base::base64url_decode(base::string_field(r, "signature"), sig)) {
+          return "";
+        }
+        return sig;
+      });
+  const std::size_t n = checkpoints_->load();
+  std::vector<std::uint64_t> counts;
+  for (const auto& [count, head] : checkpoints_->signed_heads()) counts.push_back(count);
+  ChainCheckpoints::Verdict v = judge_checkpoints_(roles_->verify_audit(counts));
+  const std::uint64_t entries = roles_->audit_head().first;
+  if (v.ok && !checkpoints_->existed() && entries > 0 && n == 0 &&
+      fs::exists(dir_ / "mode.json")) {
+    // Not a first start: a log with entries and no checkpoint file lost it.
+    v.ok = false;
+    v.problem = "the decision log holds " + std::to_string(entries) +
+                " entries but its checkpoint file is gone";
+  }
+  if (!v.ok) {
+    log_->error("decision log integrity: " + v.problem);
+    if (ctx_.syscalls->has("audit.append")) {
+      ctx_.syscalls->call(kSecuritySource, "audit.append",
+                          base::dump_json({{"action", "security.audit.integrity_failed"},
+                                           {"outcome", "failed"},
+                                           {"metadata", {{"problem", v.problem}}}}));
+    }
+  }
+  checkpoint_();
+}
+
+ChainCheckpoints::Verdict SecurityModule::judge_checkpoints_(
+    const RoleService::AuditVerification& v) const {
+  // The entries the chain verified are the log's length for the checkpoints.
+  return checkpoints_->judge(v.ok ? v.checked : roles_->audit_head().first, v.heads);
+}
+
+void SecurityModule::checkpoint_() {
+  if (!checkpoints_) return;
+  const auto [count, head] = roles_->audit_head();
+  std::string error;
+  if (!checkpoints_->record(count, head, error)) {
+    log_->warn("decision log checkpoint not written: " + error);
+  }
 }
 
 bool SecurityModule::start() {
@@ -248,6 +352,7 @@ void SecurityModule::stop() {
 }
 
 void SecurityModule::counters_loop_() {
+  std::uint64_t rounds = 0;
   std::unique_lock lock(bg_mu_);
   for (;;) {
     const bool stopping =
@@ -255,6 +360,8 @@ void SecurityModule::counters_loop_() {
     lock.unlock();
     std::string error;
     if (!roles_->save_counters(error)) log_->warn("audit-counters.json not saved: " + error);
+    // The log's head, signed now and then (and last at stop).
+    if (stopping || ++rounds % 12 == 0) checkpoint_();
     lock.lock();
     if (stopping) return;
   }
@@ -615,11 +722,22 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
       reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
       return;
     }
-    RoleService::AuditVerification v = roles_->verify_audit();
+    std::vector<std::uint64_t> counts;
+    if (checkpoints_) {
+      for (const auto& [count, head] : checkpoints_->signed_heads()) counts.push_back(count);
+    }
+    RoleService::AuditVerification v = roles_->verify_audit(counts);
     Json out = {{"ok", v.ok}, {"checked", v.checked}};
     if (!v.ok) {
       out["first_bad_line"] = v.first_bad_line;
       out["problem"] = v.problem;
+    }
+    // Against the signed checkpoints: a cut tail, or a rewritten log whose
+    // hashes were recomputed, passes the line checks and not these.
+    if (checkpoints_) {
+      const ChainCheckpoints::Verdict c = judge_checkpoints_(v);
+      out["checkpoints"] = ChainCheckpoints::to_json(c);
+      if (!c.ok) out["ok"] = false;
     }
     reply(res, out);
   });

@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "base/encoding.h"
+#include "identity/audit_log.h"
 #include "tests/support/test_node.h"
 #include "tests/support/test_support.h"
 
@@ -64,7 +66,10 @@ TEST(AuditLogNode, TamperingIsFoundAfterRestart) {
     node = std::make_unique<TestNode>(dir.path(), "n1", o);
     ASSERT_TRUE(node->started());
     Answer v = node->call("GET", "/api/v1/audit/verify");
-    EXPECT_EQ(v.body, Json({{"ok", true}, {"checked", 5}, {"total_in_log", 5}})) << v.text;
+    EXPECT_EQ(v.body["ok"], true) << v.text;
+    EXPECT_EQ(v.body["checked"], 5);
+    EXPECT_EQ(v.body["total_in_log"], 5);
+    EXPECT_EQ(v.body["checkpoints"]["unsigned_records"], 0) << v.text;
   }
   EXPECT_NE(node->process().err().find("audit log replayed 5 records from " + journal.string()),
             std::string::npos);
@@ -89,7 +94,9 @@ TEST(AuditLogNode, TamperingIsFoundAfterRestart) {
   node = std::make_unique<TestNode>(dir.path(), "n1", o);
   EXPECT_EQ(node->call("GET", "/api/v1/audit/verify").body["first_bad_seq"], 3);
 
-  // Killed in the middle of an append: the last line is cut short.
+  // Killed in the middle of an append: the last line is cut short. (The
+  // edits above were signed over by the boots that found them, so this boot
+  // finds the log differs from those checkpoints and records that first.)
   node->stop();
   std::string text;
   for (const auto& l : original) text += l + "\n";
@@ -101,10 +108,154 @@ TEST(AuditLogNode, TamperingIsFoundAfterRestart) {
   EXPECT_EQ(v.body["ok"], false);
   EXPECT_EQ(v.body["first_bad_seq"], 6);
   Answer next = append(*node, "after.crash");
-  EXPECT_EQ(next.body["body"]["seq"], 7);
+  EXPECT_EQ(next.body["body"]["seq"], 8);
   lines = journal_lines(journal);
-  ASSERT_EQ(lines.size(), 7u);
+  ASSERT_EQ(lines.size(), 8u);
+  EXPECT_EQ(Json::parse(lines[6])["action"], "audit.integrity_failed");
   EXPECT_TRUE(Json::parse(lines.back(), nullptr, false).is_object());
+}
+
+// The node's audit journal rewritten from `lines` with one field changed and
+// every hash after it recomputed, as someone who knows the chain rule would.
+std::vector<std::string> forge_kernel_chain(const std::vector<std::string>& lines, std::size_t at,
+                                            const std::string& field, const std::string& value) {
+  std::vector<std::string> out;
+  identity::Hash prev{};
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    Json j = Json::parse(lines[i]);
+    if (i == at) j[field] = value;
+    identity::AuditEvent e;
+    e.seq = j["seq"];
+    e.ts_ms = j["ts_ms"];
+    const unsigned code = std::stoul(j["source"].get<std::string>().substr(2), nullptr, 16);
+    e.source = identity::SourceCode{static_cast<std::uint8_t>(code >> 8),
+                                    static_cast<std::uint8_t>(code & 0xff)};
+    e.actor = j["actor"];
+    e.action = j["action"];
+    e.resource = j["resource"];
+    e.outcome = j["outcome"];
+    e.tenant = j["tenant"];
+    e.metadata = j["metadata"];
+    e.prev_hash = prev;
+    const std::string raw(reinterpret_cast<const char*>(prev.data()), prev.size());
+    const std::string digest = base::sha256(raw + identity::AuditLog::canonical_body(e));
+    std::copy(digest.begin(), digest.end(), e.hash.begin());
+    prev = e.hash;
+    out.push_back(identity::AuditLog::journal_line(e));
+  }
+  return out;
+}
+
+// The same for the security module's decision log: each line hashed without
+// its "hash" member, each carrying the previous line's hash.
+std::vector<std::string> forge_decision_log(const std::vector<std::string>& lines,
+                                            std::size_t at, const std::string& tool) {
+  std::vector<std::string> out;
+  std::string prev;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    // The module writes its members in its own order: the line is edited in
+    // place, its "hash" member (always last) taken off first.
+    std::string text = lines[i].substr(0, lines[i].rfind(",\"hash\":\"")) + "}";
+    const Json original = Json::parse(text);
+    auto replace_member = [&](const std::string& key, const std::string& old_value,
+                              const std::string& new_value) {
+      const std::string from = "\"" + key + "\":" + Json(old_value).dump();
+      const std::string to = "\"" + key + "\":" + Json(new_value).dump();
+      const auto pos = text.find(from);
+      if (pos != std::string::npos) text.replace(pos, from.size(), to);
+    };
+    replace_member("prev_hash", original.value("prev_hash", ""), prev);
+    if (i == at) replace_member("tool", original.value("tool", ""), tool);
+    const std::string hash = base::to_hex(base::sha256(text));
+    text.pop_back();
+    out.push_back(text + ",\"hash\":\"" + hash + "\"}");
+    prev = hash;
+  }
+  return out;
+}
+
+// Signed checkpoints catch what the chain alone cannot: the last lines cut
+// off, or one entry rewritten and every later hash recomputed. Both logs,
+// the kernel's and the security module's, after a restart; the finding is
+// logged and recorded; an honest restart, and a kill -9, raise nothing.
+TEST(AuditLogNode, CheckpointsCatchCutTailsAndRecomputedChains) {
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {"security"};
+  auto node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started()) << node->process().err();
+  for (int i = 0; i < 6; ++i) ASSERT_EQ(append(*node, "data.write").status, 200);
+  for (int i = 0; i < 6; ++i) {
+    ASSERT_EQ(node->call("POST", "/api/v1/security/check", {{"tool", "rag_search"}}).status, 200);
+  }
+  const fs::path journal = node->data_dir() / "state" / "audit.jsonl";
+  const fs::path decisions = node->data_dir() / "security" / "audit.log";
+  // Honest restarts, a kill -9 among them: everything verifies.
+  node->restart_hard();
+  ASSERT_TRUE(node->started());
+  node->stop();
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started());
+  Answer fine = node->call("GET", "/api/v1/audit/verify");
+  EXPECT_EQ(fine.body["ok"], true) << fine.text;
+  EXPECT_GE(fine.body["checkpoints"]["count"].get<int>(), 1);
+  EXPECT_EQ(node->call("POST", "/api/v1/security/audit/verify").body["ok"], true);
+  EXPECT_EQ(node->process().err().find("integrity"), std::string::npos);
+  node->stop();
+  const std::vector<std::string> kernel_lines = journal_lines(journal);
+  const std::vector<std::string> decision_lines = journal_lines(decisions);
+  ASSERT_EQ(kernel_lines.size(), 6u);
+  ASSERT_EQ(decision_lines.size(), 6u);
+
+  // The last two lines of each log deleted: each chain is still whole.
+  write_journal(journal, {kernel_lines.begin(), kernel_lines.end() - 2});
+  write_journal(decisions, {decision_lines.begin(), decision_lines.end() - 2});
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started());
+  // At boot the node finds the cut, logs it and records it in the chain
+  // (so the log is longer again, and no longer matches what was signed).
+  EXPECT_TRUE(node->process().wait_for_err(
+      "[ERROR][kernel] audit log integrity: the log holds 4 records, fewer than the 6", 1s));
+  EXPECT_TRUE(node->process().wait_for_err(
+      "decision log integrity: the log holds 4 records, fewer than the 6", 1s));
+  Answer recorded = node->call("GET", "/api/v1/audit?action=audit.integrity_failed");
+  EXPECT_EQ(recorded.body["returned"], 1) << recorded.text;
+  Answer cut = node->call("GET", "/api/v1/audit/verify");
+  EXPECT_EQ(cut.body["ok"], false) << cut.text;
+  EXPECT_EQ(cut.body.value("first_bad_seq", 0), 0);  // the links themselves hold
+  EXPECT_FALSE(cut.body["checkpoints"]["ok"].get<bool>()) << cut.text;
+  Answer cut_decisions = node->call("POST", "/api/v1/security/audit/verify");
+  EXPECT_EQ(cut_decisions.body["ok"], false) << cut_decisions.text;
+  EXPECT_NE(cut_decisions.text.find("records were removed"), std::string::npos)
+      << cut_decisions.text;
+
+  // Rewritten, hashes recomputed: the links verify, the checkpoints do not.
+  node->stop();
+  write_journal(journal, forge_kernel_chain(kernel_lines, 2, "resource", "nothing-to-see"));
+  write_journal(decisions, forge_decision_log(decision_lines, 1, "ssh"));
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started());
+  Answer forged = node->call("GET", "/api/v1/audit/verify");
+  EXPECT_EQ(forged.body["ok"], false) << forged.text;
+  EXPECT_EQ(forged.body.value("first_bad_seq", 0), 0);
+  EXPECT_NE(forged.text.find("records were rewritten"), std::string::npos) << forged.text;
+  Answer forged_decisions = node->call("POST", "/api/v1/security/audit/verify");
+  EXPECT_EQ(forged_decisions.body["ok"], false) << forged_decisions.text;
+  EXPECT_EQ(forged_decisions.body.value("first_bad_line", 0), 0);
+  EXPECT_NE(forged_decisions.text.find("records were rewritten"), std::string::npos);
+
+  // A checkpoint line made up without the node's key is refused as such.
+  node->stop();
+  const fs::path points = node->data_dir() / "state" / "audit.checkpoints.jsonl";
+  std::vector<std::string> cps = journal_lines(points);
+  Json fake = Json::parse(cps.back());
+  fake["count"] = 3;
+  cps.push_back(fake.dump());
+  write_journal(points, cps);
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started());
+  EXPECT_NE(node->call("GET", "/api/v1/audit/verify").text.find("not signed by this node's key"),
+            std::string::npos);
 }
 
 // Eight clients appending at once get consecutive seq values and one valid

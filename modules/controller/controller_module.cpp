@@ -187,6 +187,7 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
       dir_ / "workers.json", [this](const std::string& line) { log_->info(line); });
   Webhooks::Options wo;
   wo.retry_pause_ms = static_cast<int>(ctx.config->get_int("webhook_retry_pause_ms", 500));
+  wo.guard.configure(false, text::split_list(ctx.config->get("webhook_private_hosts", "")));
   webhooks_ =
       std::make_unique<Webhooks>(wo, [this](const std::string& level, const std::string& l) {
         level == "warn" ? log_->warn(l) : log_->info(l);

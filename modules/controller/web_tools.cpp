@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/json.h"
+#include "modules/controller/address_guard.h"
 
 namespace ostrel::controller {
 namespace {
@@ -18,48 +19,10 @@ using Json = nlohmann::json;
 constexpr std::size_t kMaxBytes = 2 << 20;
 constexpr std::size_t kMaxText = 20000;
 
-bool private_address(const sockaddr* sa) {
-  if (sa->sa_family == AF_INET) {
-    const auto* in = reinterpret_cast<const sockaddr_in*>(sa);
-    const std::uint32_t a = ntohl(in->sin_addr.s_addr);
-    return (a >> 24) == 10 || (a >> 24) == 127 || (a >> 24) == 0 || (a >> 16) == 0xA9FE ||
-           (a >> 20) == 0xAC1 || (a >> 16) == 0xC0A8 || (a >> 22) == (100u << 2 | 1) ||
-           (a >> 28) >= 14;
-  }
-  if (sa->sa_family == AF_INET6) {
-    const auto* in6 = reinterpret_cast<const sockaddr_in6*>(sa);
-    const unsigned char* b = in6->sin6_addr.s6_addr;
-    if (IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr) || IN6_IS_ADDR_UNSPECIFIED(&in6->sin6_addr) ||
-        IN6_IS_ADDR_LINKLOCAL(&in6->sin6_addr) || (b[0] & 0xfe) == 0xfc) {
-      return true;
-    }
-    if (IN6_IS_ADDR_V4MAPPED(&in6->sin6_addr)) {
-      sockaddr_in v4{};
-      v4.sin_family = AF_INET;
-      std::memcpy(&v4.sin_addr, b + 12, 4);
-      return private_address(reinterpret_cast<const sockaddr*>(&v4));
-    }
-  }
-  return false;
-}
-
 struct Transfer {
   std::string body;
   bool truncated = false;
-  bool allow_private = false;
-  bool blocked = false;
 };
-
-// Checked at every connect, redirects included, so a name that resolves to
-// an inside address cannot be used to reach it.
-curl_socket_t open_socket(void* user, curlsocktype, curl_sockaddr* address) {
-  auto* t = static_cast<Transfer*>(user);
-  if (!t->allow_private && private_address(&address->addr)) {
-    t->blocked = true;
-    return CURL_SOCKET_BAD;
-  }
-  return ::socket(address->family, address->socktype, address->protocol);
-}
 
 size_t collect(char* data, size_t size, size_t n, void* user) {
   auto* t = static_cast<Transfer*>(user);
@@ -77,11 +40,12 @@ struct Got {
   long status = 0;
   std::string content_type, error, final_url;
   Transfer t;
+  bool blocked = false;  // a connect to an inside address was refused
 };
 
-Got get(const std::string& url, bool allow_private) {
+Got get(const std::string& url, const AddressGuard& guard) {
   Got g;
-  g.t.allow_private = allow_private;
+  AddressGuard::Transfer checked(guard, url);
   CURL* curl = curl_easy_init();
   if (!curl) {
     g.error = "curl_init_failed";
@@ -101,11 +65,11 @@ Got get(const std::string& url, bool allow_private) {
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, err);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &g.t);
-  curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, open_socket);
-  curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, &g.t);
+  checked.install(curl);
   const CURLcode rc = curl_easy_perform(curl);
+  g.blocked = checked.blocked();
   if (rc != CURLE_OK && !(rc == CURLE_WRITE_ERROR && g.t.truncated)) {
-    g.error = g.t.blocked ? "address_not_allowed" : (err[0] ? err : curl_easy_strerror(rc));
+    g.error = g.blocked ? "address_not_allowed" : (err[0] ? err : curl_easy_strerror(rc));
   }
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &g.status);
   char* ct = nullptr;
@@ -203,7 +167,9 @@ std::string html_to_text(const std::string& html, std::string* title) {
 void WebTools::configure(std::string search_url, bool allow_private) {
   search_url_ = std::move(search_url);
   while (!search_url_.empty() && search_url_.back() == '/') search_url_.pop_back();
-  allow_private_ = allow_private;
+  fetch_guard_.configure(allow_private, {});
+  // The search service is the operator's choice: it may be an inside one.
+  search_guard_.configure(true, {});
 }
 
 WebTools::Answer WebTools::fetch(const std::string& url) const {
@@ -211,7 +177,7 @@ WebTools::Answer WebTools::fetch(const std::string& url) const {
     return {{{"error", "invalid_url"}, {"message", "url must start with http:// or https://"}},
             400};
   }
-  Got g = get(url, allow_private_);
+  Got g = get(url, fetch_guard_);
   if (!g.error.empty()) {
     const bool blocked = g.error == "address_not_allowed";
     return {{{"error", blocked ? "address_not_allowed" : "fetch_failed"},
@@ -243,7 +209,7 @@ WebTools::Answer WebTools::search(const std::string& query, int max_results) con
              {"message", "set controller.web_search_url to a SearXNG-compatible search service"}},
             501};
   }
-  Got g = get(search_url_ + "/search?format=json&q=" + escape_query(query), true);
+  Got g = get(search_url_ + "/search?format=json&q=" + escape_query(query), search_guard_);
   if (!g.error.empty() || g.status < 200 || g.status >= 300) {
     return {{{"error", "search_failed"},
              {"message", g.error.empty() ? "http " + std::to_string(g.status) : g.error}},

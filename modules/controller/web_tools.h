@@ -3,6 +3,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "modules/controller/address_guard.h"
+
 // The web tools the tool loop offers models: fetch one page as text, and
 // search through a configured search service (a SearXNG-compatible JSON API).
 namespace ostrel::controller {
@@ -21,7 +23,8 @@ class WebTools {
 
  private:
   std::string search_url_;
-  bool allow_private_ = false;
+  AddressGuard fetch_guard_;   // inside addresses only with allow_private
+  AddressGuard search_guard_;  // the configured service, wherever it is
 };
 
 // Visible text of an HTML page (scripts, styles and tags removed, entities

@@ -1,6 +1,8 @@
 #include "modules/controller/webhooks.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netinet/in.h>
 
 #include <algorithm>
 
@@ -47,8 +49,10 @@ struct Outcome {
 };
 
 Outcome post(const std::string& url, const std::vector<std::string>& headers,
-             const std::string& body, int timeout_s, int connect_timeout_s) {
+             const std::string& body, int timeout_s, int connect_timeout_s,
+             const AddressGuard& guard) {
   Outcome o;
+  AddressGuard::Transfer checked(guard, url);
   CURL* curl = curl_easy_init();
   if (!curl) {
     o.error = "curl_init_failed";
@@ -65,23 +69,43 @@ Outcome post(const std::string& url, const std::vector<std::string>& headers,
   curl_easy_setopt(curl, CURLOPT_USERAGENT, "Ostrel/5.0.0");
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(timeout_s));
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(connect_timeout_s));
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
+  // A delivery goes where it was subscribed, not where an answer points.
+  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, err);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &o.body);
+  checked.install(curl);
   const CURLcode rc = curl_easy_perform(curl);
   if (rc != CURLE_OK) {
-    o.error = err[0] ? err : curl_easy_strerror(rc);
+    o.error = checked.blocked() ? "address_not_allowed: inside addresses are refused unless "
+                                  "named in controller.webhook_private_hosts"
+                                : (err[0] ? err : curl_easy_strerror(rc));
   } else {
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &o.status);
   }
   curl_slist_free_all(list);
   curl_easy_cleanup(curl);
   return o;
+}
+
+// True when the URL's host is an address literal inside the node's networks.
+bool literal_inside(const std::string& url) {
+  std::string host = url_authority(url);
+  if (!host.empty() && host.front() == '[') {
+    host = host.substr(1, host.find(']') - 1);
+    sockaddr_in6 a6{};
+    a6.sin6_family = AF_INET6;
+    return ::inet_pton(AF_INET6, host.c_str(), &a6.sin6_addr) == 1 &&
+           inside_address(reinterpret_cast<const sockaddr*>(&a6));
+  }
+  host = host.substr(0, host.find(':'));
+  if (host == "localhost") return true;
+  sockaddr_in a4{};
+  a4.sin_family = AF_INET;
+  return ::inet_pton(AF_INET, host.c_str(), &a4.sin_addr) == 1 &&
+         inside_address(reinterpret_cast<const sockaddr*>(&a4));
 }
 
 }  // namespace
@@ -171,6 +195,15 @@ Webhooks::Answer Webhooks::create(const Json& body) {
   }
   if (url.size() > 2048 || url.find_first_of(" \r\n\t") != std::string::npos) {
     return {{{"error", "missing_or_invalid_url"}}, 400};
+  }
+  // An inside address written as such is refused at once (a name that
+  // resolves to one is refused at delivery).
+  if (!opt_.guard.named(url) && literal_inside(url)) {
+    return {{{"error", "private_target_refused"},
+             {"message",
+              "loopback, private and link-local targets are refused unless named in "
+              "controller.webhook_private_hosts"}},
+            400};
   }
   Json events = body.contains("events") ? body["events"] : Json::array();
   if (!events.is_array() ||
@@ -321,9 +354,9 @@ void Webhooks::deliver_(const Job& job) {
               "X-Ostrel-Signature: sha256=" + ostrel_signature(job.secret, job.body),
               "webhook-id: " + msg_id, "webhook-timestamp: " + std::to_string(ts),
               "webhook-signature: " + standard_signature(job.secret, msg_id, ts, job.body)},
-             job.body, opt_.timeout_s, opt_.connect_timeout_s);
+             job.body, opt_.timeout_s, opt_.connect_timeout_s, opt_.guard);
     if (o.error.empty() && o.status >= 200 && o.status < 300) break;
-    permanent = o.status == 410 || o.error.find("Couldn't resolve host") != std::string::npos ||
+    permanent = o.status == 410 || o.error.rfind("address_not_allowed", 0) == 0 || o.error.find("Couldn't resolve host") != std::string::npos ||
                 o.error.find("Could not resolve host") != std::string::npos;
     if (permanent || attempt >= opt_.attempts) break;
     std::unique_lock lock(q_mu_);

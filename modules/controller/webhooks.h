@@ -8,6 +8,8 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
+
+#include "modules/controller/address_guard.h"
 #include <thread>
 
 #include "base/sqlite.h"
@@ -34,6 +36,9 @@ class Webhooks {
     int disable_after_failures = 10;  // consecutive failed deliveries
     int timeout_s = 15;
     int connect_timeout_s = 5;
+    // Which targets may be inside addresses (loopback, private, link-local):
+    // none unless named.
+    AddressGuard guard;
   };
   using LogFn = std::function<void(const std::string& level, const std::string& line)>;
 

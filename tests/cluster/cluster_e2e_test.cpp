@@ -148,7 +148,8 @@ TEST(ClusterNodes, ThreeFormHealRejoinAndReport) {
   TempDir dir;
   Receiver hooks("0123456789abcdef0123456789abcdef");
   TestNode::Options ao = gossip_node("");
-  ao.args = {"--config-set", "controller.sync_interval_s=1"};
+  ao.args = {"--config-set", "controller.sync_interval_s=1", "--config-set",
+             "controller.webhook_private_hosts=127.0.0.1"};
   TestNode a(dir.path(), "a", ao);
   ASSERT_TRUE(a.started()) << a.process().err();
   Answer sub = a.call("POST", "/api/v1/webhooks/subscriptions",
@@ -413,12 +414,23 @@ TEST(ClusterNodes, FailingWebhooksAreRetriedThenDisabled) {
   Receiver broken("k", 500), gone("k", 410);
   TestNode::Options o;
   o.modules = {"controller"};
-  o.args = {"--config-set", "controller.webhook_retry_pause_ms=10"};
+  o.args = {"--config-set", "controller.webhook_retry_pause_ms=10", "--config-set",
+            "controller.webhook_private_hosts=127.0.0.1"};
   TestNode a(dir.path(), "a", o);
   ASSERT_TRUE(a.started()) << a.process().err();
   for (const char* bad : {"ftp://example.com/x", "file:///etc/passwd", "", "http://a b/"}) {
     Answer r = a.call("POST", "/api/v1/webhooks/subscriptions", {{"url", bad}, {"events", {"x"}}});
     EXPECT_EQ(r.body["error"], "missing_or_invalid_url") << bad;
+  }
+  // Inside addresses not named in the setting: the cloud metadata service,
+  // other loopback addresses, the link-local and private ranges.
+  for (const char* inside :
+       {"http://169.254.169.254/latest/meta-data", "http://127.0.0.2:9/x", "http://localhost:9/",
+        "http://10.1.2.3/hook", "http://[::1]:9/", "http://[fe80::1]/"}) {
+    Answer r =
+        a.call("POST", "/api/v1/webhooks/subscriptions", {{"url", inside}, {"events", {"x"}}});
+    EXPECT_EQ(r.status, 400) << inside;
+    EXPECT_EQ(r.body["error"], "private_target_refused") << inside;
   }
   EXPECT_EQ(a.call("DELETE", "/api/v1/webhooks/subscriptions/wh-none").body["error"], "not_found");
   EXPECT_EQ(a.call("POST", "/api/v1/webhooks/subscriptions/wh-none/test").body["error"],

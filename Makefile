@@ -43,6 +43,7 @@ bench: build
 	@bash bench/run.sh $(BUILD_DIR)
 	@bash bench/inference_overhead.sh $(BUILD_DIR)
 	@bash bench/router_overhead.sh $(BUILD_DIR)
+	@bash bench/auth_overhead.sh $(BUILD_DIR)
 	@bash bench/cluster_convergence.sh $(BUILD_DIR)
 	@for b in gateway_bench gguf_bench chunk_store_bench metering_bench vector_search_bench matrix_memory_bench data_bench search_bench audit_bench agent_bench edge_bench auth_metrics_bench; do \
 	  $(BUILD_DIR)/bench/$$b; \

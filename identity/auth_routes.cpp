@@ -164,7 +164,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       // The first account administers the node. An open node lets whoever
       // comes first make it (the operator, on loopback); a node that
       // enforces credentials wants its administrator's for it.
-      if (enforcing && granter.rank < 2) {
+      if (enforcing && granter.rank < 2 && !ctx.first_user_open) {
         return reply(res,
                      {{"error", "admin_credential_required"},
                       {"message",
@@ -172,7 +172,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
                        "administrator credential (the bootstrap token)"}},
                      401);
       }
-      if (!enforcing || granter.rank == 3) {
+      if (!enforcing || granter.rank == 3 || (ctx.first_user_open && granter.rank < 2)) {
         // Two racing for it: one wins, the other goes on like everyone after.
         r = ctx.users->register_user(username, password, role, account_type, tenant, display_name,
                                      "{}", true);

@@ -64,6 +64,9 @@ struct IdentityContext {
   // True while the node enforces credentials (it may start doing so while
   // it runs, when its first user registers).
   std::function<bool()> enforcing;
+  // The operator let anyone make the first account even while the node
+  // enforces credentials (OSTREL_FIRST_USER_OPEN=1; warned about at boot).
+  bool first_user_open = false;
   // Sends a password-reset message to a user name (an e-mail address).
   std::function<void(const std::string& to, const std::string& body)> send_reset_mail;
   // This node's cluster secret.

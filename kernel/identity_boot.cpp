@@ -19,6 +19,11 @@ constexpr std::int64_t kBootstrapLifetimeS = 365LL * 24 * 3600;
 }  // namespace
 
 void Kernel::open_identity_stores_() {
+  if (const char* v = std::getenv("OSTREL_FIRST_USER_OPEN"); v && std::string(v) == "1") {
+    first_user_open_ = true;
+    logger_.warn("OSTREL_FIRST_USER_OPEN=1: while no account exists, anyone who reaches this node "
+                 "may register the first one and become its superadmin, even with auth enforced");
+  }
   const std::filesystem::path state = std::filesystem::path(config_.data_dir) / "state";
   std::error_code ec;
   std::filesystem::create_directories(state, ec);

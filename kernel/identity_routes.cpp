@@ -35,6 +35,7 @@ identity::IdentityContext Kernel::identity_context_() {
   ctx.throttle = &login_throttle_;
   ctx.reset_throttle = &reset_throttle_;
   ctx.enforcing = [this] { return gateway_.auth_mode() == AuthMode::enforce; };
+  ctx.first_user_open = first_user_open_;
   ctx.send_reset_mail = [this](const std::string& to, const std::string& body) {
     send_reset_mail_(to, body);
   };

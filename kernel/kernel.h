@@ -161,6 +161,9 @@ class Kernel {
   std::unique_ptr<identity::ChainCheckpoints> audit_checkpoints_;
   identity_registry::UserStore users_;
   identity::LoginThrottle login_throttle_;
+  // OSTREL_FIRST_USER_OPEN=1: the first account needs no credential even
+  // while the node enforces them.
+  bool first_user_open_ = false;
   // Password-reset requests: three per name or address, then waits.
   identity::LoginThrottle reset_throttle_{identity::LoginThrottle::Settings{3}};
   HybridClock hlc_;

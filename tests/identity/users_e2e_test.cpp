@@ -385,6 +385,17 @@ TEST(UsersNode, EnforcingNodeFirstAccountAndGrantLimits) {
   EXPECT_EQ(login(node, " Dev@Acme.Test ", "dev password").status, 200);
   Answer listed = syscall(node, root_key, "identity.users.list", {});
   EXPECT_EQ(listed.body["body"]["count"], 3) << listed.text;
+
+  // The operator's way back to an open first registration, said at boot.
+  TempDir other;
+  o.env = {{"OSTREL_FIRST_USER_OPEN", "1"}};
+  TestNode open_node(other.path(), "n2", o);
+  ASSERT_TRUE(open_node.started());
+  EXPECT_TRUE(open_node.process().wait_for_err("[WARN][kernel] OSTREL_FIRST_USER_OPEN=1", 1s));
+  Answer first = reg(open_node, "ops@lab.test", "operators pass");
+  EXPECT_EQ(first.status, 200) << first.text;
+  EXPECT_EQ(first.body["role"], "superadmin");
+  EXPECT_EQ(reg(open_node, "late@lab.test", "late comer pass").status, 403);
 }
 
 // The first-user rule is decided once, by the first account: a first

@@ -481,6 +481,29 @@ TEST_F(EnforcingNode, ToolDecisionsPerRoleAndMode) {
   EXPECT_EQ(switched.body["returned"], 2);
 }
 
+// The default mode lets every tool run for every caller: the boot log says
+// so. An operator's security.mode setting is applied (and kept) at start.
+TEST(SecurityModeNode, StubAllowIsWarnedAndTheSettingApplies) {
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {"security"};
+  auto node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started());
+  EXPECT_TRUE(node->process().wait_for_err(
+      "[WARN][kernel/security] tool policy mode is stub_allow: every tool runs", 1s));
+  node->stop();
+  o.args = {"--config-set", "security.mode=enforce"};
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started());
+  EXPECT_EQ(node->call("GET", "/api/v1/security/mode").body["mode"], "enforce");
+  EXPECT_EQ(node->process().err().find("tool policy mode is stub_allow"), std::string::npos);
+  // A viewer's tool decision in the tool loop's terms is refused now.
+  EXPECT_EQ(node->call("POST", "/api/v1/security/check",
+                       {{"tool", "bash"}, {"context", {{"role", "viewer"}}}})
+                .status,
+            403);
+}
+
 // Compliance reports: built from the decision log and the audit chain, kept
 // as JSON and HTML, downloaded as attachments; bad ids and formats refused.
 TEST_F(EnforcingNode, ComplianceReports) {

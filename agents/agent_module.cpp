@@ -144,7 +144,9 @@ class AgentModule : public kernel::ModuleBase {
                    std::int64_t top_k);
   Json rag_search_remote_(const Json& request);
   // The model's reply text, or "" when no model answered.
-  std::string model_call_(const std::string& request);
+  // The answer's text, and in `answered_by` the model that gave it (as the
+  // model list names it).
+  std::string model_call_(const std::string& request, std::string* answered_by = nullptr);
   Json exec_tool_call_(const Json& call, const ToolContext& tc, const Request* http);
   ToolContext tool_context_(const Request& req, const Json& body) const;
   std::string role_of_(const Request& req) const;
@@ -422,7 +424,7 @@ Json AgentModule::rag_search_(const std::string& tenant, const std::string& kb,
   return Json::array();
 }
 
-std::string AgentModule::model_call_(const std::string& request) {
+std::string AgentModule::model_call_(const std::string& request, std::string* answered_by) {
   for (const char* syscall : {"inference.chat", "cloud.chat"}) {
     if (!ctx_.syscalls->has(syscall)) continue;
     kernel::SyscallResult r = ctx_.syscalls->call(kAgentSource, syscall, request);
@@ -436,6 +438,7 @@ std::string AgentModule::model_call_(const std::string& request) {
     if (first.is_object() && first.contains("message") && first["message"].is_object() &&
         first["message"].contains("content") && first["message"]["content"].is_string() &&
         !first["message"]["content"].get<std::string>().empty()) {
+      if (answered_by) *answered_by = base::string_field(j, "model");
       return first["message"]["content"];
     }
   }
@@ -508,7 +511,8 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
                                         ? session_cell->model
                                         : default_model_;
   // 9. The model.
-  std::string reply_text = model_call_(chat_request(session_model, system, turns));
+  std::string answered_by;
+  std::string reply_text = model_call_(chat_request(session_model, system, turns), &answered_by);
   if (reply_text.empty()) reply_text = kUnavailable;
   // 10. The assistant's turn.
   sessions_->record(*s, "assistant", reply_text);
@@ -518,7 +522,8 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
            {"agent_type", agent_type},
            {"domain", domain},
            {"tenant", s->tenant},
-           {"model", session_model},
+           {"model", answered_by.empty() ? session_model : answered_by},
+           {"requested_model", session_model},
            {"knowledge_base_id", r.knowledge_base_id},
            {"retrieved", hits}}};
 }

@@ -315,6 +315,7 @@ void EdgeModule::chat_(const Request& req, Response& res) {
              " tools=" + std::to_string(tools_.size()) +
              " (visible=" + std::to_string(visible.size()) + ")");
   inject_tool_surface(body["messages"]);
+  const std::string requested_model = base::string_field(body, "model");
 
   LoopOutcome out = run_tool_loop(
       std::move(body), ctx, tools_,
@@ -337,6 +338,14 @@ void EdgeModule::chat_(const Request& req, Response& res) {
     return;
   }
   if (!out.text.empty()) {
+    // A model no backend serves was answered by another: the answer names
+    // it, and this header says so (as the router's route does).
+    std::string finish, answered;
+    peek_finish_reason(out.text, finish, &answered);
+    if (!requested_model.empty() && !answered.empty() && answered != requested_model &&
+        answered != requested_model + ":latest") {
+      res.headers["X-Ostrel-Model-Fallback"] = requested_model + " -> " + answered;
+    }
     res.status = out.status;
     res.body = std::move(out.text);
     return;

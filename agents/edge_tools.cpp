@@ -377,10 +377,16 @@ void run_tool_calls(Json& messages, const Json& assistant, const ToolCallContext
   }
 }
 
-bool peek_finish_reason(std::string_view answer, std::string& finish) {
+bool peek_finish_reason(std::string_view answer, std::string& finish, std::string* model) {
   base::JsonScanner scan(answer);
   bool seen = false;
   const bool ok = scan.object([&](std::string_view key) {
+    if (key == "model" && model) {
+      std::string_view m;
+      if (!scan.plain_string(m)) return scan.skip_value(0);
+      model->assign(m);
+      return true;
+    }
     if (key != "choices") return scan.skip_value(0);
     bool first = true;
     return scan.array([&] {

@@ -102,7 +102,8 @@ constexpr int kMaxIterations = 8;
 // The finish reason of a chat-completions answer's first choice, read
 // without building a tree; false when the text is not a well-formed JSON
 // object of the plain shape (the caller then parses it).
-bool peek_finish_reason(std::string_view answer, std::string& finish);
+bool peek_finish_reason(std::string_view answer, std::string& finish,
+                        std::string* model = nullptr);
 // Tool calls run in one round; the model's further calls of that round are
 // answered "tool_call_limit" without running (nor a policy check, nor an
 // audit line).

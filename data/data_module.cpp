@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <charconv>
+#include <cmath>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -248,6 +250,7 @@ class DataModule : public kernel::ModuleBase, public IModule {
   std::deque<Json> async_jobs_;  // stores to forward to peers
   std::thread sync_thread_;
   std::thread replication_thread_;
+  std::thread probe_thread_;  // the embedding model's check at start; joined by stop()
 };
 
 // ---------------------------------------------------------------------------
@@ -363,6 +366,27 @@ bool DataModule::start() {
   }
   sync_thread_ = std::thread([this] { sync_loop_(); });
   replication_thread_ = std::thread([this] { replication_loop_(); });
+  // Once the node is up (its model servers probed), the configured
+  // embedding model is tried: an operator learns at boot, not from a 502 on
+  // the first ingest, that nothing serves it.
+  probe_thread_ = std::thread([this] {
+    {
+      std::unique_lock lock(bg_mu_);
+      if (bg_cv_.wait_for(lock, std::chrono::seconds(2), [this] { return bg_stop_; })) return;
+    }
+    const std::string model = settings_().embedding_model;
+    std::vector<float> v;
+    std::string error;
+    if (!embed_(model, "ostrel embedding probe", v, error)) {
+      log_->warn("data.embedding_model '" + model + "' embeds nothing here (" + error +
+                 "): ingest and search answer 502 until a backend serves it — register one "
+                 "(POST /api/v1/inference/local-backends) or set data.embedding_model=" +
+                 "ulvo-hash-embed-v1");
+    } else {
+      log_->info("embedding model '" + model + "' answers (" + std::to_string(v.size()) +
+                 " dimensions)");
+    }
+  });
   ready_ = true;
   return true;
 }
@@ -376,6 +400,7 @@ void DataModule::stop() {
   bg_cv_.notify_all();
   if (sync_thread_.joinable()) sync_thread_.join();
   if (replication_thread_.joinable()) replication_thread_.join();
+  if (probe_thread_.joinable()) probe_thread_.join();
   if (vectors_) vectors_->sync_dirty();
   if (memory_) memory_->sync_dirty();
 }
@@ -467,11 +492,23 @@ bool DataModule::parse_search_(const Json& body, SearchQuery& q, Json& error_bod
     return false;
   }
   if (auto m = body.find("min_score"); m != body.end() && !m->is_null()) {
-    if (!m->is_number()) {
+    // A number, or a number written as text (the unified search's filters
+    // are text).
+    double v = 0;
+    const bool ok =
+        m->is_number() ? (v = m->get<double>(), true)
+        : m->is_string()
+            ? [&] {
+                const std::string& t = m->get_ref<const std::string&>();
+                auto [at, ec] = std::from_chars(t.data(), t.data() + t.size(), v);
+                return ec == std::errc() && at == t.data() + t.size();
+              }()
+            : false;
+    if (!ok || !std::isfinite(v)) {
       error_body = {{"error", "invalid_request"}, {"detail", "min_score must be a number"}};
       return false;
     }
-    q.min_score = m->get<double>();
+    q.min_score = v;
   }
   if (auto f = body.find("_no_fanout"); f != body.end() && f->is_boolean() && f->get<bool>()) {
     q.fanout = false;
@@ -481,7 +518,8 @@ bool DataModule::parse_search_(const Json& body, SearchQuery& q, Json& error_bod
     return false;
   }
   std::string why;
-  if (!base::safe_name(q.tenant, why, 64) || !base::safe_name(q.ns, why)) {
+  // "*": every namespace of the tenant.
+  if (!base::safe_name(q.tenant, why, 64) || (q.ns != "*" && !base::safe_name(q.ns, why))) {
     error_body = {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}};
     return false;
   }
@@ -509,38 +547,60 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
   // Local journal and SQLite namespace, best first, duplicates dropped.
   std::vector<Json> hits;
   std::set<std::string> ids;
-  for (VectorHit& h : vectors_->search(q.tenant, q.ns, qvec, q.min_score, pool)) {
-    if (!ids.insert(h.id).second) continue;
-    const Json chunk_index = h.metadata.value("chunk_index", Json(0));
-    const Json total_chunks = h.metadata.value("chunk_count", Json(1));
-    hits.push_back({{"id", h.id},
-                    {"score", h.score},
-                    {"text", std::move(h.text)},
-                    {"source", std::move(h.source)},
-                    {"metadata", std::move(h.metadata)},
-                    {"chunk_index", chunk_index},
-                    {"total_chunks", total_chunks},
-                    {"peer", ""}});
+  std::vector<std::string> namespaces;
+  if (q.ns == "*") {
+    std::set<std::string> names;
+    for (const auto& info : vectors_->list(q.tenant)) names.insert(info.name);
+    std::error_code list_ec;
+    const std::string prefix = q.tenant + "_";
+    for (fs::directory_iterator it(vectors_root_, list_ec), end; !list_ec && it != end;
+         it.increment(list_ec)) {
+      const std::string file = it->path().filename().string();
+      if (file.size() > prefix.size() + 3 && file.rfind(prefix, 0) == 0 &&
+          file.compare(file.size() - 3, 3, ".db") == 0) {
+        names.insert(file.substr(prefix.size(), file.size() - prefix.size() - 3));
+      }
+    }
+    namespaces.assign(names.begin(), names.end());
+  } else {
+    namespaces.push_back(q.ns);
   }
-  // The SQLite namespace, when its database exists (a miss is not worth a warning per search).
-  std::error_code ec;
-  std::vector<modules_data::SearchHit> sqlite_hits;
-  if (fs::exists(vectors_root_ / (q.tenant + "_" + q.ns + ".db"), ec)) {
-    sqlite_hits = sqlite_->search(q.tenant, q.ns, qvec, static_cast<std::int32_t>(pool),
-                                  q.min_score, q.keyword_query);
-  }
-  for (auto& h : sqlite_hits) {
-    if (!ids.insert(h.id).second) continue;
-    hits.push_back({{"id", h.id},
-                    {"score", h.score},
-                    {"text", h.content},
-                    {"content", h.content},
-                    {"source", h.source},
-                    {"metadata", h.metadata},
-                    {"chunk_index", h.chunk_index},
-                    {"total_chunks", h.total_chunks},
-                    {"backend", "sqlite"},
-                    {"peer", ""}});
+  for (const std::string& ns : namespaces) {
+    for (VectorHit& h : vectors_->search(q.tenant, ns, qvec, q.min_score, pool)) {
+      if (!ids.insert(h.id).second) continue;
+      const Json chunk_index = h.metadata.value("chunk_index", Json(0));
+      const Json total_chunks = h.metadata.value("chunk_count", Json(1));
+      hits.push_back({{"id", h.id},
+                      {"score", h.score},
+                      {"text", std::move(h.text)},
+                      {"source", std::move(h.source)},
+                      {"metadata", std::move(h.metadata)},
+                      {"chunk_index", chunk_index},
+                      {"total_chunks", total_chunks},
+                      {"namespace", ns},
+                      {"peer", ""}});
+    }
+    // The SQLite namespace, when its database exists (a miss is not worth a warning per search).
+    std::error_code ec;
+    std::vector<modules_data::SearchHit> sqlite_hits;
+    if (fs::exists(vectors_root_ / (q.tenant + "_" + ns + ".db"), ec)) {
+      sqlite_hits = sqlite_->search(q.tenant, ns, qvec, static_cast<std::int32_t>(pool),
+                                    q.min_score, q.keyword_query);
+    }
+    for (auto& h : sqlite_hits) {
+      if (!ids.insert(h.id).second) continue;
+      hits.push_back({{"id", h.id},
+                      {"score", h.score},
+                      {"text", h.content},
+                      {"content", h.content},
+                      {"source", h.source},
+                      {"metadata", h.metadata},
+                      {"chunk_index", h.chunk_index},
+                      {"total_chunks", h.total_chunks},
+                      {"backend", "sqlite"},
+                      {"namespace", ns},
+                      {"peer", ""}});
+    }
   }
   auto by_score = [](const Json& a, const Json& b) {
     return a["score"].get<double>() > b["score"].get<double>();

@@ -1,5 +1,7 @@
 #include "inference/chat_json.h"
 
+#include "inference/scheduler.h"
+
 #include <charconv>
 #include <nlohmann/json.hpp>
 
@@ -300,6 +302,24 @@ bool parse_chat_text(std::string_view text, ChatRequest& out, bool& stream, std:
     return false;
   }
   return parse_chat_request(j, out, stream, error);
+}
+
+std::string answer_model(std::string_view completion) {
+  base::JsonScanner s(completion);
+  std::string model;
+  const bool ok = s.object([&](std::string_view key) {
+    if (key != "model") return s.skip_value(0);
+    std::string_view v;
+    if (!s.plain_string(v)) return s.skip_value(0);
+    model.assign(v);
+    return true;
+  });
+  return ok ? model : std::string();
+}
+
+std::string fallback_note(const std::string& requested, const std::string& answered) {
+  if (requested.empty() || answered.empty() || model_matches(requested, answered)) return "";
+  return requested + " -> " + answered;
 }
 
 // The completion and chunk texts are written directly: they are produced for

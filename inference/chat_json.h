@@ -36,6 +36,16 @@ std::string render_chunk(const std::string& id, const std::string& model, std::i
 void append_chunk(std::string& out, const std::string& id, const std::string& model,
                   std::int64_t created, const std::string& content, bool first,
                   const std::string* finish_reason, const InferenceError* error = nullptr);
+// The "model" member of a completion's text, read without a tree; "" when
+// there is none.
+std::string answer_model(std::string_view completion);
+// The header that tells a client its request was answered by another model
+// than the one it named ("llama3 -> echo"), or "" when it was not: a model no
+// backend serves goes to the least loaded backend (the echo model on a node
+// without model servers), and the answer says so.
+std::string fallback_note(const std::string& requested, const std::string& answered);
+inline constexpr const char* kFallbackHeader = "X-Ostrel-Model-Fallback";
+
 // {"error": {"message", "type", "param", "code"}}, the shape OpenAI clients read.
 nlohmann::json render_error(const InferenceError& e);
 // The last chunk of a stream asked for with "include_usage": no choices, the counts.

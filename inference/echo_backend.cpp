@@ -47,7 +47,8 @@ std::int64_t word_count(std::string_view text) {
 
 std::optional<InferenceError> EchoBackend::complete(const ChatRequest& req, ChatResponse& resp) {
   requests_.fetch_add(1);
-  resp.model = req.model.empty() ? "echo" : req.model;
+  // The answer names the model that gave it, whatever was asked for.
+  resp.model = "echo";
   resp.backend_id = id_;
   resp.message = Message{"assistant", echo_text(req), "", "", ""};
   resp.finish_reason = "stop";
@@ -61,7 +62,7 @@ std::optional<InferenceError> EchoBackend::complete(const ChatRequest& req, Chat
 std::optional<InferenceError> EchoBackend::stream(const ChatRequest& req, const ChunkSink& sink) {
   if (!sink) return InferenceError{400, "echo: sink callback is null"};
   requests_.fetch_add(1);
-  const std::string model = req.model.empty() ? "echo" : req.model;
+  const std::string model = "echo";
   std::optional<InferenceError> result;
   std::string text = echo_text(req);
   const std::int64_t completion_tokens = word_count(text);

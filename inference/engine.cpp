@@ -142,6 +142,26 @@ std::vector<std::string> Engine::available_models() const {
   return {names.begin(), names.end()};
 }
 
+std::string Engine::fallback_for(const std::string& model) const {
+  std::shared_ptr<Backend> least;
+  std::uint64_t least_load = 0;
+  std::vector<std::string> least_models;
+  for (const auto& b : backends()) {
+    if (!b->is_healthy()) continue;
+    BackendStats s = b->stats();
+    for (const auto& m : s.models) {
+      if (model_matches(model, m)) return "";
+    }
+    if (!least || s.in_flight < least_load) {
+      least = b;
+      least_load = s.in_flight;
+      least_models = std::move(s.models);
+    }
+  }
+  if (!least) return "";
+  return least_models.empty() ? least->id() : least_models.front();
+}
+
 void Engine::start() {
   scheduler_.start();
   std::lock_guard lock(health_mu_);

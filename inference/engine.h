@@ -46,6 +46,9 @@ class Engine {
   std::optional<InferenceError> stream(ChatRequest req, ChunkSink sink);
   // Distinct model names of the healthy backends, sorted.
   std::vector<std::string> available_models() const;
+  // "" when a healthy backend lists `model` (see model_matches); otherwise
+  // the model that answers instead (the least loaded backend's first one).
+  std::string fallback_for(const std::string& model) const;
 
   // Ends every backend call in progress, and makes later ones fail at once
   // (the node is shutting down). Streams end with their error chunk.

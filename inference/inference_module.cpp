@@ -139,7 +139,8 @@ class InferenceModule : public kernel::ModuleBase {
   int stream_sse_(ChatRequest chat, const std::function<bool(std::string_view)>& write,
                   bool coalesce);
   void register_local_engine_backend_(const LocalBackend& b);
-  Json runtime_config_json_() const;
+  // `full`: with the host's paths and addresses (administrators).
+  Json runtime_config_json_(bool full) const;
   Json read_settings_() const;
   bool admin_(const Request& req, Response& res) const;
   void register_model_file_routes_(kernel::ApiGateway& gw);
@@ -510,16 +511,27 @@ void InferenceModule::handle_chat_(const Request& req, Response& res) {
   if (chat.request_id.empty()) chat.request_id = "req-" + base::random_hex(16);
   res.headers["X-Session-Id"] = session;
 
+  const std::string requested = chat.model;
   if (!stream) {
     ChatResponse resp;
     if (auto err = engine_->complete(std::move(chat), resp)) {
       reply(res, chat_json::render_error(explain(*err)), err->code);
       return;
     }
+    if (auto note = chat_json::fallback_note(requested, resp.model); !note.empty()) {
+      res.headers[chat_json::kFallbackHeader] = note;
+    }
     res.body = chat_json::render_completion(resp, base::unix_s());
     return;
   }
 
+  // A stream's head leaves before its first piece: the fall-back is told
+  // from the backends' model lists.
+  if (!requested.empty()) {
+    if (const std::string instead = engine_->fallback_for(requested); !instead.empty()) {
+      res.headers[chat_json::kFallbackHeader] = requested + " -> " + instead;
+    }
+  }
   res.content_type = "text/event-stream";
   // The request moves into the stream: a long conversation is not copied for it.
   res.stream = [this, chat = std::move(chat)](const kernel::StreamWrite& write) mutable {
@@ -593,7 +605,7 @@ Json InferenceModule::read_settings_() const {
   return j.is_object() ? j : Json::object();
 }
 
-Json InferenceModule::runtime_config_json_() const {
+Json InferenceModule::runtime_config_json_(bool full) const {
   Json settings = read_settings_();
   Json out = Json::object();
   for (const auto& key : kSettingsKeys) out[key] = settings.contains(key) ? settings[key] : Json();
@@ -601,8 +613,11 @@ Json InferenceModule::runtime_config_json_() const {
   out["scheduler.max_queue_depth"] = options_.max_queue_depth;
   out["session_idle_ttl_seconds"] = options_.session_idle_ttl.count();
   out["health_poll_interval_seconds"] = options_.health_poll_interval.count();
-  out["ollama_url"] = ollama_url_;
-  out["model_dir"] = model_dir_.string();
+  // Where things are on the host is the operator's business.
+  if (full) {
+    out["ollama_url"] = ollama_url_;
+    out["model_dir"] = model_dir_.string();
+  }
   return out;
 }
 
@@ -761,8 +776,9 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
 
   register_model_file_routes_(gw);
 
-  gw.route("GET", "/api/v1/inference/config",
-           [this](const Request&, Response& res) { reply(res, runtime_config_json_()); });
+  gw.route("GET", "/api/v1/inference/config", [this](const Request& req, Response& res) {
+    reply(res, runtime_config_json_(kernel::is_admin(req)));
+  });
 
   gw.route("PUT", "/api/v1/inference/config", [this](const Request& req, Response& res) {
     if (!admin_(req, res)) return;
@@ -774,19 +790,29 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
         return;
       }
     }
-    bool persisted = false;
+    std::string error;
     {
       // Two writers must not both read the old file and lose one's keys.
       std::lock_guard lock(settings_mu_);
       Json settings = read_settings_();
       for (auto it = body.begin(); it != body.end(); ++it) settings[it.key()] = it.value();
-      std::string error;
-      persisted = base::write_file_atomically(config_dir_ / "inference.json",
-                                              base::dump_json(settings, 2) + "\n", error);
-      if (!persisted) log_->warn("inference.json not written: " + error);
+      if (!base::write_file_atomically(config_dir_ / "inference.json",
+                                       base::dump_json(settings, 2) + "\n", error)) {
+        log_->warn("inference.json not written: " + error);
+      } else {
+        error.clear();
+      }
     }
-    reply(res,
-          {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", persisted}});
+    if (!error.empty()) {
+      reply(res,
+            {{"error", "not_saved"},
+             {"message", "the settings could not be written to the configuration directory "
+                         "(OSTREL_CONFIG_DIR); nothing was changed"},
+             {"detail", error}},
+            507);
+      return;
+    }
+    reply(res, {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", true}});
   });
 
   gw.route("GET", "/api/v1/inference/gpu", [this](const Request&, Response& res) {
@@ -971,12 +997,23 @@ void InferenceModule::register_backend_routes_(kernel::ApiGateway& gw) {
       return;
     }
     std::string journal_error;
-    bool fresh = locals_->set(b, journal_error);
-    if (!journal_error.empty()) log_->warn("local-backend journal append failed: " + journal_error);
+    const auto change = locals_->set(b, journal_error);
+    if (change == LocalBackendRegistry::Change::not_saved) {
+      log_->warn("local backend " + b.id + " not registered: its journal " +
+                 locals_->journal_path().string() + " cannot be written: " + journal_error);
+      reply(res,
+            {{"error", "not_saved"},
+             {"message", "the registration could not be written to the configuration "
+                         "directory (OSTREL_CONFIG_DIR); nothing was changed"},
+             {"detail", journal_error}},
+            507);
+      return;
+    }
     register_local_engine_backend_(b);
-    reply(res, {{"status", fresh ? "registered" : "updated"},
-                {"id", b.id},
-                {"journal", locals_->journal_path().filename().string()}});
+    reply(res,
+          {{"status", change == LocalBackendRegistry::Change::added ? "registered" : "updated"},
+           {"id", b.id},
+           {"journal", locals_->journal_path().filename().string()}});
   });
 
   gw.route("DELETE", "/api/v1/inference/local-backends/*",
@@ -985,12 +1022,19 @@ void InferenceModule::register_backend_routes_(kernel::ApiGateway& gw) {
              const std::string id =
                  req.path.substr(std::string("/api/v1/inference/local-backends/").size());
              std::string journal_error;
-             if (!locals_->remove(id, journal_error)) {
+             const auto change = locals_->remove(id, journal_error);
+             if (change == LocalBackendRegistry::Change::unknown) {
                reply(res, {{"error", "not_found"}}, 404);
                return;
              }
-             if (!journal_error.empty())
-               log_->warn("local-backend journal append failed: " + journal_error);
+             if (change == LocalBackendRegistry::Change::not_saved) {
+               reply(res,
+                     {{"error", "not_saved"},
+                      {"message", "the removal could not be written; nothing was changed"},
+                      {"detail", journal_error}},
+                     507);
+               return;
+             }
              engine_->remove_backend(id);
              reply(res, {{"status", "removed"}, {"id", id}});
            });
@@ -1078,14 +1122,23 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           return base::syscall_error_body(Json{{"error", error.empty() ? "invalid_json" : error}});
         }
         std::string journal_error;
-        bool fresh = locals_->set(b, journal_error);
-        if (!journal_error.empty()) {
-          log_->warn("local-backend journal append failed: " + journal_error);
+        const auto change = locals_->set(b, journal_error);
+        if (change == LocalBackendRegistry::Change::not_saved) {
+          return base::syscall_error_body(
+              Json{{"error", "not_saved"}, {"detail", journal_error}});
         }
         register_local_engine_backend_(b);
-        return base::syscall_ok(Json{{"status", fresh ? "registered" : "updated"}, {"id", b.id}});
+        return base::syscall_ok(Json{
+            {"status", change == LocalBackendRegistry::Change::added ? "registered" : "updated"},
+            {"id", b.id}});
       });
 
+  // The model that answers in place of `model` when no backend serves it.
+  table.register_syscall(kInferenceSource, "inference.models.fallback",
+                         base::json_syscall([this](const Json& a) {
+                           return base::syscall_ok(
+                               Json{{"instead", engine_->fallback_for(a.value("model", ""))}});
+                         }));
   table.register_syscall(kInferenceSource, "inference.local_backends.list",
                          [this](std::string_view) {
                            Json list = Json::array();

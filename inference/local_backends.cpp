@@ -127,15 +127,19 @@ std::size_t LocalBackendRegistry::replay() {
   });
 }
 
-bool LocalBackendRegistry::set(LocalBackend b, std::string& journal_error) {
+LocalBackendRegistry::Change LocalBackendRegistry::set(LocalBackend b, std::string& error) {
   b.env_allowed = !b.api_key_env.empty() && env_allowlist_.count(b.api_key_env);
   std::lock_guard lock(mu_);
   Json record = {{"op", "set"}, {"id", b.id}, {"backend", b}};
-  base::append_journal_line(journal_, base::dump_json(record), journal_error);
-  bool fresh = !backends_.count(b.id);
+  std::error_code ec;
+  std::filesystem::create_directories(journal_.parent_path(), ec);
+  if (!base::append_journal_line(journal_, base::dump_json(record), error)) {
+    return Change::not_saved;
+  }
+  const bool fresh = !backends_.count(b.id);
   if (fresh) order_.push_back(b.id);
   backends_[b.id] = std::move(b);
-  return fresh;
+  return fresh ? Change::added : Change::replaced;
 }
 
 bool LocalBackendRegistry::compact(std::string& error) {
@@ -149,14 +153,17 @@ bool LocalBackendRegistry::compact(std::string& error) {
   return base::write_file_atomically(journal_, text, error);
 }
 
-bool LocalBackendRegistry::remove(const std::string& id, std::string& journal_error) {
+LocalBackendRegistry::Change LocalBackendRegistry::remove(const std::string& id,
+                                                           std::string& error) {
   std::lock_guard lock(mu_);
-  if (!backends_.count(id)) return false;
-  base::append_journal_line(journal_, base::dump_json(Json{{"op", "remove"}, {"id", id}}),
-                            journal_error);
+  if (!backends_.count(id)) return Change::unknown;
+  if (!base::append_journal_line(journal_, base::dump_json(Json{{"op", "remove"}, {"id", id}}),
+                                 error)) {
+    return Change::not_saved;
+  }
   backends_.erase(id);
   std::erase(order_, id);
-  return true;
+  return Change::removed;
 }
 
 std::vector<LocalBackend> LocalBackendRegistry::list() const {

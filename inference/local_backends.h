@@ -61,10 +61,12 @@ class LocalBackendRegistry {
   // False with "api_key_env_not_allowed: …" when `b` names a variable that
   // is not on the allowlist.
   bool check_env(const LocalBackend& b, std::string& error) const;
-  // True when the id was new ("registered"), false when it replaced one ("updated").
-  // `journal_error` is set when the append failed (the change still holds).
-  bool set(LocalBackend b, std::string& journal_error);
-  bool remove(const std::string& id, std::string& journal_error);
+  // Journal first, then memory: when the append fails nothing changes.
+  enum class Change { added, replaced, removed, unknown, not_saved };
+  // added (the id was new) or replaced; not_saved with the reason in `error`.
+  Change set(LocalBackend b, std::string& error);
+  // removed, unknown, or not_saved with the reason in `error`.
+  Change remove(const std::string& id, std::string& error);
   std::vector<LocalBackend> list() const;  // sorted by id
   // Rewrites the journal as one "set" record per backend, in registration
   // order (temporary file and rename); false with the reason.

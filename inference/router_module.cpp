@@ -20,6 +20,7 @@
 #include "base/json.h"
 #include "base/json_scanner.h"
 #include "base/reply.h"
+#include "inference/chat_json.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
@@ -554,9 +555,13 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
     return false;
   };
 
-  gw.route("GET", "/v1/models", [this](const Request&, Response& res) { reply(res, models_()); });
-  gw.route("GET", "/v1/models/*", [this](const Request& req, Response& res) {
-    const std::string id = req.path.substr(std::string_view("/v1/models/").size());
+  // The OpenAI-shaped routes, also under /api/v1/router/v1: the base URL of
+  // plain model calls on a node whose /v1 goes through the tool loop, for
+  // clients that run their own functions (tool calls come back to them).
+  for (const std::string base : {"/v1", "/api/v1/router/v1"}) {
+  gw.route("GET", base + "/models", [this](const Request&, Response& res) { reply(res, models_()); });
+  gw.route("GET", base + "/models/*", [this, base](const Request& req, Response& res) {
+    const std::string id = req.path.substr(base.size() + std::string_view("/models/").size());
     const Json models = models_();  // named: a range over a temporary's member dangles
     for (const auto& m : models["data"]) {
       if (m["id"] == id) {
@@ -570,7 +575,7 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
           404);
   });
   gw.route(
-      "POST", "/v1/chat/completions",
+      "POST", base + "/chat/completions",
       [this, openai_scope](const Request& req, Response& res) {
         if (!openai_scope(req, res)) return;
         std::string model;
@@ -581,6 +586,17 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
           const std::string body = req.body;
           res.content_type = "text/event-stream";
           res.headers["Cache-Control"] = "no-cache";
+          if (!model.empty() && ctx_.syscalls->has("inference.models.fallback")) {
+            Json f = base::parse_json(
+                ctx_.syscalls
+                    ->call(kRouterSource, "inference.models.fallback",
+                           base::dump_json({{"model", model}}))
+                    .body);
+            if (f.is_object() && !base::string_field(f, "instead").empty()) {
+              res.headers[chat_json::kFallbackHeader] =
+                  model + " -> " + base::string_field(f, "instead");
+            }
+          }
           res.stream = [this, body](const kernel::StreamWrite& write) {
             const auto started = std::chrono::steady_clock::now();
             const int rc = ctx_.syscalls->call_streaming(
@@ -591,12 +607,16 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
           return;
         }
         Dispatch d = chat_(req.body);
+        if (d.status == 200) {
+          const std::string note = chat_json::fallback_note(model, chat_json::answer_model(d.body));
+          if (!note.empty()) res.headers[chat_json::kFallbackHeader] = note;
+        }
         res.status = d.status;
         res.body = std::move(d.body);
       },
       large);
   gw.route(
-      "POST", "/v1/embeddings",
+      "POST", base + "/embeddings",
       [this, openai_scope](const Request& req, Response& res) {
         if (!openai_scope(req, res)) return;
         Dispatch d = embeddings_(req.body);
@@ -604,6 +624,7 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
         res.body = std::move(d.body);
       },
       large);
+  }
 
   gw.route("GET", "/api/v1/workers", [this](const Request&, Response& res) {
     if (ctx_.syscalls->has("controller.workers.list")) {

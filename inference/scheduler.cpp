@@ -15,6 +15,14 @@ obs::Gauge& depth_gauge() {
 }
 }  // namespace
 
+bool model_matches(std::string_view requested, std::string_view listed) {
+  if (requested == listed) return true;
+  // A name without a tag means its "latest" tag, as Ollama reads it.
+  return requested.find(':') == std::string_view::npos &&
+         listed.size() == requested.size() + 7 && listed.substr(0, requested.size()) == requested &&
+         listed.substr(requested.size()) == ":latest";
+}
+
 std::shared_ptr<Backend> default_selector(const ChatRequest& req, const BackendList& backends) {
   std::shared_ptr<Backend> least, least_with_model;
   std::uint64_t least_load = 0, least_model_load = 0;
@@ -25,7 +33,8 @@ std::shared_ptr<Backend> default_selector(const ChatRequest& req, const BackendL
       least = b;
       least_load = s.in_flight;
     }
-    bool lists = std::find(s.models.begin(), s.models.end(), req.model) != s.models.end();
+    bool lists = std::any_of(s.models.begin(), s.models.end(),
+                             [&](const std::string& m) { return model_matches(req.model, m); });
     if (lists && (!least_with_model || s.in_flight < least_model_load)) {
       least_with_model = b;
       least_model_load = s.in_flight;

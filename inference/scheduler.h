@@ -30,6 +30,11 @@ using BackendSelector =
 
 // Least in-flight backend that lists the model, else least in-flight overall;
 // ties go to the earlier backend.
+// True when a backend listing `listed` serves a request for `requested`:
+// the same name, or a name without a tag and its ":latest" ("llama3" and
+// "llama3:latest").
+bool model_matches(std::string_view requested, std::string_view listed);
+
 std::shared_ptr<Backend> default_selector(const ChatRequest& req, const BackendList& backends);
 
 struct QueuedRequest {

@@ -17,7 +17,7 @@ constexpr const char* kUsage =
     "  --role=<list>         Comma-separated module names to activate (default: all loaded)\n"
     "  --modules-d=<path>    Directory containing *.module.yaml (default: modules.d)\n"
     "  --data-dir=<path>     Data root (default: $OSTREL_DATA_DIR or platform_paths default)\n"
-    "  --node-id=<id>        Node identifier (default: node-1)\n"
+    "  --node-id=<id>        Node identifier (default: $OSTREL_NODE_ID, else node-1)\n"
     "  --bind=<address>      Bind address (default: 0.0.0.0)\n"
     "  --port=<port>         HTTP port (default: 8880)\n"
     "  --extensions-d=<path> Writable overlay dir for admin-installed extensions.\n"
@@ -101,6 +101,8 @@ ParseOutcome parse(int argc, const char* const* argv, const EnvLookup& env, std:
     cfg.data_dir = "/tmp/ostrel";
   }
   if (const char* ext = env("OSTREL_ULVO_EXTENSIONS_D")) cfg.extensions_d = ext;
+  // The node's id: --node-id, else OSTREL_NODE_ID, else "node-1".
+  if (const char* id = env("OSTREL_NODE_ID"); id && *id) cfg.node_id = id;
   if (const char* auth = env("OSTREL_AUTH")) {
     std::string_view a = auth;
     if (a == "enforce" || a == "1" || a == "on") cfg.auth_mode = AuthMode::enforce;

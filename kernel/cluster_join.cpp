@@ -98,6 +98,15 @@ bool Kernel::send_peer_register_once_(const std::string& controller) {
   base::HttpReply r =
       base::http_post(controller, "/api/v1/cluster/register", base::dump_json(body), {},
                       std::chrono::seconds(5), "application/json", std::chrono::seconds(2));
+  if (r.transport_ok && r.status == 409 && !duplicate_reported_.exchange(true)) {
+    const Json why = base::parse_json(r.body);
+    logger_.error("the controller refuses this node's id '" + config_.node_id +
+                  "': another node registered it" +
+                  (why.is_object() && why.contains("registered_url")
+                       ? " from " + base::string_field(why, "registered_url")
+                       : std::string()) +
+                  " — give every node its own --node-id (or OSTREL_NODE_ID)");
+  }
   return r.transport_ok && r.status >= 200 && r.status < 300;
 }
 

@@ -459,20 +459,25 @@ void Kernel::drain_and_stop() {
   }
   bg_threads_.clear();
 
-  if (!running_.exchange(false)) return;
-  logger_.info("shutting down");
+  // A boot that failed half-way stops what it started too: module threads
+  // are joined either way.
+  const bool was_running = running_.exchange(false);
+  if (was_running) logger_.info("shutting down");
   if (gossip_) {
-    logger_.info("gossip mesh: graceful leave");
+    if (was_running) logger_.info("gossip mesh: graceful leave");
     gossip_->stop();
   }
   gateway_.stop();
-  if (exporting_) telemetry::Telemetry::instance().shutdown();  // one last pass
+  if (exporting_) {
+    telemetry::Telemetry::instance().shutdown();  // one last pass
+    exporting_ = false;
+  }
   for (const std::string& problem : sequencer_.shutdown()) {
     logger_.warn("BootSequencer shutdown reported: " + problem);
   }
   // The last word of the run: the audit chain's head, signed.
   checkpoint_audit_();
-  logger_.info("clean shutdown");
+  if (was_running) logger_.info("clean shutdown");
 }
 
 }  // namespace ostrel::kernel

@@ -173,6 +173,7 @@ class Kernel {
   std::map<std::string, nlohmann::json> catalogs_;
   std::unique_ptr<cluster::gossip::GossipMesh> gossip_;
   int heartbeat_period_s_ = 30;  // seconds between registrations with the controller
+  std::atomic<bool> duplicate_reported_{false};  // the controller refused this node's id
   std::string cluster_secret_;
   std::string controller_node_id_;
   NodeIdentity identity_;

@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
   if (!kernel->boot()) {
     std::fprintf(stderr, "boot failed\n");
     g_kernel = nullptr;
-    // Modules were never marked running, so destruction does not stop them.
+    // Destruction stops and joins whatever the boot had started.
     kernel.reset();
     return 1;
   }

@@ -95,12 +95,16 @@ void Kernel::start_search_() {
       if (!f->is_object()) {
         return {{"error", "invalid_filters"}, {"message", "filters must be an object"}};
       }
+      // Text, or a number or true/false given as such ("min_score": 0.1).
       for (auto it = f->begin(); it != f->end(); ++it) {
-        if (!it->is_string()) {
+        if (it->is_string()) {
+          q.filters[it.key()] = it->get<std::string>();
+        } else if (it->is_number() || it->is_boolean()) {
+          q.filters[it.key()] = it->dump();
+        } else {
           return {{"error", "invalid_filters"},
-                  {"message", "filter '" + it.key() + "' must be a string"}};
+                  {"message", "filter '" + it.key() + "' must be text, a number or true/false"}};
         }
-        q.filters[it.key()] = it->get<std::string>();
       }
     }
     ostrel::search::SearchResult r = search_->search(q);

@@ -43,7 +43,10 @@ class VectorSource : public KernelSearchSource {
   std::string source_kind() const override { return "vector"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Knowledge; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
-    const std::string ns = filter(q, "namespace", "default");
+    // Without a namespace filter, every namespace of the tenant; without a
+    // score floor, the vector route's own is too high for a search that
+    // ranks hits of many kinds together, so any positive match counts.
+    const std::string ns = filter(q, "namespace", "*");
     Json args = {{"query", q.text},
                  {"tenant", q.tenant_id.empty() ? "default" : q.tenant_id},
                  {"namespace", ns},
@@ -52,6 +55,7 @@ class VectorSource : public KernelSearchSource {
     if (auto model = filter(q, "embedding_model", ""); !model.empty()) {
       args["embedding_model"] = model;
     }
+    args["min_score"] = 0.01;
     if (auto m = filter(q, "min_score", ""); !m.empty()) args["min_score"] = std::atof(m.c_str());
     std::vector<Hit> out;
     auto answer = call_("data.vector.search", args, missing_);
@@ -64,7 +68,8 @@ class VectorSource : public KernelSearchSource {
       hit.snippet = h.contains("text") ? string_field(h, "text") : string_field(h, "content");
       hit.title = string_field(h, "source").empty() ? hit.id : string_field(h, "source");
       hit.score = number_of(h, "score");
-      hit.uri = "vector:///" + ns + "/" + hit.id;
+      hit.uri = "vector:///" + (h.contains("namespace") ? string_field(h, "namespace") : ns) +
+                "/" + hit.id;
       for (const char* key : {"source", "chunk_index", "peer", "backend"}) {
         if (h.contains(key)) hit.metadata[key] = string_field(h, key);
       }

@@ -192,6 +192,32 @@ bool looks_like_json(std::string_view body) {
   return false;
 }
 
+// The OpenAI-shaped paths answer errors in the shape OpenAI clients read.
+bool openai_path(std::string_view path) { return starts_with(path, "/v1/"); }
+
+// A refused credential: {"error":"<code>", "reason"|"message"} on the node's
+// own routes, {"error":{"message","type","code"}} on the OpenAI-shaped ones.
+void credential_error(Response& res, int status, std::string_view code, const std::string& detail,
+                      bool openai) {
+  res.status = status;
+  res.content_type = "application/json";
+  if (openai) {
+    res.body = "{\"error\":{\"message\":";
+    text::append_json_string(res.body, status == 401 ? "a credential is required: " + detail
+                                                      : "the credential was refused: " + detail);
+    res.body += status == 401 ? ",\"type\":\"authentication_error\",\"code\":"
+                              : ",\"type\":\"permission_error\",\"code\":";
+    text::append_json_string(res.body, code);
+    res.body += ",\"param\":null}}";
+    return;
+  }
+  res.body = "{\"error\":";
+  text::append_json_string(res.body, code);
+  res.body += status == 401 ? ",\"message\":" : ",\"reason\":";
+  text::append_json_string(res.body, detail);
+  res.body += '}';
+}
+
 bool wants_event_stream(const Request& req) {
   if (req.method != "POST" && req.method != "PUT") return false;
   if (req.header("Accept").find("text/event-stream") == std::string::npos) return false;
@@ -419,7 +445,8 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
     if (token.empty()) token = bearer_token(req.header("Authorization"));
     if (token.empty()) token = req.header("X-API-Key");
     if (token.empty() && !is_public) {
-      res.error(401, "unauthenticated", "missing X-Ostrel-Capability");
+      credential_error(res, 401, "unauthenticated", "missing X-Ostrel-Capability",
+                       openai_path(req.path));
       return;
     }
     if (!token.empty()) {
@@ -429,8 +456,7 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
       }
       AuthResult auth = verifier(token);
       if (!auth.valid) {
-        res.status = 403;
-        res.body = "{\"error\":\"forbidden\",\"reason\":" + text::json_quote(auth.reason) + "}";
+        credential_error(res, 403, "forbidden", auth.reason, openai_path(req.path));
         return;
       }
       req.tenant = std::move(auth.tenant);

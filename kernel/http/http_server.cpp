@@ -142,7 +142,12 @@ void write_response(Response& res, httplib::Response& out) {
         // the end of the chunked body instead of a write of its own. (Were
         // the producer to write more, it would simply leave with that.)
         if (t_connection && piece.ends_with(kLastEvent)) t_connection->hold_next_write();
-        open = sink.write(piece.data(), piece.size());
+        // The library frames each write as a chunk through copies of it: a
+        // long piece goes out in slices, so those copies stay small.
+        constexpr std::size_t kSlice = 256 * 1024;
+        for (std::size_t at = 0; open && at < piece.size(); at += kSlice) {
+          open = sink.write(piece.data() + at, std::min(kSlice, piece.size() - at));
+        }
         return open;
       });
     } catch (...) {

@@ -315,6 +315,11 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
   std::string why;
   if (!base::safe_name(node_id, why, 128))
     return reply(res, {{"error", "invalid node_id"}, {"message", why}}, 400);
+  if (node_id == ctx_.node_id) {
+    log_->error("duplicate node id '" + node_id + "': a node at " + req.client_addr +
+                " asks to join with this controller's own id — refused");
+    return reply(res, {{"error", "duplicate_node_id"}, {"node_id", node_id}}, 409);
+  }
   if (join_token_.empty() && !open_join_) {
     return reply(res,
                  {{"error", "join_token_not_configured"},
@@ -425,6 +430,27 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
     std::smatch m;
     const std::string port = std::regex_search(url, m, port_re) ? m[1].str() : "8880";
     url = "http://" + req.client_addr + ":" + port;
+  }
+  // Two nodes with one id would overwrite each other here and everywhere
+  // else: the second is refused while the first is alive.
+  if (node == ctx_.node_id) {
+    log_->error("duplicate node id '" + node + "': this controller's own id, registered from " +
+                url + " — refused; give every node its own --node-id");
+    return reply(res, {{"error", "duplicate_node_id"}, {"node_id", node}}, 409);
+  }
+  {
+    std::lock_guard lock(mu_);
+    auto it = registered_.find(node);
+    if (it != registered_.end() && it->second.url != url &&
+        base::unix_ms() - it->second.last_seen_ms <= stale_after_s_ * 1000LL) {
+      log_->error("duplicate node id '" + node + "': registered from " + it->second.url +
+                  " and now from " + url +
+                  " — the second is refused; give every node its own --node-id");
+      t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
+      return reply(res,
+                   {{"error", "duplicate_node_id"}, {"node_id", node}, {"registered_url", it->second.url}},
+                   409);
+    }
   }
   PeerNode p;
   p.node_id = node;

@@ -20,15 +20,16 @@ function freePort() {
   });
 }
 
-// `settings(port)` gives the "key=value" settings beyond the defaults; the
-// answer is { node, port } once the node is ready.
-export async function startNode(dataDir, settings = () => []) {
+// `settings(port)` gives the "key=value" settings beyond the defaults and
+// `env` variables beyond the defaults; the answer is { node, port } once the
+// node is ready.
+export async function startNode(dataDir, settings = () => [], env = {}) {
   const port = await freePort();
   const args = [`--port=${port}`, "--bind=127.0.0.1", `--data-dir=${dataDir}`,
     `--modules-d=${sourceDir}/modules.d`, "--config-set", "data.embedding_model=ulvo-hash-embed-v1"];
   for (const s of settings(port)) args.push("--config-set", s);
   const node = spawn(binary, args, {
-    env: { ...process.env, OSTREL_AUTH: "off", OSTREL_CONFIG_DIR: join(dataDir, "config") },
+    env: { ...process.env, OSTREL_AUTH: "off", OSTREL_CONFIG_DIR: join(dataDir, "config"), ...env },
     stdio: ["ignore", "ignore", "pipe"],
   });
   let err = "";

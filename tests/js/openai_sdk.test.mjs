@@ -22,6 +22,16 @@ function scriptedAnswer(body) {
   const msgs = body.messages ?? [];
   const last = msgs[msgs.length - 1] ?? {};
   const toolMsgs = msgs.filter((m) => m.role === "tool");
+  if (body.model === "weather-model") {
+    // The client's own function: asked for once, then the answer from its result.
+    if (toolMsgs.length === 0) {
+      return {
+        message: { role: "assistant", content: "", tool_calls: [{ function: { name: "get_weather", arguments: { city: "Paris" } } }] },
+        done_reason: "stop",
+      };
+    }
+    return { message: { role: "assistant", content: `Weather report: ${toolMsgs[0].content}` }, done_reason: "stop" };
+  }
   if (body.model === "tool-model") {
     if (toolMsgs.length === 0) {
       return {
@@ -44,7 +54,8 @@ const model = createServer((req, res) => {
   req.on("end", () => {
     res.setHeader("Content-Type", "application/json");
     if (req.url === "/api/tags") {
-      res.end(JSON.stringify({ models: [{ name: "tool-model" }, { name: "plain-model" }] }));
+      res.end(JSON.stringify({ models: [{ name: "tool-model" }, { name: "plain-model" }, { name: "weather-model" },
+        { name: "tagged-model:latest" }] }));
       return;
     }
     const body = JSON.parse(text || "{}");
@@ -185,4 +196,65 @@ test("tools: the model asks for a tool, the node runs it, the SDK gets the answe
     body: JSON.stringify({ query: "favourite_colour" }),
   }).then((r) => r.json());
   assert.ok(recalled.hits.some((h) => h.value === "Alice likes teal"), JSON.stringify(recalled));
+});
+
+test("client-side functions: runTools against the base URL without the tool loop", async () => {
+  // /v1 runs every tool call on the node (its tool loop); /api/v1/router/v1
+  // hands tool calls back to the client, as model servers do.
+  const plain = new OpenAI({ apiKey: "unused", baseURL: baseURL.replace("/v1", "/api/v1/router/v1"), maxRetries: 0 });
+  const asked = [];
+  const runner = plain.chat.completions.runTools({
+    model: "weather-model",
+    messages: [{ role: "user", content: "What is the weather in Paris?" }],
+    tools: [{
+      type: "function",
+      function: {
+        name: "get_weather",
+        description: "The weather in a city",
+        parameters: { type: "object", properties: { city: { type: "string" } }, required: ["city"] },
+        parse: JSON.parse,
+        function: ({ city }) => { asked.push(city); return { city, sky: "sunny" }; },
+      },
+    }],
+  });
+  const final = await runner.finalContent();
+  assert.deepEqual(asked, ["Paris"]);
+  assert.match(final, /^Weather report: .*sunny/);
+  // Through /v1 the node's loop runs calls itself, and a function it does
+  // not know comes back to the model as unknown_tool.
+  const looped = await client().chat.completions.create({
+    model: "weather-model", messages: [{ role: "user", content: "What is the weather in Paris?" }],
+  });
+  assert.match(looped.choices[0].message.content, /unknown_tool/);
+});
+
+test("model names: tags resolve as Ollama's users expect, and a fall-back is visible", async () => {
+  const tagged = await client().chat.completions.create({ model: "tagged-model", messages: [{ role: "user", content: "hi" }] });
+  assert.equal(tagged.choices[0].message.content, "scripted: hi");
+  const { data, response } = await client().chat.completions
+    .create({ model: "no-such-model", messages: [{ role: "user", content: "hi" }] })
+    .withResponse();
+  assert.equal(data.model, "echo");
+  assert.equal(data.choices[0].message.content, "Echo: hi");
+  assert.equal(response.headers.get("x-ostrel-model-fallback"), "no-such-model -> echo");
+  const served = await client().chat.completions.create({ model: "plain-model", messages: [{ role: "user", content: "x" }] }).withResponse();
+  assert.equal(served.response.headers.get("x-ostrel-model-fallback"), null);
+});
+
+test("an enforcing node refuses a bad key in the shape the SDK reads", async () => {
+  const dir = mkdtempSync(join(tmpdir(), "ostrel-sdk-enforce-"));
+  const { node: strict, port } = await startNode(dir, () => [], { OSTREL_AUTH: "enforce" });
+  try {
+    const bad = new OpenAI({ apiKey: "not-a-token", baseURL: `http://127.0.0.1:${port}/v1`, maxRetries: 0 });
+    await assert.rejects(
+      bad.chat.completions.create({ model: "echo", messages: [{ role: "user", content: "hi" }] }),
+      (e) => e instanceof OpenAI.PermissionDeniedError && e.status === 403 && e.type === "permission_error" &&
+        e.message.includes("the credential was refused: bad_encoding"),
+    );
+    await assert.rejects(bad.models.retrieve("echo"),
+      (e) => e.status === 403 && e.error?.type === "permission_error");
+  } finally {
+    await stopNode(strict);
+    rmSync(dir, { recursive: true, force: true });
+  }
 });

@@ -53,6 +53,11 @@ TEST(CommandLine, DefaultsAndEnvironment) {
   auto env = parse_args({}, {{"OSTREL_AUTH", "on"}, {"OSTREL_ULVO_EXTENSIONS_D", "/ext"}});
   EXPECT_EQ(env.outcome.config.auth_mode, AuthMode::enforce);
   EXPECT_EQ(env.outcome.config.extensions_d, "/ext");
+  // The node id: OSTREL_NODE_ID when set and not empty, --node-id over it.
+  EXPECT_EQ(parse_args({}, {{"OSTREL_NODE_ID", "edge-7"}}).outcome.config.node_id, "edge-7");
+  EXPECT_EQ(parse_args({}, {{"OSTREL_NODE_ID", ""}}).outcome.config.node_id, "node-1");
+  EXPECT_EQ(parse_args({"--node-id=n9"}, {{"OSTREL_NODE_ID", "edge-7"}}).outcome.config.node_id,
+            "n9");
   // The environment is matched case-sensitively and silently ignored otherwise.
   EXPECT_EQ(parse_args({}, {{"OSTREL_AUTH", "ON"}}).outcome.config.auth_mode, AuthMode::off);
   // The command line overrides the environment.

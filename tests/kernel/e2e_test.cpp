@@ -140,8 +140,16 @@ TEST_F(NodeProcess, ModulesStopInReverseOrderOnSigterm) {
   EXPECT_LT(err.find("[INFO][kernel] stop "), err.find("[INFO][kernel] clean shutdown"));
 }
 
+// Every module loaded, so their threads run when the bind fails: they are
+// stopped and joined, and the process exits 1 (not an abort).
 TEST_F(NodeProcess, TakenPortExitsOneWithBootFailed) {
   std::filesystem::create_directories(dir_ / "modules.d");
+  for (const auto& m :
+       std::filesystem::directory_iterator(std::filesystem::path(OSTREL_SOURCE_DIR) / "modules.d")) {
+    if (m.path().extension() == ".yaml") {
+      std::filesystem::copy_file(m.path(), dir_ / "modules.d" / m.path().filename());
+    }
+  }
   Process first(OSTREL_BINARY, node_options(0), dir_ / "logs");
   const int port = wait_for_ready_port(first, 10s);
   ASSERT_GT(port, 0) << first.err();
@@ -152,6 +160,8 @@ TEST_F(NodeProcess, TakenPortExitsOneWithBootFailed) {
   EXPECT_NE(err.find("[ERROR][kernel] gateway failed to bind 127.0.0.1:" + std::to_string(port)),
             std::string::npos);
   EXPECT_NE(err.find("boot failed\n"), std::string::npos);
+  EXPECT_EQ(err.find("terminate called"), std::string::npos) << err;
+  EXPECT_NE(err.find("[INFO][kernel] stop controller"), std::string::npos) << err;
   // The first node is unaffected.
   EXPECT_TRUE(wait_for_health(port, 2s));
 }

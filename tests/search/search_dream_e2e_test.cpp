@@ -197,7 +197,7 @@ TEST(UnifiedSearch, FindsEveryKindAndValidatesRequests) {
                         {{{"query", "x"}, {"limit", 1e12}}, "", "invalid_limit"},
                         {{{"query", "x"}, {"limit", "5"}}, "", "invalid_limit"},
                         {{{"query", "x"}, {"scope", 3}}, "", "invalid_scope"},
-                        {{{"query", "x"}, {"filters", {{"namespace", 1}}}}, "", "invalid_filters"},
+                        {{{"query", "x"}, {"filters", {{"namespace", {1, 2}}}}}, "", "invalid_filters"},
                         {{{"query", "x"}, {"filters", "namespace=a"}}, "", "invalid_filters"},
                         {Json(), "[\"query\"]", "invalid_json"},
                         {Json(), "{\"query\":", "invalid_json"}}) {

@@ -269,6 +269,49 @@ TEST(ClusterNodes, ThreeFormHealRejoinAndReport) {
   EXPECT_EQ(deliveries.body["deliveries"][0]["http_status"], 200);
 }
 
+// Two nodes started with one id (a recipe followed too literally): the first
+// holds it; the second is refused by the controller's registry and by
+// gossip, and both sides log an ERROR that names the two addresses.
+TEST(ClusterNodes, TwoNodesWithOneIdAreRefusedAndReported) {
+  TempDir dir;
+  TestNode a(dir.path(), "a", gossip_node(""));
+  ASSERT_TRUE(a.started()) << a.process().err();
+  const std::string seed = gossip_address(a);
+  TestNode::Options twin = gossip_node(seed, a.url());
+  twin.node_id = "twin";
+  TestNode first(dir.path(), "first", twin);
+  ASSERT_TRUE(first.started()) << first.process().err();
+  ASSERT_TRUE(eventually([&] { return state_of(a, "twin") == "alive"; }, 10s));
+  const std::string first_url = a.call("GET", "/api/v1/cluster/peers").body["registered"][0]["url"];
+  TestNode second(dir.path(), "second", twin);
+  ASSERT_TRUE(second.started()) << second.process().err();
+
+  EXPECT_TRUE(a.process().wait_for_err(
+      "[ERROR][kernel/controller] duplicate node id 'twin': registered from " + first_url +
+          " and now from http://127.0.0.1:" + std::to_string(second.port()),
+      5s))
+      << a.process().err();
+  EXPECT_TRUE(second.process().wait_for_err(
+      "[ERROR][kernel] the controller refuses this node's id 'twin': another node registered it "
+      "from " + first_url,
+      5s));
+  EXPECT_TRUE(a.process().wait_for_err("[ERROR][kernel] duplicate node id 'twin': announced from",
+                                       10s));
+  // The registry and the member table keep the first.
+  const Json peers = a.call("GET", "/api/v1/cluster/peers").body["registered"];
+  ASSERT_EQ(peers.size(), 1u) << peers.dump();
+  EXPECT_EQ(peers[0]["url"], first_url);
+  int twins = 0;
+  const Json members = a.call("GET", "/api/v1/cluster/members").body["members"];
+  for (const auto& m : members) {
+    if (m["id"] == "twin") {
+      ++twins;
+      EXPECT_EQ(m["url"], first.url()) << m.dump();
+    }
+  }
+  EXPECT_EQ(twins, 1) << members.dump();
+}
+
 // Registrations that must not get in, gossip from outside the cluster and
 // malformed gossip; none of it changes the registry or the member table.
 TEST(ClusterNodes, ForgedRegistrationsAndForeignGossipAreRefused) {

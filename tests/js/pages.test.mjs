@@ -68,10 +68,47 @@ test("sign up, land on the dashboard, log out, log in", async () => {
   assert.match(key, /^ak-/);
   await page.waitForFunction(() => document.getElementById("who").textContent.includes("ada@lab.test"));
   assert.match(await page.$eval("#who", (e) => e.textContent), /superadmin/);
+
+  // An operator's page: the node's figures, each module's state, the
+  // backends as a table, and request rate and latency drawn from /metrics.
+  await page.waitForFunction(() => document.getElementById("f-node").textContent !== "…");
+  const health = await fetch(`${base}/health`).then((r) => r.json());
+  assert.equal(await page.$eval("#f-node", (e) => e.textContent), health.node_id);
+  assert.equal(await page.$eval("#f-version", (e) => e.textContent), health.version);
+  const chips = await page.$$eval("#modules .chip", (els) => els.map((e) => e.textContent));
+  assert.deepEqual(chips.sort(), health.modules.map((m) => `${m.name}: ${m.state}`).sort());
+  await page.waitForFunction(() => document.querySelector("#content table"));
+  const backends = await page.$$eval("#content table tr", (rows) => rows.map((r) => r.textContent));
+  assert.ok(backends.some((r) => r.startsWith("echo")), backends.join("|"));
+  assert.equal(await page.$("#content pre"), null);  // no JSON dumps
+  // Two samples make the first point; a line needs two points.
+  await page.waitForFunction(() => {
+    const lines = document.querySelectorAll("#rate polyline, #latency polyline");
+    return lines.length === 2 && [...lines].every((l) => l.getAttribute("points").trim().split(/\s+/).length >= 2);
+  }, { timeout: 15000 });
+  assert.match(await page.$eval("#rate-now", (e) => e.textContent), /requests\/s now/);
+  // Nothing is loaded from elsewhere.
+  const foreign = await page.evaluate(() => [...document.querySelectorAll("[src],[href]")]
+    .map((e) => e.getAttribute("src") || e.getAttribute("href"))
+    .filter((u) => /^(https?:)?\/\//.test(u) && !u.startsWith(location.origin)));
+  assert.deepEqual(foreign, []);
   mkdirSync(artifacts, { recursive: true });
   const shot = join(artifacts, "dashboard-signed-in.png");
   await page.screenshot({ path: shot, fullPage: true });
   assert.ok(statSync(shot).size > 1000);
+  const icon = await fetch(`${base}/favicon.ico`);
+  assert.equal(icon.status, 200);
+  assert.equal(icon.headers.get("content-type"), "image/x-icon");
+  assert.ok((await icon.arrayBuffer()).byteLength > 100);
+  // Every page renders its part, without an error.
+  for (const name of ["storage", "cluster", "extensions", "help"]) {
+    await page.goto(`${base}/dashboard/${name}`, { waitUntil: "load" });
+    await page.waitForFunction(() => !document.getElementById("content").textContent.startsWith("Loading"));
+    assert.equal(await page.$("#content .err"), null, name);
+    assert.equal(await page.$("#content pre:not(#topic)"), null, name);
+    await page.screenshot({ path: join(artifacts, `dashboard-${name}.png`), fullPage: true });
+  }
+  await page.goto(`${base}/dashboard/inference`, { waitUntil: "load" });
 
   // The node now demands the key: the page's own requests carry it.
   const anonymous = await fetch(`${base}/api/v1/tenants`);

@@ -22,7 +22,7 @@ void TestNode::launch_() {
   Process::Options o;
   o.args = {"--port=0",
             "--bind=127.0.0.1",
-            "--node-id=" + name_,
+            "--node-id=" + (options_.node_id.empty() ? name_ : options_.node_id),
             "--data-dir=" + data_.string(),
             "--modules-d=" + (root_ / ("modules.d-" + name_)).string(),
             "--config-set",

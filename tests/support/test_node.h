@@ -30,6 +30,7 @@ class TestNode {
     std::vector<std::string> args;                             // added to the command line
     std::map<std::string, std::string> env;                    // added to the environment
     bool enforce = false;  // OSTREL_AUTH=enforce; admin_token() is then the bootstrap token
+    std::string node_id;   // --node-id; the node's name when empty
     std::string binary;    // default: the node binary under test
   };
 

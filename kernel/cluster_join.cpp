@@ -256,10 +256,20 @@ void Kernel::announce_gossip_url_() {
   // The API address peers should call; a bind-all or loopback host is
   // replaced by the gossip address's host when that one is routable.
   std::string host = config_.bind.empty() ? "127.0.0.1" : config_.bind;
-  if (host == "0.0.0.0") {
-    const char* advertise = std::getenv("OSTREL_GOSSIP_ADVERTISE");
-    const std::string a = advertise ? advertise : "";
-    host = a.empty() ? "127.0.0.1" : a.substr(0, a.rfind(':'));
+  if (host == "0.0.0.0" || host == "::") {
+    // The address gossip advertises, else the one it binds, when either
+    // names a host others can dial.
+    std::string from;
+    for (const char* name : {"OSTREL_GOSSIP_ADVERTISE", "OSTREL_GOSSIP_BIND"}) {
+      const char* v = std::getenv(name);
+      const std::string a = v ? v : "";
+      const std::string h = a.substr(0, a.rfind(':'));
+      if (!h.empty() && h != "0.0.0.0" && h != "::" && a.find(':') != std::string::npos) {
+        from = h;
+        break;
+      }
+    }
+    host = from.empty() ? "127.0.0.1" : from;
   }
   gossip_->set_self_tag("url", "http://" + host + ":" + std::to_string(gateway_.port()));
 }

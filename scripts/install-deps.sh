@@ -8,7 +8,7 @@ packages=(
   libcpp-httplib-dev nlohmann-json3-dev libyaml-cpp-dev libcurl4-openssl-dev
   libsqlite3-dev libssl-dev libmodbus-dev libmosquitto-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  mosquitto wrk sqlite3 python3 curl
+  mosquitto wrk sqlite3 python3 curl jq openssl
   prometheus chromium
 )
 

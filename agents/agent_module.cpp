@@ -114,7 +114,7 @@ std::string reply_events(const std::string& session_id, const std::string& reply
 }
 
 std::string error_events(const std::string& message) {
-  return "data: " + base::dump_json(Json{{"error", message}}) + "\n\ndata: [DONE]\n\n";
+  return "data: " + base::dump_json(base::error_body(message)) + "\n\ndata: [DONE]\n\n";
 }
 
 class AgentModule : public kernel::ModuleBase {
@@ -282,10 +282,9 @@ bool AgentModule::parse_chat_(const Json& body, ChatRequest& r, ChatAnswer& erro
     auto it = body.find(key);
     if (it == body.end() || it->is_null()) return true;
     if (!it->is_string()) {
-      error = {400,
-               {{"error", "invalid_field"},
-                {"field", key},
-                {"message", std::string(key) + " must be a string"}}};
+      error = {400, base::error_body(
+                        "invalid_field",
+                        {{"field", key}, {"message", std::string(key) + " must be a string"}})};
       return false;
     }
     out = it->get<std::string>();
@@ -299,18 +298,19 @@ bool AgentModule::parse_chat_(const Json& body, ChatRequest& r, ChatAnswer& erro
   }
   auto message = body.find("message");
   if (message == body.end() || !message->is_string() || message->get<std::string>().empty()) {
-    error = {400, {{"error", "missing_message"}}};
+    error = {400, base::error_body("missing_message")};
     return false;
   }
   // Every turn is kept in the session (memory and journal) and sent again
   // with the next ones: a turn has a size.
   if (message->get_ref<const std::string&>().size() > max_message_bytes_) {
-    error = {413,
-             {{"error", "message_too_large"},
-              {"message", "a chat message may have at most " +
-                              std::to_string(max_message_bytes_) +
-                              " bytes; ingest long texts into a namespace instead"},
-              {"max_bytes", max_message_bytes_}}};
+    error = {
+        413,
+        base::error_body(
+            "message_too_large",
+            {{"message", "a chat message may have at most " + std::to_string(max_message_bytes_) +
+                             " bytes; ingest long texts into a namespace instead"},
+             {"max_bytes", max_message_bytes_}})};
     return false;
   }
   r.message = *message;
@@ -319,10 +319,9 @@ bool AgentModule::parse_chat_(const Json& body, ChatRequest& r, ChatAnswer& erro
   if (r.domain.empty()) r.domain = "general";
   if (auto k = body.find("top_k"); k != body.end() && !k->is_null()) {
     if (!k->is_number_integer() || k->get<std::int64_t>() < 1 || k->get<std::int64_t>() > 100) {
-      error = {400,
-               {{"error", "invalid_field"},
-                {"field", "top_k"},
-                {"message", "top_k must be a whole number from 1 to 100"}}};
+      error = {400, base::error_body("invalid_field",
+                                     {{"field", "top_k"},
+                                      {"message", "top_k must be a whole number from 1 to 100"}})};
       return false;
     }
     r.top_k = *k;
@@ -331,17 +330,16 @@ bool AgentModule::parse_chat_(const Json& body, ChatRequest& r, ChatAnswer& erro
     auto it = body.find(key);
     if (it == body.end() || it->is_null()) continue;
     if (!it->is_boolean()) {
-      error = {400,
-               {{"error", "invalid_field"},
-                {"field", key},
-                {"message", std::string(key) + " must be true or false"}}};
+      error = {400, base::error_body("invalid_field",
+                                     {{"field", key},
+                                      {"message", std::string(key) + " must be true or false"}})};
       return false;
     }
     *slot = *it;
   }
   std::string why;
   if (!r.session_id.empty() && !base::safe_name(r.session_id, why)) {
-    error = {400, {{"error", "invalid_session_id"}, {"message", why}}};
+    error = {400, base::error_body("invalid_session_id", {{"message", why}})};
     return false;
   }
   return true;
@@ -474,18 +472,16 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
                                                   base::dump_json(Json{{"tenant", r.tenant}}));
     Json j = base::parse_json(g.body);
     if (g.status != 0 || !j.is_object() || !j.contains("active")) {
-      return {503, {{"error", "tenant_gate_failed"}}};
+      return {503, base::error_body("tenant_gate_failed")};
     }
     if (j["active"] != true)
-      return {403, {{"error", "tenant_unknown_or_inactive"}, {"tenant", r.tenant}}};
+      return {403, base::error_body("tenant_unknown_or_inactive", {{"tenant", r.tenant}})};
   }
   // 5. The session.
   std::shared_ptr<Session> s = r.session_id.empty() ? nullptr : sessions_->find(r.session_id);
   if (s && s->tenant != r.tenant) {
-    return {403,
-            {{"error", "session_tenant_mismatch"},
-             {"session_tenant", s->tenant},
-             {"request_tenant", r.tenant}}};
+    return {403, base::error_body("session_tenant_mismatch",
+                                  {{"session_tenant", s->tenant}, {"request_tenant", r.tenant}})};
   }
   if (!s) s = sessions_->create(r.agent_type, r.domain, r.tenant, r.owner);
   std::string agent_type, domain;
@@ -532,8 +528,8 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
 // Tools
 
 std::string AgentModule::role_of_(const Request& req) const {
-  if (!kernel::credential_checked(req)) return "";
-  if (kernel::is_admin(req)) return "admin";
+  if (!base::credential_checked(req)) return "";
+  if (base::is_admin(req)) return "admin";
   if (!req.user_id.empty() && ctx_.syscalls->has("identity.users.roles")) {
     kernel::SyscallResult r = ctx_.syscalls->call(
         kAgentSource, "identity.users.roles",
@@ -545,7 +541,7 @@ std::string AgentModule::role_of_(const Request& req) const {
       }
     }
   }
-  return kernel::role_from_scopes(req);
+  return base::role_from_scopes(req);
 }
 
 ToolContext AgentModule::tool_context_(const Request& req, const Json& body) const {
@@ -562,7 +558,7 @@ ToolContext AgentModule::tool_context_(const Request& req, const Json& body) con
   text("trace_id", tc.trace_id);
   // A checked credential speaks for itself: the body cannot raise its role
   // or move it to another tenant.
-  if (kernel::credential_checked(req)) {
+  if (base::credential_checked(req)) {
     tc.role = role_of_(req);
     if (!req.user_id.empty()) tc.user_id = req.user_id;
     if (!req.tenant.empty()) tc.tenant_id = req.tenant;
@@ -582,7 +578,14 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
     out["tool_call_id"] = id;
     return out;
   };
-  if (name.empty()) return answer({{"success", false}, {"error", "missing tool name"}});
+  // A call that did not run: the error body, marked unsuccessful.
+  auto failed = [&answer](std::string_view code,
+                          std::initializer_list<base::ErrorMember> extra = {}) {
+    Json out = base::error_body(code, extra);
+    out["success"] = false;
+    return answer(std::move(out));
+  };
+  if (name.empty()) return failed("missing tool name");
   // 1. Counted.
   kernel::telemetry::Telemetry::instance().counter("ostrel.agent.tool_invocations_total", 1,
                                                    {{"tool", name}});
@@ -600,27 +603,22 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
     Json d = base::parse_json(r.body);
     const std::string decision = d.is_object() ? d.value("decision", "") : "";
     if (decision == "denied") {
-      return answer({{"success", false},
-                     {"error", "forbidden"},
-                     {"reason", "RBAC denied tool '" + name + "' for role"},
-                     {"tool", name}});
+      return failed("forbidden",
+                    {{"reason", "RBAC denied tool '" + name + "' for role"}, {"tool", name}});
     }
     if (decision == "requires_approval") {
-      return answer({{"success", false},
-                     {"error", "requires_approval"},
-                     {"reason", "tool requires admin approval"},
-                     {"tool", name}});
+      return failed("requires_approval",
+                    {{"reason", "tool requires admin approval"}, {"tool", name}});
     }
     if (decision != "allowed") {
-      return answer({{"success", false}, {"error", "policy_check_failed"}, {"tool", name}});
+      return failed("policy_check_failed", {{"tool", name}});
     }
   }
   // 3. A plugin's tool.
   if (auto dyn = tools_->find(name)) {
     if (!ctx_.syscalls->has("edge.plugin.tool.call")) {
-      return answer({{"success", false},
-                     {"error", "plugin_executor_not_wired"},
-                     {"tool", name},
+      return failed("plugin_executor_not_wired",
+                    {{"tool", name},
                      {"plugin_id", dyn->plugin_id},
                      {"executor", dyn->executor.empty() ? "<unset>" : dyn->executor}});
     }
@@ -631,9 +629,7 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
                                                                    {"params", params}}));
     Json out = base::parse_json(r.body);
     if (out.is_discarded()) out = r.body;
-    if (r.status != 0)
-      return answer(
-          {{"success", false}, {"error", "plugin_failed"}, {"output", out}, {"tool", name}});
+    if (r.status != 0) return failed("plugin_failed", {{"output", out}, {"tool", name}});
     return answer(
         {{"success", true}, {"output", out}, {"tool", name}, {"plugin_id", dyn->plugin_id}});
   }
@@ -654,7 +650,7 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
       top_k = std::clamp<std::int64_t>(params["top_k"], 1, 100);
     }
     if (kb.empty() || query.empty()) {
-      return answer({{"success", false}, {"error", "kb_id and query required"}, {"tool", name}});
+      return failed("kb_id and query required", {{"tool", name}});
     }
     tr.output = {{"hits", rag_search_(tc.tenant_id, kb, query, top_k)}};
     tr.finished_ms = base::unix_ms();
@@ -663,9 +659,9 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
   // 5. A syscall of that name.
   if (!ctx_.syscalls->has(name)) {
     if (name.find('.') == std::string::npos) {
-      return answer({{"success", false}, {"error", "unknown_tool"}, {"tool", name}});
+      return failed("unknown_tool", {{"tool", name}});
     }
-    return answer({{"success", false}, {"error", "syscall_not_registered"}, {"syscall", name}});
+    return failed("syscall_not_registered", {{"syscall", name}});
   }
   if (http) {
     // From outside, a syscall is allowed only as the generic syscall route
@@ -674,10 +670,8 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
     if (!params.is_object()) params = Json::object();
     if (!kernel::authorize_syscall(*http, name, params, refusal)) {
       Json why = base::parse_json(refusal.body);
-      return answer({{"success", false},
-                     {"error", "forbidden"},
-                     {"reason", why.is_object() ? why.value("reason", "") : ""},
-                     {"syscall", name}});
+      return failed("forbidden", {{"reason", why.is_object() ? why.value("reason", "") : ""},
+                                  {"syscall", name}});
     }
   }
   tools::result::ToolResult tr;
@@ -691,11 +685,7 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
                  {"finished_ms", tr.finished_ms},
                  {"duration_ms", tr.finished_ms - tr.started_ms}};
   if (r.status != 0) {
-    return answer({{"success", false},
-                   {"error", "syscall_failed"},
-                   {"status", r.status},
-                   {"output", out},
-                   {"timing", timing}});
+    return failed("syscall_failed", {{"status", r.status}, {"output", out}, {"timing", timing}});
   }
   return answer({{"success", true}, {"output", out}, {"timing", timing}});
 }
@@ -720,26 +710,23 @@ std::shared_ptr<Session> AgentModule::session_for_route_(const Request& req, Res
                                                          const std::string& prefix) {
   const std::string id = req.path.substr(prefix.size());
   if (id.empty()) {
-    reply(res, {{"error", "missing_session_id"}}, 400);
+    base::fail(res, 400, "missing_session_id");
     return nullptr;
   }
   std::string why;
   if (!base::safe_name(id, why)) {
-    reply(res, {{"error", "invalid_session_id"}}, 400);
+    base::fail(res, 400, "invalid_session_id");
     return nullptr;
   }
   auto s = sessions_->find(id);
   if (!s) {
-    reply(res, {{"error", "not_found"}, {"session_id", id}}, 404);
+    base::fail(res, 404, "not_found", {{"session_id", id}});
     return nullptr;
   }
   const std::string caller = req.tenant.empty() ? req.param("tenant", s->tenant) : req.tenant;
   if (caller != s->tenant) {
-    reply(res,
-          {{"error", "cross_tenant_access_denied"},
-           {"authenticated_tenant", caller},
-           {"requested_tenant", s->tenant}},
-          403);
+    base::fail(res, 403, "cross_tenant_access_denied",
+               {{"authenticated_tenant", caller}, {"requested_tenant", s->tenant}});
     return nullptr;
   }
   return s;
@@ -750,14 +737,14 @@ void AgentModule::register_routes(kernel::ApiGateway& gw) {
   auto body_of = [](const Request& req, Response& res, Json& out) {
     out = req.body.empty() ? Json::object() : base::parse_json_lean(req.body);
     if (!out.is_object()) {
-      reply(res, {{"error", "bad_json"}}, 400);
+      base::fail(res, 400, "bad_json");
       return false;
     }
     return true;
   };
   auto chat_route = [this, body_of](bool force_stream) {
     return [this, body_of, force_stream](const Request& req, Response& res) {
-      if (!kernel::require_scope(req, res, "agent.invoke")) return;
+      if (!base::require_scope(req, res, "agent.invoke")) return;
       Json body;
       if (!body_of(req, res, body)) return;
       ChatRequest r;
@@ -790,7 +777,7 @@ void AgentModule::register_routes(kernel::ApiGateway& gw) {
            {kernel::RouteOptions::kLargeBody});
 
   gw.route("POST", "/api/v1/agent/sessions", [this, body_of](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "agent.invoke")) return;
+    if (!base::require_scope(req, res, "agent.invoke")) return;
     Json body;
     if (!body_of(req, res, body)) return;
     ChatRequest defaults;
@@ -810,7 +797,7 @@ void AgentModule::register_routes(kernel::ApiGateway& gw) {
                 {"tenant", s->tenant}});
   });
   gw.route("GET", "/api/v1/agent/sessions", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "agent.invoke")) return;
+    if (!base::require_scope(req, res, "agent.invoke")) return;
     const std::string tenant = req.tenant.empty() ? req.param("tenant", "default") : req.tenant;
     Json list = Json::array();
     for (const auto& s : sessions_->list(tenant)) list.push_back(session_json_(*s, true));
@@ -818,11 +805,11 @@ void AgentModule::register_routes(kernel::ApiGateway& gw) {
   });
   const std::string prefix = "/api/v1/agent/sessions/";
   gw.route("GET", "/api/v1/agent/sessions/*", [this, prefix](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "agent.invoke")) return;
+    if (!base::require_scope(req, res, "agent.invoke")) return;
     if (auto s = session_for_route_(req, res, prefix)) reply(res, session_json_(*s, false));
   });
   gw.route("DELETE", "/api/v1/agent/sessions/*", [this, prefix](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "agent.invoke")) return;
+    if (!base::require_scope(req, res, "agent.invoke")) return;
     if (auto s = session_for_route_(req, res, prefix)) {
       sessions_->remove(s->session_id);
       reply(res, {{"ok", true}, {"session_id", s->session_id}});
@@ -870,7 +857,7 @@ void AgentModule::register_routes(kernel::ApiGateway& gw) {
   });
 
   gw.route("POST", "/api/v1/swarm/tools", [this, body_of](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "agent.invoke")) return;
+    if (!base::require_scope(req, res, "agent.invoke")) return;
     Json body;
     if (!body_of(req, res, body)) return;
     reply(res, exec_tool_call_(body, tool_context_(req, body), &req));
@@ -929,11 +916,8 @@ void AgentModule::register_later_families_(kernel::ApiGateway& gw) {
   };
   for (const Later& l : kLater) {
     gw.route(l.method, l.path, [path = std::string(l.path)](const Request&, Response& res) {
-      reply(res,
-            {{"error", "not_implemented"},
-             {"message", "this agent family is not part of this build yet"},
-             {"path", path}},
-            501);
+      base::fail(res, 501, "not_implemented",
+                 {{"message", "this agent family is not part of this build yet"}, {"path", path}});
     });
   }
 }

@@ -29,10 +29,6 @@ using kernel::Response;
 
 constexpr identity::SourceCode kEdgeSource{0x0b, 0x01};
 
-Json api_error(const std::string& message, const std::string& type, const std::string& code) {
-  return {{"error", {{"message", message}, {"type", type}, {"param", nullptr}, {"code", code}}}};
-}
-
 // Per-tenant token buckets.
 // Thread-safe: mu_ guards the buckets.
 class RateGate {
@@ -187,7 +183,7 @@ bool EdgeModule::start() {
 std::vector<std::string> EdgeModule::roles_of_(const Request& req) const {
   // A node that checks no credential trusts its callers (as every
   // administrative route does then).
-  if (!kernel::credential_checked(req) || kernel::is_admin(req)) return {"admin"};
+  if (!base::credential_checked(req) || base::is_admin(req)) return {"admin"};
   std::vector<std::string> roles;
   if (!req.user_id.empty() && ctx_.syscalls->has("identity.users.roles")) {
     Json j = base::parse_json(
@@ -201,7 +197,7 @@ std::vector<std::string> EdgeModule::roles_of_(const Request& req) const {
       }
     }
   }
-  if (roles.empty()) roles.push_back(kernel::role_from_scopes(req));
+  if (roles.empty()) roles.push_back(base::role_from_scopes(req));
   return roles;
 }
 
@@ -268,32 +264,35 @@ std::optional<Json> EdgeModule::policy_(const std::string& tool, const ToolCallC
   const std::string decision = d.is_object() ? d.value("decision", "") : "";
   if (decision == "allowed") return std::nullopt;
   if (decision == "requires_approval") {
-    return Json{
-        {"error", "requires_approval"}, {"reason", "tool requires admin approval"}, {"tool", tool}};
+    return base::error_body("requires_approval",
+                            {{"reason", "tool requires admin approval"}, {"tool", tool}});
   }
-  return Json{{"error", "forbidden"},
-              {"reason", "RBAC denied tool '" + tool + "' for role " + role},
-              {"tool", tool}};
+  return base::error_body(
+      "forbidden",
+      {{"reason", "RBAC denied tool '" + tool + "' for role " + role}, {"tool", tool}});
 }
 
 void EdgeModule::chat_(const Request& req, Response& res) {
   const ToolCallContext ctx = context_(req);
   if (!rate_.allow(ctx.tenant)) {
     reply(res,
-          api_error("rate limit exceeded for tenant " + ctx.tenant, "rate_limit_error",
-                    "rate_limit_exceeded"),
+          base::openai_error_body("rate limit exceeded for tenant " + ctx.tenant,
+                                  "rate_limit_error", "rate_limit_exceeded"),
           429);
     return;
   }
   Json body = req.body.empty() ? Json::object() : base::parse_json_lean(req.body);
   if (!body.is_object()) {
     reply(res,
-          api_error("request body must be a JSON object", "invalid_request_error", "invalid_json"),
+          base::openai_error_body("request body must be a JSON object", "invalid_request_error",
+                                  "invalid_json"),
           400);
     return;
   }
   if (!body.contains("messages") || !body["messages"].is_array()) {
-    reply(res, api_error("messages must be an array", "invalid_request_error", "invalid_messages"),
+    reply(res,
+          base::openai_error_body("messages must be an array", "invalid_request_error",
+                                  "invalid_messages"),
           400);
     return;
   }
@@ -357,17 +356,17 @@ void EdgeModule::register_routes(kernel::ApiGateway& gw) {
   kernel::RouteOptions large;
   large.max_body = kernel::RouteOptions::kLargeBody;
   auto scope = [](const Request& req, Response& res) {
-    if (kernel::has_scope(req, "inference.chat")) return true;
-    if (kernel::anonymous(req)) {
+    if (base::has_scope(req, "inference.chat")) return true;
+    if (base::anonymous(req)) {
       reply(res,
-            api_error("a credential is required (Authorization: Bearer <token>)",
-                      "authentication_error", "unauthenticated"),
+            base::openai_error_body("a credential is required (Authorization: Bearer <token>)",
+                                    "authentication_error", "unauthenticated"),
             401);
       return false;
     }
     reply(res,
-          api_error("this credential may not use models (scope inference.chat)", "permission_error",
-                    "forbidden"),
+          base::openai_error_body("this credential may not use models (scope inference.chat)",
+                                  "permission_error", "forbidden"),
           403);
     return false;
   };
@@ -382,7 +381,8 @@ void EdgeModule::register_routes(kernel::ApiGateway& gw) {
     if (router_url_.empty()) {
       if (!ctx_.syscalls->has("router.models")) {
         reply(res,
-              api_error("no router on this node", "service_unavailable", "service_unavailable"),
+              base::openai_error_body("no router on this node", "service_unavailable",
+                                      "service_unavailable"),
               503);
         return;
       }
@@ -392,7 +392,7 @@ void EdgeModule::register_routes(kernel::ApiGateway& gw) {
     base::HttpReply r = base::http_get(router_url_, "/v1/models", context_(req).auth_headers,
                                        std::chrono::seconds(10));
     if (!r.transport_ok) {
-      reply(res, {{"error", "upstream_unreachable"}, {"upstream", router_url_}}, 502);
+      base::fail(res, 502, "upstream_unreachable", {{"upstream", router_url_}});
       return;
     }
     res.status = r.status;
@@ -405,7 +405,8 @@ void EdgeModule::register_routes(kernel::ApiGateway& gw) {
         if (router_url_.empty()) {
           if (!ctx_.syscalls->has("router.embeddings")) {
             reply(res,
-                  api_error("no router on this node", "service_unavailable", "service_unavailable"),
+                  base::openai_error_body("no router on this node", "service_unavailable",
+                                          "service_unavailable"),
                   503);
             return;
           }
@@ -418,7 +419,7 @@ void EdgeModule::register_routes(kernel::ApiGateway& gw) {
         base::HttpReply r = base::http_post(router_url_, "/v1/embeddings", req.body,
                                             context_(req).auth_headers, std::chrono::seconds(60));
         if (!r.transport_ok) {
-          reply(res, {{"error", "upstream_unreachable"}, {"upstream", router_url_}}, 502);
+          base::fail(res, 502, "upstream_unreachable", {{"upstream", router_url_}});
           return;
         }
         res.status = r.status;

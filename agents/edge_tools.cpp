@@ -6,6 +6,7 @@
 #include "base/http_client.h"
 #include "base/json.h"
 #include "base/json_scanner.h"
+#include "base/reply.h"
 
 namespace ostrel::edge {
 
@@ -79,7 +80,7 @@ std::optional<ToolDispatchResult> ToolRegistry::dispatch(const std::string& name
   try {
     return handler(args, ctx);
   } catch (const std::exception& e) {
-    return ToolDispatchResult{{{"error", "tool_failed"}, {"message", e.what()}}};
+    return ToolDispatchResult{base::error_body("tool_failed", {{"message", e.what()}})};
   }
 }
 
@@ -116,7 +117,7 @@ using Handler = std::function<ToolDispatchResult(const Json&, const ToolCallCont
 // The controller's answer as the tool's result: its JSON, or an error object.
 ToolDispatchResult controller_call(const ToolCallContext& ctx, const std::string& method,
                                    const std::string& path, const Json& body) {
-  if (ctx.controller_url.empty()) return {{{"error", "no_controller"}}};
+  if (ctx.controller_url.empty()) return {base::error_body("no_controller")};
   base::HttpHeaders headers;
   if (!ctx.api_key.empty()) headers.emplace_back("X-API-Key", ctx.api_key);
   for (const auto& h : ctx.auth_headers) {
@@ -127,13 +128,13 @@ ToolDispatchResult controller_call(const ToolCallContext& ctx, const std::string
                                       : base::http_post(ctx.controller_url, path,
                                                         base::dump_json(body), headers, timeout);
   if (!r.transport_ok) {
-    return {{{"error", "controller_unreachable"},
-             {"controller", ctx.controller_url},
-             {"detail", r.error}}};
+    return {base::error_body("controller_unreachable",
+                             {{"controller", ctx.controller_url}, {"detail", r.error}})};
   }
   Json answer = base::parse_json(r.body);
   if (answer.is_discarded()) answer = r.body;
-  if (!r.ok()) return {{{"error", "controller_error"}, {"status", r.status}, {"body", answer}}};
+  if (!r.ok())
+    return {base::error_body("controller_error", {{"status", r.status}, {"body", answer}})};
   return {answer};
 }
 
@@ -157,7 +158,7 @@ Handler invite(std::string prefix, std::string id_key, std::string suffix) {
   return [=](const Json& args, const ToolCallContext& ctx) {
     const std::string id = args.is_object() ? args.value(id_key, "") : "";
     if (id.empty() || id.find('/') != std::string::npos) {
-      return ToolDispatchResult{{{"error", "missing " + id_key}}};
+      return ToolDispatchResult{base::error_body("missing " + id_key)};
     }
     Json body = {{"user_id", args.value("user_id", "")}, {"role", args.value("role", "member")}};
     return controller_call(ctx, "POST", prefix + id + suffix, body);
@@ -341,10 +342,11 @@ void run_tool_calls(Json& messages, const Json& assistant, const ToolCallContext
       messages.push_back(
           {{"role", "tool"},
            {"tool_call_id", id},
-           {"content", base::dump_json(
-                           {{"error", "tool_call_limit"},
-                            {"message", "at most " + std::to_string(kMaxToolCallsPerRound) +
-                                            " tool calls run per round; ask again for the rest"}})}});
+           {"content",
+            base::dump_json(base::error_body(
+                "tool_call_limit",
+                {{"message", "at most " + std::to_string(kMaxToolCallsPerRound) +
+                                 " tool calls run per round; ask again for the rest"}}))}});
       continue;
     }
     ++ran;
@@ -368,7 +370,7 @@ void run_tool_calls(Json& messages, const Json& assistant, const ToolCallContext
     } else if ((result = tools.dispatch(name, args, ctx))) {
       content = result->result;
     } else {
-      content = {{"error", "unknown_tool"}, {"name", name}};
+      content = base::error_body("unknown_tool", {{"name", name}});
     }
     messages.push_back({{"role", "tool"},
                         {"tool_call_id", id},
@@ -417,7 +419,7 @@ LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRe
     std::string answer;
     if (!upstream(base::dump_json(request), status, answer) || status < 200 || status >= 300) {
       out.status = 502;
-      out.body = {{"error", "upstream_unreachable"}, {"upstream", upstream_name}};
+      out.body = base::error_body("upstream_unreachable", {{"upstream", upstream_name}});
       if (status != 0) out.body["upstream_status"] = status;
       return out;
     }
@@ -445,9 +447,8 @@ LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRe
     if (finish != "tool_calls") {
       if (!reply.is_object()) {
         out.status = 502;
-        out.body = {{"error", "upstream_unreachable"},
-                    {"upstream", upstream_name},
-                    {"detail", "answer is not JSON"}};
+        out.body = base::error_body("upstream_unreachable", {{"upstream", upstream_name},
+                                                             {"detail", "answer is not JSON"}});
         return out;
       }
       out.body = std::move(reply);

@@ -2,9 +2,10 @@
 
 #include <string>
 
+#include "base/reply.h"
 #include "base/text.h"
 
-namespace ostrel::kernel {
+namespace ostrel::base {
 
 bool credential_checked(const Request& req) {
   return req.auth_source == "capability" || req.auth_source == "api_key";
@@ -70,30 +71,21 @@ bool acting_tenant(const Request& req, const std::string& requested, std::string
     out = requested.empty() ? own : requested;
     return true;
   }
-  res.status = 403;
-  res.content_type = "application/json";
-  res.body = "{\"error\":\"cross_tenant_access_denied\",\"authenticated_tenant\":";
-  text::append_json_string(res.body, req.tenant);
-  res.body += ",\"requested_tenant\":";
-  text::append_json_string(res.body, requested);
-  res.body += '}';
+  fail(res, 403, "cross_tenant_access_denied",
+       {{"authenticated_tenant", req.tenant}, {"requested_tenant", requested}});
   return false;
 }
 
 bool require_admin(const Request& req, Response& res) {
   if (is_admin(req)) return true;
-  res.status = 403;
-  res.body = "{\"error\":\"forbidden\",\"reason\":\"admin scope required\"}";
+  fail(res, 403, "forbidden", {{"reason", "admin scope required"}});
   return false;
 }
 
 bool require_scope(const Request& req, Response& res, std::string_view required) {
   if (has_scope(req, required)) return true;
-  res.status = 403;
-  res.body = "{\"error\":\"forbidden\",\"reason\":";
-  text::append_json_string(res.body, "scope " + std::string(required) + " required");
-  res.body += '}';
+  fail(res, 403, "forbidden", {{"reason", "scope " + std::string(required) + " required"}});
   return false;
 }
 
-}  // namespace ostrel::kernel
+}  // namespace ostrel::base

@@ -8,7 +8,7 @@
 // Route-level access rules over the caller's credential. With auth off, and
 // for peers that came in with a node token, no credential was checked and
 // every rule passes; a capability or API key must carry the scope.
-namespace ostrel::kernel {
+namespace ostrel::base {
 
 // True when a credential was checked for this request.
 bool credential_checked(const Request& req);
@@ -50,4 +50,4 @@ bool acting_tenant(const Request& req, const std::string& requested, std::string
 bool require_admin(const Request& req, Response& res);
 bool require_scope(const Request& req, Response& res, std::string_view required);
 
-}  // namespace ostrel::kernel
+}  // namespace ostrel::base

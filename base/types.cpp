@@ -2,7 +2,7 @@
 
 #include "base/text.h"
 
-namespace ostrel::kernel {
+namespace ostrel::base {
 
 std::size_t HeaderHash::operator()(std::string_view s) const {
   // FNV-1a over the lower-cased bytes.
@@ -30,18 +30,6 @@ std::string Request::param(const std::string& name, const std::string& fallback)
   return it == params.end() ? fallback : it->second;
 }
 
-void Response::error(int status_code, std::string_view code, std::string_view message) {
-  status = status_code;
-  content_type = "application/json";
-  body = "{\"error\":";
-  text::append_json_string(body, code);
-  if (!message.empty()) {
-    body += ",\"message\":";
-    text::append_json_string(body, message);
-  }
-  body += '}';
-}
-
 std::string sse_event(std::string_view payload) {
   // Every line of the payload gets its own "data: " field so that a payload
   // with newlines still arrives as one event.
@@ -61,11 +49,4 @@ std::string sse_event(std::string_view payload) {
   return out;
 }
 
-SyscallResult SyscallResult::failure(std::string_view code, std::int32_t status) {
-  std::string body = "{\"error\":";
-  text::append_json_string(body, code);
-  body += '}';
-  return {status, std::move(body)};
-}
-
-}  // namespace ostrel::kernel
+}  // namespace ostrel::base

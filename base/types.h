@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace ostrel::kernel {
+namespace ostrel::base {
 
 // Case-insensitive hashing and equality for header maps: HTTP header names
 // are case-insensitive, so handlers find "authorization" however it was sent.
@@ -22,14 +22,14 @@ struct HeaderEqual {
 };
 using HeaderMap = std::unordered_map<std::string, std::string, HeaderHash, HeaderEqual>;
 
-// The gateway's view of one HTTP request, handed to route handlers by const
-// reference. A plain copyable value: handlers that pass work to another thread
-// copy it.
 // Reads a streamed request body piece by piece, for routes that take their
 // body themselves (uploads to disk). `sink` returns false to stop; the reader
 // returns false when the client failed or the sink stopped.
 using BodyReader = std::function<bool(const std::function<bool(std::string_view)>& sink)>;
 
+// The gateway's view of one HTTP request, handed to route handlers by const
+// reference. A plain copyable value: handlers that pass work to another thread
+// copy it.
 struct Request {
   std::string method;  // upper case
   std::string path;    // without the query string
@@ -77,9 +77,6 @@ struct Response {
   HeaderMap headers;
   std::string content_type = "application/json";
   StreamProducer stream;
-
-  // Sets status and the body {"error":"<code>"} plus an optional "message".
-  void error(int status_code, std::string_view code, std::string_view message = {});
 };
 
 // One server-sent event: "data: <payload>\n\n" (one "data: " line per payload line).
@@ -106,9 +103,6 @@ struct RouteOptions {
 struct SyscallResult {
   std::int32_t status = 0;
   std::string body;
-
-  static SyscallResult ok(std::string body) { return {0, std::move(body)}; }
-  static SyscallResult failure(std::string_view code, std::int32_t status = -1);
 };
 
 // Outcome of a credential check by the gateway's verifier.
@@ -122,4 +116,4 @@ struct AuthResult {
   std::string role;  // see Request::role
 };
 
-}  // namespace ostrel::kernel
+}  // namespace ostrel::base

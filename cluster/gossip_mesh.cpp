@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <mutex>
 #include <random>
@@ -14,6 +14,7 @@
 
 #include "base/encoding.h"
 #include "base/json.h"
+#include "base/reply.h"
 #include "base/text.h"
 
 namespace ostrel::cluster::gossip {
@@ -153,7 +154,8 @@ struct GossipMesh::Impl {
     std::string address;
   };
   std::unordered_map<std::string, Pin> pins;
-  std::unordered_map<std::string, std::pair<std::string, std::string>> verified;  // id → (bytes, sig)
+  std::unordered_map<std::string, std::pair<std::string, std::string>>
+      verified;                                              // id → (bytes, sig)
   std::unordered_map<std::string, double> conflicts_logged;  // "id|address" → when, to limit lines
   bool self_dirty = true;  // the local record changed since it was last signed
 
@@ -243,8 +245,9 @@ struct GossipMesh::Impl {
         // Another node calls itself by this node's id.
         if (proven_locked(in)) {
           report_conflict_locked(in.id, in.address,
-                                 "duplicate node id '" + in.id + "': another node announces it from " +
-                                     in.address + " (this node is " + self.address +
+                                 "duplicate node id '" + in.id +
+                                     "': another node announces it from " + in.address +
+                                     " (this node is " + self.address +
                                      "); its records are refused — give every node its own "
                                      "--node-id");
         }
@@ -344,7 +347,8 @@ struct GossipMesh::Impl {
       std::lock_guard lock(mu);
       ++rejected;
       res.status = 400;
-      res.set_content(R"({"error":"malformed_sync","message":"expected {from_node, members[]}"})",
+      res.set_content(base::dump_json(base::error_body(
+                          "malformed_sync", {{"message", "expected {from_node, members[]}"}})),
                       "application/json");
       return;
     }
@@ -360,7 +364,8 @@ struct GossipMesh::Impl {
         log_warn("[gossip] rejected sync from '" + from.substr(0, 64) + "' at " + req.remote_addr +
                  ": not a member of this cluster");
         res.status = 403;
-        res.set_content(R"({"error":"not_a_cluster_member"})", "application/json");
+        res.set_content(base::dump_json(base::error_body("not_a_cluster_member")),
+                        "application/json");
         return;
       }
     }
@@ -529,7 +534,8 @@ bool GossipMesh::start() {
   d.server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
     res.set_header("Connection", "close");
     if (res.body.empty()) {
-      res.set_content(R"({"error":"not_found","message":"only POST /api/v1/cluster/gossip/sync"})",
+      res.set_content(base::dump_json(base::error_body(
+                          "not_found", {{"message", "only POST /api/v1/cluster/gossip/sync"}})),
                       "application/json");
     }
   });

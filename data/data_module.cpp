@@ -6,8 +6,8 @@
 
 #include <atomic>
 #include <charconv>
-#include <cmath>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
@@ -488,7 +488,7 @@ bool DataModule::parse_search_(const Json& body, SearchQuery& q, Json& error_bod
       !member(body, {"keyword_query"}, q.keyword_query, "", error) ||
       !member(body, {"embedding_model"}, q.model, s.embedding_model, error) ||
       !number(body, "top_k", 5, 1, static_cast<std::int64_t>(kMaxTopK), q.top_k, error)) {
-    error_body = {{"error", "invalid_request"}, {"detail", error}};
+    error_body = base::error_body("invalid_request", {{"detail", error}});
     return false;
   }
   if (auto m = body.find("min_score"); m != body.end() && !m->is_null()) {
@@ -505,7 +505,7 @@ bool DataModule::parse_search_(const Json& body, SearchQuery& q, Json& error_bod
               }()
             : false;
     if (!ok || !std::isfinite(v)) {
-      error_body = {{"error", "invalid_request"}, {"detail", "min_score must be a number"}};
+      error_body = base::error_body("invalid_request", {{"detail", "min_score must be a number"}});
       return false;
     }
     q.min_score = v;
@@ -514,13 +514,13 @@ bool DataModule::parse_search_(const Json& body, SearchQuery& q, Json& error_bod
     q.fanout = false;
   }
   if (q.query.empty()) {
-    error_body = {{"error", "missing_query"}};
+    error_body = base::error_body("missing_query");
     return false;
   }
   std::string why;
   // "*": every namespace of the tenant.
   if (!base::safe_name(q.tenant, why, 64) || (q.ns != "*" && !base::safe_name(q.ns, why))) {
-    error_body = {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}};
+    error_body = base::error_body("invalid_request", {{"detail", "tenant or namespace " + why}});
     return false;
   }
   return true;
@@ -539,7 +539,7 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
   std::string error;
   if (!embed_(q.model, q.query, qvec, error)) {
     status = 502;
-    return {{"error", "embedding_failed"}, {"detail", error}};
+    return base::error_body("embedding_failed", {{"detail", error}});
   }
   const std::size_t k = static_cast<std::size_t>(q.top_k);
   const std::size_t pool = std::max<std::size_t>(4 * k, 50);
@@ -690,38 +690,38 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
   std::string error;
   if (size < 0 || size > (1 << 20) || overlap < 0 || overlap > (1 << 20)) {
     status = 400;
-    return base::dump_json(
-        {{"error", "invalid_request"},
-         {"detail", "chunk_size and chunk_overlap must be between 0 and 1048576"}});
+    return base::dump_json(base::error_body(
+        "invalid_request",
+        {{"detail", "chunk_size and chunk_overlap must be between 0 and 1048576"}}));
   }
   if (size != 0 && size < kMinChunkSize) {
     status = 400;
-    return base::dump_json({{"error", "invalid_request"},
-                            {"detail", "chunk_size must be 0 (one chunk) or at least " +
-                                           std::to_string(kMinChunkSize)}});
+    return base::dump_json(base::error_body(
+        "invalid_request", {{"detail", "chunk_size must be 0 (one chunk) or at least " +
+                                           std::to_string(kMinChunkSize)}}));
   }
   // Each chunk is embedded and kept: their number is bounded before any is made.
   if (const std::size_t n = chunk_count(text.size(), static_cast<std::size_t>(size),
                                         static_cast<std::size_t>(overlap));
       n > max_chunks_per_request_) {
     status = 413;
-    return base::dump_json(
-        {{"error", "too_many_chunks"},
-         {"detail", "this text would make " + std::to_string(n) + " chunks; at most " +
+    return base::dump_json(base::error_body(
+        "too_many_chunks",
+        {{"detail", "this text would make " + std::to_string(n) + " chunks; at most " +
                         std::to_string(max_chunks_per_request_) +
                         " per request (a larger chunk_size, a smaller overlap, or several "
                         "documents)"},
-         {"max_chunks", max_chunks_per_request_}});
+         {"max_chunks", max_chunks_per_request_}}));
   }
   if (text.empty()) {
     status = 400;
-    return base::dump_json({{"error", "missing text"}});
+    return base::dump_json(base::error_body("missing text"));
   }
   std::string why;
   if (!base::safe_name(tenant, why, 64) || !base::safe_name(ns, why)) {
     status = 400;
     return base::dump_json(
-        {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}});
+        base::error_body("invalid_request", {{"detail", "tenant or namespace " + why}}));
   }
   auto pieces = chunk_text(text, static_cast<std::size_t>(size), static_cast<std::size_t>(overlap));
   // Every chunk carries the document's metadata with "chunk_count" and its
@@ -750,7 +750,7 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
       // Nothing of this document is stored: its chunks go in together.
       status = 502;
       return base::dump_json(
-          {{"error", "embedding_failed"}, {"detail", error}, {"chunk_index", i}});
+          base::error_body("embedding_failed", {{"detail", error}, {"chunk_index", i}}));
     }
     c.id = new_uuid();
     c.metadata = "{\"chunk_index\":" + std::to_string(i) + ",";
@@ -770,7 +770,7 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
   out += ",\"embedding_dim\":" + std::to_string(dim) + "}";
   if (!vectors_->append(tenant, ns, records, error)) {
     status = error.rfind("invalid", 0) == 0 ? 400 : 500;
-    return base::dump_json({{"error", "persist_failed"}, {"detail", error}});
+    return base::dump_json(base::error_body("persist_failed", {{"detail", error}}));
   }
   kernel::telemetry::Telemetry::instance().counter("ostrel.data.vector.documents_ingested_total",
                                                    static_cast<double>(pieces.size()),
@@ -782,11 +782,11 @@ bool DataModule::tenant_of_(const Request& req, const Json& body, std::string& t
                             Response& res) const {
   std::string error;
   if (!member(body, {"tenant", "tenant_id"}, tenant, "", error)) {
-    reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
+    base::fail(res, 400, "invalid_request", {{"detail", error}});
     return false;
   }
   const std::string asked = tenant;
-  return kernel::acting_tenant(req, asked, tenant, res);
+  return base::acting_tenant(req, asked, tenant, res);
 }
 
 bool DataModule::proxy_(const Request& req, Response& res, bool has_local) {
@@ -808,7 +808,7 @@ bool DataModule::proxy_(const Request& req, Response& res, bool has_local) {
   }
   if (req.method != "GET" && req.method != "POST" && req.method != "PUT" &&
       req.method != "DELETE") {
-    reply(res, {{"error", "proxy_method_not_supported"}, {"method", req.method}}, 400);
+    base::fail(res, 400, "proxy_method_not_supported", {{"method", req.method}});
     return true;
   }
   httplib::Result r = req.method == "GET"    ? c.Get(path, headers)
@@ -827,7 +827,7 @@ bool DataModule::proxy_(const Request& req, Response& res, bool has_local) {
     log_->warn("proxy " + req.method + " upstream 0 — falling back to local");
     return false;
   }
-  reply(res, {{"error", "data_proxy_unreachable"}, {"upstream", proxy_url_}}, 502);
+  base::fail(res, 502, "data_proxy_unreachable", {{"upstream", proxy_url_}});
   return true;
 }
 
@@ -835,18 +835,16 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
   kernel::RouteOptions large;
   large.max_body = kernel::RouteOptions::kLargeBody;
   auto may_read = [](const Request& req, Response& res) {
-    if (kernel::has_scope(req, "data.vector.search") ||
-        kernel::has_scope(req, "data.memory.recall")) {
+    if (base::has_scope(req, "data.vector.search") || base::has_scope(req, "data.memory.recall")) {
       return true;
     }
-    return kernel::require_scope(req, res, "data.vector.search");
+    return base::require_scope(req, res, "data.vector.search");
   };
   auto may_write = [](const Request& req, Response& res) {
-    if (kernel::has_scope(req, "data.vector.write") ||
-        kernel::has_scope(req, "data.memory.store")) {
+    if (base::has_scope(req, "data.vector.write") || base::has_scope(req, "data.memory.store")) {
       return true;
     }
-    return kernel::require_scope(req, res, "data.vector.write");
+    return base::require_scope(req, res, "data.vector.write");
   };
   // A body that is not JSON counts as an empty one.
   auto body_of = [](const Request& req) {
@@ -861,11 +859,11 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
         IngestRequest request;
         std::string error;
         if (!read_ingest_request(req.body, request, error)) {
-          reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
+          base::fail(res, 400, "invalid_request", {{"detail", error}});
           return;
         }
         std::string tenant;
-        if (!kernel::acting_tenant(req, std::string(request.tenant.value_or("")), tenant, res))
+        if (!base::acting_tenant(req, std::string(request.tenant.value_or("")), tenant, res))
           return;
         request.tenant = tenant;
         res.body = ingest_(request, res.status);
@@ -879,7 +877,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
       // a node token may use it.
       if (peer && req.peer_node_id.empty() &&
           ctx_.gateway->auth_mode() == kernel::AuthMode::enforce) {
-        reply(res, {{"error", "forbidden"}, {"reason", "peer search needs a node token"}}, 403);
+        base::fail(res, 403, "forbidden", {{"reason", "peer search needs a node token"}});
         return;
       }
       if (!may_read(req, res) || proxy_(req, res, true)) return;
@@ -943,7 +941,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
   });
 
   gw.route("PUT", "/api/v1/vector/config", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res) || proxy_(req, res, true)) return;
+    if (!base::require_admin(req, res) || proxy_(req, res, true)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     Json changes = Json::object();
@@ -954,13 +952,13 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
       const bool text = key == "embedding_url" || key == "embedding_model" || key == "backend";
       const bool whole = key == "chunking_size" || key == "chunking_overlap";
       if (!text && !whole && key != "default_similarity_threshold") {
-        reply(res, {{"error", "unknown_key"}, {"key", it.key()}}, 400);
+        base::fail(res, 400, "unknown_key", {{"key", it.key()}});
         return;
       }
       if ((text && !it->is_string()) || (whole && (!it->is_number_integer() || *it < 0)) ||
           (key == "chunking_size" && *it != 0 && *it < kMinChunkSize) ||
           (key == "default_similarity_threshold" && !it->is_number())) {
-        reply(res, {{"error", "invalid_value"}, {"key", it.key()}}, 400);
+        base::fail(res, 400, "invalid_value", {{"key", it.key()}});
         return;
       }
       changes[key] = *it;
@@ -968,7 +966,7 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
     std::string error;
     if (!write_settings_(changes, error)) {
       log_->warn("vector.json not written: " + error);
-      reply(res, {{"error", "write_failed"}}, 500);
+      base::fail(res, 500, "write_failed");
       return;
     }
     reply(res, settings_().to_json());
@@ -981,16 +979,16 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
              std::string text, error, model;
              if (!member(body, {"text", "input"}, text, "", error) ||
                  !member(body, {"model"}, model, settings_().embedding_model, error)) {
-               reply(res, {{"error", "invalid_request"}, {"detail", error}}, 400);
+               base::fail(res, 400, "invalid_request", {{"detail", error}});
                return;
              }
              if (text.empty()) {
-               reply(res, {{"error", "missing 'text' or 'input'"}}, 400);
+               base::fail(res, 400, "missing 'text' or 'input'");
                return;
              }
              std::vector<float> v;
              if (!embed_(model, text, v, error)) {
-               reply(res, {{"error", "embedding_unavailable"}, {"detail", error}}, 502);
+               base::fail(res, 502, "embedding_unavailable", {{"detail", error}});
                return;
              }
              reply(res, {{"embedding", v}, {"dimension", v.size()}, {"model", model}});
@@ -1039,34 +1037,33 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
                  req.path.substr(std::string("/api/v1/vector/namespaces/").size());
              std::string why;
              if (!base::safe_name(tenant, why, 64)) {
-               reply(res, {{"error", "invalid_request"}, {"detail", "tenant " + why}}, 400);
+               base::fail(res, 400, "invalid_request", {{"detail", "tenant " + why}});
                return;
              }
-             if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
+             if (std::string acting; !base::acting_tenant(req, tenant, acting, res)) return;
              Json list = namespaces(tenant, false);
              reply(res, {{"tenant", tenant}, {"namespaces", list}, {"count", list.size()}});
            });
 
   for (const char* method : {"POST", "PUT", "DELETE"}) {
     gw.route(method, "/api/v1/vector/namespaces/*", [this](const Request& req, Response& res) {
-      if (!kernel::require_admin(req, res) || proxy_(req, res, false)) return;
-      reply(res, {{"error", "data_proxy_unreachable"}, {"upstream", ""}}, 502);
+      if (!base::require_admin(req, res) || proxy_(req, res, false)) return;
+      base::fail(res, 502, "data_proxy_unreachable", {{"upstream", ""}});
     });
   }
   for (const char* method : {"GET", "DELETE"}) {
     gw.route(method, "/api/v1/vector/sources/*", [this](const Request& req, Response& res) {
       if (proxy_(req, res, false)) return;
-      reply(res,
-            {{"error", "datad_unreachable"},
-             {"detail",
-              "vector sources are served by the data worker; configure OSTREL_DATA_PROXY_URL or "
-              "ensure the 4.x datad on .30 is reachable"}},
-            502);
+      base::fail(
+          res, 502, "datad_unreachable",
+          {{"detail",
+            "vector sources are served by the data worker; configure OSTREL_DATA_PROXY_URL or "
+            "ensure the 4.x datad on .30 is reachable"}});
     });
   }
   gw.route("PUT", "/api/v1/vector/documents/*", [this](const Request& req, Response& res) {
     if (proxy_(req, res, false)) return;
-    reply(res, {{"error", "vector_update_requires_datad"}}, 502);
+    base::fail(res, 502, "vector_update_requires_datad");
   });
 
   gw.route(
@@ -1078,14 +1075,14 @@ void DataModule::register_vector_routes_(kernel::ApiGateway& gw) {
         for (std::string p; std::getline(ss, p, '/');) parts.push_back(p);
         if (parts.size() != 3 || rest.back() == '/' || parts[0].empty() || parts[1].empty() ||
             parts[2].empty()) {
-          reply(res, {{"error", "expected /tenant/namespace/id"}}, 400);
+          base::fail(res, 400, "expected /tenant/namespace/id");
           return;
         }
-        if (std::string acting; !kernel::acting_tenant(req, parts[0], acting, res)) return;
+        if (std::string acting; !base::acting_tenant(req, parts[0], acting, res)) return;
         std::string error, detail;
         if (!vectors_->remove(parts[0], parts[1], parts[2], error, detail)) {
           int status = error == "rename_failed" ? 500 : 404;
-          Json body = {{"error", error}};
+          Json body = base::error_body(error);
           if (error == "rename_failed") {
             log_->warn("vector delete: " + detail);
             body["detail"] = "the journal could not be rewritten";
@@ -1112,11 +1109,11 @@ Json DataModule::memory_store_(const Json& args, int& status) {
       !member(args, {"key"}, r.key, "", error) || !member(args, {"value"}, r.value, "", error) ||
       !member(args, {"domain"}, r.domain, "general", error)) {
     status = 400;
-    return {{"error", "invalid_request"}, {"detail", error}};
+    return base::error_body("invalid_request", {{"detail", error}});
   }
   if (r.key.empty()) {
     status = 400;
-    return {{"error", "missing key"}};
+    return base::error_body("missing key");
   }
   r.replica = args.value("_replica", false);
   if (auto imp = args.find("importance"); imp != args.end() && imp->is_number())
@@ -1132,7 +1129,7 @@ Json DataModule::memory_store_(const Json& args, int& status) {
     Json answer = base::parse_json(q.body);
     if (q.status == 0 && answer.is_object() && answer.value("ok", true) == false) {
       status = 429;
-      return {{"error", "quota_exceeded"}, {"detail", answer}};
+      return base::error_body("quota_exceeded", {{"detail", answer}});
     }
   }
   MemoryStoreOutcome o = memory_->store(r);
@@ -1142,7 +1139,7 @@ Json DataModule::memory_store_(const Json& args, int& status) {
                  ? 400
                  : 500;
     if (status == 500) log_->warn("memory.store failed: " + o.error);
-    return {{"error", status == 400 ? o.error : "persist_failed"}};
+    return base::error_body(status == 400 ? o.error : "persist_failed");
   }
   if (!o.ignored && ctx_.syscalls->has("kernel.quota.consume")) {
     ctx_.syscalls->call(kDataSource, "kernel.quota.consume",
@@ -1240,16 +1237,16 @@ Json DataModule::memory_recall_(const Json& args, int& status) {
       !member(args, {"domain"}, domain, "general", error) ||
       !number(args, "limit", 10, 1, 1000, limit, error)) {
     status = 400;
-    return {{"error", "invalid_request"}, {"detail", error}};
+    return base::error_body("invalid_request", {{"detail", error}});
   }
   if (query.empty()) {
     status = 400;
-    return {{"error", "missing query"}};
+    return base::error_body("missing query");
   }
   std::string why;
   if (!base::safe_name(tenant, why, 64) || !base::safe_name(ns, why)) {
     status = 400;
-    return {{"error", "invalid_request"}, {"detail", "tenant or namespace " + why}};
+    return base::error_body("invalid_request", {{"detail", "tenant or namespace " + why}});
   }
   MemoryRecallOutcome o =
       memory_->recall(tenant, ns, query, domain, static_cast<std::size_t>(limit));
@@ -1282,7 +1279,7 @@ Json DataModule::memory_forget_(const Json& args, int& status) {
       !member(args, {"key"}, r.key, "", error) || !member(args, {"mode"}, r.mode, "soft", error) ||
       !member(args, {"namespace_prefix"}, r.ns_prefix, "", error)) {
     status = 400;
-    return {{"error", "invalid_request"}, {"detail", error}};
+    return base::error_body("invalid_request", {{"detail", error}});
   }
   if (auto d = args.find("damp_factor"); d != args.end() && d->is_number()) r.damp_factor = *d;
   if (auto a = args.find("older_than_seconds"); a != args.end() && a->is_number_integer()) {
@@ -1293,7 +1290,7 @@ Json DataModule::memory_forget_(const Json& args, int& status) {
   MemoryForgetOutcome o = memory_->forget(r);
   if (!o.ok) {
     status = o.error.rfind("persist_failed", 0) == 0 ? 500 : 400;
-    return {{"error", o.error}};
+    return base::error_body(o.error);
   }
   if (r.mode == "bulk") {
     log_->info("memory.forget bulk tenant='" + r.tenant + "' ns_prefix='" + r.ns_prefix +
@@ -1335,20 +1332,20 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
     gw.route(
         "POST", op.path,
         [this, op](const Request& req, Response& res) {
-      if (!kernel::require_scope(req, res, op.scope)) return;
-      Json body;
-      if (!base::parse_object_body(req, res, body)) return;
-      std::string tenant;
-      if (!tenant_of_(req, body, tenant, res)) return;
-      // A replica is only accepted from a peer.
-      if (body.value("_replica", false) && req.peer_node_id.empty() &&
-          kernel::credential_checked(req) && !kernel::is_admin(req)) {
-        body.erase("_replica");
-      }
-      body["tenant"] = tenant;
-      int status = 200;
-      Json out = (this->*op.fn)(body, status);
-      reply(res, out, status);
+          if (!base::require_scope(req, res, op.scope)) return;
+          Json body;
+          if (!base::parse_object_body(req, res, body)) return;
+          std::string tenant;
+          if (!tenant_of_(req, body, tenant, res)) return;
+          // A replica is only accepted from a peer.
+          if (body.value("_replica", false) && req.peer_node_id.empty() &&
+              base::credential_checked(req) && !base::is_admin(req)) {
+            body.erase("_replica");
+          }
+          body["tenant"] = tenant;
+          int status = 200;
+          Json out = (this->*op.fn)(body, status);
+          reply(res, out, status);
         },
         options);
   }
@@ -1360,12 +1357,12 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
     reply(res, s);
   });
   gw.route("POST", "/api/v1/memory/checkpoint", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     reply(res, memory_->checkpoint());
   });
   gw.route("GET", "/api/v1/memory/matrices", [this](const Request& req, Response& res) {
     std::string tenant;
-    if (!kernel::acting_tenant(req, req.param("tenant"), tenant, res)) return;
+    if (!base::acting_tenant(req, req.param("tenant"), tenant, res)) return;
     Json list = Json::array();
     for (const auto& m : memory_->list_matrices(tenant, req.param("user"))) {
       list.push_back({{"id", m.id},
@@ -1394,7 +1391,7 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
   gw.route("GET", "/api/v1/memory/metrics",
            [this](const Request&, Response& res) { reply(res, memory_->metrics()); });
   gw.route("GET", "/api/v1/memory/verify", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     reply(res, memory_->verify());
   });
 }
@@ -1404,9 +1401,8 @@ void DataModule::register_memory_routes_(kernel::ApiGateway& gw) {
 
 void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
   auto unavailable = [](Response& res) {
-    reply(res,
-          {{"error", "clusterfs_unavailable"}, {"detail", "backend not initialised on this node"}},
-          503);
+    base::fail(res, 503, "clusterfs_unavailable",
+               {{"detail", "backend not initialised on this node"}});
   };
   // "/api/v1/storage/objects/<tenant>/<path…>"
   auto split = [](const std::string& full, std::string& tenant, std::string& path) {
@@ -1424,13 +1420,13 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
       "PUT", "/api/v1/storage/objects/*",
       [this, unavailable, split](const Request& req, Response& res) {
         if (!objects_) return unavailable(res);
-        if (!kernel::require_scope(req, res, "data.storage.write")) return;
+        if (!base::require_scope(req, res, "data.storage.write")) return;
         std::string tenant, path;
         if (!split(req.path, tenant, path)) {
-          reply(res, {{"error", "expected /tenant/path"}}, 400);
+          base::fail(res, 400, "expected /tenant/path");
           return;
         }
-        if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
+        if (std::string acting; !base::acting_tenant(req, tenant, acting, res)) return;
         constexpr std::size_t kChunk = 4 << 20;
         clusterfs::ObjectMeta meta;
         meta.tenant_id = tenant;
@@ -1454,14 +1450,14 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
           return flush(false);
         });
         if (!ok || !flush(true)) {
-          reply(res, {{"error", error.empty() ? "bad_request" : "write_failed"}},
-                error.empty() ? 400 : 500);
+          base::fail(res, error.empty() ? 400 : 500,
+                     error.empty() ? "bad_request" : "write_failed");
           if (!error.empty()) log_->warn("storage put: " + error);
           return;
         }
         meta.size_bytes = offset;
         if (!objects_->put(meta, error)) {
-          reply(res, {{"error", "write_failed"}, {"detail", error}}, 400);
+          base::fail(res, 400, "write_failed", {{"detail", error}});
           return;
         }
         reply(res, {{"status", "stored"},
@@ -1476,16 +1472,16 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
   gw.route("GET", "/api/v1/storage/objects/*",
            [this, unavailable, split](const Request& req, Response& res) {
              if (!objects_) return unavailable(res);
-             if (!kernel::require_scope(req, res, "data.storage.read")) return;
+             if (!base::require_scope(req, res, "data.storage.read")) return;
              std::string tenant, path, error;
              if (!split(req.path, tenant, path)) {
-               reply(res, {{"error", "expected /tenant/path"}}, 400);
+               base::fail(res, 400, "expected /tenant/path");
                return;
              }
-             if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
+             if (std::string acting; !base::acting_tenant(req, tenant, acting, res)) return;
              clusterfs::ObjectMeta meta;
              if (!objects_->lookup(tenant, path, meta, error)) {
-               reply(res, {{"error", "not_found"}, {"detail", error}}, 404);
+               base::fail(res, 404, "not_found", {{"detail", error}});
                return;
              }
              std::string body;
@@ -1493,7 +1489,7 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
                std::string bytes;
                if (!chunks_->get(c.chunk_id, bytes, error)) {
                  log_->warn("storage get: " + error);
-                 reply(res, {{"error", "chunk_missing"}, {"chunk_id", c.chunk_id}}, 500);
+                 base::fail(res, 500, "chunk_missing", {{"chunk_id", c.chunk_id}});
                  return;
                }
                body += bytes;
@@ -1506,17 +1502,17 @@ void DataModule::register_storage_routes_(kernel::ApiGateway& gw) {
   gw.route("DELETE", "/api/v1/storage/objects/*",
            [this, unavailable, split](const Request& req, Response& res) {
              if (!objects_) return unavailable(res);
-             if (!kernel::require_scope(req, res, "data.storage.write")) return;
+             if (!base::require_scope(req, res, "data.storage.write")) return;
              std::string tenant, path, error;
              if (!split(req.path, tenant, path)) {
-               reply(res, {{"error", "expected /tenant/path"}}, 400);
+               base::fail(res, 400, "expected /tenant/path");
                return;
              }
-             if (std::string acting; !kernel::acting_tenant(req, tenant, acting, res)) return;
+             if (std::string acting; !base::acting_tenant(req, tenant, acting, res)) return;
              clusterfs::ObjectMeta meta;
              if (!objects_->lookup(tenant, path, meta, error) ||
                  !objects_->remove(meta.object_id, error)) {
-               reply(res, {{"error", "not_found"}, {"detail", error}}, 404);
+               base::fail(res, 404, "not_found", {{"detail", error}});
                return;
              }
              reply(res, {{"status", "deleted"}, {"tenant", tenant}, {"path", path}});

@@ -6,10 +6,7 @@
 
 #include "base/http_client.h"
 #include "identity/source_code.h"
-
-namespace ostrel::kernel {
-class SyscallTable;
-}
+#include "kernel/syscall_table.h"
 
 namespace ostrel::data {
 

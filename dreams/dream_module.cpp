@@ -448,7 +448,7 @@ Json DreamModule::run_cycle_(const std::string& trigger, const std::string& reas
 
 void DreamModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("POST", "/api/v1/dream/cycle", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.run")) return;
+    if (!base::require_scope(req, res, "dream.run")) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     std::string reason = "manual request";
@@ -490,19 +490,18 @@ void DreamModule::register_routes(kernel::ApiGateway& gw) {
   });
 
   gw.route("GET", "/api/v1/dream/config", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.read")) return;
+    if (!base::require_scope(req, res, "dream.read")) return;
     reply(res, config_json(engine_->config()));
   });
   gw.route("PUT", "/api/v1/dream/config", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.run")) return;
+    if (!base::require_scope(req, res, "dream.run")) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     std::lock_guard lock(config_write_mu_);
     DreamConfig c = engine_->config();
     std::string field, why, error;
     if (!apply_config(body, c, field, why)) {
-      reply(res, {{"error", "invalid_field"}, {"field", field}, {"message", field + ": " + why}},
-            400);
+      base::fail(res, 400, "invalid_field", {{"field", field}, {"message", field + ": " + why}});
       return;
     }
     if (!save_config_(c, error)) {
@@ -516,12 +515,12 @@ void DreamModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, config_json(c));
   });
   gw.route("GET", "/api/v1/dream/current", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.read")) return;
+    if (!base::require_scope(req, res, "dream.read")) return;
     std::lock_guard lock(state_mu_);
     reply(res, cycle_json(current_));
   });
   gw.route("GET", "/api/v1/dream/history", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.read")) return;
+    if (!base::require_scope(req, res, "dream.read")) return;
     std::size_t limit = DreamEngine::kHistory;
     const std::string l = req.param("limit");
     if (!l.empty()) {
@@ -570,7 +569,7 @@ void DreamModule::register_skill_routes_(kernel::ApiGateway& gw) {
     reply(res, skills_->list(req.param("active") == "true"));
   });
   gw.route("POST", "/api/v1/skills", [this](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.skills")) return;
+    if (!base::require_scope(req, res, "dream.skills")) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     int status = 200;
@@ -583,7 +582,7 @@ void DreamModule::register_skill_routes_(kernel::ApiGateway& gw) {
     reply(res, out, status);
   });
   gw.route("PUT", "/api/v1/skills/*", [this, id_of](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.skills")) return;
+    if (!base::require_scope(req, res, "dream.skills")) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     int status = 200;
@@ -591,7 +590,7 @@ void DreamModule::register_skill_routes_(kernel::ApiGateway& gw) {
     reply(res, out, status);
   });
   gw.route("DELETE", "/api/v1/skills/*", [this, id_of](const Request& req, Response& res) {
-    if (!kernel::require_scope(req, res, "dream.skills")) return;
+    if (!base::require_scope(req, res, "dream.skills")) return;
     int status = 200;
     Json out = skills_->remove(id_of(req), status);
     reply(res, out, status);

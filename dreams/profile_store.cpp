@@ -4,6 +4,7 @@
 #include "base/durable_file.h"
 #include "base/json.h"
 #include "base/names.h"
+#include "base/reply.h"
 
 namespace ostrel::dreams {
 
@@ -16,7 +17,7 @@ constexpr std::size_t kMaxIds = 1000;
 constexpr std::size_t kMaxProfileBytes = 64 * 1024;
 
 Json error_of(const char* code, const std::string& detail = {}) {
-  Json e = {{"error", code}};
+  Json e = base::error_body(code);
   if (!detail.empty()) e["detail"] = detail;
   return e;
 }

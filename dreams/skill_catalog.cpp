@@ -6,6 +6,7 @@
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/json.h"
+#include "base/reply.h"
 #include "base/text.h"
 
 namespace ostrel::dreams {
@@ -20,7 +21,7 @@ constexpr std::size_t kMaxText = 64 * 1024;
 Json error_of(const std::string& code, int code_status, int& status,
               const std::string& detail = {}) {
   status = code_status;
-  Json e = {{"error", code}};
+  Json e = base::error_body(code);
   if (!detail.empty()) e["detail"] = detail;
   return e;
 }

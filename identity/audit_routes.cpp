@@ -16,8 +16,8 @@ namespace {
 
 using Json = nlohmann::json;
 using base::reply;
-using kernel::Request;
-using kernel::Response;
+using base::Request;
+using base::Response;
 
 constexpr std::size_t kMaxLimit = 10000;
 
@@ -30,7 +30,7 @@ struct Reader {
 };
 
 bool reader_of(const IdentityContext& ctx, const Request& req, Reader& out, Response& res) {
-  if (kernel::credential_checked(req)) {
+  if (base::credential_checked(req)) {
     out.scopes = req.scopes;
     out.tenant = req.tenant;
     return true;
@@ -48,11 +48,10 @@ bool reader_of(const IdentityContext& ctx, const Request& req, Reader& out, Resp
     out.scopes = {"*"};
     return true;
   }
-  kernel::AuthResult a = ctx.verify_token ? ctx.verify_token(token) : kernel::AuthResult{};
+  base::AuthResult a = ctx.verify_token ? ctx.verify_token(token) : base::AuthResult{};
   if (!a.valid) {
-    reply(res,
-          {{"error", "invalid_token"}, {"reason", a.reason.empty() ? "unverifiable" : a.reason}},
-          401);
+    base::fail(res, 401, "invalid_token",
+               {{"reason", a.reason.empty() ? "unverifiable" : a.reason}});
     return false;
   }
   out.scopes = std::move(a.scopes);
@@ -77,7 +76,7 @@ bool audit_scope(const Reader& r, std::string& only_tenant, Response& res) {
       return true;
     }
   }
-  reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+  base::fail(res, 403, "missing_scope", {{"required", "audit.read"}});
   return false;
 }
 
@@ -202,14 +201,12 @@ void register_audit_routes(const IdentityContext& ctx, const AddRoute& add) {
     std::int64_t n = 100;
     if (!limit.empty() &&
         (!read_ms(limit, n) || n < 1 || n > static_cast<std::int64_t>(kMaxLimit))) {
-      reply(res, {{"error", "invalid_limit"}, {"message", "limit must be between 1 and 10000"}},
-            400);
+      base::fail(res, 400, "invalid_limit", "limit must be between 1 and 10000");
       return;
     }
     f.limit = static_cast<std::size_t>(n);
     if (!read_ms(req.param("since"), f.since_ms) || !read_ms(req.param("until"), f.until_ms)) {
-      reply(res, {{"error", "invalid_time"}, {"message", "since and until are Unix milliseconds"}},
-            400);
+      base::fail(res, 400, "invalid_time", "since and until are Unix milliseconds");
       return;
     }
     if (req.has_param("actor")) f.actor = req.param("actor");
@@ -221,17 +218,14 @@ void register_audit_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (bound.empty() && !admin_reader(reader)) bound = reader.tenant;
     const std::string requested = req.param("tenant");
     if (!bound.empty() && !requested.empty() && requested != bound) {
-      reply(res,
-            {{"error", "cross_tenant_read_denied"},
-             {"token_tenant", bound},
-             {"requested_tenant", requested}},
-            403);
+      base::fail(res, 403, "cross_tenant_read_denied",
+                 {{"token_tenant", bound}, {"requested_tenant", requested}});
       return;
     }
     const std::string tenant = requested.empty() ? bound : requested;
     if (!tenant.empty()) {
       if (ctx.tenants && !ctx.tenants->is_active(tenant)) {
-        reply(res, {{"error", "tenant_unknown_or_inactive"}, {"tenant", tenant}}, 404);
+        base::fail(res, 404, "tenant_unknown_or_inactive", {{"tenant", tenant}});
         return;
       }
       f.tenant = tenant;
@@ -256,8 +250,8 @@ void register_audit_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (ctx.audit_checkpoints) {
       std::vector<std::uint64_t> counts;
       for (const auto& [n, head] : ctx.audit_checkpoints->signed_heads()) counts.push_back(n);
-      const auto verdict = ctx.audit_checkpoints->judge(ctx.audit_log->size(),
-                                                        ctx.audit_log->heads_after(counts));
+      const auto verdict =
+          ctx.audit_checkpoints->judge(ctx.audit_log->size(), ctx.audit_log->heads_after(counts));
       out["checkpoints"] = ChainCheckpoints::to_json(verdict);
       if (!verdict.ok) out["ok"] = false;
     }
@@ -269,7 +263,7 @@ void register_audit_syscalls(const IdentityContext& ctx, const AddSyscall& add) 
   using base::json_syscall;
   // The usual argument shape (string members and a metadata object written
   // compactly) is read without a JSON tree; anything else takes the parser.
-  add("audit.append", [ctx](std::string_view args) -> kernel::SyscallResult {
+  add("audit.append", [ctx](std::string_view args) -> base::SyscallResult {
     AppendArgs a;
     const bool fast = read_append_args_fast(args, a);
     if (!fast) {
@@ -291,7 +285,7 @@ void register_audit_syscalls(const IdentityContext& ctx, const AddSyscall& add) 
                       ",\"ts_unix_ms\":" + std::to_string(e.ts_ms) + ",\"hash\":\"" +
                       AuditLog::to_hex(e.hash) + "\",\"prev_hash\":\"" +
                       AuditLog::to_hex(e.prev_hash) + "\"}";
-    return kernel::SyscallResult::ok(std::move(out));
+    return base::SyscallResult{0, std::move(out)};
   });
   add("audit.verify", json_syscall([ctx](const Json&) {
         AuditLog::Verification v = ctx.audit_log->verify();

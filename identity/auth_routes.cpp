@@ -16,10 +16,10 @@ namespace {
 
 using Json = nlohmann::json;
 using base::reply;
+using base::Request;
+using base::Response;
 using identity_registry::UserRecord;
 using identity_registry::UserStore;
-using kernel::Request;
-using kernel::Response;
 
 constexpr std::size_t kMaxUsername = 254;  // an e-mail address at most
 constexpr std::size_t kMaxPassword = 1024;
@@ -46,7 +46,7 @@ Json session_json(const UserRecord& u) {
 
 bool unavailable(const IdentityContext& ctx, Response& res) {
   if (ctx.users && ctx.users->is_open()) return false;
-  reply(res, {{"error", "identity_store_unavailable"}, {"message", "database not open"}}, 503);
+  base::fail(res, 503, "identity_store_unavailable", "database not open");
   return true;
 }
 
@@ -61,17 +61,17 @@ int status_of(const std::string& error) {
 // A user name a person can type: not too long, no control characters.
 bool check_username(const std::string& name, Response& res) {
   if (name.size() > kMaxUsername) {
-    reply(res, {{"error", "username too long"}, {"max_bytes", kMaxUsername}}, 400);
+    base::fail(res, 400, "username too long", {{"max_bytes", kMaxUsername}});
     return false;
   }
   for (unsigned char c : name) {
     if (c < 0x20 || c == 0x7f) {
-      reply(res, {{"error", "username must not contain control characters"}}, 400);
+      base::fail(res, 400, "username must not contain control characters");
       return false;
     }
   }
   if (!text::valid_utf8(name)) {
-    reply(res, {{"error", "username must be valid UTF-8"}}, 400);
+    base::fail(res, 400, "username must be valid UTF-8");
     return false;
   }
   return true;
@@ -113,9 +113,9 @@ struct Granter {
 
 Granter granter_of(const IdentityContext& ctx, const Request& req) {
   Granter g;
-  if (kernel::credential_checked(req)) {
+  if (base::credential_checked(req)) {
     // Checked by the gateway: a user's key or a token, with its role.
-    const int rank = role_rank(kernel::role_from_scopes(req));
+    const int rank = role_rank(base::role_from_scopes(req));
     g.rank = rank >= 2 ? rank : -1;
     g.tenant = req.tenant;
     return g;
@@ -140,14 +140,13 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (!base::parse_object_body(req, res, body)) return;
     const std::string password = string_field(body, "password");
     std::string username = string_field(body, "username");
-    if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
-    if (password.empty()) return reply(res, {{"error", "password required"}}, 400);
+    if (username.empty()) return base::fail(res, 400, "username required");
+    if (password.empty()) return base::fail(res, 400, "password required");
     if (!check_username(username, res)) return;
-    if (password.size() > kMaxPassword) return reply(res, {{"error", "password too long"}}, 400);
+    if (password.size() > kMaxPassword) return base::fail(res, 400, "password too long");
     {
       std::string normal, why;
-      if (!UserStore::normalise_username(username, normal, why))
-        return reply(res, {{"error", why}}, 400);
+      if (!UserStore::normalise_username(username, normal, why)) return base::fail(res, 400, why);
       username = normal;
     }
     std::string role = string_field(body, "role"),
@@ -165,12 +164,9 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       // comes first make it (the operator, on loopback); a node that
       // enforces credentials wants its administrator's for it.
       if (enforcing && granter.rank < 2 && !ctx.first_user_open) {
-        return reply(res,
-                     {{"error", "admin_credential_required"},
-                      {"message",
-                       "this node enforces credentials: its first account needs an "
-                       "administrator credential (the bootstrap token)"}},
-                     401);
+        return base::fail(res, 401, "admin_credential_required",
+                          "this node enforces credentials: its first account needs an "
+                          "administrator credential (the bootstrap token)");
       }
       if (!enforcing || granter.rank == 3 || (ctx.first_user_open && granter.rank < 2)) {
         // Two racing for it: one wins, the other goes on like everyone after.
@@ -183,20 +179,16 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
         via = "admin";
         // Nobody grants more than they hold, nor outside their own tenant.
         if (role_rank(role) > granter.rank) {
-          return reply(res,
-                       {{"error", "role_above_granter"},
-                        {"message", "a registration may not grant a role above the granter's"},
-                        {"role", role},
-                        {"granter_role", role_of_rank(granter.rank)}},
-                       403);
+          return base::fail(res, 403, "role_above_granter",
+                            {{"message", "a registration may not grant a role above the granter's"},
+                             {"role", role},
+                             {"granter_role", role_of_rank(granter.rank)}});
         }
         if (!granter.tenant.empty()) {
           if (!tenant.empty() && tenant != granter.tenant) {
-            return reply(res,
-                         {{"error", "cross_tenant_access_denied"},
-                          {"authenticated_tenant", granter.tenant},
-                          {"requested_tenant", tenant}},
-                         403);
+            return base::fail(
+                res, 403, "cross_tenant_access_denied",
+                {{"authenticated_tenant", granter.tenant}, {"requested_tenant", tenant}});
           }
           tenant = granter.tenant;
         }
@@ -210,10 +202,9 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
           via = "domain_match";
         }
         if (!t) {
-          reply(res,
-                {{"error", "signup_not_permitted"},
-                 {"detail", "Domain not on the signup allowlist. Ask an admin to permit it."}},
-                403);
+          base::fail(
+              res, 403, "signup_not_permitted",
+              {{"detail", "Domain not on the signup allowlist. Ask an admin to permit it."}});
           return;
         }
         tenant = *t;
@@ -221,7 +212,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       }
       r = ctx.users->register_user(username, password, role, account_type, tenant, display_name);
     }
-    if (!r) return reply(res, {{"error", r.error}}, status_of(r.error));
+    if (!r) return base::fail(res, status_of(r.error), r.error);
     if (ctx.log_info)
       ctx.log_info("user registered: " + r.user->username + " (" + r.user->role + ", " + via + ")");
     if (ctx.audit) {
@@ -244,7 +235,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     const std::string username = string_field(body, "username"),
                       password = string_field(body, "password");
     if (username.empty() || password.empty()) {
-      return reply(res, {{"error", "username and password required"}}, 400);
+      return base::fail(res, 400, "username and password required");
     }
     std::string name, why;
     if (!UserStore::normalise_username(username.substr(0, kMaxUsername + 1), name, why))
@@ -255,7 +246,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
           std::max(ctx.throttle->wait_seconds(by_name), ctx.throttle->wait_seconds(by_addr));
       if (wait > 0) {
         res.headers["Retry-After"] = std::to_string(wait);
-        return reply(res, {{"error", "too_many_attempts"}, {"retry_after_s", wait}}, 429);
+        return base::fail(res, 429, "too_many_attempts", {{"retry_after_s", wait}});
       }
     }
     identity_registry::UserResult r =
@@ -265,7 +256,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
         ctx.throttle->failed(by_name);
         ctx.throttle->failed(by_addr);
       }
-      return reply(res, {{"error", r.error}}, r.error == "database not open" ? 503 : 401);
+      return base::fail(res, r.error == "database not open" ? 503 : 401, r.error);
     }
     if (ctx.throttle) {
       ctx.throttle->succeeded(by_name);
@@ -277,9 +268,9 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
   add("GET", "/api/v1/auth/me", [ctx](const Request& req, Response& res) {
     if (unavailable(ctx, res)) return;
     const std::string key = api_key_of(req);
-    if (key.empty()) return reply(res, {{"error", "missing X-API-Key"}}, 401);
+    if (key.empty()) return base::fail(res, 401, "missing X-API-Key");
     auto u = ctx.users->authenticate_key(key);
-    if (!u) return reply(res, {{"error", "invalid_api_key"}}, 401);
+    if (!u) return base::fail(res, 401, "invalid_api_key");
     reply(res, user_json(*u));
   });
 
@@ -288,8 +279,8 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     const std::string username = string_field(body, "username");
-    if (username.empty()) return reply(res, {{"error", "username required"}}, 400);
-    if (username.size() > kMaxUsername) return reply(res, {{"error", "username too long"}}, 400);
+    if (username.empty()) return base::fail(res, 400, "username required");
+    if (username.size() > kMaxUsername) return base::fail(res, 400, "username too long");
     if (ctx.reset_throttle) {
       // Each request voids the token mailed before it: counted per name
       // (known or not, so the answer tells nothing) and per address.
@@ -300,7 +291,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
                                          ctx.reset_throttle->wait_seconds(by_addr));
       if (wait > 0) {
         res.headers["Retry-After"] = std::to_string(wait);
-        return reply(res, {{"error", "too_many_attempts"}, {"retry_after_s", wait}}, 429);
+        return base::fail(res, 429, "too_many_attempts", {{"retry_after_s", wait}});
       }
       ctx.reset_throttle->failed(by_name);
       ctx.reset_throttle->failed(by_addr);
@@ -332,22 +323,21 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
                       token = string_field(body, "token"),
                       password = string_field(body, "password");
     if (username.empty() || token.empty() || password.empty()) {
-      return reply(res, {{"error", "username, token, and password required"}}, 400);
+      return base::fail(res, 400, "username, token, and password required");
     }
-    if (password.size() < 8)
-      return reply(res, {{"error", "password must be at least 8 characters"}}, 400);
+    if (password.size() < 8) return base::fail(res, 400, "password must be at least 8 characters");
     auto u = ctx.users->find_by_username(username);
     Json settings =
         u ? base::parse_json(ctx.users->get_settings(u->user_id).value_or("{}")) : Json();
     const std::string stored = settings.is_object() ? settings.value("reset_token", "") : "";
     if (stored.empty() || !base::constant_time_equal(stored, token)) {
-      return reply(res, {{"error", "invalid token"}}, 400);
+      return base::fail(res, 400, "invalid token");
     }
     if (base::unix_s() > settings.value("reset_expires", std::int64_t{0})) {
-      return reply(res, {{"error", "token expired"}}, 400);
+      return base::fail(res, 400, "token expired");
     }
     if (std::string e = ctx.users->update_user(u->user_id, "", password); !e.empty()) {
-      return reply(res, {{"error", e}}, status_of(e));
+      return base::fail(res, status_of(e), e);
     }
     settings.erase("reset_token");
     settings.erase("reset_expires");
@@ -369,7 +359,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
   for (const List l : {List{"/api/v1/identity/signup-domains", "domains", false},
                        List{"/api/v1/identity/signup-emails", "emails", true}}) {
     add("GET", l.path, [ctx, l](const Request& req, Response& res) {
-      if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
+      if (!base::require_admin(req, res) || unavailable(ctx, res)) return;
       Json list = Json::array();
       if (l.email) {
         for (const auto& e : ctx.users->list_emails()) {
@@ -389,26 +379,25 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       reply(res, {{l.key, list}});
     });
     add("POST", l.path, [ctx, l](const Request& req, Response& res) {
-      if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
+      if (!base::require_admin(req, res) || unavailable(ctx, res)) return;
       Json body;
       if (!base::parse_object_body(req, res, body)) return;
       std::string entry = string_field(body, l.email ? "email" : "domain");
       for (char& c : entry) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       if (entry.empty() || entry.size() > kMaxUsername) {
-        return reply(res, {{"error", std::string(l.email ? "email" : "domain") + " required"}},
-                     400);
+        return base::fail(res, 400, std::string(l.email ? "email" : "domain") + " required");
       }
       if (l.email && entry.find('@') == std::string::npos) {
-        return reply(res, {{"error", "email must contain @"}}, 400);
+        return base::fail(res, 400, "email must contain @");
       }
       if (!l.email && entry.find('@') != std::string::npos) {
-        return reply(res, {{"error", "domain must be bare host (no @)"}}, 400);
+        return base::fail(res, 400, "domain must be bare host (no @)");
       }
       const std::string tenant = string_field(body, "tenant_id");
       const std::string by = req.user_id.empty() ? req.token_id : req.user_id;
       const std::string e = l.email ? ctx.users->add_email(entry, tenant, by)
                                     : ctx.users->add_domain(entry, tenant, by);
-      if (!e.empty()) return reply(res, {{"error", e}}, 500);
+      if (!e.empty()) return base::fail(res, 500, e);
       if (ctx.audit)
         ctx.audit(&req, {{"action",
                           std::string("admin.signup_") + (l.email ? "email" : "domain") + ".add"},
@@ -417,12 +406,12 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       reply(res, {{"status", "ok"}, {l.email ? "email" : "domain", entry}, {"tenant_id", tenant}});
     });
     add("DELETE", std::string(l.path) + "/*", [ctx, l](const Request& req, Response& res) {
-      if (!kernel::require_admin(req, res) || unavailable(ctx, res)) return;
+      if (!base::require_admin(req, res) || unavailable(ctx, res)) return;
       const std::string entry = req.path.substr(std::string(l.path).size() + 1);
       const bool removed =
           l.email ? ctx.users->delete_email(entry) : ctx.users->delete_domain(entry);
       if (!removed)
-        return reply(res, {{"error", "not_found"}, {l.email ? "email" : "domain", entry}}, 404);
+        return base::fail(res, 404, "not_found", {{l.email ? "email" : "domain", entry}});
       reply(res, {{"status", "deleted"}, {l.email ? "email" : "domain", entry}});
     });
   }
@@ -430,9 +419,9 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
   add("PUT", "/api/v1/edge/session", [ctx](const Request& req, Response& res) {
     if (unavailable(ctx, res)) return;
     const std::string key = req.header("X-API-Key");
-    if (key.empty()) return reply(res, {{"error", "missing X-API-Key header"}}, 401);
+    if (key.empty()) return base::fail(res, 401, "missing X-API-Key header");
     auto u = ctx.users->authenticate_key(key);
-    if (!u) return reply(res, {{"error", "invalid API key"}}, 401);
+    if (!u) return base::fail(res, 401, "invalid API key");
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     // The reset token, if one is pending, is not the browser's to overwrite.
@@ -442,36 +431,35 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       if (current.is_object() && current.contains(kept)) body[kept] = current[kept];
     }
     if (std::string e = ctx.users->save_settings(u->user_id, base::dump_json(body)); !e.empty()) {
-      return reply(res, {{"error", e}}, status_of(e));
+      return base::fail(res, status_of(e), e);
     }
     reply(res, {{"status", "saved"}, {"user_id", u->user_id}});
   });
 
-  kernel::RouteOptions cluster_internal;
+  base::RouteOptions cluster_internal;
   cluster_internal.cluster_secret = true;
   add(
       "POST", "/api/v1/identity/_sync",
       [ctx](const Request& req, Response& res) {
-    const std::string presented = req.header("X-Ostrel-Cluster-Secret");
-    if (presented.empty()) return reply(res, {{"error", "cluster_secret_required"}}, 401);
-    const std::string secret = ctx.cluster_secret ? ctx.cluster_secret() : "";
-    if (secret.empty()) return reply(res, {{"error", "cluster_secret_not_initialized"}}, 503);
-    if (!base::constant_time_equal(presented, secret))
-      return reply(res, {{"error", "forbidden"}}, 403);
-    Json body;
-    if (!base::parse_object_body(req, res, body)) return;
-    if (string_field(body, "action") != "set_password")
-      return reply(res, {{"error", "unknown_action"}}, 400);
-    const std::string user_id = string_field(body, "user_id"),
-                      password = string_field(body, "password");
-    if (user_id.empty() || password.empty())
-      return reply(res, {{"error", "user_id and password required"}}, 400);
-    if (!ctx.users || !ctx.users->is_open())
-      return reply(res, {{"error", "identity_store_unavailable"}}, 503);
-    if (!ctx.users->update_user(user_id, "", password).empty())
-      return reply(res, {{"error", "update_failed"}}, 400);
-    if (ctx.users_changed) ctx.users_changed();
-    reply(res, {{"status", "ok"}, {"user_id", user_id}});
+        const std::string presented = req.header("X-Ostrel-Cluster-Secret");
+        if (presented.empty()) return base::fail(res, 401, "cluster_secret_required");
+        const std::string secret = ctx.cluster_secret ? ctx.cluster_secret() : "";
+        if (secret.empty()) return base::fail(res, 503, "cluster_secret_not_initialized");
+        if (!base::constant_time_equal(presented, secret)) return base::fail(res, 403, "forbidden");
+        Json body;
+        if (!base::parse_object_body(req, res, body)) return;
+        if (string_field(body, "action") != "set_password")
+          return base::fail(res, 400, "unknown_action");
+        const std::string user_id = string_field(body, "user_id"),
+                          password = string_field(body, "password");
+        if (user_id.empty() || password.empty())
+          return base::fail(res, 400, "user_id and password required");
+        if (!ctx.users || !ctx.users->is_open())
+          return base::fail(res, 503, "identity_store_unavailable");
+        if (!ctx.users->update_user(user_id, "", password).empty())
+          return base::fail(res, 400, "update_failed");
+        if (ctx.users_changed) ctx.users_changed();
+        reply(res, {{"status", "ok"}, {"user_id", user_id}});
       },
       cluster_internal);
 }

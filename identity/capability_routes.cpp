@@ -13,8 +13,8 @@ namespace {
 
 using base::fail;
 using base::reply;
-using kernel::Request;
-using kernel::Response;
+using base::Request;
+using base::Response;
 using Json = nlohmann::json;
 
 const SourceCode kUserHolder{0xfe, 0x01};
@@ -46,7 +46,7 @@ constexpr std::int64_t kMaxLifetimeS = 10LL * 365 * 24 * 3600;
 
 bool read_lifetime(const Json& body, std::int64_t fallback, std::int64_t& out, Response& res) {
   if (!read_int(body, "lifetime_seconds", fallback, out) || out < 0 || out > kMaxLifetimeS) {
-    reply(res, {{"error", "lifetime_seconds must be an integer between 0 and 315360000"}}, 400);
+    base::fail(res, 400, "lifetime_seconds must be an integer between 0 and 315360000");
     return false;
   }
   return true;
@@ -67,7 +67,7 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
     std::string tenant = req.param("tenant");
     std::string pub;
     if (!ctx.issuer->public_key(tenant, pub)) {
-      reply(res, {{"error", "no_key_for_tenant"}, {"tenant", tenant}}, 404);
+      base::fail(res, 404, "no_key_for_tenant", {{"tenant", tenant}});
       return;
     }
     reply(res, {{"algorithm", "Ed25519"},
@@ -78,15 +78,15 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
 
   add("POST", "/api/v1/capabilities/issue", [ctx](const Request& req, Response& res) {
     Json body;
-    if (!base::parse_object_body(req, res, body) || !kernel::require_admin(req, res)) return;
+    if (!base::parse_object_body(req, res, body) || !base::require_admin(req, res)) return;
     std::vector<std::string> scopes;
     if (!read_string_list(body, "scopes", scopes) || scopes.empty()) {
-      reply(res, {{"error", "scopes must be a non-empty array"}}, 400);
+      base::fail(res, 400, "scopes must be a non-empty array");
       return;
     }
     std::int64_t holder = 0, lifetime = 0;
     if (!read_int(body, "holder", 0xfe01, holder) || holder < 0 || holder > 0xffff) {
-      reply(res, {{"error", "holder must be a number between 0 and 65535"}}, 400);
+      base::fail(res, 400, "holder must be a number between 0 and 65535");
       return;
     }
     if (!read_lifetime(body, 3600, lifetime, res)) return;
@@ -97,7 +97,7 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
         ctx.issuer->issue(SourceCode::from_value(static_cast<std::uint16_t>(holder)), scopes,
                           tenant, lifetime, "", &minted);
     if (token.empty()) {
-      reply(res, {{"error", "signing_failed"}}, 500);
+      base::fail(res, 500, "signing_failed");
       return;
     }
     audit(ctx, req,
@@ -110,36 +110,36 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
 
   add("POST", "/api/v1/capabilities/issue-for-user", [ctx](const Request& req, Response& res) {
     Json body;
-    if (!base::parse_object_body(req, res, body) || !kernel::require_admin(req, res)) return;
+    if (!base::parse_object_body(req, res, body) || !base::require_admin(req, res)) return;
     std::string tenant, user_id;
     if (!base::read_string(body, "tenant", tenant, res) ||
         !base::read_string(body, "user_id", user_id, res)) {
       return;
     }
     if (tenant.empty() || user_id.empty()) {
-      reply(res, {{"error", "missing tenant or user_id"}}, 400);
+      base::fail(res, 400, "missing tenant or user_id");
       return;
     }
     std::int64_t lifetime = 0;
     if (!read_lifetime(body, 3600, lifetime, res)) return;
     if (!ctx.tenants->is_active(tenant)) {
-      reply(res, {{"error", "tenant_unknown_or_inactive"}, {"tenant", tenant}}, 400);
+      base::fail(res, 400, "tenant_unknown_or_inactive", {{"tenant", tenant}});
       return;
     }
     User user;
     if (!ctx.rbac->user(tenant, user_id, user) || user.state != "active") {
-      reply(res, {{"error", "user_not_found_or_disabled"}, {"user_id", user_id}}, 400);
+      base::fail(res, 400, "user_not_found_or_disabled", {{"user_id", user_id}});
       return;
     }
     std::vector<std::string> scopes = ctx.rbac->effective_permissions(tenant, user_id);
     if (scopes.empty()) {
-      reply(res, {{"error", "no_effective_permissions"}}, 400);
+      base::fail(res, 400, "no_effective_permissions");
       return;
     }
     CapabilityToken minted;
     std::string token = ctx.issuer->issue(kUserHolder, scopes, tenant, lifetime, "", &minted);
     if (token.empty()) {
-      reply(res, {{"error", "signing_failed"}}, 500);
+      base::fail(res, 500, "signing_failed");
       return;
     }
     audit(ctx, req,
@@ -160,7 +160,7 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
     if (!base::parse_object_body(req, res, body)) return;
     auto token = body.find("token");
     if (token == body.end() || !token->is_string() || token->get<std::string>().empty()) {
-      reply(res, {{"error", "missing token"}}, 400);
+      base::fail(res, 400, "missing token");
       return;
     }
     CapabilityToken t;
@@ -190,20 +190,20 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
     std::string error;
     auto token = body.value("token", Json(""));
     if (!token.is_string() || !ctx.issuer->verify(token, parent, error)) {
-      reply(res, {{"error", error.empty() ? "missing token" : error}}, 400);
+      base::fail(res, 400, error.empty() ? "missing token" : error);
       return;
     }
     std::vector<std::string> scopes;
     std::int64_t lifetime = 0;
     if (!read_string_list(body, "scopes", scopes)) {
-      reply(res, {{"error", "scopes must be an array of strings"}}, 400);
+      base::fail(res, 400, "scopes must be an array of strings");
       return;
     }
     if (!read_lifetime(body, 600, lifetime, res)) return;
     std::string child;
     CapabilityToken minted;
     if (!ctx.issuer->attenuate(parent, scopes, lifetime, child, error, &minted)) {
-      reply(res, {{"error", error}}, error == "signing_failed" ? 500 : 400);
+      base::fail(res, error == "signing_failed" ? 500 : 400, error);
       return;
     }
     Json out = minted_json(child, minted);
@@ -213,35 +213,31 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
 
   add("POST", "/api/v1/capabilities/revoke", [ctx](const Request& req, Response& res) {
     Json body;
-    if (!base::parse_object_body(req, res, body) || !kernel::require_admin(req, res)) return;
+    if (!base::parse_object_body(req, res, body) || !base::require_admin(req, res)) return;
     auto id_field = body.value("id", Json(""));
     if (!id_field.is_string() || id_field.get<std::string>().empty()) {
-      reply(res, {{"error", "missing id"}}, 400);
+      base::fail(res, 400, "missing id");
       return;
     }
     const std::string id = id_field;
     std::string why;
     if (!base::safe_id(id, why, 64)) {
-      reply(res, {{"error", "invalid id"}, {"message", "id " + why}}, 400);
+      base::fail(res, 400, "invalid id", "id " + why);
       return;
     }
     switch (ctx.issuer->revoke(id)) {
       case CapabilityIssuer::RevokeResult::unknown:
-        reply(res,
-              {{"error", "unknown_token"},
-               {"id", id},
-               {"message", "no unexpired token with this id was issued by this node"}},
-              404);
+        base::fail(
+            res, 404, "unknown_token",
+            {{"id", id}, {"message", "no unexpired token with this id was issued by this node"}});
         return;
       case CapabilityIssuer::RevokeResult::already_revoked:
         reply(res, {{"status", "already_revoked"}, {"id", id}});
         return;
       case CapabilityIssuer::RevokeResult::journal_failed:
-        reply(res,
-              {{"error", "journal_write_failed"},
-               {"id", id},
-               {"message", "revoked until the node restarts; the revocation is not on disk"}},
-              500);
+        base::fail(res, 500, "journal_write_failed",
+                   {{"id", id},
+                    {"message", "revoked until the node restarts; the revocation is not on disk"}});
         return;
       case CapabilityIssuer::RevokeResult::revoked:
         break;

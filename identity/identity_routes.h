@@ -21,19 +21,19 @@
 // syscall table through the two callbacks below.
 namespace ostrel::identity {
 
-using RouteFn = std::function<void(const kernel::Request&, kernel::Response&)>;
+using RouteFn = std::function<void(const base::Request&, base::Response&)>;
 // Adds one route to the gateway: method, pattern, handler and, where they
 // differ from the defaults, the route's options.
 struct AddRoute {
   std::function<void(const std::string& method, const std::string& path, RouteFn,
-                     kernel::RouteOptions)>
+                     base::RouteOptions)>
       add;
   void operator()(const std::string& method, const std::string& path, RouteFn fn,
-                  kernel::RouteOptions options = {}) const {
+                  base::RouteOptions options = {}) const {
     add(method, path, std::move(fn), options);
   }
 };
-using SyscallFn = std::function<kernel::SyscallResult(std::string_view)>;
+using SyscallFn = std::function<base::SyscallResult(std::string_view)>;
 using AddSyscall = std::function<void(const std::string& name, SyscallFn)>;
 
 // The stores the routes work on and the kernel's hooks they call. The
@@ -47,13 +47,13 @@ struct IdentityContext {
   std::function<void()> credentials_changed;
   std::function<void(const std::string&)> log_info;
   // Records a security-relevant action: {"action", "tenant", "subject", …}.
-  std::function<void(const kernel::Request* caller, const nlohmann::json& event)> audit;
+  std::function<void(const base::Request* caller, const nlohmann::json& event)> audit;
   // The audit log itself, for its routes and syscalls, and its signed
   // checkpoints (null until they are opened).
   AuditLog* audit_log = nullptr;
   ChainCheckpoints* audit_checkpoints = nullptr;
   // Checks a token presented where auth is not enforced (the audit routes).
-  std::function<kernel::AuthResult(const std::string& token)> verify_token;
+  std::function<base::AuthResult(const std::string& token)> verify_token;
   // The source code of the caller of the syscall running on this thread.
   std::function<SourceCode()> syscall_caller;
   // The user store (null when it could not be opened) and the login throttle.

@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "base/journal.h"
 #include "base/json.h"
+#include "base/reply.h"
 #include "base/types.h"
 
 namespace ostrel::identity {
@@ -407,11 +408,8 @@ Json RejectResponse::to_json() const {
     case Kind::other:
       break;
   }
-  Json j = {{"error", "forbidden"},
-            {"code", code},
-            {"message", message},
-            {"tool", tool},
-            {"user_id", user_id}};
+  Json j = base::error_body(
+      "forbidden", {{"code", code}, {"message", message}, {"tool", tool}, {"user_id", user_id}});
   if (!contact_url.empty()) j["contact_url"] = contact_url;
   if (!suggestion.empty()) j["suggestion"] = suggestion;
   return j;
@@ -422,13 +420,13 @@ Json RejectResponse::to_json() const {
 namespace tenant_guard {
 
 bool deny_if_cross_tenant(const std::string& authenticated_tenant,
-                          const std::string& requested_tenant, kernel::Response& response) {
+                          const std::string& requested_tenant, base::Response& response) {
   if (authenticated_tenant.empty() || authenticated_tenant == requested_tenant) return false;
   response.status = 403;
   response.content_type = "application/json";
-  response.body = base::dump_json(Json{{"error", "cross_tenant_access_denied"},
-                                       {"authenticated_tenant", authenticated_tenant},
-                                       {"requested_tenant", requested_tenant}});
+  response.body = base::dump_json(base::error_body(
+      "cross_tenant_access_denied",
+      {{"authenticated_tenant", authenticated_tenant}, {"requested_tenant", requested_tenant}}));
   return true;
 }
 

@@ -112,7 +112,7 @@ namespace tenant_guard {
 // True, with 403 {"error":"cross_tenant_access_denied",…} in `response`, when
 // the caller is bound to a tenant other than the one it asks for.
 bool deny_if_cross_tenant(const std::string& authenticated_tenant,
-                          const std::string& requested_tenant, kernel::Response& response);
+                          const std::string& requested_tenant, base::Response& response);
 }  // namespace tenant_guard
 
 }  // namespace ostrel::identity

@@ -13,6 +13,7 @@
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/json.h"
+#include "base/reply.h"
 #include "base/text.h"
 
 namespace ostrel::security {
@@ -537,15 +538,14 @@ RejectResponse RoleService::build_reject(const std::string& tool, const CheckOut
   }
   RejectResponse r;
   r.http_status = status;
-  r.body = {{"error", code},
-            {"code", code},
-            {"message", message},
-            {"tool", tool},
-            {"user_id", ctx.user_id},
-            {"suggestion", suggestion},
-            {"contact_url", contact_url},
-            {"trace_id", ctx.trace_id},
-            {"timestamp", iso_time(base::unix_ms())}};
+  r.body = base::error_body(code, {{"code", code},
+                                   {"message", message},
+                                   {"tool", tool},
+                                   {"user_id", ctx.user_id},
+                                   {"suggestion", suggestion},
+                                   {"contact_url", contact_url},
+                                   {"trace_id", ctx.trace_id},
+                                   {"timestamp", iso_time(base::unix_ms())}});
   return r;
 }
 

@@ -13,6 +13,7 @@
 #include "base/encoding.h"
 #include "base/json.h"
 #include "base/paths.h"
+#include "base/reply.h"
 
 namespace ostrel::source_header {
 namespace {
@@ -69,7 +70,7 @@ SourceDecision verdict(const char* action, int status, const char* error) {
   SourceDecision d;
   d.action = action;
   d.status = status;
-  if (error) d.body = std::string("{\"error\":\"") + error + "\"}";
+  if (error) d.body = base::dump_json(base::error_body(error));
   return d;
 }
 

@@ -11,8 +11,8 @@ namespace ostrel::identity {
 namespace {
 
 using base::reply;
-using kernel::Request;
-using kernel::Response;
+using base::Request;
+using base::Response;
 using Json = nlohmann::json;
 
 bool read_int(const Json& body, const char* key, std::int64_t fallback, std::int64_t& out) {
@@ -145,7 +145,7 @@ bool change_tenant(const IdentityContext& ctx, const std::string& id, const std:
              {"role_id", role_id}};
     return ok;
   }
-  reply(res, {{"error", "not_found"}, {"path", "/api/v1/tenants/" + id + "/" + rest}}, 404);
+  base::fail(res, 404, "not_found", {{"path", "/api/v1/tenants/" + id + "/" + rest}});
   error.clear();
   return false;
 }
@@ -232,18 +232,18 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
 
   add("POST", "/api/v1/tenants", [ctx](const Request& req, Response& res) {
     Json body;
-    if (!base::parse_object_body(req, res, body) || !kernel::require_admin(req, res)) return;
+    if (!base::parse_object_body(req, res, body) || !base::require_admin(req, res)) return;
     Tenant created;
     std::string error;
     bool ok = false;
     try {
       ok = create_tenant(ctx, body, created, error);
     } catch (const Json::type_error&) {
-      reply(res, {{"error", "invalid_field"}, {"message", "a field has the wrong type"}}, 400);
+      base::fail(res, 400, "invalid_field", "a field has the wrong type");
       return;
     }
     if (!ok) {
-      reply(res, {{"error", error}}, status_for(error));
+      base::fail(res, status_for(error), error);
       return;
     }
     log_info(ctx, "tenant created: " + created.id);
@@ -254,13 +254,13 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
   add("GET", "/api/v1/tenants/*", [ctx](const Request& req, Response& res) {
     std::string id, rest;
     if (!split_tenant_path(req.path, id, rest) || !rest.empty()) {
-      reply(res, {{"error", "not_found"}, {"path", req.path}}, 404);
+      base::fail(res, 404, "not_found", {{"path", req.path}});
       return;
     }
     if (tenant_guard::deny_if_cross_tenant(req.tenant, id, res)) return;
     Tenant t;
     if (!ctx.tenants->get(id, t)) {
-      reply(res, {{"error", "not_found"}}, 404);
+      base::fail(res, 404, "not_found");
       return;
     }
     reply(res, tenant_detail(ctx, t));
@@ -270,13 +270,13 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
     std::string id, rest;
     Json body;
     if (!split_tenant_path(req.path, id, rest) || !rest.empty()) {
-      reply(res, {{"error", "not_found"}, {"path", req.path}}, 404);
+      base::fail(res, 404, "not_found", {{"path", req.path}});
       return;
     }
-    if (!base::parse_object_body(req, res, body) || !kernel::require_admin(req, res)) return;
+    if (!base::parse_object_body(req, res, body) || !base::require_admin(req, res)) return;
     std::string error;
     if (!ctx.tenants->update_metadata(id, body, error)) {
-      reply(res, {{"error", error}}, error == "not_found" ? 404 : status_for(error));
+      base::fail(res, error == "not_found" ? 404 : status_for(error), error);
       return;
     }
     log_info(ctx, "tenant updated: " + id);
@@ -289,14 +289,14 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
     std::string id, rest;
     Json body;
     if (!split_tenant_path(req.path, id, rest)) {
-      reply(res, {{"error", "not_found"}, {"path", req.path}}, 404);
+      base::fail(res, 404, "not_found", {{"path", req.path}});
       return;
     }
     if (!base::parse_object_body(req, res, body)) return;
     if (tenant_guard::deny_if_cross_tenant(req.tenant, id, res)) return;
     Tenant t;
     if (!ctx.tenants->get(id, t)) {
-      reply(res, {{"error", "not_found"}}, 404);
+      base::fail(res, 404, "not_found");
       return;
     }
     if (rest == "quota/check") {
@@ -305,7 +305,7 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
       std::optional<std::int64_t> limit;
       if (resource.is_string()) limit = t.quotas.limit(resource);
       if (!limit || !read_int(body, "increment", 1, increment)) {
-        reply(res, {{"error", "unknown_resource"}}, 400);
+        base::fail(res, 400, "unknown_resource");
         return;
       }
       QuotaCheck c = ctx.quotas->check(id, resource, increment, *limit);
@@ -316,18 +316,18 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
                   {"reason", c.reason}});
       return;
     }
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     std::string error;
     Json event;
     bool ok = false;
     try {
       ok = change_tenant(ctx, id, rest, body, res, error, event);
     } catch (const Json::type_error&) {
-      reply(res, {{"error", "invalid_field"}, {"message", "a field has the wrong type"}}, 400);
+      base::fail(res, 400, "invalid_field", "a field has the wrong type");
       return;
     }
     if (!ok) {
-      if (!error.empty()) reply(res, {{"error", error}}, status_for(error));
+      if (!error.empty()) base::fail(res, status_for(error), error);
       return;
     }
     audit(ctx, req, event);

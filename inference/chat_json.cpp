@@ -7,6 +7,7 @@
 
 #include "base/json.h"
 #include "base/json_scanner.h"
+#include "base/reply.h"
 #include "base/text.h"
 
 namespace ostrel::inference::chat_json {
@@ -392,11 +393,7 @@ void append_chunk(std::string& out, const std::string& id, const std::string& mo
 }
 
 Json render_error(const InferenceError& e) {
-  return Json{{"error",
-               {{"message", e.message},
-                {"type", error_type(e.code)},
-                {"param", nullptr},
-                {"code", error_type(e.code)}}}};
+  return base::openai_error_body(e.message, error_type(e.code), error_type(e.code));
 }
 
 std::string render_usage_chunk(const std::string& id, const std::string& model,

@@ -50,7 +50,6 @@ constexpr const char* kNoBackend =
     "no_backend_for_model — no local-LAN backend matched the requested model and embedded "
     "llama.cpp was not compiled in. Register a local backend via POST "
     "/api/v1/inference/local-backends or build with -DOSTREL_ULVO_WITH_INFERENCE=ON.";
-constexpr const char* kNativeOnly = "{\"error\":\"native_inference_not_compiled_in\"}";
 const std::set<std::string> kSettingsKeys = {
     "backend",          "gpu_layers", "ctx_length",  "max_contexts",         "batch_size",
     "batching_enabled", "auto_load",  "auto_unload", "auto_unload_timeout_s"};
@@ -306,8 +305,8 @@ kernel::HealthStatus InferenceModule::health() {
 }
 
 bool InferenceModule::admin_(const Request& req, Response& res) const {
-  if (kernel::is_admin(req)) return true;
-  reply(res, {{"error", "forbidden"}, {"detail", "admin role required"}}, 403);
+  if (base::is_admin(req)) return true;
+  base::fail(res, 403, "forbidden", {{"detail", "admin role required"}});
   return false;
 }
 
@@ -376,7 +375,7 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
   auto model = args.value("model", Json(""));
   if (!model.is_string() || model.get<std::string>().empty()) {
     status = 400;
-    return {{"error", "missing_model"}};
+    return base::error_body("missing_model");
   }
   const std::string m = model;
   // A request's size in work, before any of it is done: inputs, and tokens
@@ -407,12 +406,12 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
       why = "an input may have at most " + std::to_string(kMaxEmbeddingTokensPerInput) + " tokens";
     } else if (total > kMaxEmbeddingTokensPerRequest) {
       code = "too_many_tokens";
-      why = "at most " + std::to_string(kMaxEmbeddingTokensPerRequest) +
-            " tokens per request in all";
+      why =
+          "at most " + std::to_string(kMaxEmbeddingTokensPerRequest) + " tokens per request in all";
     }
     if (code) {
       status = 400;
-      return {{"error", {{"message", why}, {"type", "invalid_request_error"}, {"code", code}}}};
+      return base::openai_error_body(why, "invalid_request_error", code);
     }
   }
   // OpenAI clients ask for base64 (little-endian float32) unless told otherwise.
@@ -469,14 +468,14 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
                                           base::dump_json(args), headers, 60000);
   if (!r.transport_ok || r.status < 200 || r.status >= 300) {
     status = 502;
-    return {{"error", "upstream_failed"},
-            {"detail",
-             "http " + std::to_string(r.status) + ": " + (r.transport_ok ? r.body : r.error)}};
+    return base::error_body("upstream_failed",
+                            {{"detail", "http " + std::to_string(r.status) + ": " +
+                                            (r.transport_ok ? r.body : r.error)}});
   }
   Json answer = base::parse_json(r.body);
   if (answer.is_discarded()) {
     status = 502;
-    return {{"error", "upstream_failed"}, {"detail", "http 200: answer is not JSON"}};
+    return base::error_body("upstream_failed", {{"detail", "http 200: answer is not JSON"}});
   }
   // An upstream that ignored the format still answers in the one asked for.
   if (format == "base64" && answer.is_object() && answer.contains("data") &&
@@ -628,7 +627,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   gw.route(
       "POST", "/v1/inference/chat",
       [this](const Request& req, Response& res) {
-        if (!kernel::require_scope(req, res, "inference.chat")) return;
+        if (!base::require_scope(req, res, "inference.chat")) return;
         handle_chat_(req, res);
       },
       large);
@@ -636,7 +635,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   gw.route(
       "POST", "/v1/inference/embeddings",
       [this](const Request& req, Response& res) {
-        if (!kernel::require_scope(req, res, "inference.chat")) return;
+        if (!base::require_scope(req, res, "inference.chat")) return;
         Json body;
         if (!base::parse_object_body(req, res, body)) return;
         int status = 200;
@@ -672,7 +671,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     for (const auto& m : models["data"]) known = known || m["id"] == id;
     if (action.empty()) {
       if (!known && !has_file) {
-        reply(res, {{"error", "not_found"}}, 404);
+        base::fail(res, 404, "not_found");
         return;
       }
       reply(res, {{"id", id},
@@ -681,17 +680,17 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       return;
     }
     if (action != "inspect") {
-      reply(res, {{"error", "unknown_action"}}, 400);
+      base::fail(res, 400, "unknown_action");
       return;
     }
     if (!has_file) {
-      reply(res, {{"error", known ? "file_missing" : "not_found"}}, 404);
+      base::fail(res, 404, known ? "file_missing" : "not_found");
       return;
     }
     gguf::GGUFFile g;
     std::string error;
     if (!g.open(file.string(), error)) {
-      reply(res, {{"error", "gguf_parse_failed"}, {"detail", error}}, 422);
+      base::fail(res, 422, "gguf_parse_failed", {{"detail", error}});
       return;
     }
     Json tensors = Json::array();
@@ -717,8 +716,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   });
 
   auto native_only = [](const Request&, Response& res) {
-    res.status = 501;
-    res.body = kNativeOnly;
+    base::fail(res, 501, "native_inference_not_compiled_in");
   };
   gw.route("DELETE", "/api/v1/inference/models/*", native_only);
   gw.route("POST", "/api/v1/inference/models/preload", native_only);
@@ -727,13 +725,10 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     if (!ctx_.syscalls->has("inference.models.load")) {
       // No in-process model runtime in this build: models live in the model
       // servers registered as backends, which load them on first use.
-      reply(res,
-            {{"error", "load syscall unavailable"},
-             {"message",
-              "this build has no in-process model runtime; a model listed by a healthy "
-              "backend (GET /api/v1/inference/engine) is loaded by its model server on first "
-              "use, and other servers can be added with POST /api/v1/inference/local-backends"}},
-            501);
+      base::fail(res, 501, "load syscall unavailable",
+                 "this build has no in-process model runtime; a model listed by a healthy "
+                 "backend (GET /api/v1/inference/engine) is loaded by its model server on first "
+                 "use, and other servers can be added with POST /api/v1/inference/local-backends");
       return;
     }
     kernel::SyscallResult r =
@@ -777,7 +772,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
   register_model_file_routes_(gw);
 
   gw.route("GET", "/api/v1/inference/config", [this](const Request& req, Response& res) {
-    reply(res, runtime_config_json_(kernel::is_admin(req)));
+    reply(res, runtime_config_json_(base::is_admin(req)));
   });
 
   gw.route("PUT", "/api/v1/inference/config", [this](const Request& req, Response& res) {
@@ -786,7 +781,7 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
     if (!base::parse_object_body(req, res, body)) return;
     for (auto it = body.begin(); it != body.end(); ++it) {
       if (!kSettingsKeys.count(it.key())) {
-        reply(res, {{"error", "unknown_key"}, {"key", it.key()}}, 400);
+        base::fail(res, 400, "unknown_key", {{"key", it.key()}});
         return;
       }
     }
@@ -804,12 +799,11 @@ void InferenceModule::register_routes(kernel::ApiGateway& gw) {
       }
     }
     if (!error.empty()) {
-      reply(res,
-            {{"error", "not_saved"},
-             {"message", "the settings could not be written to the configuration directory "
-                         "(OSTREL_CONFIG_DIR); nothing was changed"},
-             {"detail", error}},
-            507);
+      base::fail(res, 507, "not_saved",
+                 {{"message",
+                   "the settings could not be written to the configuration directory "
+                   "(OSTREL_CONFIG_DIR); nothing was changed"},
+                  {"detail", error}});
       return;
     }
     reply(res, {{"status", "applied"}, {"requires_restart", !body.empty()}, {"persisted", true}});
@@ -837,18 +831,18 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
         if (!admin_(req, res)) return;
         const std::string filename = req.param("filename");
         if (filename.empty()) {
-          reply(res, {{"error", "missing_filename_query"}}, 400);
+          base::fail(res, 400, "missing_filename_query");
           return;
         }
         if (!safe_model_path(filename)) {
-          reply(res, {{"error", "invalid_path"}}, 400);
+          base::fail(res, 400, "invalid_path");
           return;
         }
         base::AtomicFileWriter file(model_dir_ / filename);
         std::string error;
         if (!file.open(error)) {
           log_->warn("model upload: cannot open a file in the model directory: " + error);
-          reply(res, {{"error", "open_failed"}}, 500);
+          base::fail(res, 500, "open_failed");
           return;
         }
         bool too_large = false;
@@ -859,31 +853,29 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
           return true;
         });
         if (too_large) {
-          reply(res,
-                {{"error", "payload_too_large"},
-                 {"message", "a model file may not exceed " + std::to_string(model_max_bytes_) +
-                                 " bytes (inference.model_max_bytes)"}},
-                413);
+          base::fail(res, 413, "payload_too_large",
+                     "a model file may not exceed " + std::to_string(model_max_bytes_) +
+                         " bytes (inference.model_max_bytes)");
           return;
         }
         if (write_failed) {
           log_->warn("model upload: write failed: " + error);
-          reply(res, {{"error", "write_failed"}}, 500);
+          base::fail(res, 500, "write_failed");
           return;
         }
         if (!read) {
-          reply(res, {{"error", "bad_request"}, {"message", "the upload was cut short"}}, 400);
+          base::fail(res, 400, "bad_request", "the upload was cut short");
           return;
         }
         std::string why;
         if (!has_gguf_magic(file.temporary(), why)) {
-          reply(res, {{"error", "not_gguf"}, {"message", why}}, 400);
+          base::fail(res, 400, "not_gguf", why);
           return;
         }
         const std::uint64_t size = file.size();
         if (!file.commit(error)) {
           log_->warn("model upload: write failed: " + error);
-          reply(res, {{"error", "write_failed"}}, 500);
+          base::fail(res, 500, "write_failed");
           return;
         }
         log_->info("model uploaded: " + filename);
@@ -900,12 +892,12 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
     if (!base::parse_object_body(req, res, body)) return;
     auto url = body.value("url", Json(""));
     if (!url.is_string() || url.get<std::string>().empty()) {
-      reply(res, {{"error", "missing_url"}}, 400);
+      base::fail(res, 400, "missing_url");
       return;
     }
     const std::string u = url;
     if (u.rfind("http://", 0) != 0 && u.rfind("https://", 0) != 0) {
-      reply(res, {{"error", "invalid_scheme"}, {"detail", "http or https only"}}, 400);
+      base::fail(res, 400, "invalid_scheme", {{"detail", "http or https only"}});
       return;
     }
     auto name_field = body.value("filename", Json(""));
@@ -915,16 +907,15 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
       filename = path.substr(path.find_last_of('/') + 1);
     }
     if (!safe_model_path(filename)) {
-      reply(res,
-            {{"error", "invalid_filename"},
-             {"detail", "could not derive a safe filename from url; pass filename explicitly"}},
-            400);
+      base::fail(
+          res, 400, "invalid_filename",
+          {{"detail", "could not derive a safe filename from url; pass filename explicitly"}});
       return;
     }
     fs::path target = model_dir_ / filename;
     std::error_code ec;
     if (fs::exists(target, ec)) {
-      reply(res, {{"error", "file_exists"}, {"path", shown_path(filename)}}, 409);
+      base::fail(res, 409, "file_exists", {{"path", shown_path(filename)}});
       return;
     }
     http_fetch::DownloadLimits limits;
@@ -934,13 +925,13 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
     http_fetch::Result r =
         http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller", limits);
     if (r.error == "file_exists") {
-      reply(res, {{"error", "file_exists"}, {"path", shown_path(filename)}}, 409);
+      base::fail(res, 409, "file_exists", {{"path", shown_path(filename)}});
       return;
     }
     if (!r.error.empty()) {
       log_->warn("model pull of " + u + " failed: " + r.error);
       int status = r.error == "too_large" ? 413 : r.error.rfind("rejected", 0) == 0 ? 422 : 502;
-      reply(res, {{"error", "download_failed"}, {"detail", r.error}, {"status", r.status}}, status);
+      base::fail(res, status, "download_failed", {{"detail", r.error}, {"status", r.status}});
       return;
     }
     log_->info("model pulled: " + u + " → " + filename);
@@ -954,18 +945,18 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
     if (!admin_(req, res)) return;
     const std::string name = req.path.substr(std::string("/api/v1/inference/files/").size());
     if (!safe_model_path(name)) {
-      reply(res, {{"error", "invalid_path"}}, 400);
+      base::fail(res, 400, "invalid_path");
       return;
     }
     fs::path target = model_dir_ / name;
     std::error_code ec;
     if (!fs::exists(target, ec)) {
-      reply(res, {{"error", "not_found"}}, 404);
+      base::fail(res, 404, "not_found");
       return;
     }
     if (!fs::remove(target, ec)) {
       log_->warn("model delete: " + ec.message());
-      reply(res, {{"error", "delete_failed"}}, 500);
+      base::fail(res, 500, "delete_failed");
       return;
     }
     reply(res, {{"status", "deleted"}, {"filename", name}});
@@ -993,7 +984,7 @@ void InferenceModule::register_backend_routes_(kernel::ApiGateway& gw) {
     LocalBackend b;
     std::string error;
     if (!local_backend_from_json(body, b, error) || !locals_->check_env(b, error)) {
-      reply(res, {{"error", error}}, 400);
+      base::fail(res, 400, error);
       return;
     }
     std::string journal_error;
@@ -1001,12 +992,11 @@ void InferenceModule::register_backend_routes_(kernel::ApiGateway& gw) {
     if (change == LocalBackendRegistry::Change::not_saved) {
       log_->warn("local backend " + b.id + " not registered: its journal " +
                  locals_->journal_path().string() + " cannot be written: " + journal_error);
-      reply(res,
-            {{"error", "not_saved"},
-             {"message", "the registration could not be written to the configuration "
-                         "directory (OSTREL_CONFIG_DIR); nothing was changed"},
-             {"detail", journal_error}},
-            507);
+      base::fail(res, 507, "not_saved",
+                 {{"message",
+                   "the registration could not be written to the configuration "
+                   "directory (OSTREL_CONFIG_DIR); nothing was changed"},
+                  {"detail", journal_error}});
       return;
     }
     register_local_engine_backend_(b);
@@ -1024,15 +1014,13 @@ void InferenceModule::register_backend_routes_(kernel::ApiGateway& gw) {
              std::string journal_error;
              const auto change = locals_->remove(id, journal_error);
              if (change == LocalBackendRegistry::Change::unknown) {
-               reply(res, {{"error", "not_found"}}, 404);
+               base::fail(res, 404, "not_found");
                return;
              }
              if (change == LocalBackendRegistry::Change::not_saved) {
-               reply(res,
-                     {{"error", "not_saved"},
-                      {"message", "the removal could not be written; nothing was changed"},
-                      {"detail", journal_error}},
-                     507);
+               base::fail(res, 507, "not_saved",
+                          {{"message", "the removal could not be written; nothing was changed"},
+                           {"detail", journal_error}});
                return;
              }
              engine_->remove_backend(id);
@@ -1067,7 +1055,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
       if (auto err = engine_->complete(std::move(chat), resp)) {
         return base::syscall_error_body(chat_json::render_error(explain(*err)));
       }
-      return kernel::SyscallResult::ok(chat_json::render_completion(resp, base::unix_s()));
+      return kernel::SyscallResult{0, chat_json::render_completion(resp, base::unix_s())};
     } catch (const std::exception& e) {
       return base::syscall_error_body(chat_json::render_error({500, base::client_safe_what(e)}));
     }
@@ -1107,7 +1095,7 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           return kernel::SyscallResult{status == 200 ? 0 : -1, base::dump_json(out)};
         } catch (const std::exception& e) {
           return base::syscall_error_body(
-              Json{{"error", "internal"}, {"message", base::client_safe_what(e)}});
+              base::error_body("internal", {{"message", base::client_safe_what(e)}}));
         }
       });
 
@@ -1119,13 +1107,13 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
         std::string error;
         if (!parse_args(a, args) || !local_backend_from_json(args, b, error) ||
             !locals_->check_env(b, error)) {
-          return base::syscall_error_body(Json{{"error", error.empty() ? "invalid_json" : error}});
+          return base::syscall_error_body(base::error_body(error.empty() ? "invalid_json" : error));
         }
         std::string journal_error;
         const auto change = locals_->set(b, journal_error);
         if (change == LocalBackendRegistry::Change::not_saved) {
           return base::syscall_error_body(
-              Json{{"error", "not_saved"}, {"detail", journal_error}});
+              base::error_body("not_saved", {{"detail", journal_error}}));
         }
         register_local_engine_backend_(b);
         return base::syscall_ok(Json{
@@ -1134,11 +1122,10 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
       });
 
   // The model that answers in place of `model` when no backend serves it.
-  table.register_syscall(kInferenceSource, "inference.models.fallback",
-                         base::json_syscall([this](const Json& a) {
-                           return base::syscall_ok(
-                               Json{{"instead", engine_->fallback_for(a.value("model", ""))}});
-                         }));
+  table.register_syscall(
+      kInferenceSource, "inference.models.fallback", base::json_syscall([this](const Json& a) {
+        return base::syscall_ok(Json{{"instead", engine_->fallback_for(a.value("model", ""))}});
+      }));
   table.register_syscall(kInferenceSource, "inference.local_backends.list",
                          [this](std::string_view) {
                            Json list = Json::array();

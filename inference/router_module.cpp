@@ -57,12 +57,6 @@ Json worker_json(const Worker& w) {
           {"models", w.models}};
 }
 
-// The chat-completions error body clients read.
-Json api_error(const std::string& message, const std::string& type, const std::string& code,
-               const Json& param = nullptr) {
-  return {{"error", {{"message", message}, {"type", type}, {"param", param}, {"code", code}}}};
-}
-
 // "model" and "stream" of a request text, read without a JSON tree when the
 // text allows it.
 void peek_request(std::string_view body, std::string& model, bool& stream) {
@@ -423,8 +417,8 @@ RouterModule::Dispatch RouterModule::chat_(std::string_view body) {
                         : ctx_.syscalls->has("inference.chat") ? "inference.chat"
                                                                : nullptr;
   if (!syscall) {
-    return {503, base::dump_json(api_error("cloud dispatcher not loaded", "service_unavailable",
-                                           "service_unavailable"))};
+    return {503, base::dump_json(base::openai_error_body(
+                     "cloud dispatcher not loaded", "service_unavailable", "service_unavailable"))};
   }
   kernel::SyscallResult r = ctx_.syscalls->call(kRouterSource, syscall, body);
   Dispatch d;
@@ -440,17 +434,17 @@ RouterModule::Dispatch RouterModule::chat_(std::string_view body) {
                                     ? e["error"].value("message", "")
                                     : "";
     if (message.find("no_backend_for_model") != std::string::npos) {
-      d = {404, base::dump_json(
-                    api_error(message, "invalid_request_error", "no_backend_for_model", "model"))};
+      d = {404, base::dump_json(base::openai_error_body(message, "invalid_request_error",
+                                                        "no_backend_for_model", "model"))};
     } else if (status == 404) {
       d = {404,
-           base::dump_json(api_error(
+           base::dump_json(base::openai_error_body(
                "The model `" + model + "` does not exist or is not currently loaded on any worker.",
                "invalid_request_error", "model_not_found", "model"))};
     } else if (status == 400 || status == 401 || status == 429) {
       d = {status, r.body};
     } else {
-      Json failed = api_error("cloud dispatch failed", "bad_gateway", "bad_gateway");
+      Json failed = base::openai_error_body("cloud dispatch failed", "bad_gateway", "bad_gateway");
       if (!message.empty()) failed["error"]["detail"] = message;
       d = {502, base::dump_json(failed)};
     }
@@ -465,13 +459,14 @@ RouterModule::Dispatch RouterModule::embeddings_(const std::string& body) {
                         : ctx_.syscalls->has("inference.embeddings") ? "inference.embeddings"
                                                                      : nullptr;
   if (!syscall) {
-    return {503, base::dump_json(api_error("embeddings dispatcher not loaded",
-                                           "service_unavailable", "service_unavailable"))};
+    return {503,
+            base::dump_json(base::openai_error_body("embeddings dispatcher not loaded",
+                                                    "service_unavailable", "service_unavailable"))};
   }
   Json args = base::parse_json(body);
   if (!args.is_object()) {
-    return {400, base::dump_json(api_error("request body must be a JSON object",
-                                           "invalid_request_error", "invalid_json"))};
+    return {400, base::dump_json(base::openai_error_body("request body must be a JSON object",
+                                                         "invalid_request_error", "invalid_json"))};
   }
   kernel::SyscallResult r = ctx_.syscalls->call(kRouterSource, syscall, body);
   Dispatch d;
@@ -483,18 +478,19 @@ RouterModule::Dispatch RouterModule::embeddings_(const std::string& body) {
     const Json err = out.is_object() ? out.value("error", Json()) : Json();
     const std::string code = err.is_string() ? err.get<std::string>() : "";
     if (code == "missing_model") {
-      d = {400, base::dump_json(api_error("you must provide a model parameter",
-                                          "invalid_request_error", "missing_model", "model"))};
+      d = {400, base::dump_json(base::openai_error_body("you must provide a model parameter",
+                                                        "invalid_request_error", "missing_model",
+                                                        "model"))};
     } else if (err.is_object() && err.value("type", "") == "invalid_request_error") {
       d = {400, r.body};
     } else if (err.is_object() && err.value("type", "") == "not_implemented") {
-      d = {404, base::dump_json(
-                    api_error("The embeddings model `" + model +
-                                  "` does not exist or is not currently loaded on any worker.",
-                              "invalid_request_error", "model_not_found", "model"))};
+      d = {404, base::dump_json(base::openai_error_body(
+                    "The embeddings model `" + model +
+                        "` does not exist or is not currently loaded on any worker.",
+                    "invalid_request_error", "model_not_found", "model"))};
     } else {
-      d = {502,
-           base::dump_json(api_error("embeddings dispatch failed", "bad_gateway", "bad_gateway"))};
+      d = {502, base::dump_json(base::openai_error_body("embeddings dispatch failed", "bad_gateway",
+                                                        "bad_gateway"))};
     }
   }
   count_("embeddings", started, d.status != 200);
@@ -540,17 +536,17 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
   kernel::RouteOptions large;
   large.max_body = kernel::RouteOptions::kLargeBody;
   auto openai_scope = [](const Request& req, Response& res) {
-    if (kernel::has_scope(req, "inference.chat")) return true;
-    if (kernel::anonymous(req)) {
+    if (base::has_scope(req, "inference.chat")) return true;
+    if (base::anonymous(req)) {
       reply(res,
-            api_error("a credential is required (Authorization: Bearer <token>)",
-                      "authentication_error", "unauthenticated"),
+            base::openai_error_body("a credential is required (Authorization: Bearer <token>)",
+                                    "authentication_error", "unauthenticated"),
             401);
       return false;
     }
     reply(res,
-          api_error("this credential may not use models (scope inference.chat)", "permission_error",
-                    "forbidden"),
+          base::openai_error_body("this credential may not use models (scope inference.chat)",
+                                  "permission_error", "forbidden"),
           403);
     return false;
   };
@@ -559,71 +555,72 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
   // plain model calls on a node whose /v1 goes through the tool loop, for
   // clients that run their own functions (tool calls come back to them).
   for (const std::string base : {"/v1", "/api/v1/router/v1"}) {
-  gw.route("GET", base + "/models", [this](const Request&, Response& res) { reply(res, models_()); });
-  gw.route("GET", base + "/models/*", [this, base](const Request& req, Response& res) {
-    const std::string id = req.path.substr(base.size() + std::string_view("/models/").size());
-    const Json models = models_();  // named: a range over a temporary's member dangles
-    for (const auto& m : models["data"]) {
-      if (m["id"] == id) {
-        reply(res, m);
-        return;
-      }
-    }
-    reply(res,
-          api_error("The model `" + id + "` does not exist", "invalid_request_error",
-                    "model_not_found", "model"),
-          404);
-  });
-  gw.route(
-      "POST", base + "/chat/completions",
-      [this, openai_scope](const Request& req, Response& res) {
-        if (!openai_scope(req, res)) return;
-        std::string model;
-        bool stream = false;
-        peek_request(req.body, model, stream);
-        if (stream && !ctx_.syscalls->has("cloud.chat") &&
-            ctx_.syscalls->has_streaming("inference.chat.stream")) {
-          const std::string body = req.body;
-          res.content_type = "text/event-stream";
-          res.headers["Cache-Control"] = "no-cache";
-          if (!model.empty() && ctx_.syscalls->has("inference.models.fallback")) {
-            Json f = base::parse_json(
-                ctx_.syscalls
-                    ->call(kRouterSource, "inference.models.fallback",
-                           base::dump_json({{"model", model}}))
-                    .body);
-            if (f.is_object() && !base::string_field(f, "instead").empty()) {
-              res.headers[chat_json::kFallbackHeader] =
-                  model + " -> " + base::string_field(f, "instead");
-            }
-          }
-          res.stream = [this, body](const kernel::StreamWrite& write) {
-            const auto started = std::chrono::steady_clock::now();
-            const int rc = ctx_.syscalls->call_streaming(
-                kRouterSource, "inference.chat.stream", body,
-                [&write](std::string_view chunk) { return write(chunk); });
-            count_("chat", started, rc != 0);
-          };
+    gw.route("GET", base + "/models",
+             [this](const Request&, Response& res) { reply(res, models_()); });
+    gw.route("GET", base + "/models/*", [this, base](const Request& req, Response& res) {
+      const std::string id = req.path.substr(base.size() + std::string_view("/models/").size());
+      const Json models = models_();  // named: a range over a temporary's member dangles
+      for (const auto& m : models["data"]) {
+        if (m["id"] == id) {
+          reply(res, m);
           return;
         }
-        Dispatch d = chat_(req.body);
-        if (d.status == 200) {
-          const std::string note = chat_json::fallback_note(model, chat_json::answer_model(d.body));
-          if (!note.empty()) res.headers[chat_json::kFallbackHeader] = note;
-        }
-        res.status = d.status;
-        res.body = std::move(d.body);
-      },
-      large);
-  gw.route(
-      "POST", base + "/embeddings",
-      [this, openai_scope](const Request& req, Response& res) {
-        if (!openai_scope(req, res)) return;
-        Dispatch d = embeddings_(req.body);
-        res.status = d.status;
-        res.body = std::move(d.body);
-      },
-      large);
+      }
+      reply(res,
+            base::openai_error_body("The model `" + id + "` does not exist",
+                                    "invalid_request_error", "model_not_found", "model"),
+            404);
+    });
+    gw.route(
+        "POST", base + "/chat/completions",
+        [this, openai_scope](const Request& req, Response& res) {
+          if (!openai_scope(req, res)) return;
+          std::string model;
+          bool stream = false;
+          peek_request(req.body, model, stream);
+          if (stream && !ctx_.syscalls->has("cloud.chat") &&
+              ctx_.syscalls->has_streaming("inference.chat.stream")) {
+            const std::string body = req.body;
+            res.content_type = "text/event-stream";
+            res.headers["Cache-Control"] = "no-cache";
+            if (!model.empty() && ctx_.syscalls->has("inference.models.fallback")) {
+              Json f = base::parse_json(ctx_.syscalls
+                                            ->call(kRouterSource, "inference.models.fallback",
+                                                   base::dump_json({{"model", model}}))
+                                            .body);
+              if (f.is_object() && !base::string_field(f, "instead").empty()) {
+                res.headers[chat_json::kFallbackHeader] =
+                    model + " -> " + base::string_field(f, "instead");
+              }
+            }
+            res.stream = [this, body](const kernel::StreamWrite& write) {
+              const auto started = std::chrono::steady_clock::now();
+              const int rc = ctx_.syscalls->call_streaming(
+                  kRouterSource, "inference.chat.stream", body,
+                  [&write](std::string_view chunk) { return write(chunk); });
+              count_("chat", started, rc != 0);
+            };
+            return;
+          }
+          Dispatch d = chat_(req.body);
+          if (d.status == 200) {
+            const std::string note =
+                chat_json::fallback_note(model, chat_json::answer_model(d.body));
+            if (!note.empty()) res.headers[chat_json::kFallbackHeader] = note;
+          }
+          res.status = d.status;
+          res.body = std::move(d.body);
+        },
+        large);
+    gw.route(
+        "POST", base + "/embeddings",
+        [this, openai_scope](const Request& req, Response& res) {
+          if (!openai_scope(req, res)) return;
+          Dispatch d = embeddings_(req.body);
+          res.status = d.status;
+          res.body = std::move(d.body);
+        },
+        large);
   }
 
   gw.route("GET", "/api/v1/workers", [this](const Request&, Response& res) {
@@ -648,14 +645,14 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
                 {"backends", list}});
   });
   gw.route("PUT", "/api/v1/router/strategy", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     const std::string s = body.contains("strategy") && body["strategy"].is_string()
                               ? body["strategy"].get<std::string>()
                               : "";
     if (std::find(kStrategies.begin(), kStrategies.end(), s) == kStrategies.end()) {
-      reply(res, {{"error", "invalid strategy: " + s}, {"valid", kStrategies}}, 400);
+      base::fail(res, 400, "invalid strategy: " + s, {{"valid", kStrategies}});
       return;
     }
     {
@@ -667,12 +664,12 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, {{"status", "ok"}, {"strategy", s}});
   });
   gw.route("PUT", "/api/v1/router/xlstm-model", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     if (!body.contains("path") || !body["path"].is_string() ||
         body["path"].get<std::string>().empty()) {
-      reply(res, {{"error", "missing_path"}}, 400);
+      base::fail(res, 400, "missing_path");
       return;
     }
     const fs::path file = admin_dir_ / "router-xlstm.json";
@@ -681,7 +678,7 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
             file,
             base::dump_json({{"path", body["path"]}, {"persisted_at", base::unix_s()}}) + "\n",
             error)) {
-      reply(res, {{"error", "persist_failed"}}, 500);
+      base::fail(res, 500, "persist_failed");
       return;
     }
     const std::string path = body["path"];
@@ -713,13 +710,13 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
   gw.route("GET", "/api/v1/ai/configure",
            [ai_settings](const Request&, Response& res) { reply(res, ai_settings()); });
   gw.route("POST", "/api/v1/ai/configure", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     const std::string mode =
         body.contains("mode") && body["mode"].is_string() ? body["mode"].get<std::string>() : "";
     if (mode != "autonomous" && mode != "advisory") {
-      reply(res, {{"error", "invalid_mode"}, {"valid", {"autonomous", "advisory"}}}, 400);
+      base::fail(res, 400, "invalid_mode", {{"valid", {"autonomous", "advisory"}}});
       return;
     }
     std::string model, url;

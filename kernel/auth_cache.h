@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "base/types.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 

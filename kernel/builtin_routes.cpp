@@ -112,7 +112,7 @@ void Kernel::register_builtin_routes() {
       reply(res, out);
       return;
     }
-    res.error(404, "module_not_loaded");
+    base::fail(res, 404, "module_not_loaded");
   });
 
   gateway_.route("GET", "/api/v1/kernel/syscalls", [this](const Request&, Response& res) {
@@ -131,12 +131,12 @@ void Kernel::register_builtin_routes() {
     if (!parse_object_body(req, res, body)) return;
     auto name = body.find("name");
     if (name == body.end() || !name->is_string() || name->get<std::string>().empty()) {
-      res.error(400, "missing_name");
+      base::fail(res, 400, "missing_name");
       return;
     }
     const std::string syscall = name->get<std::string>();
     if (!syscalls_.has(syscall)) {
-      res.error(404, "not_found");
+      base::fail(res, 404, "not_found");
       return;
     }
     Json args = body.value("args", Json::object());
@@ -176,7 +176,7 @@ void Kernel::register_builtin_routes() {
         if (!parse_object_body(req, res, body)) return;
         auto topic = body.find("topic");
         if (topic == body.end() || !topic->is_string() || topic->get<std::string>().empty()) {
-          res.error(400, "missing_topic");
+          base::fail(res, 400, "missing_topic");
           return;
         }
         if (!authorize_publish(req, topic->get<std::string>(), res)) return;

@@ -207,7 +207,7 @@ void Kernel::register_help_routes_() {
 
   gateway_.route("GET", "/api/v1/help/topic", [this](const Request& req, Response& res) {
     const std::string id = req.param("id");
-    if (id.empty()) return reply(res, {{"error", "missing ?id="}}, 400);
+    if (id.empty()) return base::fail(res, 400, "missing ?id=");
     const fs::path dir = help_dir_();
     auto answer = [&](const help::TopicContent& c) {
       reply(res, {{"id", id},
@@ -230,7 +230,7 @@ void Kernel::register_help_routes_() {
       if (!read_text(dir / k.file, c.markdown)) {
         logger_.warn(std::string("kernel help topic '") + id +
                      "' file unreadable: " + (dir / k.file).string());
-        return reply(res, {{"error", "topic_not_found"}, {"id", id}}, 404);
+        return base::fail(res, 404, "topic_not_found", {{"id", id}});
       }
       return answer(c);
     }
@@ -248,7 +248,7 @@ void Kernel::register_help_routes_() {
         c.path = d.path;
         if (d.path.empty()) {
           logger_.warn("help topic '" + id + "' file missing: (no path declared)");
-          return reply(res, {{"error", "topic_not_found"}, {"id", id}}, 404);
+          return base::fail(res, 404, "topic_not_found", {{"id", id}});
         }
         // A declared path never leaves the help directory.
         const fs::path file = fs::weakly_canonical(dir / d.path);
@@ -257,12 +257,12 @@ void Kernel::register_help_routes_() {
         if (rel.empty() || rel.rfind("..", 0) == 0 || !read_text(file, c.markdown)) {
           logger_.warn("bundled help topic '" + id +
                        "' declared but file unreadable: " + (dir / d.path).string());
-          return reply(res, {{"error", "topic_not_found"}, {"id", id}}, 404);
+          return base::fail(res, 404, "topic_not_found", {{"id", id}});
         }
         return answer(c);
       }
     }
-    reply(res, {{"error", "topic_not_found"}, {"id", id}}, 404);
+    base::fail(res, 404, "topic_not_found", {{"id", id}});
   });
 
   gateway_.route("POST", "/api/v1/help/ask", [this](const Request& req, Response& res) {
@@ -270,7 +270,7 @@ void Kernel::register_help_routes_() {
     if (!base::parse_object_body(req, res, body)) return;
     help::DynamicQuery q;
     if (body.contains("question") && body["question"].is_string()) q.question = body["question"];
-    if (q.question.empty()) return reply(res, {{"error", "missing question"}}, 400);
+    if (q.question.empty()) return base::fail(res, 400, "missing question");
     q.user_id = body.contains("user_id") && body["user_id"].is_string()
                     ? body["user_id"].get<std::string>()
                     : req.user_id;

@@ -174,7 +174,7 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
     result.tenant = token.tenant;
     result.token_id = token.id;
     result.scopes = token.scopes;
-    result.role = role_for_scopes(token.scopes);
+    result.role = base::role_for_scopes(token.scopes);
     auth_cache_.put(credential, {result, token.expires_at_s});
   }
   // A suspended or terminating tenant is locked out at once, cached or not.

@@ -87,8 +87,7 @@ void Kernel::register_node_routes_() {
   gateway_.route("GET", "/api/v1/flags/*", [this, prefix](const Request& req, Response& res) {
     const std::string name = req.path.substr(prefix.size());
     std::lock_guard lock(flags_mu_);
-    if (!flags_.contains(name))
-      return reply(res, {{"error", "flag_not_found"}, {"name", name}}, 404);
+    if (!flags_.contains(name)) return base::fail(res, 404, "flag_not_found", {{"name", name}});
     Json f = flags_[name];
     f["name"] = name;
     reply(res, f);
@@ -98,17 +97,13 @@ void Kernel::register_node_routes_() {
         if (!require_admin(req, res)) return;
         const std::string name = req.path.substr(prefix.size());
         std::string why;
-        if (!base::safe_name(name, why))
-          return reply(res, {{"error", "invalid_flag_name"}, {"message", why}}, 400);
+        if (!base::safe_name(name, why)) return base::fail(res, 400, "invalid_flag_name", why);
         Json body;
         if (!base::parse_object_body(req, res, body)) return;
         auto enabled = body.find("enabled");
         if (enabled == body.end() || !enabled->is_boolean()) {
-          return reply(res,
-                       {{"error", "invalid_field"},
-                        {"field", "enabled"},
-                        {"message", "enabled must be true or false"}},
-                       400);
+          return base::fail(res, 400, "invalid_field",
+                            {{"field", "enabled"}, {"message", "enabled must be true or false"}});
         }
         std::lock_guard lock(flags_mu_);
         Json next = flags_;
@@ -122,7 +117,7 @@ void Kernel::register_node_routes_() {
         std::string error;
         if (!base::write_file_atomically(state / "flags.json",
                                          base::dump_json(Json{{"flags", next}}) + "\n", error)) {
-          return reply(res, {{"error", "persist_failed"}}, 500);
+          return base::fail(res, 500, "persist_failed");
         }
         flags_ = std::move(next);
         bus_.publish(identity::kKernelSource, "kernel.flag.changed",
@@ -135,14 +130,13 @@ void Kernel::register_node_routes_() {
         if (!require_admin(req, res)) return;
         const std::string name = req.path.substr(prefix.size());
         std::lock_guard lock(flags_mu_);
-        if (!flags_.contains(name))
-          return reply(res, {{"error", "flag_not_found"}, {"name", name}}, 404);
+        if (!flags_.contains(name)) return base::fail(res, 404, "flag_not_found", {{"name", name}});
         Json next = flags_;
         next.erase(name);
         std::string error;
         if (!base::write_file_atomically(state / "flags.json",
                                          base::dump_json(Json{{"flags", next}}) + "\n", error)) {
-          return reply(res, {{"error", "persist_failed"}}, 500);
+          return base::fail(res, 500, "persist_failed");
         }
         flags_ = std::move(next);
         reply(res, {{"status", "deleted"}, {"name", name}});
@@ -182,7 +176,7 @@ void Kernel::register_node_routes_() {
     }
     auto it = catalogs_.find(locale);
     if (it == catalogs_.end())
-      return reply(res, {{"error", "locale_not_found"}, {"locale", locale}}, 404);
+      return base::fail(res, 404, "locale_not_found", {{"locale", locale}});
     reply(res, {{"locale", locale}, {"messages", it->second}});
   });
   gateway_.route("POST", "/api/v1/i18n", [this, i18n](const Request& req, Response& res) {
@@ -193,17 +187,14 @@ void Kernel::register_node_routes_() {
                                    ? body["locale"].get<std::string>()
                                    : "";
     std::string why;
-    if (!base::safe_name(locale, why, 32))
-      return reply(res, {{"error", "invalid_locale"}, {"message", why}}, 400);
+    if (!base::safe_name(locale, why, 32)) return base::fail(res, 400, "invalid_locale", why);
     auto messages = body.find("messages");
     if (messages == body.end() || !messages->is_object() ||
         !std::all_of(messages->begin(), messages->end(),
                      [](const Json& v) { return v.is_string(); })) {
-      return reply(res,
-                   {{"error", "invalid_field"},
-                    {"field", "messages"},
-                    {"message", "messages must be an object of strings"}},
-                   400);
+      return base::fail(
+          res, 400, "invalid_field",
+          {{"field", "messages"}, {"message", "messages must be an object of strings"}});
     }
     std::lock_guard lock(i18n_mu_);
     Json merged = catalogs_.count(locale) ? catalogs_[locale] : Json::object();
@@ -211,7 +202,7 @@ void Kernel::register_node_routes_() {
     std::string error;
     if (!base::write_file_atomically(i18n / (locale + ".json"), base::dump_json(merged) + "\n",
                                      error)) {
-      return reply(res, {{"error", "persist_failed"}}, 500);
+      return base::fail(res, 500, "persist_failed");
     }
     catalogs_[locale] = merged;
     reply(res, {{"locale", locale}, {"messages", merged.size()}});
@@ -232,10 +223,8 @@ void Kernel::register_node_routes_() {
                    // Peers merge their clocks here (administrators may too);
                    // nobody else moves this node's clock.
                    if (!is_peer(req) && !is_admin(req)) {
-                     return reply(res,
-                                  {{"error", "forbidden"},
-                                   {"reason", "only peer nodes update the clock"}},
-                                  403);
+                     return base::fail(res, 403, "forbidden",
+                                       {{"reason", "only peer nodes update the clock"}});
                    }
                    Json body;
                    if (!base::parse_object_body(req, res, body)) return;
@@ -243,30 +232,23 @@ void Kernel::register_node_routes_() {
                    auto l = body.find("logical");
                    if (p == body.end() || !p->is_number_integer() ||
                        (l != body.end() && !l->is_number_integer())) {
-                     return reply(res,
-                                  {{"error", "invalid_field"},
-                                   {"message", "physical_ms (and logical) must be whole numbers"}},
-                                  400);
+                     return base::fail(res, 400, "invalid_field",
+                                       "physical_ms (and logical) must be whole numbers");
                    }
                    HybridClock::Stamp remote{p->get<std::int64_t>(),
                                              l == body.end() ? 0 : l->get<std::int64_t>()};
                    // A peer's clock far in the future would drag this node's along.
                    if (remote.physical_ms > base::unix_ms() + 60000) {
-                     return reply(res,
-                                  {{"error", "clock_skew"},
-                                   {"message", "physical_ms is more than 60 s ahead of this node"}},
-                                  400);
+                     return base::fail(res, 400, "clock_skew",
+                                       "physical_ms is more than 60 s ahead of this node");
                    }
                    reply(res, stamp_json(hlc_.update(remote)));
                  });
 
   // Extensions, presets and the catalogue are not part of this build.
   auto absent = [](const Request& req, Response& res) {
-    reply(res,
-          {{"error", "not_implemented"},
-           {"message", "extensions are not part of this build"},
-           {"path", req.path}},
-          501);
+    base::fail(res, 501, "not_implemented",
+               {{"message", "extensions are not part of this build"}, {"path", req.path}});
   };
   gateway_.route("GET", "/api/v1/extensions", [](const Request&, Response& res) {
     reply(res, {{"extensions", Json::array()},

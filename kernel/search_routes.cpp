@@ -55,12 +55,13 @@ void Kernel::start_search_() {
     status = 400;
     ostrel::search::Query q;
     auto text = body.contains("query") ? body["query"] : body.value("q", Json());
-    if (!text.is_string() || text.get<std::string>().empty()) return {{"error", "missing_query"}};
+    if (!text.is_string() || text.get<std::string>().empty())
+      return base::error_body("missing_query");
     q.text = text;
     Json tenant = body.contains("tenant_id") ? body["tenant_id"] : body.value("tenant", Json(""));
     if (tenant.is_null()) tenant = "";
     if (!tenant.is_string()) {
-      return {{"error", "invalid_field"}, {"field", "tenant_id"}};
+      return base::error_body("invalid_field", {{"field", "tenant_id"}});
     }
     q.tenant_id = tenant;
     if (caller) {
@@ -82,18 +83,18 @@ void Kernel::start_search_() {
     auto limit = body.value("limit", Json(20));
     if (!limit.is_number_integer() || limit.get<std::int64_t>() < 0 ||
         limit.get<std::int64_t>() > kMaxLimit) {
-      return {{"error", "invalid_limit"},
-              {"message", "limit must be a whole number from 0 to 1000"}};
+      return base::error_body("invalid_limit",
+                              {{"message", "limit must be a whole number from 0 to 1000"}});
     }
     q.limit = limit.get<std::size_t>();
     auto scope = body.value("scope", Json("all"));
     if (!scope.is_string())
-      return {{"error", "invalid_scope"}, {"message", "scope must be a string"}};
+      return base::error_body("invalid_scope", {{"message", "scope must be a string"}});
     std::string scope_text = scope;
     if (!ostrel::search::parse_scope(scope_text, q.scope)) scope_text = "unknown";
     if (auto f = body.find("filters"); f != body.end() && !f->is_null()) {
       if (!f->is_object()) {
-        return {{"error", "invalid_filters"}, {"message", "filters must be an object"}};
+        return base::error_body("invalid_filters", {{"message", "filters must be an object"}});
       }
       // Text, or a number or true/false given as such ("min_score": 0.1).
       for (auto it = f->begin(); it != f->end(); ++it) {
@@ -102,8 +103,9 @@ void Kernel::start_search_() {
         } else if (it->is_number() || it->is_boolean()) {
           q.filters[it.key()] = it->dump();
         } else {
-          return {{"error", "invalid_filters"},
-                  {"message", "filter '" + it.key() + "' must be text, a number or true/false"}};
+          return base::error_body(
+              "invalid_filters",
+              {{"message", "filter '" + it.key() + "' must be text, a number or true/false"}});
         }
       }
     }

@@ -65,7 +65,7 @@ bool matches(std::string_view pattern, std::string_view name, std::size_t& liter
 }
 
 void forbid(Response& res, const std::string& reason) {
-  base::reply(res, {{"error", "forbidden"}, {"reason", reason}}, 403);
+  base::fail(res, 403, "forbidden", {{"reason", reason}});
 }
 
 bool same_tenant(const Request& req, Json& args, Response& res) {
@@ -74,11 +74,9 @@ bool same_tenant(const Request& req, Json& args, Response& res) {
     auto it = args.find(key);
     if (it == args.end() || it->is_null()) continue;
     if (!it->is_string() || it->get<std::string>() != req.tenant) {
-      base::reply(res,
-                  {{"error", "cross_tenant_access_denied"},
-                   {"authenticated_tenant", req.tenant},
-                   {"requested_tenant", it->is_string() ? it->get<std::string>() : it->dump()}},
-                  403);
+      base::fail(res, 403, "cross_tenant_access_denied",
+                 {{"authenticated_tenant", req.tenant},
+                  {"requested_tenant", it->is_string() ? it->get<std::string>() : it->dump()}});
       return false;
     }
   }

@@ -3,7 +3,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string_view>
 
-#include "base/types.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 

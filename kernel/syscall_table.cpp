@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <mutex>
 
+#include "base/reply.h"
+
 namespace ostrel::kernel {
 
 bool SyscallTable::register_syscall(identity::SourceCode owner, std::string name,
@@ -40,7 +42,7 @@ SyscallResult SyscallTable::call(identity::SourceCode caller, std::string_view n
   {
     std::shared_lock lock(mu_);
     auto it = registrations_.find(name);
-    if (it == registrations_.end()) return {-1, "{\"error\":\"not_found\"}"};
+    if (it == registrations_.end()) return base::syscall_error("not_found");
     handler = it->second.handler;
   }
   CallerScope scope(caller);

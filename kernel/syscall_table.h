@@ -7,8 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/types.h"
 #include "identity/source_code.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 

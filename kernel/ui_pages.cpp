@@ -140,8 +140,8 @@ std::string nav(const std::string& current) {
   for (const char* name : {"inference", "storage", "cluster", "extensions", "help"}) {
     std::string label = name;
     label[0] = static_cast<char>(label[0] - 'a' + 'A');
-    out += std::string("<a href=\"/dashboard/") + name + "\"" + (current == name ? " class=\"on\"" : "") +
-           ">" + label + "</a>";
+    out += std::string("<a href=\"/dashboard/") + name + "\"" +
+           (current == name ? " class=\"on\"" : "") + ">" + label + "</a>";
   }
   return out + "<a href=\"#\" id=\"logout\" onclick=\"ostrelLogout()\">Log out</a></header>";
 }
@@ -165,15 +165,19 @@ std::string dashboard_page(const std::string& name, const std::string& title,
          "</div>"
          "<div class=\"card\"><h2>Modules</h2><div class=\"chips\" id=\"modules\"></div></div>"
          "<div class=\"card charts\">"
-         "<div class=\"chart\"><h2>Request rate</h2><svg id=\"rate\"></svg><p id=\"rate-now\">Measuring…</p></div>"
-         "<div class=\"chart\"><h2>Latency</h2><svg id=\"latency\"></svg><p id=\"latency-now\">Measuring…</p></div>"
+         "<div class=\"chart\"><h2>Request rate</h2><svg id=\"rate\"></svg><p "
+         "id=\"rate-now\">Measuring…</p></div>"
+         "<div class=\"chart\"><h2>Latency</h2><svg id=\"latency\"></svg><p "
+         "id=\"latency-now\">Measuring…</p></div>"
          "</div>"
-         "<div class=\"card\"><h1>" + title + "</h1><div id=\"who\" class=\"muted\"></div>"
+         "<div class=\"card\"><h1>" +
+         title +
+         "</h1><div id=\"who\" class=\"muted\"></div>"
          "<div id=\"content\">Loading…</div></div></main>" +
-         kDashboardScript +
-         "<script>\ngetJSON('" + api +
+         kDashboardScript + "<script>\ngetJSON('" + api +
          "').then(data => {\n  const el = document.getElementById('content');\n" + render +
-         "\n}).catch(e => { document.getElementById('content').innerHTML = '<p class=err>' + esc(e) + "
+         "\n}).catch(e => { document.getElementById('content').innerHTML = '<p class=err>' + "
+         "esc(e) + "
          "'</p>'; });\n</script></body></html>";
 }
 
@@ -181,7 +185,8 @@ std::string builtin_dashboard(const std::string& file) {
   if (file == "help.html") {
     return dashboard_page(
         "help", "Help", "/api/v1/help/topics",
-        "  const rows = (data.topics || []).map(t => '<tr><td><a href=\"#\" data-id=\"' + esc(t.id) + "
+        "  const rows = (data.topics || []).map(t => '<tr><td><a href=\"#\" data-id=\"' + "
+        "esc(t.id) + "
         "'\">' + esc(t.title) +\n"
         "    '</a></td><td>' + esc(t.module) + '</td><td>' + esc(t.summary) + '</td></tr>');\n"
         "  el.innerHTML = '<table><tr><th>Topic</th><th>Module</th><th>Summary</th></tr>' + "
@@ -219,7 +224,8 @@ std::string builtin_dashboard(const std::string& file) {
         "    data.namespaces || []) + '<h2>Object store</h2><div id=objects class=muted>…</div>';\n"
         "  getJSON('/api/v1/storage/stats').then(o => { document.getElementById('objects')"
         ".innerHTML = o.error ? esc(o.error) : esc(o.objects) + ' objects, ' + "
-        "esc(((o.bytes || 0) / 1048576).toFixed(1)) + ' MB in ' + esc(o.chunk_rows) + ' chunks (' + "
+        "esc(((o.bytes || 0) / 1048576).toFixed(1)) + ' MB in ' + esc(o.chunk_rows) + ' chunks (' "
+        "+ "
         "esc(o.dedup_hits) + ' deduplicated)'; });");
   }
   if (file == "cluster.html") {
@@ -227,10 +233,13 @@ std::string builtin_dashboard(const std::string& file) {
         "cluster", "Cluster", "/api/v1/cluster/members",
         "  const rows = data.members || [];\n"
         "  el.innerHTML = data.enabled ? '<h2>Members</h2>' + table([\n"
-        "    ['Node', m => esc(m.id) + (m.self ? ' (this node)' : '')], ['State', m => chip(m.state, "
+        "    ['Node', m => esc(m.id) + (m.self ? ' (this node)' : '')], ['State', m => "
+        "chip(m.state, "
         "m.state)],\n"
-        "    ['API', m => esc(m.url)], ['Modules', m => esc((m.modules || []).join(', '))]], rows)\n"
-        "    : '<p class=muted>Gossip is off on this node (OSTREL_GOSSIP_ENABLED=1 turns it on): it "
+        "    ['API', m => esc(m.url)], ['Modules', m => esc((m.modules || []).join(', '))]], "
+        "rows)\n"
+        "    : '<p class=muted>Gossip is off on this node (OSTREL_GOSSIP_ENABLED=1 turns it on): "
+        "it "
         "knows no other members.</p>';\n"
         "  getJSON('/api/v1/kernel/modules').then(m => { el.insertAdjacentHTML('beforeend', "
         "'<h2>Modules of this node</h2>' + table([\n"
@@ -375,7 +384,7 @@ void Kernel::register_page_routes_() {
                        page = builtin_dashboard(file);
                      }
                      if (page.empty()) {
-                       base::reply(res, {{"error", "dashboard_not_found"}, {"path", file}}, 404);
+                       base::fail(res, 404, "dashboard_not_found", {{"path", file}});
                        return;
                      }
                      const std::size_t head = page.find("</head>");

@@ -199,23 +199,16 @@ bool openai_path(std::string_view path) { return starts_with(path, "/v1/"); }
 // own routes, {"error":{"message","type","code"}} on the OpenAI-shaped ones.
 void credential_error(Response& res, int status, std::string_view code, const std::string& detail,
                       bool openai) {
-  res.status = status;
-  res.content_type = "application/json";
   if (openai) {
-    res.body = "{\"error\":{\"message\":";
-    text::append_json_string(res.body, status == 401 ? "a credential is required: " + detail
-                                                      : "the credential was refused: " + detail);
-    res.body += status == 401 ? ",\"type\":\"authentication_error\",\"code\":"
-                              : ",\"type\":\"permission_error\",\"code\":";
-    text::append_json_string(res.body, code);
-    res.body += ",\"param\":null}}";
-    return;
+    base::openai_fail(
+        res, status,
+        (status == 401 ? "a credential is required: " : "the credential was refused: ") + detail,
+        status == 401 ? "authentication_error" : "permission_error", code);
+  } else if (status == 401) {
+    base::fail(res, status, code, detail);
+  } else {
+    base::fail(res, status, code, {{"reason", detail}});
   }
-  res.body = "{\"error\":";
-  text::append_json_string(res.body, code);
-  res.body += status == 401 ? ",\"message\":" : ",\"reason\":";
-  text::append_json_string(res.body, detail);
-  res.body += '}';
 }
 
 bool wants_event_stream(const Request& req) {
@@ -355,19 +348,18 @@ void ApiGateway::handle(Request& req, Response& res, BodySource* body) const {
   } catch (const nlohmann::json::exception&) {
     // A member of the wrong type in a body the handler read: bad input.
     res = Response{};
-    res.status = 400;
-    res.body = "{\"error\":\"invalid_field\",\"message\":\"a JSON value has an unexpected type\"}";
+    base::fail(res, 400, "invalid_field", "a JSON value has an unexpected type");
   } catch (const std::exception& e) {
     res = Response{};
     res.status = 500;
-    // The exception text goes in as it is, unescaped; library texts that
-    // would name host paths are replaced by their kind.
+    // The exception text goes in as it is, unescaped: clients of this
+    // gateway rely on that body byte for byte. Library texts that would name
+    // host paths are replaced by their kind.
     res.body =
         std::string("{\"error\":\"internal\",\"message\":\"") + base::client_safe_what(e) + "\"}";
   } catch (...) {
     res = Response{};
-    res.status = 500;
-    res.body = "{\"error\":\"internal\",\"message\":\"unknown exception\"}";
+    base::fail(res, 500, "internal", "unknown exception");
   }
 
   if (res.stream) {
@@ -393,7 +385,7 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
   } close_guard{res, consumed};
 
   if (!valid_request_text(req)) {
-    res.error(400, "invalid_utf8", "the path or a query value is not valid UTF-8");
+    base::fail(res, 400, "invalid_utf8", "the path or a query value is not valid UTF-8");
     return;
   }
 
@@ -451,7 +443,7 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
     }
     if (!token.empty()) {
       if (!verifier) {
-        res.error(503, "auth_misconfigured", "enforce without verifier");
+        base::fail(res, 503, "auth_misconfigured", "enforce without verifier");
         return;
       }
       AuthResult auth = verifier(token);
@@ -480,11 +472,10 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
       std::string allow;
       for (const auto& m : allowed) allow += (allow.empty() ? "" : ", ") + m;
       res.headers["Allow"] = allow;
-      res.error(405, "method_not_allowed");
+      base::fail(res, 405, "method_not_allowed");
       return;
     }
-    res.status = 404;
-    res.body = "{\"error\":\"not_found\",\"path\":" + text::json_quote(req.path) + "}";
+    base::fail(res, 404, "not_found", {{"path", req.path}});
     return;
   }
   scope.route = match.pattern;
@@ -497,22 +488,20 @@ bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions
                                  BodySource* body, Reservation& reservation, bool& consumed) const {
   const std::size_t limit = std::min(options.max_body, max_body);
   auto too_large = [&] {
-    base::reply(res,
-                {{"error", "payload_too_large"},
-                 {"message", "the request body may not exceed " + std::to_string(limit) +
-                                 " bytes on this route"},
-                 {"limit_bytes", limit}},
-                413);
+    base::fail(res, 413, "payload_too_large",
+               {{"message", "the request body may not exceed " + std::to_string(limit) +
+                                " bytes on this route"},
+                {"limit_bytes", limit}});
     return false;
   };
   if (body && body->present) {
     if (body->multipart) {
-      res.error(415, "unsupported_media_type",
-                "multipart bodies are not accepted; send the content as the request body");
+      base::fail(res, 415, "unsupported_media_type",
+                 "multipart bodies are not accepted; send the content as the request body");
       return false;
     }
     if (!body->chunked && !body->length) {
-      res.error(400, "invalid_content_length");
+      base::fail(res, 400, "invalid_content_length");
       return false;
     }
     if (options.stream_body) {
@@ -528,7 +517,8 @@ bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions
     }
     if (body->length && *body->length > limit) return too_large();
     if (body->length && !reservation.add(*body->length)) {
-      res.error(503, "server_busy", "too many large request bodies in progress; retry shortly");
+      base::fail(res, 503, "server_busy",
+                 "too many large request bodies in progress; retry shortly");
       return false;
     }
     if (body->length) req.body.reserve(*body->length);
@@ -541,17 +531,18 @@ bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions
     });
     if (over) return too_large();
     if (busy) {
-      res.error(503, "server_busy", "too many large request bodies in progress; retry shortly");
+      base::fail(res, 503, "server_busy",
+                 "too many large request bodies in progress; retry shortly");
       return false;
     }
     if (!ok) {
       const std::string why = body->failure ? body->failure() : "";
       if (why == "too_slow") {
-        res.error(408, "request_timeout", "the request body came too slowly");
+        base::fail(res, 408, "request_timeout", "the request body came too slowly");
       } else if (why == "busy") {
-        res.error(503, "server_busy", "too many request bodies in progress; retry shortly");
+        base::fail(res, 503, "server_busy", "too many request bodies in progress; retry shortly");
       } else {
-        res.error(400, "bad_request", "the request body could not be read");
+        base::fail(res, 400, "bad_request", "the request body could not be read");
       }
       return false;
     }
@@ -567,9 +558,9 @@ bool ApiGateway::Impl::take_body(Request& req, Response& res, const RouteOptions
     return too_large();
   }
   if (looks_like_json(req.body) && !base::json_depth_ok(req.body)) {
-    res.error(400, "json_too_deep",
-              "the body nests arrays or objects deeper than " +
-                  std::to_string(base::kMaxJsonDepth) + " levels");
+    base::fail(res, 400, "json_too_deep",
+               "the body nests arrays or objects deeper than " +
+                   std::to_string(base::kMaxJsonDepth) + " levels");
     return false;
   }
   return true;

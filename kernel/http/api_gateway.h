@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "base/types.h"
 #include "identity/source_header.h"
 #include "kernel/http/http_server.h"
 #include "kernel/http/route_table.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 

@@ -14,6 +14,8 @@
 #include <limits>
 #include <mutex>
 
+#include "base/json.h"
+#include "base/reply.h"
 #include "kernel/http/connection_hub.h"
 #include "kernel/http/http_connection.h"
 
@@ -102,8 +104,8 @@ BodySource body_source(const httplib::Request& in, const httplib::ContentReader&
   body.present = body.chunked || in.has_header("Content-Length");
   if (body.length && *body.length == 0 && !body.chunked) body.present = false;
   auto failure = std::make_shared<std::string>();
-  body.read = [&reader, &readers, length = body.length, failure](
-                  const std::function<bool(const char*, std::size_t)>& sink) {
+  body.read = [&reader, &readers, length = body.length,
+               failure](const std::function<bool(const char*, std::size_t)>& sink) {
     failure->clear();
     // A body already read in with its head needs no waiting worker.
     const bool waits = t_connection && !(length && t_connection->buffered_bytes() >= *length);
@@ -112,8 +114,7 @@ BodySource body_source(const httplib::Request& in, const httplib::ContentReader&
       *failure = "busy";
       return false;
     }
-    const bool ok =
-        reader([&sink](const char* data, std::size_t n) { return sink(data, n); });
+    const bool ok = reader([&sink](const char* data, std::size_t n) { return sink(data, n); });
     if (waits) readers.active.fetch_sub(1);
     if (!ok && t_connection && t_connection->body_too_slow()) *failure = "too_slow";
     return ok;
@@ -293,12 +294,12 @@ void HttpServer::Impl::install_handlers() {
                        : out.status == 414 ? "uri_too_long"
                        : out.status == 404 ? "not_found"
                                            : "bad_request";
-    out.set_content(std::string("{\"error\":\"") + code + "\"}", "application/json");
+    out.set_content(base::dump_json(base::error_body(code)), "application/json");
   });
   parser->set_exception_handler(
       [](const httplib::Request&, httplib::Response& out, std::exception_ptr) {
         out.status = 500;
-        out.set_content("{\"error\":\"internal\"}", "application/json");
+        out.set_content(base::dump_json(base::error_body("internal")), "application/json");
       });
 }
 
@@ -332,12 +333,10 @@ bool HttpServer::start(const std::string& bind, std::uint16_t port) {
   limits.workers = static_cast<std::size_t>(impl_->worker_threads);
   limits.max_connections = env_size("OSTREL_ULVO_HTTP_MAX_CONNECTIONS", default_max_connections());
   limits.max_per_client = env_size("OSTREL_ULVO_HTTP_MAX_CONN_PER_CLIENT", 512);
-  limits.head_timeout =
-      std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_HEAD_TIMEOUT_S", 10));
+  limits.head_timeout = std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_HEAD_TIMEOUT_S", 10));
   // Bodies: a pace they must keep, and a share of the workers they may hold
   // while they come (the rest stay for requests that are ready).
-  impl_->timeouts.body_grace =
-      std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_BODY_GRACE_S", 10));
+  impl_->timeouts.body_grace = std::chrono::seconds(env_size("OSTREL_ULVO_HTTP_BODY_GRACE_S", 10));
   impl_->timeouts.body_min_rate = env_size("OSTREL_ULVO_HTTP_BODY_MIN_RATE", 16 * 1024);
   impl_->body_readers.limit = std::max<std::size_t>(1, limits.workers * 3 / 4);
   Impl* impl = impl_.get();

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "base/types.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 

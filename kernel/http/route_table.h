@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/types.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 

@@ -6,8 +6,8 @@
 // the primary stays down.
 #include <atomic>
 #include <condition_variable>
-#include <filesystem>
 #include <deque>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -125,7 +125,7 @@ class ControllerModule : public kernel::ModuleBase {
   int joins_per_minute_ = 60;
   // Wrong join tokens, per client address: a few, then growing waits.
   identity::LoginThrottle join_guesses_;
-  std::mutex join_rate_mu_;  // guards join_times_
+  std::mutex join_rate_mu_;              // guards join_times_
   std::deque<std::int64_t> join_times_;  // ms of the joins answered in the last minute
   int sync_interval_s_ = 10;
   int stale_after_s_ = 90;
@@ -168,17 +168,20 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
     join_token_ = t;
   }
   open_join_ = ctx.config->get_bool("open_join", false);
-  max_nodes_ = static_cast<std::size_t>(std::max<std::int64_t>(1, ctx.config->get_int("max_nodes", 1024)));
+  max_nodes_ =
+      static_cast<std::size_t>(std::max<std::int64_t>(1, ctx.config->get_int("max_nodes", 1024)));
   joins_per_minute_ = std::max(1, static_cast<int>(ctx.config->get_int("joins_per_minute", 60)));
   if (!join_token_.empty()) {
     log_->info("cluster joins need the join token");
   } else if (open_join_) {
-    log_->warn("controller.open_join=true: any node that reaches this one may join the cluster "
-               "and receive its secret; set controller.join_token instead on shared networks");
+    log_->warn(
+        "controller.open_join=true: any node that reaches this one may join the cluster "
+        "and receive its secret; set controller.join_token instead on shared networks");
   } else {
-    log_->info("cluster joins are refused until a join token is set: set controller.join_token "
-               "(or OSTREL_CLUSTER_JOIN_TOKEN) here and OSTREL_CLUSTER_JOIN_TOKEN on each joining "
-               "node");
+    log_->info(
+        "cluster joins are refused until a join token is set: set controller.join_token "
+        "(or OSTREL_CLUSTER_JOIN_TOKEN) here and OSTREL_CLUSTER_JOIN_TOKEN on each joining "
+        "node");
   }
   web_.configure(ctx.config->get("web_search_url", ""),
                  ctx.config->get_bool("allow_private_fetch", false));
@@ -311,28 +314,24 @@ void ControllerModule::publish_topology_change_(const std::string& reason,
 void ControllerModule::handle_join_(const Request& req, Response& res) {
   Json body = base::parse_json(req.body);
   const std::string node_id = body.is_object() ? base::string_field(body, "node_id") : "";
-  if (node_id.empty()) return reply(res, {{"error", "missing node_id"}}, 400);
+  if (node_id.empty()) return base::fail(res, 400, "missing node_id");
   std::string why;
-  if (!base::safe_name(node_id, why, 128))
-    return reply(res, {{"error", "invalid node_id"}, {"message", why}}, 400);
+  if (!base::safe_name(node_id, why, 128)) return base::fail(res, 400, "invalid node_id", why);
   if (node_id == ctx_.node_id) {
     log_->error("duplicate node id '" + node_id + "': a node at " + req.client_addr +
                 " asks to join with this controller's own id — refused");
-    return reply(res, {{"error", "duplicate_node_id"}, {"node_id", node_id}}, 409);
+    return base::fail(res, 409, "duplicate_node_id", {{"node_id", node_id}});
   }
   if (join_token_.empty() && !open_join_) {
-    return reply(res,
-                 {{"error", "join_token_not_configured"},
-                  {"message",
-                   "this controller takes no joins until a join token is set "
-                   "(controller.join_token or OSTREL_CLUSTER_JOIN_TOKEN)"}},
-                 403);
+    return base::fail(res, 403, "join_token_not_configured",
+                      "this controller takes no joins until a join token is set "
+                      "(controller.join_token or OSTREL_CLUSTER_JOIN_TOKEN)");
   }
   const std::string guesser = "addr:" + req.client_addr;
   if (!join_token_.empty()) {
     if (const std::int64_t wait = join_guesses_.wait_seconds(guesser); wait > 0) {
       res.headers["Retry-After"] = std::to_string(wait);
-      return reply(res, {{"error", "too_many_attempts"}, {"retry_after_s", wait}}, 429);
+      return base::fail(res, 429, "too_many_attempts", {{"retry_after_s", wait}});
     }
     std::string presented = req.header("X-Ostrel-Join-Token");
     if (presented.empty()) presented = base::string_field(body, "join_token");
@@ -340,7 +339,7 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
       join_guesses_.failed(guesser);
       log_->warn("cluster join refused: wrong or missing join token from " + node_id + " at " +
                  req.client_addr);
-      return reply(res, {{"error", "join_token_required"}}, 403);
+      return base::fail(res, 403, "join_token_required");
     }
     join_guesses_.succeeded(guesser);
   }
@@ -351,7 +350,7 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
     while (!join_times_.empty() && now - join_times_.front() > 60000) join_times_.pop_front();
     if (join_times_.size() >= static_cast<std::size_t>(joins_per_minute_)) {
       res.headers["Retry-After"] = "60";
-      return reply(res, {{"error", "too_many_joins"}, {"retry_after_s", 60}}, 429);
+      return base::fail(res, 429, "too_many_joins", {{"retry_after_s", 60}});
     }
     join_times_.push_back(now);
   }
@@ -362,14 +361,14 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
     bool opened = false;
     state = base::read_json_file(file, opened);
     const std::string secret = state.is_object() ? base::string_field(state, "cluster_secret") : "";
-    if (secret.empty()) return reply(res, {{"error", "cluster_secret_not_initialized"}}, 503);
+    if (secret.empty()) return base::fail(res, 503, "cluster_secret_not_initialized");
     if (!state.contains("registered_nodes") || !state["registered_nodes"].is_object())
       state["registered_nodes"] = Json::object();
     if (!state["registered_nodes"].contains(node_id) &&
         state["registered_nodes"].size() >= max_nodes_) {
       log_->warn("cluster join refused: " + node_id + " would exceed controller.max_nodes (" +
                  std::to_string(max_nodes_) + ")");
-      return reply(res, {{"error", "cluster_full"}, {"max_nodes", max_nodes_}}, 503);
+      return base::fail(res, 503, "cluster_full", {{"max_nodes", max_nodes_}});
     }
     const std::string now = base::utc_text();
     Json& entry = state["registered_nodes"][node_id];
@@ -378,7 +377,7 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
     std::string error;
     if (!base::write_file_atomically(file, state.dump(2) + "\n", error)) {
       log_->error("cluster join: could not save " + file.string() + ": " + error);
-      return reply(res, {{"error", "persist_failed"}}, 500);
+      return base::fail(res, 500, "persist_failed");
     }
   }
   const std::string secret = state["cluster_secret"];
@@ -397,14 +396,14 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
                     token = base::string_field(body, "token");
   if (node.empty() || token.empty()) {
     t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
-    return reply(res, {{"error", "missing node_id or token"}}, 400);
+    return base::fail(res, 400, "missing node_id or token");
   }
   const std::string theirs = base::string_field(body, "cluster_id");
   if (theirs != ctx_.cluster_id) {
     log_->warn("cluster register rejected: cluster_id mismatch from " + node.substr(0, 128) +
                " (theirs=" + theirs.substr(0, 64) + ", ours=" + ctx_.cluster_id + ")");
     t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
-    return reply(res, {{"error", "cluster_id_mismatch"}}, 403);
+    return base::fail(res, 403, "cluster_id_mismatch");
   }
   const std::int64_t issued = token_issued_s(token);
   bool valid = identity::verify_node_token(ctx_.cluster_secret, node, token);
@@ -419,7 +418,7 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
     log_->warn("cluster register rejected: invalid token from " + node.substr(0, 128) +
                (replayed ? " (older than one already accepted)" : ""));
     t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
-    return reply(res, {{"error", "invalid_node_token"}}, 401);
+    return base::fail(res, 401, "invalid_node_token");
   }
   log_->info("cluster register: node " + node + " authenticated");
   std::string url = base::string_field(body, "url");
@@ -436,7 +435,7 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
   if (node == ctx_.node_id) {
     log_->error("duplicate node id '" + node + "': this controller's own id, registered from " +
                 url + " — refused; give every node its own --node-id");
-    return reply(res, {{"error", "duplicate_node_id"}, {"node_id", node}}, 409);
+    return base::fail(res, 409, "duplicate_node_id", {{"node_id", node}});
   }
   {
     std::lock_guard lock(mu_);
@@ -447,9 +446,8 @@ void ControllerModule::handle_register_(const Request& req, Response& res) {
                   " and now from " + url +
                   " — the second is refused; give every node its own --node-id");
       t.counter("ostrel.controller.peer_register_total", 1, {{"role", "rejected"}});
-      return reply(res,
-                   {{"error", "duplicate_node_id"}, {"node_id", node}, {"registered_url", it->second.url}},
-                   409);
+      return base::fail(res, 409, "duplicate_node_id",
+                        {{"node_id", node}, {"registered_url", it->second.url}});
     }
   }
   PeerNode p;
@@ -704,7 +702,8 @@ std::pair<int, std::string> ControllerModule::run_failover_swap_(const std::stri
     return {r.status == 0 ? 200 : 500, r.body};
   }
   return {501,
-          R"({"error":"not_implemented","message":"data replication is not part of this build"})"};
+          base::dump_json(base::error_body(
+              "not_implemented", {{"message", "data replication is not part of this build"}}))};
 }
 
 void ControllerModule::trigger_auto_failover_(const std::string& primary,
@@ -748,26 +747,25 @@ void ControllerModule::trigger_auto_failover_(const std::string& primary,
 }
 
 bool ControllerModule::tool_allowed_(const Request& req, Response& res, const std::string& tool) {
-  if (!kernel::credential_checked(req) && !kernel::anonymous(req)) return true;  // open node, peer
+  if (!base::credential_checked(req) && !base::anonymous(req)) return true;  // open node, peer
   if (!ctx_.syscalls->has("security.role.check")) {
     // Without the policy, the web tools are for developers and up.
-    if (kernel::role_from_scopes(req) != "viewer") return true;
-    reply(res, {{"error", "forbidden"}, {"reason", "tool '" + tool + "' needs a developer role"}},
-          403);
+    if (base::role_from_scopes(req) != "viewer") return true;
+    base::fail(res, 403, "forbidden", {{"reason", "tool '" + tool + "' needs a developer role"}});
     return false;
   }
   const Json check = {{"tool", tool},
                       {"context",
                        {{"user_id", !req.user_id.empty() ? req.user_id : "token:" + req.token_id},
-                        {"role", kernel::role_from_scopes(req)},
+                        {"role", base::role_from_scopes(req)},
                         {"tenant_id", req.tenant.empty() ? "default" : req.tenant}}}};
   Json d = base::parse_json(
       ctx_.syscalls->call(kControllerSource, "security.role.check", base::dump_json(check)).body);
   if (d.is_object() && d.value("decision", "") == "allowed") return true;
   Json out = d.is_object() && d.contains("reject") ? d["reject"] : Json::object();
   out["error"] = "forbidden";
-  out["reason"] = "the tool policy does not grant '" + tool + "' to role " +
-                  kernel::role_from_scopes(req);
+  out["reason"] =
+      "the tool policy does not grant '" + tool + "' to role " + base::role_from_scopes(req);
   reply(res, out, 403);
   return false;
 }
@@ -779,27 +777,27 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
 
   gw.route("POST", "/api/v1/workers", [this](const Request& req, Response& res) {
     // What is listed here is served to everyone in /v1/models.
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     WorkerInfo w;
     bool is_new = false;
     if (std::string e = workers_->register_worker(body, ctx_.node_id, w, is_new); !e.empty())
-      return reply(res, {{"error", "invalid_worker"}, {"message", e}}, 400);
+      return base::fail(res, 400, "invalid_worker", e);
     log_->info("registered worker " + w.id + " (" + w.worker_type +
                (w.local ? ", local" : ", remote") + ")");
     publish_topology_change_("worker_online", w.id, {{"worker", worker_json(w)}});
     reply(res, {{"status", "registered"}, {"worker", worker_json(w)}});
   });
   gw.route("POST", "/api/v1/workers/*", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     std::string id = req.path.substr(std::string("/api/v1/workers/").size());
     if (id.size() > 10 && id.compare(id.size() - 10, 10, "/heartbeat") == 0)
       id = id.substr(0, id.size() - 10);
     const bool known = workers_->heartbeat(id);
     kernel::telemetry::Telemetry::instance().counter("ostrel.controller.peer_heartbeats_total", 1,
                                                      {{"result", known ? "ack" : "unknown"}});
-    if (!known) return reply(res, {{"error", "unknown_worker"}}, 404);
+    if (!known) return base::fail(res, 404, "unknown_worker");
     reply(res, {{"status", "ack"}});
   });
   gw.route("GET", "/api/v1/workers", [this](const Request&, Response& res) {
@@ -858,13 +856,12 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, {{"peers", peer_urls_}, {"registered", registered}});
   });
   gw.route("POST", "/api/v1/cluster/peers", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     const std::string url = base::normalise_base_url(base::string_field(body, "url"));
     if (host_of(url).empty())
-      return reply(
-          res, {{"error", "invalid_url"}, {"message", "url must be http(s)://host[:port]"}}, 400);
+      return base::fail(res, 400, "invalid_url", "url must be http(s)://host[:port]");
     std::lock_guard lock(mu_);
     if (std::find(peer_urls_.begin(), peer_urls_.end(), url) == peer_urls_.end()) {
       peer_urls_.push_back(url);
@@ -873,7 +870,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, {{"status", "added"}, {"url", url}, {"peers", peer_urls_}});
   });
   gw.route("DELETE", "/api/v1/cluster/peers/*", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     std::string which = req.path.substr(std::string("/api/v1/cluster/peers/").size());
     // The server has already decoded the path ("http%3A%2F%2F…" arrives as a URL).
     const std::string url = base::normalise_base_url(which);
@@ -888,7 +885,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
       }
       if (registered_.erase(which) > 0) removed = true;
     }
-    if (!removed) return reply(res, {{"error", "not_found"}, {"peer", which}}, 404);
+    if (!removed) return base::fail(res, 404, "not_found", {{"peer", which}});
     // Forget what was learned from it.
     workers_->drop_peer(which);
     workers_->drop_peer(url);
@@ -918,32 +915,32 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
   auto answer = [](Response& res, const Webhooks::Answer& a) { reply(res, a.body, a.status); };
   gw.route("GET", "/api/v1/webhooks/subscriptions",
            [this, answer](const Request& req, Response& res) {
-             if (kernel::require_admin(req, res)) answer(res, webhooks_->list());
+             if (base::require_admin(req, res)) answer(res, webhooks_->list());
            });
   gw.route("POST", "/api/v1/webhooks/subscriptions",
            [this, answer](const Request& req, Response& res) {
-             if (!kernel::require_admin(req, res)) return;
+             if (!base::require_admin(req, res)) return;
              Json body;
              if (!base::parse_object_body(req, res, body)) return;
              answer(res, webhooks_->create(body));
            });
   gw.route("DELETE", "/api/v1/webhooks/subscriptions/*",
            [this, answer](const Request& req, Response& res) {
-             if (!kernel::require_admin(req, res)) return;
+             if (!base::require_admin(req, res)) return;
              answer(res, webhooks_->remove(req.path.substr(
                              std::string("/api/v1/webhooks/subscriptions/").size())));
            });
   gw.route("POST", "/api/v1/webhooks/subscriptions/*",
            [this, answer](const Request& req, Response& res) {
-             if (!kernel::require_admin(req, res)) return;
+             if (!base::require_admin(req, res)) return;
              std::string rest =
                  req.path.substr(std::string("/api/v1/webhooks/subscriptions/").size());
              if (rest.size() <= 5 || rest.compare(rest.size() - 5, 5, "/test") != 0)
-               return reply(res, {{"error", "not_found"}, {"path", req.path}}, 404);
+               return base::fail(res, 404, "not_found", {{"path", req.path}});
              answer(res, webhooks_->test(rest.substr(0, rest.size() - 5)));
            });
   gw.route("GET", "/api/v1/webhooks/deliveries", [this, answer](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     int limit = 100;
     try {
       limit = std::clamp(std::stoi(req.param("limit", "100")), 1, 1000);
@@ -981,18 +978,17 @@ void ControllerModule::register_syscalls(kernel::SyscallTable& table) {
     for (auto& w : list) {
       if (w.value("url", "").empty() && w.value("local", false)) w["url"] = local_url_();
     }
-    return kernel::SyscallResult::ok(base::dump_json({{"workers", list}}));
+    return base::syscall_ok({{"workers", list}});
   });
-  table.register_syscall(kControllerSource, "controller.topology", [this](std::string_view) {
-    return kernel::SyscallResult::ok(base::dump_json(topology_(false)));
-  });
+  table.register_syscall(kControllerSource, "controller.topology",
+                         [this](std::string_view) { return base::syscall_ok(topology_(false)); });
   table.register_syscall(
       kControllerSource, "controller.webhooks.enqueue", [this](std::string_view args) {
         Json a = base::parse_json(args);
         const std::string event = a.is_object() ? base::string_field(a, "event") : "";
-        if (event.empty()) return kernel::SyscallResult::failure("missing event");
+        if (event.empty()) return base::syscall_error("missing event");
         webhooks_->enqueue_event(event, a.value("payload", Json::object()));
-        return kernel::SyscallResult::ok(R"({"status":"queued"})");
+        return base::syscall_ok({{"status", "queued"}});
       });
 }
 

@@ -11,6 +11,7 @@
 
 #include "base/json.h"
 #include "modules/controller/address_guard.h"
+#include "base/reply.h"
 
 namespace ostrel::controller {
 namespace {
@@ -174,15 +175,17 @@ void WebTools::configure(std::string search_url, bool allow_private) {
 
 WebTools::Answer WebTools::fetch(const std::string& url) const {
   if (!http_url(url)) {
-    return {{{"error", "invalid_url"}, {"message", "url must start with http:// or https://"}},
-            400};
+    return {
+        base::error_body("invalid_url", {{"message", "url must start with http:// or https://"}}),
+        400};
   }
   Got g = get(url, fetch_guard_);
   if (!g.error.empty()) {
     const bool blocked = g.error == "address_not_allowed";
-    return {{{"error", blocked ? "address_not_allowed" : "fetch_failed"},
-             {"message", blocked ? "private and loopback addresses are not fetched" : g.error},
-             {"url", url}},
+    return {base::error_body(
+                blocked ? "address_not_allowed" : "fetch_failed",
+                {{"message", blocked ? "private and loopback addresses are not fetched" : g.error},
+                 {"url", url}}),
             blocked ? 403 : 502};
   }
   std::string title, text;
@@ -203,16 +206,19 @@ WebTools::Answer WebTools::fetch(const std::string& url) const {
 }
 
 WebTools::Answer WebTools::search(const std::string& query, int max_results) const {
-  if (query.empty()) return {{{"error", "missing query"}}, 400};
+  if (query.empty()) return {base::error_body("missing query"), 400};
   if (search_url_.empty()) {
-    return {{{"error", "web_search_not_configured"},
-             {"message", "set controller.web_search_url to a SearXNG-compatible search service"}},
-            501};
+    return {
+        base::error_body(
+            "web_search_not_configured",
+            {{"message", "set controller.web_search_url to a SearXNG-compatible search service"}}),
+        501};
   }
   Got g = get(search_url_ + "/search?format=json&q=" + escape_query(query), search_guard_);
   if (!g.error.empty() || g.status < 200 || g.status >= 300) {
-    return {{{"error", "search_failed"},
-             {"message", g.error.empty() ? "http " + std::to_string(g.status) : g.error}},
+    return {base::error_body(
+                "search_failed",
+                {{"message", g.error.empty() ? "http " + std::to_string(g.status) : g.error}}),
             502};
   }
   Json j = base::parse_json(g.t.body);

@@ -9,6 +9,7 @@
 #include "base/clock.h"
 #include "base/encoding.h"
 #include "base/json.h"
+#include "base/reply.h"
 
 namespace ostrel::controller {
 namespace {
@@ -167,13 +168,13 @@ void Webhooks::stop() {
 
 Webhooks::Answer Webhooks::list() {
   std::lock_guard lock(db_mu_);
-  if (!db_) return {{{"error", "webhooks_db_unavailable"}}, 503};
+  if (!db_) return {base::error_body("webhooks_db_unavailable"), 503};
   std::string error;
   auto st = db_.prepare(
       "SELECT id,url,events_json,description,created_at, last_delivery_at,failure_count,disabled "
       "FROM subscriptions ORDER BY created_at DESC;",
       error);
-  if (!st) return {{{"error", "db_prepare_failed"}, {"detail", error}}, 500};
+  if (!st) return {base::error_body("db_prepare_failed", {{"detail", error}}), 500};
   Json out = Json::array();
   while (st.step() == SQLITE_ROW) {
     out.push_back({{"id", st.text(0)},
@@ -191,25 +192,27 @@ Webhooks::Answer Webhooks::list() {
 Webhooks::Answer Webhooks::create(const Json& body) {
   const std::string url = body.value("url", "");
   if (url.rfind("http://", 0) != 0 && url.rfind("https://", 0) != 0) {
-    return {{{"error", "missing_or_invalid_url"}}, 400};
+    return {base::error_body("missing_or_invalid_url"), 400};
   }
   if (url.size() > 2048 || url.find_first_of(" \r\n\t") != std::string::npos) {
-    return {{{"error", "missing_or_invalid_url"}}, 400};
+    return {base::error_body("missing_or_invalid_url"), 400};
   }
   // An inside address written as such is refused at once (a name that
   // resolves to one is refused at delivery).
   if (!opt_.guard.named(url) && literal_inside(url)) {
-    return {{{"error", "private_target_refused"},
-             {"message",
-              "loopback, private and link-local targets are refused unless named in "
-              "controller.webhook_private_hosts"}},
-            400};
+    return {
+        base::error_body("private_target_refused",
+                         {{"message",
+                           "loopback, private and link-local targets are refused unless named in "
+                           "controller.webhook_private_hosts"}}),
+        400};
   }
   Json events = body.contains("events") ? body["events"] : Json::array();
   if (!events.is_array() ||
       !std::all_of(events.begin(), events.end(), [](const Json& e) { return e.is_string(); })) {
-    return {{{"error", "invalid_events"}, {"message", "events must be a list of event types"}},
-            400};
+    return {
+        base::error_body("invalid_events", {{"message", "events must be a list of event types"}}),
+        400};
   }
   const std::string secret = body.contains("secret") && body["secret"].is_string()
                                  ? body["secret"].get<std::string>()
@@ -219,17 +222,17 @@ Webhooks::Answer Webhooks::create(const Json& body) {
                                       : "";
   const std::string id = "wh-" + base::random_alnum(12), created = base::utc_text();
   std::lock_guard lock(db_mu_);
-  if (!db_) return {{{"error", "webhooks_db_unavailable"}}, 503};
+  if (!db_) return {base::error_body("webhooks_db_unavailable"), 503};
   std::string error;
   auto st = db_.prepare(
       "INSERT INTO subscriptions(id,url,events_json,secret,description,created_at,failure_count,"
       "disabled) VALUES (?,?,?,?,?,?,0,0);",
       error);
-  if (!st) return {{{"error", "db_insert_failed"}, {"detail", error}}, 500};
+  if (!st) return {base::error_body("db_insert_failed", {{"detail", error}}), 500};
   st.bind(1, id).bind(2, url).bind(3, base::dump_json(events)).bind(4, secret);
   st.bind(5, description).bind(6, created);
   if (st.step() != SQLITE_DONE) {
-    return {{{"error", "db_insert_failed"}, {"detail", db_.message()}}, 500};
+    return {base::error_body("db_insert_failed", {{"detail", db_.message()}}), 500};
   }
   return {{{"subscription_id", id}, {"url", url}, {"events", events}, {"created_at", created}},
           200};
@@ -237,13 +240,13 @@ Webhooks::Answer Webhooks::create(const Json& body) {
 
 Webhooks::Answer Webhooks::remove(const std::string& id) {
   std::lock_guard lock(db_mu_);
-  if (!db_) return {{{"error", "webhooks_db_unavailable"}}, 503};
+  if (!db_) return {base::error_body("webhooks_db_unavailable"), 503};
   std::string error;
   auto st = db_.prepare("DELETE FROM subscriptions WHERE id=?;", error);
-  if (!st) return {{{"error", "db_prepare_failed"}}, 500};
+  if (!st) return {base::error_body("db_prepare_failed"), 500};
   st.bind(1, id);
-  if (st.step() != SQLITE_DONE) return {{{"error", "db_delete_failed"}}, 500};
-  if (sqlite3_changes(db_.get()) == 0) return {{{"error", "not_found"}}, 404};
+  if (st.step() != SQLITE_DONE) return {base::error_body("db_delete_failed"), 500};
+  if (sqlite3_changes(db_.get()) == 0) return {base::error_body("not_found"), 404};
   return {{{"status", "deleted"}}, 200};
 }
 
@@ -251,12 +254,12 @@ Webhooks::Answer Webhooks::test(const std::string& id) {
   Job job;
   {
     std::lock_guard lock(db_mu_);
-    if (!db_) return {{{"error", "webhooks_db_unavailable"}}, 503};
+    if (!db_) return {base::error_body("webhooks_db_unavailable"), 503};
     std::string error;
     auto st = db_.prepare("SELECT url,secret FROM subscriptions WHERE id=? AND disabled=0;", error);
-    if (!st) return {{{"error", "db_prepare_failed"}}, 500};
+    if (!st) return {base::error_body("db_prepare_failed"), 500};
     st.bind(1, id);
-    if (st.step() != SQLITE_ROW) return {{{"error", "not_found_or_disabled"}}, 404};
+    if (st.step() != SQLITE_ROW) return {base::error_body("not_found_or_disabled"), 404};
     job = {id, st.text(0), st.text(1), "webhook.test", ""};
   }
   job.body = base::dump_json(
@@ -269,7 +272,7 @@ Webhooks::Answer Webhooks::test(const std::string& id) {
 
 Webhooks::Answer Webhooks::deliveries(const std::string& subscription_id, int limit) {
   std::lock_guard lock(db_mu_);
-  if (!db_) return {{{"error", "webhooks_db_unavailable"}}, 503};
+  if (!db_) return {base::error_body("webhooks_db_unavailable"), 503};
   std::string error;
   auto st = db_.prepare(
       subscription_id.empty()
@@ -278,7 +281,7 @@ Webhooks::Answer Webhooks::deliveries(const std::string& subscription_id, int li
           : "SELECT id,subscription_id,event_type,sent_at,http_status,response_body_truncated,"
             "error,retry_count FROM deliveries WHERE subscription_id=? ORDER BY id DESC LIMIT ?;",
       error);
-  if (!st) return {{{"error", "db_prepare_failed"}}, 500};
+  if (!st) return {base::error_body("db_prepare_failed"), 500};
   if (subscription_id.empty()) {
     st.bind(1, static_cast<std::int64_t>(limit));
   } else {
@@ -356,7 +359,8 @@ void Webhooks::deliver_(const Job& job) {
               "webhook-signature: " + standard_signature(job.secret, msg_id, ts, job.body)},
              job.body, opt_.timeout_s, opt_.connect_timeout_s, opt_.guard);
     if (o.error.empty() && o.status >= 200 && o.status < 300) break;
-    permanent = o.status == 410 || o.error.rfind("address_not_allowed", 0) == 0 || o.error.find("Couldn't resolve host") != std::string::npos ||
+    permanent = o.status == 410 || o.error.rfind("address_not_allowed", 0) == 0 ||
+                o.error.find("Couldn't resolve host") != std::string::npos ||
                 o.error.find("Could not resolve host") != std::string::npos;
     if (permanent || attempt >= opt_.attempts) break;
     std::unique_lock lock(q_mu_);

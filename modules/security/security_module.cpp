@@ -214,7 +214,7 @@ class SecurityModule : public kernel::ModuleBase {
   std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
   std::condition_variable bg_cv_;
   bool bg_stop_ = false;
-  std::thread counters_thread_;  // joined by stop()
+  std::thread counters_thread_;                    // joined by stop()
   std::unique_ptr<ChainCheckpoints> checkpoints_;  // null when the kernel cannot sign
 };
 
@@ -249,9 +249,10 @@ bool SecurityModule::initialize(const kernel::ModuleContext& ctx) {
              ", tools=" + std::to_string(roles_->known_tools().size()) +
              ", audit=" + roles_->audit_path().string());
   if (roles_->mode() == RoleService::Mode::stub_allow) {
-    log_->warn("tool policy mode is stub_allow: every tool runs whatever the caller's role "
-               "(the tool loop included); on a node others use, set enforce "
-               "(--config-set security.mode=enforce, or PUT /api/v1/security/mode)");
+    log_->warn(
+        "tool policy mode is stub_allow: every tool runs whatever the caller's role "
+        "(the tool loop included); on a node others use, set enforce "
+        "(--config-set security.mode=enforce, or PUT /api/v1/security/mode)");
   }
   open_checkpoints_();
   return true;
@@ -262,8 +263,8 @@ void SecurityModule::open_checkpoints_() {
     log_->warn("decision log checkpoints off: the kernel offers no checkpoint signing");
     return;
   }
-  Json key = base::parse_json(
-      ctx_.syscalls->call(kSecuritySource, "audit.checkpoint.key", "{}").body);
+  Json key =
+      base::parse_json(ctx_.syscalls->call(kSecuritySource, "audit.checkpoint.key", "{}").body);
   std::string public_key;
   if (!key.is_object() || !base::from_hex(base::string_field(key, "public_key"), public_key)) {
     log_->warn("decision log checkpoints off: no node key");
@@ -301,8 +302,7 @@ void SecurityModule::open_checkpoints_() {
   for (const auto& [count, head] : checkpoints_->signed_heads()) counts.push_back(count);
   ChainCheckpoints::Verdict v = judge_checkpoints_(roles_->verify_audit(counts));
   const std::uint64_t entries = roles_->audit_head().first;
-  if (v.ok && !checkpoints_->existed() && entries > 0 && n == 0 &&
-      fs::exists(dir_ / "mode.json")) {
+  if (v.ok && !checkpoints_->existed() && entries > 0 && n == 0 && fs::exists(dir_ / "mode.json")) {
     // Not a first start: a log with entries and no checkpoint file lost it.
     v.ok = false;
     v.problem = "the decision log holds " + std::to_string(entries) +
@@ -376,8 +376,7 @@ kernel::HealthStatus SecurityModule::health() {
 
 // ---------------------------------------------------------------------------
 
-std::string SecurityModule::check_text_(std::string_view text, int& status,
-                                        const Request* caller) {
+std::string SecurityModule::check_text_(std::string_view text, int& status, const Request* caller) {
   std::string tool;
   CheckContext ctx;
   if (!read_check_fast(text, tool, ctx)) {
@@ -386,30 +385,30 @@ std::string SecurityModule::check_text_(std::string_view text, int& status,
     Json body = text.empty() ? Json::object() : base::parse_json(text);
     if (!body.is_object()) {
       status = 400;
-      return R"({"error":"invalid_json"})";
+      return base::dump_json(base::error_body("invalid_json"));
     }
     auto t = body.find("tool");
     if (t != body.end() && t->is_string()) tool = *t;
     std::string error;
     if (!read_context(body, ctx, error)) {
       status = 400;
-      return base::dump_json({{"error", "invalid_context"}, {"message", error}});
+      return base::dump_json(base::error_body("invalid_context", {{"message", error}}));
     }
     read_top_level_args(body, ctx);
   }
   if (tool.empty()) {
     status = 400;
-    return R"({"error":"missing tool"})";
+    return base::dump_json(base::error_body("missing tool"));
   }
   // A checked credential speaks for itself: the body cannot name another
   // role, user or tenant for the decision it records.
-  if (caller && kernel::credential_checked(*caller)) {
-    ctx.role = kernel::role_from_scopes(*caller);
+  if (caller && base::credential_checked(*caller)) {
+    ctx.role = base::role_from_scopes(*caller);
     ctx.user_id = !caller->user_id.empty()    ? caller->user_id
                   : !caller->token_id.empty() ? "token:" + caller->token_id
                                               : "anon";
     if (!caller->tenant.empty()) ctx.tenant_id = caller->tenant;
-  } else if (caller && kernel::anonymous(*caller)) {
+  } else if (caller && base::anonymous(*caller)) {
     ctx.role = "viewer";
     ctx.user_id = "anon";
   }
@@ -456,13 +455,13 @@ Json SecurityModule::set_mode_(const Json& body, int& status) {
   auto mode = body.find("mode");
   if (mode == body.end() || !mode->is_string() || !RoleService::parse_mode(*mode, m)) {
     status = 400;
-    return {{"error", kModeError}};
+    return base::error_body(kModeError);
   }
   std::string error;
   if (!roles_->set_mode(m, error)) {
     log_->warn("mode.json not written: " + error);
     status = 500;
-    return {{"error", "persist_failed"}};
+    return base::error_body("persist_failed");
   }
   log_->info(std::string("policy mode set to ") + RoleService::mode_name(m));
   if (ctx_.syscalls->has("audit.append")) {
@@ -481,7 +480,7 @@ Json SecurityModule::export_report_(const Json& body, int& status) {
     if (!r->is_string() ||
         std::find(kRegimes.begin(), kRegimes.end(), r->get<std::string>()) == kRegimes.end()) {
       status = 400;
-      return {{"error", "unknown_regime"}, {"regimes", kRegimes}};
+      return base::error_body("unknown_regime", {{"regimes", kRegimes}});
     }
     regime = *r;
   }
@@ -588,7 +587,7 @@ Json SecurityModule::export_report_(const Json& body, int& status) {
       !base::write_file_atomically(reports_dir_ / (std::string(id) + ".html"), html, error)) {
     log_->warn("compliance report not written: " + error);
     status = 500;
-    return {{"error", "persist_failed"}};
+    return base::error_body("persist_failed");
   }
   log_->info(std::string("compliance report ") + id + " (" + regime + ") written");
   Json out = report;
@@ -599,22 +598,22 @@ Json SecurityModule::export_report_(const Json& body, int& status) {
 
 void SecurityModule::serve_report_(const Request& req, Response& res, const std::string& id) {
   if (id.empty()) {
-    reply(res, {{"error", "missing report id"}}, 400);
+    base::fail(res, 400, "missing report id");
     return;
   }
   std::string why;
   if (id.find("..") != std::string::npos || !base::safe_name(id, why)) {
-    reply(res, {{"error", "invalid report id"}}, 400);
+    base::fail(res, 400, "invalid report id");
     return;
   }
   const std::string format = req.param("format", "json");
   if (format != "json" && format != "html") {
-    reply(res, {{"error", "format must be json or html"}}, 400);
+    base::fail(res, 400, "format must be json or html");
     return;
   }
   std::ifstream in(reports_dir_ / (id + "." + format), std::ios::binary);
   if (!in) {
-    reply(res, {{"error", "not_found"}, {"report_id", id}}, 404);
+    base::fail(res, 404, "not_found", {{"report_id", id}});
     return;
   }
   res.body.assign(std::istreambuf_iterator<char>(in), {});
@@ -652,7 +651,7 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
           {{"mode", RoleService::mode_name(m)}, {"description", RoleService::mode_description(m)}});
   });
   gw.route("PUT", "/api/v1/security/mode", [this](const Request& req, Response& res) {
-    if (!kernel::require_admin(req, res)) return;
+    if (!base::require_admin(req, res)) return;
     Json body;
     if (!base::parse_object_body(req, res, body)) return;
     int status = 200;
@@ -697,8 +696,8 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
              reply(res, {{"tools", out}});
            });
   gw.route("GET", "/api/v1/security/audit", [this](const Request& req, Response& res) {
-    if (!kernel::has_scope(req, "audit.read")) {
-      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+    if (!base::has_scope(req, "audit.read")) {
+      base::fail(res, 403, "missing_scope", {{"required", "audit.read"}});
       return;
     }
     std::size_t limit = 100;
@@ -707,8 +706,7 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
       char* end = nullptr;
       long n = std::strtol(l.c_str(), &end, 10);
       if (*end != '\0' || n < 1 || n > 100000) {
-        reply(res, {{"error", "invalid_limit"}, {"message", "limit must be between 1 and 100000"}},
-              400);
+        base::fail(res, 400, "invalid_limit", "limit must be between 1 and 100000");
         return;
       }
       limit = static_cast<std::size_t>(n);
@@ -718,8 +716,8 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, {{"entries", entries}, {"count", entries.size()}});
   });
   gw.route("POST", "/api/v1/security/audit/verify", [this](const Request& req, Response& res) {
-    if (!kernel::has_scope(req, "audit.read")) {
-      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+    if (!base::has_scope(req, "audit.read")) {
+      base::fail(res, 403, "missing_scope", {{"required", "audit.read"}});
       return;
     }
     std::vector<std::uint64_t> counts;
@@ -742,8 +740,8 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, out);
   });
   gw.route("POST", "/api/v1/security/audit/export", [this](const Request& req, Response& res) {
-    if (!kernel::has_scope(req, "audit.read")) {
-      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+    if (!base::has_scope(req, "audit.read")) {
+      base::fail(res, 403, "missing_scope", {{"required", "audit.read"}});
       return;
     }
     Json body;
@@ -753,15 +751,15 @@ void SecurityModule::register_routes(kernel::ApiGateway& gw) {
     reply(res, out, status);
   });
   gw.route("GET", "/api/v1/security/audit/export", [this](const Request& req, Response& res) {
-    if (!kernel::has_scope(req, "audit.read")) {
-      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+    if (!base::has_scope(req, "audit.read")) {
+      base::fail(res, 403, "missing_scope", {{"required", "audit.read"}});
       return;
     }
     serve_report_(req, res, req.param("report_id", req.param("id")));
   });
   gw.route("GET", "/api/v1/compliance/reports/*", [this](const Request& req, Response& res) {
-    if (!kernel::has_scope(req, "audit.read")) {
-      reply(res, {{"error", "missing_scope"}, {"required", "audit.read"}}, 403);
+    if (!base::has_scope(req, "audit.read")) {
+      base::fail(res, 403, "missing_scope", {{"required", "audit.read"}});
       return;
     }
     serve_report_(req, res,

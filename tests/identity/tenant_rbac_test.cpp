@@ -197,7 +197,7 @@ TEST(QuotaAndGuards, LimitsBucketsAndRejections) {
   EXPECT_TRUE(limiter.try_consume_at("k", t0 + std::chrono::seconds(100)));
   EXPECT_FALSE(limiter.try_consume_at("k", t0 + std::chrono::seconds(100)));  // capped at 2
 
-  kernel::Response res;
+  base::Response res;
   EXPECT_FALSE(tenant_guard::deny_if_cross_tenant("", "acme", res));
   EXPECT_FALSE(tenant_guard::deny_if_cross_tenant("acme", "acme", res));
   EXPECT_TRUE(tenant_guard::deny_if_cross_tenant("acme", "beta", res));

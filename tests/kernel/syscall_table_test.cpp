@@ -12,10 +12,12 @@ const identity::SourceCode kOwner{0x25, 0x01};
 
 TEST(SyscallTable, FirstRegistrationWinsAndNameSpacesAreSeparate) {
   SyscallTable t;
-  EXPECT_TRUE(t.register_syscall(
-      kOwner, "x", [](std::string_view) { return SyscallResult::ok("{\"who\":\"first\"}"); }));
-  EXPECT_FALSE(t.register_syscall(
-      kOwner, "x", [](std::string_view) { return SyscallResult::ok("{\"who\":\"second\"}"); }));
+  EXPECT_TRUE(t.register_syscall(kOwner, "x", [](std::string_view) {
+    return SyscallResult{0, "{\"who\":\"first\"}"};
+  }));
+  EXPECT_FALSE(t.register_syscall(kOwner, "x", [](std::string_view) {
+    return SyscallResult{0, "{\"who\":\"second\"}"};
+  }));
   EXPECT_EQ(t.call(kOwner, "x", "{}").body, "{\"who\":\"first\"}");
 
   EXPECT_TRUE(t.register_streaming_syscall(kOwner, "x", [](std::string_view, SyscallEmit emit) {
@@ -57,8 +59,9 @@ TEST(SyscallTable, UnknownNamesAndThrowingHandlers) {
   });
   EXPECT_THROW(t.call(kOwner, "throws", "{}"), std::runtime_error);
   // The table is still usable: the lock was not held while the handler ran.
-  EXPECT_TRUE(t.register_syscall(kOwner, "after",
-                                 [](std::string_view) { return SyscallResult::ok("{}"); }));
+  EXPECT_TRUE(t.register_syscall(kOwner, "after", [](std::string_view) {
+    return SyscallResult{0, "{}"};
+  }));
   EXPECT_EQ(t.call(kOwner, "after", "").status, 0);
 }
 
@@ -82,12 +85,13 @@ TEST(SyscallTable, StreamingStopsWhenConsumerGoesAway) {
 
 TEST(SyscallTable, HandlersMayCallAndRegisterReentrantly) {
   SyscallTable t;
-  t.register_syscall(kOwner, "leaf",
-                     [](std::string_view args) { return SyscallResult::ok(std::string(args)); });
+  t.register_syscall(kOwner, "leaf", [](std::string_view args) {
+    return SyscallResult{0, std::string(args)};
+  });
   t.register_syscall(kOwner, "outer", [&t](std::string_view args) {
     // Registering from inside a handler takes the lock exclusively: it would
     // deadlock if call() still held it.
-    t.register_syscall(kOwner, "late", [](std::string_view) { return SyscallResult::ok("1"); });
+    t.register_syscall(kOwner, "late", [](std::string_view) { return SyscallResult{0, "1"}; });
     return t.call(kOwner, "leaf", args);
   });
   EXPECT_EQ(t.call(kOwner, "outer", "{\"n\":1}").body, "{\"n\":1}");
@@ -103,7 +107,9 @@ TEST(SyscallTable, HandlersMayCallAndRegisterReentrantly) {
           if (t.call(kOwner, "outer", "x").body == "x") ++ok;
         } else {
           t.register_syscall(kOwner, "n" + std::to_string(i) + "." + std::to_string(j),
-                             [](std::string_view) { return SyscallResult::ok("{}"); });
+                             [](std::string_view) {
+                               return SyscallResult{0, "{}"};
+                             });
         }
       }
     });

@@ -65,8 +65,8 @@ class ContractModule : public kernel::ModuleBase {
   void register_syscalls(kernel::SyscallTable& table) override {
     record(name_ + ":register_syscalls");
     table.register_syscall(code_, name_ + ".ping", [this](std::string_view args) {
-      return kernel::SyscallResult::ok(
-          Json{{"pong", name_}, {"args", Json::parse(args, nullptr, false)}}.dump());
+      return kernel::SyscallResult{
+          0, Json{{"pong", name_}, {"args", Json::parse(args, nullptr, false)}}.dump()};
     });
     table.register_syscall(code_, name_ + ".relay", [this](std::string_view args) {
       std::string target = ctx_.config->get("relay_to", name_);

@@ -19,13 +19,13 @@
 #include "base/clock.h"
 #include "base/http_client.h"
 #include "base/json.h"
+#include "base/logger.h"
 #include "base/names.h"
 #include "base/reply.h"
+#include "base/trace.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/obs/telemetry.h"
-#include "kernel/obs/trace.h"
 #include "kernel/syscall_access.h"
 #include "kernel/syscall_table.h"
 #include "praxis/runtime_seam.h"
@@ -158,7 +158,7 @@ class AgentModule : public kernel::ModuleBase {
   void background_loop_();
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   std::unique_ptr<SessionStore> sessions_;
   std::unique_ptr<DynamicTools> tools_;
   std::string controller_url_;
@@ -183,7 +183,7 @@ class AgentModule : public kernel::ModuleBase {
 
 bool AgentModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("agent"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("agent"));
   const kernel::ConfigView& cfg = *ctx.config;
   const fs::path data_dir = cfg.get("data_dir", ctx.data_dir);
   const fs::path dir = data_dir / "agent" / "sessions";
@@ -210,15 +210,7 @@ bool AgentModule::initialize(const kernel::ModuleContext& ctx) {
         "agent/medicine"};
   }
 
-  kernel::Logger* log = log_.get();
-  Log log_fn = [log](bool warn, const std::string& line) {
-    if (warn) {
-      log->warn(line);
-    } else {
-      log->info(line);
-    }
-  };
-  sessions_ = std::make_unique<SessionStore>(dir, log_fn);
+  sessions_ = std::make_unique<SessionStore>(dir, *log_);
   const std::size_t loaded = sessions_->load();
   tools_ = std::make_unique<DynamicTools>(data_dir / "agent" / "dynamic_tools.json");
   std::string error;

@@ -12,11 +12,11 @@
 #include "base/http_client.h"
 #include "base/json.h"
 #include "base/json_scanner.h"
+#include "base/logger.h"
 #include "base/reply.h"
 #include "base/text.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::edge {
@@ -137,7 +137,7 @@ class EdgeModule : public kernel::ModuleBase {
   void chat_(const Request& req, Response& res);
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   std::string router_url_;
   std::string controller_url_;
   std::chrono::milliseconds upstream_timeout_{120000};
@@ -148,7 +148,7 @@ class EdgeModule : public kernel::ModuleBase {
 
 bool EdgeModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("edge"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("edge"));
   router_url_ = base::normalise_base_url(ctx.config->get("router_url", ""));
   controller_url_ = base::normalise_base_url(ctx.config->get("controller_url", ""));
   auto number = [&](const char* key, double fallback) {
@@ -323,7 +323,7 @@ void EdgeModule::chat_(const Request& req, Response& res) {
       },
       router_url_.empty() ? "local router" : router_url_,
       [this](const std::string& tool, const ToolCallContext& c) { return policy_(tool, c); },
-      [this](const std::string& line) { log_->info(line); });
+      *log_);
   if (out.status == 200 && stream) {
     if (!out.text.empty()) {
       out.body = base::parse_json_lean(out.text);

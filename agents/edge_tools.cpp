@@ -410,7 +410,7 @@ bool peek_finish_reason(std::string_view answer, std::string& finish, std::strin
 
 LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRegistry& tools,
                           const Upstream& upstream, const std::string& upstream_name,
-                          const PolicyCheck& policy, const LoopLog& log) {
+                          const PolicyCheck& policy, const base::Logger& log) {
   LoopOutcome out;
   Json& messages = request["messages"];
   for (int i = 1; i <= kMaxIterations; ++i) {
@@ -425,7 +425,7 @@ LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRe
     }
     // An answer in words goes back as it came.
     if (std::string f; peek_finish_reason(answer, f) && f != "tool_calls") {
-      if (log) log("tool_loop: iter=" + std::to_string(i) + " finish=" + f);
+      log.debug("tool_loop: iter=" + std::to_string(i) + " finish=" + f);
       out.body = nullptr;
       out.text = std::move(answer);
       return out;
@@ -443,7 +443,7 @@ LoopOutcome run_tool_loop(Json request, const ToolCallContext& ctx, const ToolRe
       auto f = choice->find("finish_reason");
       if (f != choice->end() && f->is_string()) finish = f->get<std::string>();
     }
-    if (log) log("tool_loop: iter=" + std::to_string(i) + " finish=" + finish);
+    log.debug("tool_loop: iter=" + std::to_string(i) + " finish=" + finish);
     if (finish != "tool_calls") {
       if (!reply.is_object()) {
         out.status = 502;

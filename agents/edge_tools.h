@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/logger.h"
+
 // The tools the chat-completions tool loop offers a model, and the loop.
 namespace ostrel::edge {
 
@@ -84,7 +86,6 @@ using Upstream = std::function<bool(const std::string& request, int& status, std
 // object fed back to the model.
 using PolicyCheck = std::function<std::optional<nlohmann::json>(const std::string& tool,
                                                                 const ToolCallContext& ctx)>;
-using LoopLog = std::function<void(const std::string& line)>;
 
 struct LoopOutcome {
   int status = 200;
@@ -102,8 +103,7 @@ constexpr int kMaxIterations = 8;
 // The finish reason of a chat-completions answer's first choice, read
 // without building a tree; false when the text is not a well-formed JSON
 // object of the plain shape (the caller then parses it).
-bool peek_finish_reason(std::string_view answer, std::string& finish,
-                        std::string* model = nullptr);
+bool peek_finish_reason(std::string_view answer, std::string& finish, std::string* model = nullptr);
 // Tool calls run in one round; the model's further calls of that round are
 // answered "tool_call_limit" without running (nor a policy check, nor an
 // audit line).
@@ -116,7 +116,7 @@ constexpr std::size_t kMaxToolCallsPerRound = 8;
 LoopOutcome run_tool_loop(nlohmann::json request, const ToolCallContext& ctx,
                           const ToolRegistry& tools, const Upstream& upstream,
                           const std::string& upstream_name, const PolicyCheck& policy,
-                          const LoopLog& log);
+                          const base::Logger& log);
 
 // One round of the loop after the model asked for tools: appends the
 // assistant message and one tool message per call to `messages`.

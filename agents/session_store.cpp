@@ -33,7 +33,8 @@ std::string turn_line(const Message& m) {
 
 }  // namespace
 
-SessionStore::SessionStore(fs::path dir, Log log) : dir_(std::move(dir)), log_(std::move(log)) {}
+SessionStore::SessionStore(fs::path dir, base::Logger log)
+    : dir_(std::move(dir)), log_(std::move(log)) {}
 
 std::string SessionStore::new_id(const std::string& prefix) {
   static std::mutex mu;  // guards rng
@@ -75,7 +76,7 @@ std::size_t SessionStore::load() {
     if (!header.is_object() || header.value("_type", "") != "header" ||
         !header.contains("session_id") || !header["session_id"].is_string() ||
         header["session_id"] != f.stem().string() || !base::safe_name(f.stem().string(), why)) {
-      log_(true, "skipping session journal " + f.filename().string() + ": no valid header");
+      log_.warn("skipping session journal " + f.filename().string() + ": no valid header");
       continue;
     }
     auto s = std::make_shared<Session>();
@@ -103,7 +104,7 @@ std::size_t SessionStore::load() {
       }
       s->messages.push_back({t["role"], t["content"], t.value("ts", std::int64_t{0})});
     }
-    if (torn) log_(true, "session journal " + f.filename().string() + " had a torn line (skipped)");
+    if (torn) log_.warn("session journal " + f.filename().string() + " had a torn line (skipped)");
     // The next turn must start on a line of its own.
     in.close();
     std::ifstream tail(f, std::ios::binary | std::ios::ate);
@@ -147,8 +148,8 @@ std::shared_ptr<Session> SessionStore::create(const std::string& agent_type,
   // Under the session's mutex so that no turn reaches the file first.
   std::lock_guard lock(s->mu);
   if (!write_line_(s->session_id, base::dump_json(header) + "\n", true)) {
-    log_(true, "could not write session header to " + path_of(s->session_id).string() + ": " +
-                   std::strerror(errno));
+    log_.warn("could not write session header to " + path_of(s->session_id).string() + ": " +
+              std::strerror(errno));
   }
   return s;
 }
@@ -198,8 +199,8 @@ void SessionStore::record(Session& s, const std::string& role, const std::string
   std::lock_guard lock(s.mu);
   s.messages.push_back(std::move(m));
   if (!write_line_(s.session_id, line, false)) {
-    log_(true, "could not append turn to " + path_of(s.session_id).string() + ": " +
-                   std::strerror(errno));
+    log_.warn("could not append turn to " + path_of(s.session_id).string() + ": " +
+              std::strerror(errno));
   }
 }
 
@@ -210,8 +211,8 @@ std::vector<Message> SessionStore::append(Session& s, const std::string& role,
   std::lock_guard lock(s.mu);
   s.messages.push_back(std::move(m));
   if (!write_line_(s.session_id, line, false)) {
-    log_(true, "could not append turn to " + path_of(s.session_id).string() + ": " +
-                   std::strerror(errno));
+    log_.warn("could not append turn to " + path_of(s.session_id).string() + ": " +
+              std::strerror(errno));
   }
   const std::size_t n = s.messages.size();
   const std::size_t first = window == 0 || n <= window ? 0 : n - window;

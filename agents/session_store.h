@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/logger.h"
+
 namespace ostrel::agents {
 
 struct Message {
@@ -34,15 +36,13 @@ struct Session {
   std::string original_owner;
 };
 
-using Log = std::function<void(bool warn, const std::string& line)>;
-
 // The live sessions and their journals, "<dir>/<session_id>.jsonl": a
 // header line, then one line per turn, appended and never rewritten. Every
 // journal is read back at start, so sessions outlive the process.
 // Thread-safe: mu_ guards the map; each session's own mutex its turns.
 class SessionStore {
  public:
-  SessionStore(std::filesystem::path dir, Log log);
+  SessionStore(std::filesystem::path dir, base::Logger log);
 
   // Reads every journal in the directory; returns the number of sessions.
   // A journal whose last line was torn by a crash keeps every complete turn.
@@ -78,7 +78,7 @@ class SessionStore {
   bool write_line_(const std::string& id, const std::string& line, bool create);
 
   std::filesystem::path dir_;
-  Log log_;
+  base::Logger log_;
   mutable std::mutex mu_;  // guards sessions_ and order_
   std::unordered_map<std::string, std::shared_ptr<Session>> sessions_;
   std::vector<std::string> order_;  // ids in creation order

@@ -68,7 +68,8 @@ void BM_ToolLoopIteration(benchmark::State& state) {
       return true;
     };
     const auto t0 = Clock::now();
-    LoopOutcome out = run_tool_loop(request, ctx, stub, upstream, "bench", nullptr, nullptr);
+    LoopOutcome out =
+        run_tool_loop(request, ctx, stub, upstream, "bench", nullptr, ostrel::base::Logger("bench"));
     const auto t1 = Clock::now();
     if (!out.capped) std::abort();
     // The baseline: one parse and one serialisation of the conversation as

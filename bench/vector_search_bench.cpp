@@ -72,7 +72,7 @@ double plain_scan(const std::vector<float>& vectors, const std::vector<float>& q
 
 void BM_VectorSearchScan(benchmark::State& state) {
   static Namespace ns;
-  ostrel::kernel::Logger log("bench");
+  ostrel::base::Logger log("bench");
   ostrel::obs::Logger::instance().set_threshold(ostrel::obs::LogLevel::warn);
   ostrel::modules_data::SqliteVectorBackend backend;
   backend.initialize(ns.dir.string(), log);

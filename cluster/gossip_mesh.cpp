@@ -141,7 +141,7 @@ struct GossipMesh::Impl {
   Config cfg;
   MemberFn joined, left;
   StatusFn changed;
-  LogFn warn, error;
+  base::Logger log{"kernel/gossip"};
 
   mutable std::mutex mu;  // guards table, self and the counters below
   std::unordered_map<std::string, NodeMember> table;
@@ -212,7 +212,7 @@ struct GossipMesh::Impl {
     if (last != 0 && t - last < 60000) return;
     last = t;
     if (conflicts_logged.size() > 1024) conflicts_logged.clear();
-    if (error) error(line);
+    log.error(line);
   }
 
   // True when the record is its member's own (or the mesh does not sign).
@@ -335,9 +335,7 @@ struct GossipMesh::Impl {
     return out;
   }
 
-  void log_warn(const std::string& line) {
-    if (warn) warn(line);
-  }
+  void log_warn(const std::string& line) { log.warn(line); }
 
   void handle_sync(const httplib::Request& req, httplib::Response& res) {
     res.set_header("Connection", "close");
@@ -512,8 +510,7 @@ GossipMesh::~GossipMesh() { stop(); }
 void GossipMesh::on_join(MemberFn fn) { impl_->joined = std::move(fn); }
 void GossipMesh::on_leave(MemberFn fn) { impl_->left = std::move(fn); }
 void GossipMesh::on_status_change(StatusFn fn) { impl_->changed = std::move(fn); }
-void GossipMesh::set_log(LogFn warn) { impl_->warn = std::move(warn); }
-void GossipMesh::set_error_log(LogFn error) { impl_->error = std::move(error); }
+void GossipMesh::set_log(base::Logger log) { impl_->log = std::move(log); }
 
 bool GossipMesh::start() {
   Impl& d = *impl_;

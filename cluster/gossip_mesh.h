@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "base/logger.h"
+
 // Decentralised membership: every node keeps a table of the cluster's members
 // and exchanges it with a few random peers at a fixed interval over a small
 // HTTP listener of its own; silent members become suspect, then dead, then
@@ -93,7 +95,6 @@ class GossipMesh {
   };
   using MemberFn = std::function<void(const NodeMember&)>;
   using StatusFn = std::function<void(const NodeMember&, NodeStatus)>;
-  using LogFn = std::function<void(const std::string&)>;
 
   explicit GossipMesh(Config config);
   ~GossipMesh();
@@ -103,9 +104,9 @@ class GossipMesh {
   void on_join(MemberFn fn);
   void on_leave(MemberFn fn);
   void on_status_change(StatusFn fn);
-  void set_log(LogFn warn);
-  // Where conflicts go that an operator must fix (two nodes with one id).
-  void set_error_log(LogFn error);
+  // Where the mesh reports failed rounds and refused peers (WARN), and
+  // conflicts an operator must fix (ERROR: two nodes with one id).
+  void set_log(base::Logger log);
 
   // False when the bind or self address is invalid or cannot be bound.
   bool start();

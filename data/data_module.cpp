@@ -25,6 +25,7 @@
 #include "base/durable_file.h"
 #include "base/encoding.h"
 #include "base/json.h"
+#include "base/logger.h"
 #include "base/names.h"
 #include "base/paths.h"
 #include "base/reply.h"
@@ -43,7 +44,6 @@
 #include "kernel/http/api_gateway.h"
 #include "kernel/legacy_bus.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/obs/telemetry.h"
 #include "kernel/syscall_table.h"
 
@@ -208,7 +208,7 @@ class DataModule : public kernel::ModuleBase, public IModule {
   bool tenant_of_(const Request& req, const Json& body, std::string& tenant, Response& res) const;
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   std::atomic<bool> ready_{false};
   std::string proxy_url_;
   std::size_t max_chunks_per_request_ = 20000;
@@ -258,7 +258,7 @@ class DataModule : public kernel::ModuleBase, public IModule {
 
 bool DataModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("data"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("data"));
   const kernel::ConfigView& cfg = *ctx.config;
   const fs::path data_dir = cfg.get("data_dir", ctx.data_dir);
 
@@ -285,25 +285,8 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
 
   me_ = {ctx.node_id, ctx.node_token};
   peers_ = std::make_unique<PeerDirectory>(ctx.syscalls, kDataSource, cfg.get("peers", ""));
-  kernel::Logger* log = log_.get();
-  chain_ = std::make_unique<EmbeddingChain>(ctx.syscalls, kDataSource, peers_.get(), me_,
-                                            [log](int level, const std::string& line) {
-                                              if (level >= EmbeddingChain::kWarn) {
-                                                log->warn(line);
-                                              } else if (level == EmbeddingChain::kInfo) {
-                                                log->info(line);
-                                              } else {
-                                                log->debug(line);
-                                              }
-                                            });
-  auto log_fn = [log](bool warn, const std::string& line) {
-    if (warn) {
-      log->warn(line);
-    } else {
-      log->info(line);
-    }
-  };
-  vectors_ = std::make_unique<VectorStore>(data_dir / "vectors", log_fn, sync_each);
+  chain_ = std::make_unique<EmbeddingChain>(ctx.syscalls, kDataSource, peers_.get(), me_, *log_);
+  vectors_ = std::make_unique<VectorStore>(data_dir / "vectors", *log_, sync_each);
   base::remove_stale_temporaries(data_dir / "vectors");
 
   std::string root_setting = cfg.get("vectors_root", "");
@@ -321,7 +304,7 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
         return embed_(memory_model_.empty() ? settings_().embedding_model : memory_model_, text,
                       out, error);
       },
-      log_fn, sync_each);
+      *log_, sync_each);
   std::string error;
   if (!memory_->initialize(error)) log_->error("matrix memory unavailable: " + error);
 

@@ -47,7 +47,7 @@ bool embedding_from_answer(std::string_view body, std::vector<float>& out) {
 }
 
 EmbeddingChain::EmbeddingChain(kernel::SyscallTable* syscalls, identity::SourceCode self,
-                               const PeerDirectory* peers, PeerIdentity me, Log log)
+                               const PeerDirectory* peers, PeerIdentity me, base::Logger log)
     : syscalls_(syscalls), self_(self), peers_(peers), me_(std::move(me)), log_(std::move(log)) {}
 
 bool EmbeddingChain::via_syscall_(const char* name, const std::string& request,
@@ -58,50 +58,49 @@ bool EmbeddingChain::via_syscall_(const char* name, const std::string& request,
   return false;
 }
 
-bool EmbeddingChain::embed(const std::string& model, std::string_view text,
-                           std::vector<float>& out, std::string& error) {
+bool EmbeddingChain::embed(const std::string& model, std::string_view text, std::vector<float>& out,
+                           std::string& error) {
   if (model == inference::HashEmbedder::kModelId) {
     out = inference::HashEmbedder::embed(text);
     return true;
   }
-  const std::string request =
-      base::dump_json(Json{{"model", model}, {"input", std::string(text)}});
+  const std::string request = base::dump_json(Json{{"model", model}, {"input", std::string(text)}});
   std::string first_error;
 
   // 1. The node's inference module.
   if (syscalls_->has("inference.embeddings")) {
     std::string e;
     if (via_syscall_("inference.embeddings", request, out, e)) {
-      log_(kDebug, "embed: inference.embeddings ok (dim=" + std::to_string(out.size()) + ")");
+      log_.debug("embed: inference.embeddings ok (dim=" + std::to_string(out.size()) + ")");
       return true;
     }
     first_error = e;
-    log_(kDebug, "embed: inference.embeddings did not serve model — trying cloud.embeddings");
+    log_.debug("embed: inference.embeddings did not serve model — trying cloud.embeddings");
   }
   // 2. A cloud module on this node.
   if (syscalls_->has("cloud.embeddings")) {
     std::string e;
     if (via_syscall_("cloud.embeddings", request, out, e)) {
-      log_(kDebug, "embed: local cloud.embeddings ok (dim=" + std::to_string(out.size()) + ")");
+      log_.debug("embed: local cloud.embeddings ok (dim=" + std::to_string(out.size()) + ")");
       return true;
     }
     if (first_error.empty()) first_error = e;
-    log_(kDebug, "embed: local cloud.embeddings unavailable (" + e + ") — trying peer");
+    log_.debug("embed: local cloud.embeddings unavailable (" + e + ") — trying peer");
   } else {
-    log_(kDebug, "embed: cloud.embeddings syscall not registered on this kernel — trying peer");
+    log_.debug("embed: cloud.embeddings syscall not registered on this kernel — trying peer");
   }
   // 3–4. A peer that runs the cloud module.
   if (std::string peer = cloud_peer_(); !peer.empty()) {
     std::string e;
     if (via_peer_(peer, request, out, e)) {
-      log_(kDebug, "embed: peer cloud.embeddings ok via " + peer + " (dim=" +
-                       std::to_string(out.size()) + ")");
+      log_.debug("embed: peer cloud.embeddings ok via " + peer +
+                 " (dim=" + std::to_string(out.size()) + ")");
       return true;
     }
     if (first_error.empty()) first_error = e;
   }
   // 5. The legacy bus knows no cloud peer on this node: it has no cloud module.
-  log_(kDebug, "embed: OstrelBus cloud peer failed (no cloud module on the legacy bus)");
+  log_.debug("embed: OstrelBus cloud peer failed (no cloud module on the legacy bus)");
   // 6.
   error = "cloud.embeddings unavailable locally and no cloud peer discovered";
   if (!first_error.empty()) error += " (inference.embeddings: " + first_error + ")";
@@ -128,12 +127,12 @@ std::string EmbeddingChain::cloud_peer_() {
     if (!found.empty()) break;
   }
   if (candidates.empty()) {
-    log_(kDebug, "cloud peer discovery: no candidate (local topology + peers env both empty)");
+    log_.debug("cloud peer discovery: no candidate (local topology + peers env both empty)");
   } else if (found.empty()) {
-    log_(kDebug, "cloud peer discovery: none of " + std::to_string(candidates.size()) +
-                     " peer(s) runs the cloud module");
+    log_.debug("cloud peer discovery: none of " + std::to_string(candidates.size()) +
+               " peer(s) runs the cloud module");
   } else {
-    log_(kInfo, "cloud peer discovered via peers: " + found);
+    log_.info("cloud peer discovered via peers: " + found);
   }
   std::unique_lock lock(cache_mu_);
   cloud_peer_cached_ = found;
@@ -144,8 +143,8 @@ std::string EmbeddingChain::cloud_peer_() {
 
 bool EmbeddingChain::via_peer_(const std::string& peer, const std::string& request,
                                std::vector<float>& out, std::string& error) {
-  PeerReply r = peer_post(with_default_port(peer), "/v1/cloud/embeddings", request, me_,
-                          kPeerTimeout);
+  PeerReply r =
+      peer_post(with_default_port(peer), "/v1/cloud/embeddings", request, me_, kPeerTimeout);
   if (!r.transport_ok) {
     error = "peer curl: " + r.error;
     return false;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/logger.h"
 #include "data/peers.h"
 #include "identity/source_code.h"
 
@@ -27,11 +28,8 @@ namespace ostrel::data {
 // while calling a syscall or a peer.
 class EmbeddingChain {
  public:
-  using Log = std::function<void(int level, const std::string& line)>;  // 1 debug … 3 warn
-  static constexpr int kDebug = 1, kInfo = 2, kWarn = 3;
-
   EmbeddingChain(kernel::SyscallTable* syscalls, identity::SourceCode self,
-                 const PeerDirectory* peers, PeerIdentity me, Log log);
+                 const PeerDirectory* peers, PeerIdentity me, base::Logger log);
 
   // The vector for `text`, or false with the reason.
   bool embed(const std::string& model, std::string_view text, std::vector<float>& out,
@@ -48,7 +46,7 @@ class EmbeddingChain {
   identity::SourceCode self_;
   const PeerDirectory* peers_;  // borrowed: owned by the data module
   PeerIdentity me_;
-  Log log_;
+  base::Logger log_;
   std::shared_mutex cache_mu_;  // guards cloud_peer_, cached_at_
   std::string cloud_peer_cached_;
   std::chrono::steady_clock::time_point cached_at_{};

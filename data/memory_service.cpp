@@ -143,7 +143,8 @@ MatrixMemoryConfig MatrixMemoryService::preset(const std::string& domain, std::i
   return c;
 }
 
-MatrixMemoryService::MatrixMemoryService(fs::path base_dir, Embed embed, Log log, bool sync_each)
+MatrixMemoryService::MatrixMemoryService(fs::path base_dir, Embed embed, base::Logger log,
+                                         bool sync_each)
     : base_dir_(std::move(base_dir)),
       embed_(std::move(embed)),
       log_(std::move(log)),
@@ -199,9 +200,9 @@ bool MatrixMemoryService::initialize(std::string& error) {
       matrices_[e.id] = std::move(m);
     }
   } else if (opened) {
-    log_(true,
-         "matrix memory: _matrix_index.json does not parse — rebuilding it as matrices "
-         "are used");
+    log_.warn(
+        "matrix memory: _matrix_index.json does not parse — rebuilding it as matrices "
+        "are used");
   }
   initialized_ = true;
   for (fs::directory_iterator it(base_dir_, ec), end; !ec && it != end; it.increment(ec)) {
@@ -220,11 +221,11 @@ void MatrixMemoryService::replay_tenant_(const std::string& tenant) {
   std::size_t n = base::replay_journal(
       path, [&](const Json& r) { return r.is_object() && apply_record_locked_(r); }, &stats);
   if (stats.skipped > 0 || stats.torn_bytes > 0) {
-    log_(true, "memory journal " + tenant + "/kv.jsonl: skipped " + std::to_string(stats.skipped) +
-                   " malformed line(s), cut " + std::to_string(stats.torn_bytes) +
-                   " byte(s) of an unfinished last line");
+    log_.warn("memory journal " + tenant + "/kv.jsonl: skipped " + std::to_string(stats.skipped) +
+              " malformed line(s), cut " + std::to_string(stats.torn_bytes) +
+              " byte(s) of an unfinished last line");
   }
-  log_(false, "memory journal replayed — tenant='" + tenant + "' records=" + std::to_string(n));
+  log_.info("memory journal replayed — tenant='" + tenant + "' records=" + std::to_string(n));
 }
 
 bool MatrixMemoryService::apply_record_locked_(const Json& r) {
@@ -316,7 +317,7 @@ MatrixMemoryService::OpenMatrix* MatrixMemoryService::matrix_locked_(const std::
     by_scope_[scope] = e.id;
     matrices_[e.id] = std::move(fresh);
     if (!save_index_locked_(error)) {
-      log_(true, "matrix memory: index not written: " + error);
+      log_.warn("matrix memory: index not written: " + error);
       error.clear();
     }
   }
@@ -407,7 +408,7 @@ void MatrixMemoryService::track_store_locked_(OpenMatrix& m, const MemoryStoreRe
   std::string error;
   if (!m.meta_log->append(base::dump_json(Json{{"op", "add"}, {"entry", entry_json(e)}}) + "\n",
                           sync_each_, error)) {
-    log_(true, "matrix memory: entry journal append failed: " + error);
+    log_.warn("matrix memory: entry journal append failed: " + error);
   }
   ++m.meta_log_lines;
   auto key = scope_text(e.ns, e.key_text);
@@ -472,7 +473,7 @@ MemoryStoreOutcome MatrixMemoryService::store(const MemoryStoreRequest& r) {
   out.ok = true;
   if (!embedded) {
     out.matrix = "skip";
-    log_(false, "matrix_memory: store skipped (embedding unavailable?)");
+    log_.info("matrix_memory: store skipped (embedding unavailable?)");
     return out;
   }
   MemoryStoreRequest scoped = r;
@@ -481,7 +482,7 @@ MemoryStoreOutcome MatrixMemoryService::store(const MemoryStoreRequest& r) {
       matrix_locked_(r.tenant, domain, static_cast<std::int32_t>(kvec.size()), true, error);
   if (!m) {
     out.matrix = "no";
-    log_(true, "matrix_memory: " + error);
+    log_.warn("matrix_memory: " + error);
     return out;
   }
   track_store_locked_(*m, scoped);
@@ -683,7 +684,7 @@ Json MatrixMemoryService::checkpoint() {
     bool ok = m->memory->checkpoint() && m->memory->save();
     std::string error;
     if (m->entries_loaded && !write_entries_locked_(*m, error)) {
-      log_(true, "matrix memory: entries of " + id + " not written: " + error);
+      log_.warn("matrix memory: entries of " + id + " not written: " + error);
       ok = false;
     }
     done.push_back({{"id", id}, {"ok", ok}});
@@ -716,7 +717,7 @@ Json MatrixMemoryService::checkpoint() {
     std::string error;
     kv_log_locked_(tenant).close();
     if (!base::write_file_atomically(base_dir_ / tenant / "kv.jsonl", text, error)) {
-      log_(true, "memory journal of " + tenant + " not compacted: " + error);
+      log_.warn("memory journal of " + tenant + " not compacted: " + error);
     }
   }
   return {{"checkpointed", done}, {"count", done.size()}};
@@ -796,7 +797,7 @@ void MatrixMemoryService::sync_dirty() {
   // AppendLogs are never destroyed while the service lives.
   for (base::AppendLog* log : logs) {
     std::string error;
-    if (log->dirty() && !log->sync(error)) log_(true, "memory journal sync failed: " + error);
+    if (log->dirty() && !log->sync(error)) log_.warn("memory journal sync failed: " + error);
   }
 }
 

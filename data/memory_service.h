@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/journal.h"
+#include "base/logger.h"
 #include "data/matrix_memory.h"
 
 namespace ostrel::data {
@@ -131,9 +132,8 @@ class MatrixMemoryService {
  public:
   using Embed =
       std::function<bool(std::string_view text, std::vector<float>& out, std::string& error)>;
-  using Log = std::function<void(bool warn, const std::string& line)>;
 
-  MatrixMemoryService(std::filesystem::path base_dir, Embed embed, Log log,
+  MatrixMemoryService(std::filesystem::path base_dir, Embed embed, base::Logger log,
                       bool sync_each = false);
   ~MatrixMemoryService();
 
@@ -194,7 +194,7 @@ class MatrixMemoryService {
 
   const std::filesystem::path base_dir_;
   const Embed embed_;
-  const Log log_;
+  const base::Logger log_;
   const bool sync_each_;
 
   mutable std::mutex mu_;  // guards everything below

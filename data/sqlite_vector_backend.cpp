@@ -72,9 +72,8 @@ SqliteVectorBackend::SqliteVectorBackend() = default;
 
 SqliteVectorBackend::~SqliteVectorBackend() = default;
 
-bool SqliteVectorBackend::initialize(const std::string& vectors_root,
-                                     const kernel::Logger& logger) {
-  log_ = std::make_unique<kernel::Logger>(logger);
+bool SqliteVectorBackend::initialize(const std::string& vectors_root, const base::Logger& logger) {
+  log_ = std::make_unique<base::Logger>(logger);
   root_ = vectors_root;
   std::error_code ec;
   fs::create_directories(root_, ec);

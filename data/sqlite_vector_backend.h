@@ -9,9 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/logger.h"
 #include "base/sqlite.h"
-#include "kernel/obs/logger.h"
-
 
 namespace ostrel::modules_data {
 
@@ -51,7 +50,7 @@ class SqliteVectorBackend {
   SqliteVectorBackend(const SqliteVectorBackend&) = delete;
   SqliteVectorBackend& operator=(const SqliteVectorBackend&) = delete;
 
-  bool initialize(const std::string& vectors_root, const kernel::Logger& logger);
+  bool initialize(const std::string& vectors_root, const base::Logger& logger);
   std::vector<SearchHit> search(const std::string& tenant, const std::string& ns,
                                 const std::vector<float>& query, std::int32_t k, double min_score,
                                 const std::string& text);
@@ -70,7 +69,7 @@ class SqliteVectorBackend {
   std::shared_ptr<const Decoded> decoded_(const std::string& path, base::sqlite::Connection& db,
                                           std::size_t dim);
 
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   std::filesystem::path root_;
   bool ready_ = false;
   std::mutex mu_;  // guards dbs_

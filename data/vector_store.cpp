@@ -152,7 +152,7 @@ std::string vector_record_line(const VectorRecord& r) {
   return out;
 }
 
-VectorStore::VectorStore(fs::path root, Log log, bool sync_each)
+VectorStore::VectorStore(fs::path root, base::Logger log, bool sync_each)
     : root_(std::move(root)), log_(std::move(log)), sync_each_(sync_each) {}
 
 VectorStore::~VectorStore() { sync_dirty(); }
@@ -221,14 +221,14 @@ void VectorStore::load_locked_(Namespace& n, const std::string& tenant, const st
       },
       &stats);
   if (stats.skipped > 0 || stats.torn_bytes > 0) {
-    log_(true, "vector journal " + path.filename().string() + ": skipped " +
-                   std::to_string(stats.skipped) + " malformed line(s), cut " +
-                   std::to_string(stats.torn_bytes) + " byte(s) of an unfinished last line");
+    log_.warn("vector journal " + path.filename().string() + ": skipped " +
+              std::to_string(stats.skipped) + " malformed line(s), cut " +
+              std::to_string(stats.torn_bytes) + " byte(s) of an unfinished last line");
   }
   n.log = std::make_unique<base::AppendLog>(path);
   n.loaded = true;
-  log_(false, "vector namespace loaded — tenant='" + tenant + "' ns='" + ns +
-                  "' records=" + std::to_string(n.contents.records.size()));
+  log_.info("vector namespace loaded — tenant='" + tenant + "' ns='" + ns +
+            "' records=" + std::to_string(n.contents.records.size()));
 }
 
 VectorStore::Namespace& VectorStore::open_(const std::string& tenant, const std::string& ns) {
@@ -413,7 +413,7 @@ void VectorStore::sync_dirty() {
     std::shared_lock lock(n->mu);
     if (!n->log || !n->log->dirty()) continue;
     std::string error;
-    if (!n->log->sync(error)) log_(true, "vector journal sync failed: " + error);
+    if (!n->log->sync(error)) log_.warn("vector journal sync failed: " + error);
   }
 }
 

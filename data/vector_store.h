@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/journal.h"
+#include "base/logger.h"
 #include "base/text_arena.h"
 #include "data/row_buffer.h"
 
@@ -75,9 +76,7 @@ struct VectorNamespaceInfo {
 // order in memory; no lock is held while embedding or calling peers.
 class VectorStore {
  public:
-  using Log = std::function<void(bool warn, const std::string& line)>;
-
-  VectorStore(std::filesystem::path root, Log log, bool sync_each = false);
+  VectorStore(std::filesystem::path root, base::Logger log, bool sync_each = false);
   ~VectorStore();
 
   // False with a reason ("invalid …", "persist_failed: …"); then nothing of
@@ -153,7 +152,7 @@ class VectorStore {
   void load_locked_(Namespace& n, const std::string& tenant, const std::string& ns);
 
   const std::filesystem::path root_;
-  const Log log_;
+  const base::Logger log_;
   const bool sync_each_;
   std::mutex map_mu_;  // guards spaces_
   std::map<std::pair<std::string, std::string>, std::unique_ptr<Namespace>> spaces_;

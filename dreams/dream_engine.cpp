@@ -125,7 +125,7 @@ Json to_json(const DreamReport& r) {
 
 // --- conversation sources ---------------------------------------------------
 
-FilesystemSessionSource::FilesystemSessionSource(fs::path root, Log log)
+FilesystemSessionSource::FilesystemSessionSource(fs::path root, base::Logger log)
     : resolved_root_(std::move(root) / "conversations"), log_(std::move(log)) {}
 
 std::vector<SessionRecord> FilesystemSessionSource::list_completed(std::size_t limit,
@@ -158,7 +158,7 @@ std::vector<SessionRecord> FilesystemSessionSource::list_completed(std::size_t l
         first = warned_.insert(f.filename().string()).second;
       }
       if (first) {
-        log_(true, "[dream-engine] skipping conversation " + f.filename().string() + ": " + why);
+        log_.warn("[dream-engine] skipping conversation " + f.filename().string() + ": " + why);
       }
       continue;
     }
@@ -196,7 +196,7 @@ bool FilesystemSessionSource::mark_dreamed(const std::string& id) {
   std::string error;
   if (!base::write_file_atomically(
           marker, base::dump_json(Json{{"dreamed_at_unix", base::unix_s()}}) + "\n", error)) {
-    log_(true, "[dream-engine] marker for " + id + " not written: " + error);
+    log_.warn("[dream-engine] marker for " + id + " not written: " + error);
     return false;
   }
   return true;
@@ -235,7 +235,7 @@ bool InMemorySessionSource::dreamed(const std::string& id) const {
 // --- the engine ---------------------------------------------------------------
 
 DreamEngine::DreamEngine(DreamConfig config, std::shared_ptr<ISessionSource> sessions,
-                         std::shared_ptr<IDreamSink> sink, ModelCall model, Log log)
+                         std::shared_ptr<IDreamSink> sink, ModelCall model, base::Logger log)
     : sessions_(std::move(sessions)),
       sink_(std::move(sink)),
       model_(std::move(model)),
@@ -320,12 +320,12 @@ std::vector<ThemeRecord> DreamEngine::extract_themes_(const SessionRecord& sessi
   std::string answer, error;
   if (!model_ || !model_(request_for(session, cfg.llm_model), answer, error)) {
     ++report.llm_failures;
-    log_(true, "[dream-engine] model call failed for " + session.id + ": " + error);
+    log_.warn("[dream-engine] model call failed for " + session.id + ": " + error);
     return themes;
   }
   if (!parse_themes(answer, session.id, themes)) {
     ++report.llm_failures;
-    log_(true, "[dream-engine] model answer for " + session.id + " holds no theme array");
+    log_.warn("[dream-engine] model answer for " + session.id + " holds no theme array");
     themes.clear();
   }
   return themes;
@@ -380,12 +380,12 @@ DreamReport DreamEngine::run_once(const std::string& trigger) {
     history_.push_front(report);
     while (history_.size() > kHistory) history_.pop_back();
   }
-  log_(false, "[dream-engine] cycle (" + trigger + ") consumed " +
-                  std::to_string(report.sessions_consumed) + ", skipped " +
-                  std::to_string(report.sessions_skipped) + ", themes " +
-                  std::to_string(report.themes_extracted) + ", stored " +
-                  std::to_string(report.matrix_updates) + ", llm failures " +
-                  std::to_string(report.llm_failures));
+  log_.info("[dream-engine] cycle (" + trigger + ") consumed " +
+            std::to_string(report.sessions_consumed) + ", skipped " +
+            std::to_string(report.sessions_skipped) + ", themes " +
+            std::to_string(report.themes_extracted) + ", stored " +
+            std::to_string(report.matrix_updates) + ", llm failures " +
+            std::to_string(report.llm_failures));
   running_ = false;
   return report;
 }

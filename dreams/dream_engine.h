@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/logger.h"
+
 namespace ostrel::dreams {
 
 struct SessionMessage {
@@ -84,8 +86,6 @@ struct DreamConfig {
   std::string ns = "dreams";
 };
 
-using Log = std::function<void(bool warn, const std::string& line)>;
-
 // Where finished conversations come from.
 class ISessionSource {
  public:
@@ -104,7 +104,7 @@ class ISessionSource {
 // markers are written whole.
 class FilesystemSessionSource : public ISessionSource {
  public:
-  FilesystemSessionSource(std::filesystem::path root, Log log);
+  FilesystemSessionSource(std::filesystem::path root, base::Logger log);
   std::vector<SessionRecord> list_completed(std::size_t limit,
                                             std::int64_t min_age_seconds) override;
   bool mark_dreamed(const std::string& id) override;
@@ -112,7 +112,7 @@ class FilesystemSessionSource : public ISessionSource {
 
  private:
   std::filesystem::path resolved_root_;
-  Log log_;
+  base::Logger log_;
   std::mutex files_mu_;
   std::map<std::string, std::filesystem::path> files_;  // session id → its file
   std::set<std::string> warned_;                        // broken files already logged (once each)
@@ -158,7 +158,7 @@ using ModelCall =
 class DreamEngine {
  public:
   DreamEngine(DreamConfig config, std::shared_ptr<ISessionSource> sessions,
-              std::shared_ptr<IDreamSink> sink, ModelCall model, Log log);
+              std::shared_ptr<IDreamSink> sink, ModelCall model, base::Logger log);
   ~DreamEngine();
 
   DreamReport run_once(const std::string& trigger);
@@ -191,7 +191,7 @@ class DreamEngine {
   std::shared_ptr<ISessionSource> sessions_;
   std::shared_ptr<IDreamSink> sink_;
   ModelCall model_;
-  Log log_;
+  base::Logger log_;
   mutable std::mutex config_mu_;  // guards config_
   DreamConfig config_;
   std::mutex cycle_mu_;  // one cycle at a time

@@ -14,6 +14,7 @@
 #include "base/durable_file.h"
 #include "base/http_client.h"
 #include "base/json.h"
+#include "base/logger.h"
 #include "base/reply.h"
 #include "dreams/dream_engine.h"
 #include "dreams/memory_sink.h"
@@ -21,7 +22,6 @@
 #include "dreams/skill_catalog.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::dreams {
@@ -214,7 +214,7 @@ class DreamModule : public kernel::ModuleBase {
   void register_skill_routes_(kernel::ApiGateway& gw);
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   fs::path root_;
   fs::path config_path_;
   std::string controller_url_;
@@ -237,7 +237,7 @@ class DreamModule : public kernel::ModuleBase {
 
 bool DreamModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("dream"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("dream"));
   const kernel::ConfigView& cfg = *ctx.config;
   const fs::path data_dir = cfg.get("data_dir", ctx.data_dir);
   root_ = data_dir / "dream";
@@ -301,18 +301,10 @@ bool DreamModule::initialize(const kernel::ModuleContext& ctx) {
   std::string error;
   if (!skills_->load(error)) log_->warn("skill catalogue: " + error + " — starting empty");
 
-  kernel::Logger* log = log_.get();
-  Log log_fn = [log](bool warn, const std::string& line) {
-    if (warn) {
-      log->warn(line);
-    } else {
-      log->info(line);
-    }
-  };
   std::string conversations_root = cfg.get("conversations_root", "");
   if (conversations_root.empty()) conversations_root = data_dir.string();
   auto sessions = std::make_shared<ProfileFilteredSource>(
-      std::make_shared<FilesystemSessionSource>(conversations_root, log_fn), profiles_);
+      std::make_shared<FilesystemSessionSource>(conversations_root, *log_), profiles_);
   const char* secret = std::getenv("OSTREL_CLUSTER_SECRET");
   std::string data_node = cfg.get("data_node_url", "");
   if (data_node.empty()) data_node = controller_url_;
@@ -324,13 +316,13 @@ bool DreamModule::initialize(const kernel::ModuleContext& ctx) {
         kernel::SyscallResult r = syscalls->call(kDreamSource, "data.memory.store", args);
         return MatrixMemorySink::LocalAnswer{r.status, r.body};
       },
-      log_fn);
+      *log_);
   engine_ = std::make_unique<DreamEngine>(
       c, sessions, sink,
       [this](const std::string& request, std::string& answer, std::string& error) {
         return model_call_(request, answer, error);
       },
-      log_fn);
+      *log_);
   return true;
 }
 

@@ -10,7 +10,7 @@ namespace ostrel::dreams {
 using Json = nlohmann::json;
 
 MatrixMemorySink::MatrixMemorySink(std::string data_node_url, std::string cluster_secret,
-                                   LocalStore local, Log log)
+                                   LocalStore local, base::Logger log)
     : data_node_url_(base::normalise_base_url(std::move(data_node_url))),
       cluster_secret_(std::move(cluster_secret)),
       local_(std::move(local)),
@@ -40,13 +40,13 @@ bool MatrixMemorySink::store_theme(const ThemeRecord& theme, const SessionRecord
   if (local_) {
     if (std::optional<LocalAnswer> a = local_(body)) {
       if (a->status == 0) return true;
-      log_(true, "[dream-engine] memory_store syscall status=" + std::to_string(a->status) +
-                     " body=" + a->body.substr(0, 256));
+      log_.warn("[dream-engine] memory_store syscall status=" + std::to_string(a->status) +
+                " body=" + a->body.substr(0, 256));
       return false;
     }
   }
   if (data_node_url_.empty()) {
-    log_(true, "[dream-engine] memory_store transport error: no local memory and no data node");
+    log_.warn("[dream-engine] memory_store transport error: no local memory and no data node");
     return false;
   }
   base::HttpHeaders headers;
@@ -55,12 +55,12 @@ bool MatrixMemorySink::store_theme(const ThemeRecord& theme, const SessionRecord
   base::HttpReply r = base::http_post(data_node_url_, "/api/v1/memory/store", body, headers,
                                       std::chrono::seconds(10));
   if (!r.transport_ok) {
-    log_(true, "[dream-engine] memory_store transport error: " + r.error);
+    log_.warn("[dream-engine] memory_store transport error: " + r.error);
     return false;
   }
   if (!r.ok()) {
-    log_(true, "[dream-engine] memory_store http " + std::to_string(r.status) + " url=" + url +
-                   " body=" + r.body.substr(0, 256));
+    log_.warn("[dream-engine] memory_store http " + std::to_string(r.status) + " url=" + url +
+              " body=" + r.body.substr(0, 256));
     return false;
   }
   return true;

@@ -23,7 +23,7 @@ class MatrixMemorySink : public IDreamSink {
   using LocalStore = std::function<std::optional<LocalAnswer>(const std::string& args)>;
 
   MatrixMemorySink(std::string data_node_url, std::string cluster_secret, LocalStore local,
-                   Log log);
+                   base::Logger log);
 
   bool store_theme(const ThemeRecord& theme, const SessionRecord& session,
                    const DreamConfig& config) override;
@@ -36,7 +36,7 @@ class MatrixMemorySink : public IDreamSink {
   std::string data_node_url_;
   std::string cluster_secret_;
   LocalStore local_;
-  Log log_;
+  base::Logger log_;
 };
 
 }  // namespace ostrel::dreams

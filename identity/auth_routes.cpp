@@ -213,8 +213,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       r = ctx.users->register_user(username, password, role, account_type, tenant, display_name);
     }
     if (!r) return base::fail(res, status_of(r.error), r.error);
-    if (ctx.log_info)
-      ctx.log_info("user registered: " + r.user->username + " (" + r.user->role + ", " + via + ")");
+    ctx.log.info("user registered: " + r.user->username + " (" + r.user->role + ", " + via + ")");
     if (ctx.audit) {
       ctx.audit(&req, {{"action", "user.register"},
                        {"resource", r.user->user_id},

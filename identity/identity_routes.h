@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/logger.h"
 #include "base/types.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
@@ -45,7 +46,7 @@ struct IdentityContext {
   QuotaAccountant* quotas = nullptr;
   // Drops every cached credential check (a tenant changed state, …).
   std::function<void()> credentials_changed;
-  std::function<void(const std::string&)> log_info;
+  base::Logger log{"kernel"};
   // Records a security-relevant action: {"action", "tenant", "subject", …}.
   std::function<void(const base::Request* caller, const nlohmann::json& event)> audit;
   // The audit log itself, for its routes and syscalls, and its signed

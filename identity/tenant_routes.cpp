@@ -59,10 +59,6 @@ void audit(const IdentityContext& ctx, const Request& req, Json event) {
   if (ctx.audit) ctx.audit(&req, event);
 }
 
-void log_info(const IdentityContext& ctx, const std::string& line) {
-  if (ctx.log_info) ctx.log_info(line);
-}
-
 Json tenant_detail(const IdentityContext& ctx, const Tenant& t) {
   Json users = Json::array(), roles = Json::array(), usage = Json::object();
   for (const auto& u : ctx.rbac->users(t.id)) users.push_back(u);
@@ -213,7 +209,7 @@ std::size_t repair_tenants(const IdentityContext& ctx) {
     }
     if (fixed) {
       ++repaired;
-      log_info(ctx, "tenant repaired after an interrupted creation: " + t.id);
+      ctx.log.info("tenant repaired after an interrupted creation: " + t.id);
     }
   }
   return repaired;
@@ -246,7 +242,7 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
       base::fail(res, status_for(error), error);
       return;
     }
-    log_info(ctx, "tenant created: " + created.id);
+    ctx.log.info("tenant created: " + created.id);
     audit(ctx, req, {{"action", "tenant.create"}, {"tenant", created.id}});
     reply(res, {{"tenant", created}}, 201);
   });
@@ -279,7 +275,7 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
       base::fail(res, error == "not_found" ? 404 : status_for(error), error);
       return;
     }
-    log_info(ctx, "tenant updated: " + id);
+    ctx.log.info("tenant updated: " + id);
     Tenant t;
     ctx.tenants->get(id, t);
     reply(res, {{"tenant", t}});
@@ -395,7 +391,7 @@ void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add)
         Tenant created;
         std::string error;
         if (!create_tenant(ctx, a, created, error)) return syscall_error(error);
-        log_info(ctx, "tenant created: " + created.id);
+        ctx.log.info("tenant created: " + created.id);
         if (ctx.audit) ctx.audit(nullptr, {{"action", "tenant.create"}, {"tenant", created.id}});
         return syscall_ok({{"tenant", created}});
       }));

@@ -26,7 +26,9 @@ Engine::Engine(EngineOptions options)
     : options_(options),
       sessions_(options.session_idle_ttl),
       scheduler_([this] { return backends(); }, options.worker_threads, options.max_queue_depth),
-      abort_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      abort_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  watch_requests_();
+}
 
 Engine::~Engine() {
   stop();
@@ -180,8 +182,7 @@ void Engine::stop() {
   scheduler_.stop();
 }
 
-void Engine::set_log(LogFn log) {
-  log_ = std::move(log);
+void Engine::watch_requests_() {
   scheduler_.set_observer([this](const ChatRequest& req, Backend& backend,
                                  const std::optional<InferenceError>& err,
                                  double elapsed_ms) { observe_(req, backend, err, elapsed_ms); });
@@ -210,8 +211,8 @@ void Engine::observe_(const ChatRequest& req, Backend& backend,
   const std::string id = backend.id();
   if (err && err->code != 499) {
     if (first_time("fail\n" + id + "\n" + req.model + "\n" + std::to_string(err->code))) {
-      log_(true, "model '" + req.model + "' on backend '" + id + "' failed (" +
-                     std::to_string(err->code) + "): " + err->message);
+      log_.warn("model '" + req.model + "' on backend '" + id + "' failed (" +
+                std::to_string(err->code) + "): " + err->message);
     }
     return;
   }
@@ -219,8 +220,8 @@ void Engine::observe_(const ChatRequest& req, Backend& backend,
   if (!first_time("unlisted\n" + id + "\n" + req.model)) return;
   std::vector<std::string> models = backend.stats().models;
   if (std::find(models.begin(), models.end(), req.model) == models.end()) {
-    log_(true, "model '" + req.model + "' is not listed by backend '" + id +
-                   "' — it answered anyway (a misspelt model name?)");
+    log_.warn("model '" + req.model + "' is not listed by backend '" + id +
+              "' — it answered anyway (a misspelt model name?)");
   }
 }
 
@@ -231,9 +232,10 @@ void Engine::health_loop_() {
       kernel::telemetry::Telemetry::instance().gauge("ostrel.inference.backend_up", healthy ? 1 : 0,
                                                      {{"backend", b->id()}});
       auto [it, first] = health_seen_.try_emplace(b->id(), healthy);
-      if (log_ && (first ? !healthy : it->second != healthy)) {
-        log_(!healthy, "backend '" + b->id() + "' is " +
-                           (healthy ? "healthy again" : "unhealthy: it does not answer"));
+      if (first ? !healthy : it->second != healthy) {
+        log_.log(healthy ? obs::LogLevel::info : obs::LogLevel::warn,
+                 "backend '" + b->id() + "' is " +
+                     (healthy ? "healthy again" : "unhealthy: it does not answer"));
       }
       it->second = healthy;
     }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/logger.h"
 #include "inference/scheduler.h"
 #include "inference/session_store.h"
 #include "inference/types.h"
@@ -57,9 +58,8 @@ class Engine {
   // Where the engine reports what an operator should see: a backend turning
   // unhealthy or healthy again, a model server failing, a request answered
   // by a backend that does not list its model (each once per backend and
-  // model). `warn` says whether the line is a warning. Set before start().
-  using LogFn = std::function<void(bool warn, const std::string& line)>;
-  void set_log(LogFn log);
+  // model). Set before start().
+  void set_log(base::Logger log) { log_ = std::move(log); }
 
   // Starts the scheduler's workers and the health thread.
   void start();
@@ -75,10 +75,12 @@ class Engine {
   void remember_(ChatRequest& req, Message answer);
   std::optional<InferenceError> run_(ChatRequest& req, ChunkSink sink, ChatResponse& resp);
   void health_loop_();
+  // Has the scheduler report every answered request to observe_().
+  void watch_requests_();
   void observe_(const ChatRequest& req, Backend& backend, const std::optional<InferenceError>& err,
                 double elapsed_ms);
 
-  LogFn log_;
+  base::Logger log_{"inference/engine"};
   std::mutex noticed_mu_;                    // guards noticed_
   std::set<std::string> noticed_;            // "<kind>\n<backend>\n<model>" already logged
   std::map<std::string, bool> health_seen_;  // health thread only: last state per backend

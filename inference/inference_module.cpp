@@ -18,6 +18,7 @@
 #include "base/durable_file.h"
 #include "base/encoding.h"
 #include "base/json.h"
+#include "base/logger.h"
 #include "base/names.h"
 #include "base/paths.h"
 #include "base/reply.h"
@@ -34,7 +35,6 @@
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::inference {
@@ -148,7 +148,7 @@ class InferenceModule : public kernel::ModuleBase {
   Json gpu_inventory_() const;
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   std::unique_ptr<Engine> engine_;
   std::unique_ptr<LocalBackendRegistry> locals_;
   fs::path config_dir_;
@@ -172,7 +172,7 @@ class InferenceModule : public kernel::ModuleBase {
 
 bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("inference"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("inference"));
   const kernel::ConfigView& cfg = *ctx.config;
   config_dir_ = base::base_config_dir();
   if (const char* dir = std::getenv("OSTREL_INFERENCE_MODEL_DIR"); dir && *dir) {
@@ -205,13 +205,7 @@ bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
              " record(s) from " + locals_->journal_path().string());
 
   engine_ = std::make_unique<Engine>(options_);
-  engine_->set_log([log = log_.get()](bool warn, const std::string& line) {
-    if (warn) {
-      log->warn(line);
-    } else {
-      log->info(line);
-    }
-  });
+  engine_->set_log(*log_);
   engine_->register_backend(std::make_shared<EchoBackend>());
   engine_->register_backend(std::make_shared<OllamaBackend>("ollama-local", ollama_url_));
   log_->info("registered Ollama backend at " + ollama_url_);

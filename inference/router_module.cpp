@@ -19,12 +19,12 @@
 #include "base/http_client.h"
 #include "base/json.h"
 #include "base/json_scanner.h"
+#include "base/logger.h"
 #include "base/reply.h"
 #include "inference/chat_json.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/obs/telemetry.h"
 #include "kernel/syscall_table.h"
 
@@ -131,7 +131,7 @@ class RouterModule : public kernel::ModuleBase {
   void autodetect_ai_mode_();
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   std::string controller_url_;
   fs::path admin_dir_;
 
@@ -156,7 +156,7 @@ class RouterModule : public kernel::ModuleBase {
 
 bool RouterModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("router"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("router"));
   controller_url_ = ctx.config->get("controller_url", "");
   if (controller_url_.empty()) {
     if (const char* v = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); v && *v) {

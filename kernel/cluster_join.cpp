@@ -47,13 +47,14 @@ bool Kernel::join_cluster_(const std::string& peers) {
   if (const char* t = std::getenv("OSTREL_CLUSTER_JOIN_TOKEN"); t && *t) {
     headers.emplace_back("X-Ostrel-Join-Token", t);
   } else {
-    logger_.warn("joining without a join token (OSTREL_CLUSTER_JOIN_TOKEN): a controller that "
-                 "requires one refuses the join");
+    logger_.warn(
+        "joining without a join token (OSTREL_CLUSTER_JOIN_TOKEN): a controller that "
+        "requires one refuses the join");
   }
-  base::HttpReply r =
-      base::http_post(first, "/api/v1/cluster/join",
-                      base::dump_json({{"node_id", config_.node_id}, {"capabilities", ""}}), headers,
-                      std::chrono::seconds(10), "application/json", std::chrono::seconds(5));
+  base::HttpReply r = base::http_post(
+      first, "/api/v1/cluster/join",
+      base::dump_json({{"node_id", config_.node_id}, {"capabilities", ""}}), headers,
+      std::chrono::seconds(10), "application/json", std::chrono::seconds(5));
   if (!r.transport_ok) {
     logger_.error("join_cluster: " + r.error);
     return false;
@@ -173,8 +174,7 @@ void Kernel::start_gossip_() {
       return identity::generate_node_token(cluster_secret_, config_.node_id);
     };
     gossip_ = std::make_unique<gossip::GossipMesh>(c);
-    gossip_->set_log([this](const std::string& line) { logger_.warn(line); });
-    gossip_->set_error_log([this](const std::string& line) { logger_.error(line); });
+    gossip_->set_log(logger_);
     gossip_->on_join(
         [this](const gossip::NodeMember& m) { logger_.info("gossip: peer joined " + m.id); });
     gossip_->on_leave(

@@ -25,7 +25,7 @@ identity::IdentityContext Kernel::identity_context_() {
   ctx.rbac = &rbac_;
   ctx.quotas = &quotas_;
   ctx.credentials_changed = [this] { auth_cache_.clear(); };
-  ctx.log_info = [this](const std::string& line) { logger_.info(line); };
+  ctx.log = logger_;
   ctx.audit_log = &audit_;
   ctx.audit_checkpoints = audit_checkpoints_.get();
   ctx.audit = [this](const Request* caller, const Json& event) { audit_event_(caller, event); };
@@ -52,10 +52,9 @@ identity::IdentityContext Kernel::identity_context_() {
 }
 
 void Kernel::register_identity_routes_() {
-  identity::AddRoute add{[this](const std::string& method, const std::string& path,
-                                identity::RouteFn fn, RouteOptions options) {
-    gateway_.route(method, path, std::move(fn), options);
-  }};
+  identity::AddRoute add{
+      [this](const std::string& method, const std::string& path, identity::RouteFn fn,
+             RouteOptions options) { gateway_.route(method, path, std::move(fn), options); }};
   identity::register_capability_routes(identity_context_(), add);
   identity::register_tenant_routes(identity_context_(), add);
   identity::register_audit_routes(identity_context_(), add);
@@ -143,8 +142,9 @@ void Kernel::register_identity_syscalls_() {
         const std::string sig = issuer_.identity_key()->sign(identity::ChainCheckpoints::message(
             chain, count.get<std::uint64_t>(), head, ts.get<std::int64_t>()));
         if (sig.empty()) return base::syscall_error("signing_failed");
-        return base::syscall_ok({{"signature", base::base64url_encode(sig)},
-                                 {"public_key", base::to_hex(issuer_.identity_key()->public_key())}});
+        return base::syscall_ok(
+            {{"signature", base::base64url_encode(sig)},
+             {"public_key", base::to_hex(issuer_.identity_key()->public_key())}});
       }));
 }
 

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/logger.h"
 #include "cluster/gossip_mesh.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
@@ -30,7 +31,6 @@
 #include "kernel/legacy_bus.h"
 #include "kernel/manifest.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/obs/metric_registry.h"
 #include "kernel/syscall_table.h"
 #include "search/search_engine.h"

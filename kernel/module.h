@@ -8,6 +8,7 @@
 #include "identity/source_code.h"
 #include "kernel/config_view.h"
 #include "kernel/help_types.h"
+#include "kernel/types.h"
 
 namespace ostrel::kernel {
 
@@ -15,7 +16,6 @@ class ApiGateway;
 class SyscallTable;
 class MetricRegistry;
 class EventBus;
-class Logger;
 
 enum class HealthState { starting, healthy, degraded, unhealthy, stopping, stopped, unknown };
 

@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 
 #include "base/json.h"
+#include "base/logger.h"
 #include "base/names.h"
-#include "kernel/obs/logger.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::kernel::search {
@@ -39,7 +39,9 @@ std::optional<std::string> tenant_dir(const Query& q) {
 class VectorSource : public KernelSearchSource {
  public:
   using KernelSearchSource::KernelSearchSource;
-  std::vector<std::string> required_scopes() const override { return {"data.vector.search", "data.memory.recall"}; }
+  std::vector<std::string> required_scopes() const override {
+    return {"data.vector.search", "data.memory.recall"};
+  }
   std::string source_kind() const override { return "vector"; }
   bool in_scope(Scope s) const override { return s == Scope::All || s == Scope::Knowledge; }
   std::vector<Hit> search(const Query& q, std::size_t limit) override {
@@ -68,8 +70,8 @@ class VectorSource : public KernelSearchSource {
       hit.snippet = h.contains("text") ? string_field(h, "text") : string_field(h, "content");
       hit.title = string_field(h, "source").empty() ? hit.id : string_field(h, "source");
       hit.score = number_of(h, "score");
-      hit.uri = "vector:///" + (h.contains("namespace") ? string_field(h, "namespace") : ns) +
-                "/" + hit.id;
+      hit.uri = "vector:///" + (h.contains("namespace") ? string_field(h, "namespace") : ns) + "/" +
+                hit.id;
       for (const char* key : {"source", "chunk_index", "peer", "backend"}) {
         if (h.contains(key)) hit.metadata[key] = string_field(h, key);
       }

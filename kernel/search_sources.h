@@ -9,12 +9,9 @@
 #include <vector>
 
 #include "identity/source_code.h"
+#include "kernel/syscall_table.h"
+#include "kernel/types.h"
 #include "search/search_engine.h"
-
-namespace ostrel::kernel {
-class SyscallTable;
-class Logger;
-}  // namespace ostrel::kernel
 
 // The kernel's eight search sources: thin adapters that turn a query into
 // one syscall or one file-system scan. A source whose syscall no module

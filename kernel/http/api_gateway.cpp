@@ -11,10 +11,10 @@
 #include "base/json.h"
 #include "base/reply.h"
 #include "base/text.h"
+#include "base/trace.h"
 #include "kernel/http/http_server.h"
 #include "kernel/obs/metrics.h"
 #include "kernel/obs/telemetry.h"
-#include "kernel/obs/trace.h"
 
 namespace ostrel::kernel {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "base/http_client.h"
 
-#include "kernel/obs/logger.h"
+#include "base/logger.h"
 #include "kernel/obs/metrics.h"
 
 namespace ostrel::kernel::telemetry {
@@ -154,7 +154,7 @@ void Telemetry::configure(const Config& config) {
     pending_spans_.push_back(span);
   });
   export_thread_ = std::thread([this] { export_loop_(); });
-  Logger("kernel/telemetry")
+  base::Logger("kernel/telemetry")
       .info("telemetry export → " + config.endpoint + " every " +
             std::to_string(config.export_interval_ms) + " ms (OTLP/HTTP JSON)");
 }
@@ -305,7 +305,7 @@ void Telemetry::export_once_() {
   base::HttpReply m = base::http_post(base, prefix + "/v1/metrics", metrics_payload(), headers,
                                       std::chrono::seconds(5));
   if (!m.ok()) {
-    Logger("kernel/telemetry")
+    base::Logger("kernel/telemetry")
         .debug("metrics export failed: " +
                (m.transport_ok ? "http " + std::to_string(m.status) : m.error));
   }
@@ -338,7 +338,7 @@ void Telemetry::export_once_() {
   base::HttpReply t =
       base::http_post(base, prefix + "/v1/traces", traces, headers, std::chrono::seconds(5));
   if (!t.ok()) {
-    Logger("kernel/telemetry")
+    base::Logger("kernel/telemetry")
         .debug("span export failed: " +
                (t.transport_ok ? "http " + std::to_string(t.status) : t.error));
   }

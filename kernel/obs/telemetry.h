@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/trace.h"
 #include "kernel/obs/metrics.h"
-#include "kernel/obs/trace.h"
 
 namespace ostrel::kernel::telemetry {
 

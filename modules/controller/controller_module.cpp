@@ -21,6 +21,7 @@
 #include "base/encoding.h"
 #include "base/http_client.h"
 #include "base/json.h"
+#include "base/logger.h"
 #include "base/names.h"
 #include "base/reply.h"
 #include "base/sqlite.h"
@@ -30,7 +31,6 @@
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/obs/telemetry.h"
 #include "kernel/syscall_table.h"
 #include "modules/controller/web_tools.h"
@@ -114,7 +114,7 @@ class ControllerModule : public kernel::ModuleBase {
   bool pause_(std::chrono::milliseconds period);
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   fs::path data_dir_, dir_;
   std::unique_ptr<WorkerRegistry> workers_;
   std::unique_ptr<Webhooks> webhooks_;
@@ -153,7 +153,7 @@ class ControllerModule : public kernel::ModuleBase {
 
 bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("controller"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("controller"));
   data_dir_ = ctx.config->get("data_dir", ctx.data_dir);
   dir_ = data_dir_ / "controller";
   std::error_code ec;
@@ -186,15 +186,11 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
   web_.configure(ctx.config->get("web_search_url", ""),
                  ctx.config->get_bool("allow_private_fetch", false));
 
-  workers_ = std::make_unique<WorkerRegistry>(
-      dir_ / "workers.json", [this](const std::string& line) { log_->info(line); });
+  workers_ = std::make_unique<WorkerRegistry>(dir_ / "workers.json", *log_);
   Webhooks::Options wo;
   wo.retry_pause_ms = static_cast<int>(ctx.config->get_int("webhook_retry_pause_ms", 500));
   wo.guard.configure(false, text::split_list(ctx.config->get("webhook_private_hosts", "")));
-  webhooks_ =
-      std::make_unique<Webhooks>(wo, [this](const std::string& level, const std::string& l) {
-        level == "warn" ? log_->warn(l) : log_->info(l);
-      });
+  webhooks_ = std::make_unique<Webhooks>(wo, *log_);
   webhooks_->open(dir_ / "webhooks.db");
 
   std::string error;

@@ -130,7 +130,7 @@ std::string standard_signature(const std::string& secret, const std::string& id,
                      base::hmac_sha256(key, id + "." + std::to_string(timestamp) + "." + body));
 }
 
-Webhooks::Webhooks(Options options, LogFn log) : opt_(options), log_(std::move(log)) {}
+Webhooks::Webhooks(Options options, base::Logger log) : opt_(options), log_(std::move(log)) {}
 
 Webhooks::~Webhooks() { stop(); }
 
@@ -141,13 +141,12 @@ bool Webhooks::open(const std::filesystem::path& path) {
   std::filesystem::create_directories(path.parent_path(), ec);
   if (!db_.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, error) ||
       !db_.exec("PRAGMA journal_mode=WAL;", error) || !db_.exec(kSchema, error)) {
-    log_("warn",
-         "webhooks db open failed at " + path.string() + (error.empty() ? "" : ": " + error));
+    log_.warn("webhooks db open failed at " + path.string() + (error.empty() ? "" : ": " + error));
     db_ = base::sqlite::Connection();
     return false;
   }
   sqlite3_busy_timeout(db_.get(), 5000);
-  log_("info", "webhooks db open at " + path.string());
+  log_.info("webhooks db open at " + path.string());
   return true;
 }
 
@@ -392,9 +391,9 @@ void Webhooks::deliver_(const Job& job) {
     st.step();
   }
   if (!ok) {
-    log_("warn", "webhook delivery to " + job.subscription_id + " failed: " +
-                     (o.error.empty() ? "http " + std::to_string(o.status) : o.error) +
-                     (permanent ? " (disabled)" : ""));
+    log_.warn("webhook delivery to " + job.subscription_id +
+              " failed: " + (o.error.empty() ? "http " + std::to_string(o.status) : o.error) +
+              (permanent ? " (disabled)" : ""));
   }
   auto ins = db_.prepare(
       "INSERT INTO deliveries(subscription_id,event_type,sent_at,http_status,"

@@ -9,9 +9,10 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "modules/controller/address_guard.h"
 #include <thread>
+#include "modules/controller/address_guard.h"
 
+#include "base/logger.h"
 #include "base/sqlite.h"
 
 // Outbound webhooks: subscriptions in "webhooks.db", a queue of delivery
@@ -40,9 +41,8 @@ class Webhooks {
     // none unless named.
     AddressGuard guard;
   };
-  using LogFn = std::function<void(const std::string& level, const std::string& line)>;
 
-  Webhooks(Options options, LogFn log);
+  Webhooks(Options options, base::Logger log);
   ~Webhooks();
   Webhooks(const Webhooks&) = delete;
   Webhooks& operator=(const Webhooks&) = delete;
@@ -78,7 +78,7 @@ class Webhooks {
   void push_(Job job);
 
   Options opt_;
-  LogFn log_;
+  base::Logger log_;
   std::mutex db_mu_;  // guards db_ (the one connection)
   base::sqlite::Connection db_;
   std::mutex q_mu_;  // guards queue_ and stopping_; q_cv_ waits on it

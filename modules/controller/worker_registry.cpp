@@ -54,23 +54,23 @@ Json worker_json(const WorkerInfo& w) {
   return j;
 }
 
-WorkerRegistry::WorkerRegistry(std::filesystem::path file, LogFn log)
+WorkerRegistry::WorkerRegistry(std::filesystem::path file, base::Logger log)
     : file_(std::move(file)), log_(std::move(log)) {}
 
 void WorkerRegistry::restore() {
   std::error_code ec;
   if (!std::filesystem::exists(file_, ec)) {
-    log_("worker registry: no persisted state at " + file_.string());
+    log_.info("worker registry: no persisted state at " + file_.string());
     return;
   }
   bool opened = false;
   Json saved = base::read_json_file(file_, opened);
   if (!opened) {
-    log_("worker registry: could not open " + file_.string());
+    log_.info("worker registry: could not open " + file_.string());
     return;
   }
   if (!saved.is_array()) {
-    log_(std::string("worker registry: expected array, got ") + type_name(saved));
+    log_.info(std::string("worker registry: expected array, got ") + type_name(saved));
     return;
   }
   std::size_t remote = 0;
@@ -87,8 +87,8 @@ void WorkerRegistry::restore() {
     w.last_heartbeat_ms = static_cast<std::int64_t>(number(j, "last_heartbeat_ms"));
     workers_[w.id] = std::move(w);
   }
-  log_("worker registry: restored " + std::to_string(remote) + " remote worker(s) from " +
-       file_.string());
+  log_.info("worker registry: restored " + std::to_string(remote) + " remote worker(s) from " +
+            file_.string());
 }
 
 std::string WorkerRegistry::register_worker(const Json& body, const std::string& this_node,
@@ -171,7 +171,7 @@ void WorkerRegistry::persist_locked_() {
   for (const auto& [id, w] : workers_) all.push_back(worker_json(w));
   std::string error;
   if (!base::write_file_atomically(file_, all.dump(2) + "\n", error)) {
-    log_("worker registry: could not write " + file_.string() + ": " + error);
+    log_.info("worker registry: could not write " + file_.string() + ": " + error);
   }
 }
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "base/logger.h"
+
 // The controller's workers: registered on this node or by peers, mirrored to
 // "<data_dir>/controller/workers.json" on every change, and those learned
 // from peers by the sync pass (never persisted).
@@ -29,8 +31,7 @@ nlohmann::json worker_json(const WorkerInfo& w);
 // small local file, no network).
 class WorkerRegistry {
  public:
-  using LogFn = std::function<void(const std::string&)>;
-  WorkerRegistry(std::filesystem::path file, LogFn log);
+  WorkerRegistry(std::filesystem::path file, base::Logger log);
 
   // Reads the file back; remote workers come back "stale".
   void restore();
@@ -53,7 +54,7 @@ class WorkerRegistry {
   void persist_locked_();
 
   std::filesystem::path file_;
-  LogFn log_;
+  base::Logger log_;
   mutable std::mutex mu_;  // guards the three tables below
   std::map<std::string, WorkerInfo> workers_;
   std::map<std::string, std::vector<WorkerInfo>> peer_workers_;

@@ -16,15 +16,15 @@
 #include "base/encoding.h"
 #include "base/json.h"
 #include "base/json_scanner.h"
+#include "base/logger.h"
 #include "base/names.h"
 #include "base/reply.h"
 #include "base/text.h"
+#include "base/trace.h"
 #include "identity/chain_checkpoints.h"
 #include "identity/role_service.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
-#include "kernel/obs/trace.h"
 #include "kernel/syscall_table.h"
 #include "tools/registry.h"
 
@@ -204,7 +204,7 @@ class SecurityModule : public kernel::ModuleBase {
   ChainCheckpoints::Verdict judge_checkpoints_(const RoleService::AuditVerification& v) const;
 
   kernel::ModuleContext ctx_;
-  std::unique_ptr<kernel::Logger> log_;
+  std::unique_ptr<base::Logger> log_;
   RoleService* roles_ = &RoleService::getInstance();
   tools::Registry registry_;
   fs::path dir_;
@@ -220,7 +220,7 @@ class SecurityModule : public kernel::ModuleBase {
 
 bool SecurityModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
-  log_ = std::make_unique<kernel::Logger>(ctx.logger->with_tag("security"));
+  log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("security"));
   const fs::path data_dir = ctx.config->get("data_dir", ctx.data_dir);
   dir_ = data_dir / "security";
   reports_dir_ = data_dir / "compliance" / "reports";

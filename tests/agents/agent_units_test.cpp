@@ -27,9 +27,7 @@ std::vector<std::string> lines_of(const std::filesystem::path& p) {
   return out;
 }
 
-Log quiet() {
-  return [](bool, const std::string&) {};
-}
+base::Logger quiet() { return base::Logger("test"); }
 
 TEST(Intents, PatternsInOrderWithCaptures) {
   struct Case {

@@ -139,11 +139,9 @@ VectorRecord record(const std::string& id, const std::string& text) {
 
 class VectorStoreTest : public ::testing::Test {
  protected:
-  VectorStore::Log log() {
-    return [this](bool warn, const std::string& line) { lines_.push_back(line); };
-  }
+  base::Logger log() { return base::Logger("test/vectors"); }
   testing::TempDir dir_;
-  std::vector<std::string> lines_;
+  testing::LogCapture logs_;
 };
 
 // Records survive a reload byte for byte and rank as a direct cosine would;
@@ -178,10 +176,7 @@ TEST_F(VectorStoreTest, JournalRoundTripTornTailAndRanking) {
   EXPECT_EQ(hits[0].source, "b.txt");
   EXPECT_EQ(hits[0].metadata["chunk_index"], 0);
   EXPECT_EQ(testing::read_file(journal), before);  // the torn tail is gone
-  bool reported = false;
-  for (const auto& l : lines_)
-    reported |= l.find("cut 25 byte(s) of an unfinished last line") != std::string::npos;
-  EXPECT_TRUE(reported);
+  EXPECT_TRUE(logs_.has("cut 25 byte(s) of an unfinished last line"));
   // The same vectors score the same after the reload.
   VectorStore again(dir_.path(), log());
   EXPECT_EQ(again.search("acme", "docs", embed("tax filing"), 0.0, 1)[0].score, hits[0].score);
@@ -309,7 +304,7 @@ class MemoryServiceTest : public ::testing::Test {
         return true;
       };
     }
-    auto s = std::make_unique<MatrixMemoryService>(dir_.path(), e, [](bool, const std::string&) {});
+    auto s = std::make_unique<MatrixMemoryService>(dir_.path(), e, base::Logger("test/memory"));
     std::string error;
     EXPECT_TRUE(s->initialize(error)) << error;
     return s;

@@ -68,7 +68,7 @@ std::vector<std::string> ids(const std::vector<SearchHit>& hits) {
 
 TEST(SqliteVectorBackend, NamesFilesAndListsNamespaces) {
   testing::TempDir dir;
-  kernel::Logger log("test");
+  base::Logger log("test");
   {
     Writer a(dir / "acme_docs.db");
     a.add("1", "x", {1, 0, 0});
@@ -101,7 +101,7 @@ TEST(SqliteVectorBackend, NamesFilesAndListsNamespaces) {
 
 TEST(SqliteVectorBackend, ExactCosineThresholdsTopKAndPrefilter) {
   testing::TempDir dir;
-  kernel::Logger log("test");
+  base::Logger log("test");
   Writer w(dir / "t1_kb.db");
   w.add("a", "alpha particles decay", {1, 0, 0}, "{\"lang\":\"en\"}");
   w.add("b", "beta decay rates", {0.6f, 0.8f, 0}, "not json");
@@ -144,7 +144,7 @@ TEST(SqliteVectorBackend, ExactCosineThresholdsTopKAndPrefilter) {
 
 TEST(SqliteVectorBackend, SeesRowsWrittenAfterItOpenedTheFile) {
   testing::TempDir dir;
-  kernel::Logger log("test");
+  base::Logger log("test");
   Writer w(dir / "t_live.db", /*with_fts=*/false);
   w.add("first", "one", {1, 0});
   SqliteVectorBackend backend;
@@ -164,7 +164,7 @@ TEST(SqliteVectorBackend, SeesRowsWrittenAfterItOpenedTheFile) {
 
 TEST(SqliteVectorBackend, DecodedCopyGivesTheScansResults) {
   testing::TempDir dir;
-  kernel::Logger log("test");
+  base::Logger log("test");
   {
     Writer w(dir / "t_big.db", false);
     w.exec("BEGIN");

@@ -50,9 +50,7 @@ class RecordingSink : public IDreamSink {
   std::vector<std::pair<std::string, ThemeRecord>> stored;
 };
 
-Log quiet() {
-  return [](bool, const std::string&) {};
-}
+base::Logger quiet() { return base::Logger("test"); }
 
 DreamConfig config_now() {
   DreamConfig c;
@@ -268,10 +266,15 @@ TEST(FilesystemSessionSource, OffersFinishedConversationsOnce) {
   testing::write_file(conv / "broken.json", "{not json");
   write("_index.json", Json{{"ids", {"g1"}}});
 
-  std::vector<std::string> warnings;
-  FilesystemSessionSource source(dir.path(), [&](bool warn, const std::string& line) {
-    if (warn) warnings.push_back(line);
-  });
+  testing::LogCapture logs;
+  auto warnings = [&logs] {
+    std::vector<std::string> out;
+    for (const auto& l : logs.lines()) {
+      if (l.rfind("[WARN][test/sessions]", 0) == 0) out.push_back(l);
+    }
+    return out;
+  };
+  FilesystemSessionSource source(dir.path(), base::Logger("test/sessions"));
   EXPECT_EQ(source.resolved_root(), conv);
   auto list = source.list_completed(10, 3600);
   std::vector<std::string> ids;
@@ -279,7 +282,7 @@ TEST(FilesystemSessionSource, OffersFinishedConversationsOnce) {
   EXPECT_EQ(ids, (std::vector<std::string>{"other-id", "g1"}));  // by file name
   EXPECT_EQ(list[1].ended_at, 1767263400);
   EXPECT_EQ(list[1].messages.size(), 1u);
-  EXPECT_EQ(warnings.size(), 3u);
+  EXPECT_EQ(warnings().size(), 3u);
 
   EXPECT_TRUE(source.mark_dreamed("other-id"));
   EXPECT_TRUE(fs::exists(conv / "file-two.json.dreamed"));
@@ -291,7 +294,7 @@ TEST(FilesystemSessionSource, OffersFinishedConversationsOnce) {
   list = source.list_completed(10, 3600);
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0].id, "g1");
-  EXPECT_EQ(warnings.size(), 3u);  // each broken file is logged once
+  EXPECT_EQ(warnings().size(), 3u);  // each broken file is logged once
   EXPECT_EQ(source.list_completed(0, 0).size(), 0u);
 
   // A fresh source (another process) sees the marker too.
@@ -318,8 +321,8 @@ TEST(MatrixMemorySink, StoresLocallyOrOverHttpWithTheSecret) {
   int port = 0;
   std::thread t = testing::serve_on_loopback(server, port);
 
-  std::vector<std::string> logs;
-  Log log = [&](bool, const std::string& line) { logs.push_back(line); };
+  testing::LogCapture logs;
+  base::Logger log("test/sink");
   ThemeRecord theme{"cycling", "Bikes need care.", 0.9f, "c1"};
   SessionRecord s = session("c1");
   DreamConfig cfg;
@@ -339,13 +342,13 @@ TEST(MatrixMemorySink, StoresLocallyOrOverHttpWithTheSecret) {
     EXPECT_EQ(body["source_session"], "c1");
     EXPECT_NEAR(body["importance"].get<double>(), 0.9, 1e-6);
   }
-  ASSERT_FALSE(logs.empty());
-  EXPECT_EQ(logs.back().rfind("[dream-engine] memory_store http 503 url=http://127.0.0.1:", 0), 0u);
+  EXPECT_TRUE(
+      logs.has("[WARN][test/sink] [dream-engine] memory_store http 503 url=http://127.0.0.1:"));
   server.stop();
   t.join();
 
   EXPECT_FALSE(remote.store_theme(theme, s, cfg));
-  EXPECT_EQ(logs.back().rfind("[dream-engine] memory_store transport error: ", 0), 0u);
+  EXPECT_TRUE(logs.has("[dream-engine] memory_store transport error: "));
 
   std::string local_args;
   MatrixMemorySink local(
@@ -359,7 +362,7 @@ TEST(MatrixMemorySink, StoresLocallyOrOverHttpWithTheSecret) {
   EXPECT_EQ(Json::parse(local_args)["namespace"], "dreams");
   theme.theme = "bad";
   EXPECT_FALSE(local.store_theme(theme, s, cfg));
-  EXPECT_EQ(logs.back().rfind("[dream-engine] memory_store syscall status=-1", 0), 0u);
+  EXPECT_TRUE(logs.has("[dream-engine] memory_store syscall status=-1"));
 }
 
 // Profiles: merged per session, read back, cleared with a count; bad ids and

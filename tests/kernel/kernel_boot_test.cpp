@@ -30,36 +30,6 @@ std::string manifest(const std::string& name, const std::string& sub,
          extra_config;
 }
 
-// Captures every log line of the process for the life of the fixture's test.
-class LogCapture {
- public:
-  LogCapture() {
-    sink_id_ = obs::Logger::instance().add_sink([this](const obs::LogRecord& r) {
-      std::lock_guard lock(mu_);
-      lines_.push_back(std::string("[") + obs::level_name(r.level) + "][" + r.source + "] " +
-                       r.message);
-    });
-  }
-  ~LogCapture() { obs::Logger::instance().remove_sink(sink_id_); }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mu_);
-    return lines_;
-  }
-  bool has(const std::string& text) const { return index_of(text) >= 0; }
-  int index_of(const std::string& text) const {
-    auto l = lines();
-    for (size_t i = 0; i < l.size(); ++i) {
-      if (l[i].find(text) != std::string::npos) return static_cast<int>(i);
-    }
-    return -1;
-  }
-
- private:
-  std::uint64_t sink_id_ = 0;
-  mutable std::mutex mu_;  // guards lines_
-  std::vector<std::string> lines_;
-};
-
 class KernelBoot : public ::testing::Test {
  protected:
   void SetUp() override { testing::clear_contract_log(); }
@@ -85,7 +55,7 @@ class KernelBoot : public ::testing::Test {
   }
 
   testing::TempDir dir_;
-  LogCapture log_;
+  testing::LogCapture log_;
 };
 
 TEST_F(KernelBoot, ModuleContractEndToEnd) {

@@ -4,10 +4,10 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "base/logger.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/logger.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::testing {

@@ -18,11 +18,43 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/log.h"
 #include "kernel/self_health.h"
 
 namespace ostrel::testing {
 
 namespace fs = std::filesystem;
+
+LogCapture::LogCapture() {
+  sink_id_ = obs::Logger::instance().add_sink([this](const obs::LogRecord& r) {
+    std::lock_guard lock(mu_);
+    lines_.push_back(std::string("[") + obs::level_name(r.level) + "][" + r.source + "] " +
+                     r.message);
+  });
+}
+
+LogCapture::~LogCapture() { obs::Logger::instance().remove_sink(sink_id_); }
+
+std::vector<std::string> LogCapture::lines() const {
+  std::lock_guard lock(mu_);
+  return lines_;
+}
+
+int LogCapture::index_of(const std::string& text) const {
+  auto l = lines();
+  for (size_t i = 0; i < l.size(); ++i) {
+    if (l[i].find(text) != std::string::npos) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+std::string LogCapture::last(const std::string& text) const {
+  auto l = lines();
+  for (auto it = l.rbegin(); it != l.rend(); ++it) {
+    if (it->find(text) != std::string::npos) return *it;
+  }
+  return "";
+}
 
 TempDir::TempDir() {
   std::random_device rd;

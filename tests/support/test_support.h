@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -79,6 +80,28 @@ int wait_for_ready_port(Process& node, std::chrono::milliseconds timeout);
 
 // The bootstrap administrator token a node in enforce mode printed on stdout.
 std::string bootstrap_token(const Process& node);
+
+// Captures every log line of the process ("[LEVEL][tag] message") while it
+// lives.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<std::string> lines() const;
+  bool has(const std::string& text) const { return index_of(text) >= 0; }
+  // The first line holding `text`, or -1.
+  int index_of(const std::string& text) const;
+  // The newest line holding `text`, or "".
+  std::string last(const std::string& text) const;
+
+ private:
+  std::uint64_t sink_id_ = 0;
+  mutable std::mutex mu_;  // guards lines_
+  std::vector<std::string> lines_;
+};
 
 // The node's resident memory in bytes, from /proc.
 std::size_t resident_bytes(pid_t pid);

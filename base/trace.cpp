@@ -1,12 +1,12 @@
-#include "kernel/obs/trace.h"
+#include "base/trace.h"
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
 
+#include "base/log.h"
 #include "base/text.h"
-#include "kernel/obs/log.h"
 
 namespace ostrel::obs {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "kernel/obs/log.h"
+#include "base/log.h"
 
-namespace ostrel::kernel {
+namespace ostrel::base {
 
 // A tagged logger: every line reads "[LEVEL][tag] message". The kernel's tag is
 // "kernel"; with_tag("data") gives "kernel/data". Lines go through the
@@ -27,4 +27,4 @@ class Logger {
   std::string tag_;
 };
 
-}  // namespace ostrel::kernel
+}  // namespace ostrel::base

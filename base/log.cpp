@@ -1,4 +1,4 @@
-#include "kernel/obs/log.h"
+#include "base/log.h"
 
 #include "base/text.h"
 

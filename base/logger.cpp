@@ -1,8 +1,8 @@
-#include "kernel/obs/logger.h"
+#include "base/logger.h"
 
-#include "kernel/obs/trace.h"
+#include "base/trace.h"
 
-namespace ostrel::kernel {
+namespace ostrel::base {
 
 void Logger::log(obs::LogLevel level, const std::string& message) const {
   obs::Logger& facility = obs::Logger::instance();
@@ -19,4 +19,4 @@ void Logger::log(obs::LogLevel level, const std::string& message) const {
   facility.emit(std::move(record));
 }
 
-}  // namespace ostrel::kernel
+}  // namespace ostrel::base

@@ -25,7 +25,6 @@
 #include "base/trace.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/telemetry.h"
 #include "kernel/syscall_access.h"
 #include "kernel/syscall_table.h"
 #include "praxis/runtime_seam.h"
@@ -453,11 +452,10 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
   const std::string model = !r.model.empty()               ? r.model
                             : cell && !cell->model.empty() ? cell->model
                                                            : default_model_;
-  kernel::telemetry::Telemetry::instance().counter(
-      "ostrel.agent.chat_requests_total", 1,
-      {{"model", model},
-       {"rag", r.knowledge_base_id.empty() ? "off" : "on"},
-       {"stream", r.stream ? "true" : "false"}});
+  ctx_.metrics->counter("ostrel.agent.chat_requests_total", 1,
+                        {{"model", model},
+                         {"rag", r.knowledge_base_id.empty() ? "off" : "on"},
+                         {"stream", r.stream ? "true" : "false"}});
   // 4. The tenant gate.
   if (ctx_.syscalls->has("kernel.tenant.is_active")) {
     kernel::SyscallResult g = ctx_.syscalls->call(kAgentSource, "kernel.tenant.is_active",
@@ -579,8 +577,7 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
   };
   if (name.empty()) return failed("missing tool name");
   // 1. Counted.
-  kernel::telemetry::Telemetry::instance().counter("ostrel.agent.tool_invocations_total", 1,
-                                                   {{"tool", name}});
+  ctx_.metrics->counter("ostrel.agent.tool_invocations_total", 1, {{"tool", name}});
   // 2. Policy first.
   if (ctx_.syscalls->has("security.role.check")) {
     Json check = {{"tool", name},

@@ -44,7 +44,6 @@
 #include "kernel/http/api_gateway.h"
 #include "kernel/legacy_bus.h"
 #include "kernel/module.h"
-#include "kernel/obs/telemetry.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::data {
@@ -644,7 +643,7 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
     if (hits.size() > k) hits.resize(k);
   }
 
-  auto& tel = kernel::telemetry::Telemetry::instance();
+  kernel::MetricRegistry& tel = *ctx_.metrics;
   const std::string bucket = topk_bucket(k);
   tel.counter("ostrel.data.vector.searches_total", 1, {{"topk_bucket", bucket}});
   tel.histogram(
@@ -755,9 +754,8 @@ std::string DataModule::ingest_(const IngestRequest& request, int& status) {
     status = error.rfind("invalid", 0) == 0 ? 400 : 500;
     return base::dump_json(base::error_body("persist_failed", {{"detail", error}}));
   }
-  kernel::telemetry::Telemetry::instance().counter("ostrel.data.vector.documents_ingested_total",
-                                                   static_cast<double>(pieces.size()),
-                                                   {{"namespace", ns}});
+  ctx_.metrics->counter("ostrel.data.vector.documents_ingested_total",
+                        static_cast<double>(pieces.size()), {{"namespace", ns}});
   return out;
 }
 
@@ -1145,9 +1143,8 @@ Json DataModule::memory_store_(const Json& args, int& status) {
              " replica=" + (r.replica ? "true" : "false") + " fanout_mode=" + replication_mode_ +
              " fanout_attempt=" + std::to_string(out["replicated_to"].size()) +
              " fanout_acked=" + std::to_string(out["replicated_acks"].get<int>()));
-  kernel::telemetry::Telemetry::instance().counter(
-      "ostrel.data.memory.stores_total", 1,
-      {{"replica", r.replica ? "true" : "false"}, {"matrix", o.matrix}});
+  ctx_.metrics->counter("ostrel.data.memory.stores_total", 1,
+                        {{"replica", r.replica ? "true" : "false"}, {"matrix", o.matrix}});
   return out;
 }
 
@@ -1243,8 +1240,8 @@ Json DataModule::memory_recall_(const Json& args, int& status) {
   }
   log_->info("memory.recall tenant='" + tenant + "' ns='" + ns + "' query='" + query + "' hits=" +
              std::to_string(hits.size()) + " matrix_conf=" + std::to_string(o.confidence));
-  kernel::telemetry::Telemetry::instance().counter("ostrel.data.memory.recalls_total", 1,
-                                                   {{"matrix", o.enabled ? "on" : "off"}});
+  ctx_.metrics->counter("ostrel.data.memory.recalls_total", 1,
+                        {{"matrix", o.enabled ? "on" : "off"}});
   return {{"hits", hits},
           {"confidence", o.confidence},
           {"recall_time_us", o.recall_time_us},

@@ -1,7 +1,6 @@
 #include "inference/engine.h"
 
 #include "kernel/obs/metrics.h"
-#include "kernel/obs/telemetry.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -192,8 +191,9 @@ void Engine::observe_(const ChatRequest& req, Backend& backend,
                       const std::optional<InferenceError>& err, double elapsed_ms) {
   // What an operator of a model server watches: requests, errors and
   // latency per model and backend.
-  auto& t = kernel::telemetry::Telemetry::instance();
-  const kernel::telemetry::Labels labels = {{"model", req.model}, {"backend", backend.id()}};
+  if (!metrics_) return;
+  kernel::MetricRegistry& t = *metrics_;
+  const kernel::MetricRegistry::Labels labels = {{"model", req.model}, {"backend", backend.id()}};
   t.counter("ostrel.inference.requests_total", 1, labels);
   t.histogram("ostrel.inference.request_duration_seconds", elapsed_ms / 1000.0, labels);
   if (err) {
@@ -229,8 +229,9 @@ void Engine::health_loop_() {
   while (true) {
     for (const auto& b : backends()) {
       bool healthy = b->poll_health();
-      kernel::telemetry::Telemetry::instance().gauge("ostrel.inference.backend_up", healthy ? 1 : 0,
-                                                     {{"backend", b->id()}});
+      if (metrics_) {
+        metrics_->gauge_set("ostrel_inference_backend_up", healthy ? 1 : 0, {{"backend", b->id()}});
+      }
       auto [it, first] = health_seen_.try_emplace(b->id(), healthy);
       if (first ? !healthy : it->second != healthy) {
         log_.log(healthy ? obs::LogLevel::info : obs::LogLevel::warn,

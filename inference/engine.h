@@ -60,6 +60,12 @@ class Engine {
   // by a backend that does not list its model (each once per backend and
   // model). Set before start().
   void set_log(base::Logger log) { log_ = std::move(log); }
+  // Where the engine publishes its counters, latencies and backend health
+  // (none by default). Set before start().
+  void set_metrics(kernel::MetricRegistry* metrics) {
+    metrics_ = metrics;
+    scheduler_.set_metrics(metrics);
+  }
 
   // Starts the scheduler's workers and the health thread.
   void start();
@@ -81,9 +87,10 @@ class Engine {
                 double elapsed_ms);
 
   base::Logger log_{"inference/engine"};
-  std::mutex noticed_mu_;                    // guards noticed_
-  std::set<std::string> noticed_;            // "<kind>\n<backend>\n<model>" already logged
-  std::map<std::string, bool> health_seen_;  // health thread only: last state per backend
+  kernel::MetricRegistry* metrics_ = nullptr;  // borrowed; set before start()
+  std::mutex noticed_mu_;                      // guards noticed_
+  std::set<std::string> noticed_;              // "<kind>\n<backend>\n<model>" already logged
+  std::map<std::string, bool> health_seen_;    // health thread only: last state per backend
 
   EngineOptions options_;
   mutable std::mutex mu_;  // guards backends_ and order_

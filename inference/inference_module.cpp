@@ -206,6 +206,7 @@ bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
 
   engine_ = std::make_unique<Engine>(options_);
   engine_->set_log(*log_);
+  engine_->set_metrics(ctx.metrics);
   engine_->register_backend(std::make_shared<EchoBackend>());
   engine_->register_backend(std::make_shared<OllamaBackend>("ollama-local", ollama_url_));
   log_->info("registered Ollama backend at " + ollama_url_);

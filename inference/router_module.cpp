@@ -25,7 +25,6 @@
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/telemetry.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::inference {
@@ -404,8 +403,8 @@ void RouterModule::count_(const std::string& endpoint,
     if (strategy_ == "round_robin" && !backends_.empty())
       rr_cursor_ = (rr_cursor_ + 1) % backends_.size();
   }
-  auto& t = kernel::telemetry::Telemetry::instance();
-  const kernel::telemetry::Labels labels = {{"endpoint", endpoint}, {"strategy", strategy}};
+  kernel::MetricRegistry& t = *ctx_.metrics;
+  const kernel::MetricRegistry::Labels labels = {{"endpoint", endpoint}, {"strategy", strategy}};
   t.counter("ostrel.router.requests_routed_total", 1, labels);
   t.counter("ostrel.router.routing_decisions_total", 1, labels);
   t.histogram("ostrel.router.routing_duration_ms", ms, {{"endpoint", endpoint}});

@@ -6,20 +6,11 @@
 
 namespace ostrel::inference {
 
-namespace {
-// Requests waiting for a worker, on /metrics.
-obs::Gauge& depth_gauge() {
-  static obs::Gauge& g = obs::MetricsRegistry::instance().gauge(
-      "ostrel_inference_queue_depth", "Chat requests waiting in the inference scheduler's queues");
-  return g;
-}
-}  // namespace
-
 bool model_matches(std::string_view requested, std::string_view listed) {
   if (requested == listed) return true;
   // A name without a tag means its "latest" tag, as Ollama reads it.
-  return requested.find(':') == std::string_view::npos &&
-         listed.size() == requested.size() + 7 && listed.substr(0, requested.size()) == requested &&
+  return requested.find(':') == std::string_view::npos && listed.size() == requested.size() + 7 &&
+         listed.substr(0, requested.size()) == requested &&
          listed.substr(requested.size()) == ":latest";
 }
 
@@ -47,8 +38,17 @@ Scheduler::Scheduler(std::function<BackendList()> backends, std::size_t workers,
                      std::size_t max_queue_depth)
     : backends_(std::move(backends)),
       worker_count_(std::max<std::size_t>(1, workers)),
-      max_depth_(max_queue_depth) {
-  depth_gauge();  // on /metrics from the start, at 0
+      max_depth_(max_queue_depth) {}
+
+void Scheduler::set_metrics(kernel::MetricRegistry* metrics) {
+  metrics_ = metrics;
+  if (!metrics_) return;
+  metrics_->gauge_set("ostrel_inference_queue_depth", 0);  // on /metrics from the start
+}
+
+void Scheduler::publish_depth_locked_() const {
+  if (metrics_)
+    metrics_->gauge_set("ostrel_inference_queue_depth", static_cast<double>(total_queued_));
 }
 
 Scheduler::~Scheduler() { stop(); }
@@ -101,7 +101,7 @@ bool Scheduler::enqueue(std::shared_ptr<QueuedRequest> request) {
     request->enqueued_at = std::chrono::steady_clock::now();
     queues_[request->key].push_back(std::move(request));
     ++total_queued_;
-    depth_gauge().set(static_cast<double>(total_queued_));
+    publish_depth_locked_();
     ++accepted_;
   }
   cv_.notify_one();
@@ -167,7 +167,7 @@ std::shared_ptr<QueuedRequest> Scheduler::take_locked_() {
   ++served_[best->first];
   if (best->second.empty()) queues_.erase(best);
   --total_queued_;
-  depth_gauge().set(static_cast<double>(total_queued_));
+  publish_depth_locked_();
   return request;
 }
 

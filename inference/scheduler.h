@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "inference/types.h"
+#include "kernel/obs/metric_registry.h"
 
 namespace ostrel::inference {
 
@@ -62,6 +63,9 @@ class Scheduler {
                                       const std::optional<InferenceError>& err, double elapsed_ms)>;
   // Set before start().
   void set_observer(Observer observer) { observer_ = std::move(observer); }
+  // Where the queue depth is published ("ostrel_inference_queue_depth");
+  // none by default. Set before start().
+  void set_metrics(kernel::MetricRegistry* metrics);
 
   void start();
   // Joins the workers, then fails every request still queued with 499.
@@ -97,7 +101,9 @@ class Scheduler {
   std::size_t worker_count_;
   std::size_t max_depth_;
 
-  Observer observer_;      // set before start(); read-only afterwards
+  Observer observer_;                          // set before start(); read-only afterwards
+  kernel::MetricRegistry* metrics_ = nullptr;  // likewise; borrowed
+  void publish_depth_locked_() const;
   mutable std::mutex mu_;  // guards everything below
   std::condition_variable cv_;
   std::map<std::string, std::deque<std::shared_ptr<QueuedRequest>>> queues_;

@@ -39,27 +39,8 @@ Kernel::Kernel(KernelConfig config)
   obs::Counter& audited = obs::MetricsRegistry::instance().counter(
       "ostrel_audit_records_total", "Audit records appended since boot");
   audit_.set_on_append([&audited] { audited.add(); });
-  // What the labelled families on /metrics are.
-  auto& t = telemetry::Telemetry::instance();
-  for (const auto& [name, help] : std::vector<std::pair<const char*, const char*>>{
-           {"ostrel.eis.requests_total", "Requests on /api/v1/ by source-header decision"},
-           {"ostrel.inference.requests_total", "Chat requests served, by model and backend"},
-           {"ostrel.inference.errors_total",
-            "Chat requests that failed, by model, backend and status"},
-           {"ostrel.inference.request_duration_seconds",
-            "Chat request time from queueing to the end of the answer, in seconds"},
-           {"ostrel.inference.backend_up", "1 when the inference backend answers its health check"},
-           {"ostrel.agent.chat_requests_total",
-            "Agent chat requests, by model, retrieval and streaming"},
-           {"ostrel.agent.tool_invocations_total", "Tool calls run for agents, by tool"},
-           {"ostrel.router.requests_routed_total", "Requests routed, by endpoint and strategy"},
-           {"ostrel.router.routing_decisions_total", "Routing decisions, by endpoint and strategy"},
-           {"ostrel.router.routing_duration_ms", "Time the router took per request"},
-           {"ostrel.data.vector.documents_ingested_total",
-            "Document chunks ingested, by namespace"},
-       }) {
-    t.describe(name, help);
-  }
+  telemetry::Telemetry::instance().describe("ostrel.eis.requests_total",
+                                            "Requests on /api/v1/ by source-header decision");
 }
 
 Kernel::~Kernel() { drain_and_stop(); }
@@ -237,6 +218,15 @@ bool Kernel::load_and_instantiate_modules() {
     if (overrides > 0) {
       logger_.info("module '" + name + "' config: " + std::to_string(overrides) +
                    " override(s) applied");
+    }
+    // The metrics the manifest declares are described on /metrics before
+    // the module records any.
+    for (const MetricDef& m : def.metrics) {
+      if (m.type == "gauge") {
+        metrics_.register_gauge(m.name, m.description);
+      } else {
+        metrics_.describe(m.name, m.description);
+      }
     }
     modules_.push_back({std::move(def), std::move(instance), std::move(view)});
   }

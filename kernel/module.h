@@ -8,13 +8,13 @@
 #include "identity/source_code.h"
 #include "kernel/config_view.h"
 #include "kernel/help_types.h"
+#include "kernel/obs/metric_registry.h"
 #include "kernel/types.h"
 
 namespace ostrel::kernel {
 
 class ApiGateway;
 class SyscallTable;
-class MetricRegistry;
 class EventBus;
 
 enum class HealthState { starting, healthy, degraded, unhealthy, stopping, stopped, unknown };

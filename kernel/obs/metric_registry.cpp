@@ -19,6 +19,22 @@ void MetricRegistry::gauge_set(const std::string& name, double value, const Labe
   series_[name][labels] = value;
 }
 
+void MetricRegistry::counter(const std::string& name, double value, const Labels& labels) {
+  telemetry::Telemetry::instance().counter(name, value, labels);
+}
+
+obs::Counter& MetricRegistry::counter_series(const std::string& name, const Labels& labels) {
+  return telemetry::Telemetry::instance().counter_series(name, labels);
+}
+
+void MetricRegistry::histogram(const std::string& name, double value, const Labels& labels) {
+  telemetry::Telemetry::instance().histogram(name, value, labels);
+}
+
+void MetricRegistry::describe(const std::string& name, const std::string& help) {
+  telemetry::Telemetry::instance().describe(name, help);
+}
+
 std::string MetricRegistry::to_prometheus() const {
   std::ostringstream out;  // default stream formatting of a double: 3, 0.5, 1.23457e+06
   std::lock_guard lock(mu_);

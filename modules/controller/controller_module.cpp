@@ -31,7 +31,6 @@
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
 #include "kernel/module.h"
-#include "kernel/obs/telemetry.h"
 #include "kernel/syscall_table.h"
 #include "modules/controller/web_tools.h"
 #include "modules/controller/webhooks.h"
@@ -385,7 +384,7 @@ void ControllerModule::handle_join_(const Request& req, Response& res) {
 }
 
 void ControllerModule::handle_register_(const Request& req, Response& res) {
-  auto& t = kernel::telemetry::Telemetry::instance();
+  kernel::MetricRegistry& t = *ctx_.metrics;
   Json body = base::parse_json(req.body);
   if (!body.is_object()) body = Json::object();
   const std::string node = base::string_field(body, "node_id"),
@@ -767,10 +766,6 @@ bool ControllerModule::tool_allowed_(const Request& req, Response& res, const st
 }
 
 void ControllerModule::register_routes(kernel::ApiGateway& gw) {
-  auto& t = kernel::telemetry::Telemetry::instance();
-  t.describe("ostrel.controller.peer_heartbeats_total", "Worker heartbeats, by result");
-  t.describe("ostrel.controller.peer_register_total", "Peer registrations, by role (or rejected)");
-
   gw.route("POST", "/api/v1/workers", [this](const Request& req, Response& res) {
     // What is listed here is served to everyone in /v1/models.
     if (!base::require_admin(req, res)) return;
@@ -791,8 +786,8 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
     if (id.size() > 10 && id.compare(id.size() - 10, 10, "/heartbeat") == 0)
       id = id.substr(0, id.size() - 10);
     const bool known = workers_->heartbeat(id);
-    kernel::telemetry::Telemetry::instance().counter("ostrel.controller.peer_heartbeats_total", 1,
-                                                     {{"result", known ? "ack" : "unknown"}});
+    ctx_.metrics->counter("ostrel.controller.peer_heartbeats_total", 1,
+                          {{"result", known ? "ack" : "unknown"}});
     if (!known) return base::fail(res, 404, "unknown_worker");
     reply(res, {{"status", "ack"}});
   });

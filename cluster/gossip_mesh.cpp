@@ -13,6 +13,7 @@
 #include <unordered_map>
 
 #include "base/encoding.h"
+#include "base/http_client.h"
 #include "base/json.h"
 #include "base/reply.h"
 #include "base/text.h"
@@ -383,29 +384,28 @@ struct GossipMesh::Impl {
       why = "bad address '" + target + "'";
       return false;
     }
-    httplib::Client client(host, port);
-    const auto timeout = std::chrono::milliseconds(cfg.request_timeout_ms);
-    client.set_connection_timeout(timeout);
-    client.set_read_timeout(timeout);
-    client.set_write_timeout(timeout);
-    httplib::Headers headers;
+    base::HttpHeaders headers;
     if (cfg.credentials) {
-      for (auto& [k, v] : cfg.credentials()) headers.emplace(k, v);
+      for (auto& [k, v] : cfg.credentials()) headers.emplace_back(k, v);
     }
     {
       std::lock_guard lock(mu);
       ++sent;
     }
-    auto r = client.Post("/api/v1/cluster/gossip/sync", headers, body, "application/json");
-    if (!r) {
-      why = target + ": " + httplib::to_string(r.error());
+    const auto timeout = std::chrono::milliseconds(cfg.request_timeout_ms);
+    base::HttpReply r = base::http_post(
+        "http://" + (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
+            std::to_string(port),
+        "/api/v1/cluster/gossip/sync", body, headers, timeout * 2, "application/json", timeout);
+    if (!r.transport_ok) {
+      why = target + ": " + r.error;
       return false;
     }
-    if (r->status != 200) {
-      why = target + ": HTTP " + std::to_string(r->status);
+    if (r.status != 200) {
+      why = target + ": HTTP " + std::to_string(r.status);
       return false;
     }
-    Json answer = base::parse_json(r->body);
+    Json answer = base::parse_json(r.body);
     if (!answer.is_object() || !answer.contains("members") || !answer["members"].is_array()) {
       why = target + ": malformed answer";
       return false;

@@ -1,7 +1,6 @@
 // The "data" module: vector namespaces (ingest, embed, search across this
 // node's journals, its SQLite namespace databases and its data peers), the
 // matrix memory service, and this node's piece of the object store.
-#include <httplib.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -24,6 +23,7 @@
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/encoding.h"
+#include "base/http_client.h"
 #include "base/json.h"
 #include "base/logger.h"
 #include "base/names.h"
@@ -772,35 +772,30 @@ bool DataModule::tenant_of_(const Request& req, const Json& body, std::string& t
 
 bool DataModule::proxy_(const Request& req, Response& res, bool has_local) {
   if (proxy_url_.empty()) return false;
-  httplib::Client c(proxy_url_);
-  c.set_connection_timeout(3, 0);
-  c.set_read_timeout(60, 0);
-  std::string path = req.path;
-  std::string query;
-  for (const auto& [k, v] : req.params) {
-    query += (query.empty() ? "?" : "&") + httplib::detail::encode_query_param(k) + "=" +
-             httplib::detail::encode_query_param(v);
-  }
-  path += query;
-  httplib::Headers headers;
-  if (!me_.node_token.empty()) {
-    headers.emplace("X-Ostrel-Node-Id", me_.node_id);
-    headers.emplace("X-Ostrel-Node-Token", me_.node_token);
-  }
   if (req.method != "GET" && req.method != "POST" && req.method != "PUT" &&
       req.method != "DELETE") {
     base::fail(res, 400, "proxy_method_not_supported", {{"method", req.method}});
     return true;
   }
-  httplib::Result r = req.method == "GET"    ? c.Get(path, headers)
-                      : req.method == "POST" ? c.Post(path, headers, req.body, "application/json")
-                      : req.method == "PUT"  ? c.Put(path, headers, req.body, "application/json")
-                                             : c.Delete(path, headers);
-  if (r) {
-    res.status = r->status;
-    res.body = r->body;
-    res.content_type =
-        r->has_header("Content-Type") ? r->get_header_value("Content-Type") : "application/json";
+  base::HttpRequest forward;
+  forward.method = req.method;
+  forward.url = proxy_url_ + req.path;
+  char sep = '?';
+  for (const auto& [k, v] : req.params) {
+    forward.url += sep + base::escape_query(k) + "=" + base::escape_query(v);
+    sep = '&';
+  }
+  if (!me_.node_token.empty()) {
+    forward.headers = {{"X-Ostrel-Node-Id", me_.node_id}, {"X-Ostrel-Node-Token", me_.node_token}};
+  }
+  if (req.method == "POST" || req.method == "PUT") forward.body = req.body;
+  forward.connect_timeout = std::chrono::seconds(3);
+  forward.timeout = std::chrono::seconds(60);
+  base::HttpReply r = base::http_request(forward);
+  if (r.transport_ok) {
+    res.status = r.status;
+    res.body = std::move(r.body);
+    res.content_type = r.content_type.empty() ? "application/json" : r.content_type;
     return true;
   }
   log_->warn("proxy to " + proxy_url_ + " failed: connect error");

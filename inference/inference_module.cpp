@@ -17,6 +17,7 @@
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/encoding.h"
+#include "base/http_client.h"
 #include "base/json.h"
 #include "base/logger.h"
 #include "base/names.h"
@@ -29,7 +30,6 @@
 #include "inference/engine.h"
 #include "inference/gguf.h"
 #include "inference/hash_embedder.h"
-#include "inference/http_fetch.h"
 #include "inference/local_backends.h"
 #include "inference/ollama_backend.h"
 #include "kernel/event_bus.h"
@@ -453,14 +453,15 @@ Json InferenceModule::embeddings_(const Json& args, int& status) const {
              {{"message", "no backend serves embedding model '" + m + "'"},
               {"type", "not_implemented"}}}};
   }
-  std::vector<std::string> headers = {
-      "Content-Type: application/json",
-      "X-Ostrel-Source: " + source_header::make_header("inference", "", "inference")};
+  base::HttpHeaders headers = {
+      {"X-Ostrel-Source", source_header::make_header("inference", "", "inference")}};
   if (std::string key = backend->resolved_key(); !key.empty()) {
-    headers.push_back("Authorization: Bearer " + key);
+    headers.emplace_back("Authorization", "Bearer " + key);
   }
-  http_fetch::Result r = http_fetch::post(backend->normalised_base() + "/v1/embeddings",
-                                          base::dump_json(args), headers, 60000);
+  const std::string body = base::dump_json(args);
+  base::HttpReply r =
+      base::http_post(backend->normalised_base(), "/v1/embeddings", body, headers,
+                      std::chrono::seconds(60), "application/json", std::chrono::seconds(5));
   if (!r.transport_ok || r.status < 200 || r.status >= 300) {
     status = 502;
     return base::error_body("upstream_failed",
@@ -913,12 +914,13 @@ void InferenceModule::register_model_file_routes_(kernel::ApiGateway& gw) {
       base::fail(res, 409, "file_exists", {{"path", shown_path(filename)}});
       return;
     }
-    http_fetch::DownloadLimits limits;
-    limits.max_bytes = model_max_bytes_;
-    limits.total_timeout_ms = pull_timeout_ms_;
-    limits.accept = has_gguf_magic;
-    http_fetch::Result r =
-        http_fetch::download(u, target, "Ostrel/5.0 InferenceModulePuller", limits);
+    base::HttpRequest pull;
+    pull.url = u;
+    pull.user_agent = "Ostrel/5.0 InferenceModulePuller";
+    pull.follow_redirects = true;
+    pull.connect_timeout = std::chrono::seconds(10);
+    pull.timeout = std::chrono::milliseconds(pull_timeout_ms_);
+    base::HttpReply r = base::http_download(pull, target, model_max_bytes_, has_gguf_magic);
     if (r.error == "file_exists") {
       base::fail(res, 409, "file_exists", {{"path", shown_path(filename)}});
       return;

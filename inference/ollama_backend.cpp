@@ -1,10 +1,9 @@
 #include "inference/ollama_backend.h"
 
-#include <curl/curl.h>
-
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "base/http_client.h"
 #include "base/json.h"
 #include "base/text.h"
 #include "inference/ollama_fields.h"
@@ -14,20 +13,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr long kConnectTimeoutMs = 5000;
-constexpr long kTagsTimeoutMs = 5000;
-constexpr size_t kMaxPooledHandles = 16;
-
-struct CurlGlobal {
-  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-};
-
-void ensure_curl_global() { static CurlGlobal once; }
-
-size_t append_body(char* data, size_t size, size_t n, void* user) {
-  static_cast<std::string*>(user)->append(data, size * n);
-  return size * n;
-}
+constexpr std::chrono::milliseconds kTagsTimeout{5000};
 
 struct StreamState {
   const ChunkSink* sink;
@@ -136,41 +122,12 @@ std::string openai_tool_calls(const Json& ollama_calls, const std::string& reque
 
 }  // namespace
 
-struct OllamaBackend::Handle {
-  CURL* curl = nullptr;
-  ~Handle() {
-    if (curl) curl_easy_cleanup(curl);
-  }
-};
-
 OllamaBackend::OllamaBackend(std::string id, std::string base_url)
     : id_(std::move(id)), base_(std::move(base_url)), chat_(base_) {
-  ensure_curl_global();
   while (!base_.empty() && base_.back() == '/') base_.pop_back();
 }
 
 OllamaBackend::~OllamaBackend() = default;
-
-std::unique_ptr<OllamaBackend::Handle> OllamaBackend::acquire_() {
-  {
-    std::lock_guard lock(pool_mu_);
-    if (!pool_.empty()) {
-      auto h = std::move(pool_.back());
-      pool_.pop_back();
-      curl_easy_reset(h->curl);  // keeps the connection cache
-      return h;
-    }
-  }
-  auto h = std::make_unique<Handle>();
-  h->curl = curl_easy_init();
-  if (!h->curl) return nullptr;
-  return h;
-}
-
-void OllamaBackend::release_(std::unique_ptr<Handle> h) {
-  std::lock_guard lock(pool_mu_);
-  if (pool_.size() < kMaxPooledHandles) pool_.push_back(std::move(h));
-}
 
 // Written directly rather than through a JSON tree: this runs for every
 // request and the tree costs several times the text.
@@ -233,15 +190,11 @@ std::string OllamaBackend::build_chat_body(const ChatRequest& req, bool stream) 
   return out;
 }
 
-std::optional<InferenceError> OllamaBackend::http_to_error(int curl_code, long status,
+std::optional<InferenceError> OllamaBackend::http_to_error(const base::UpstreamHttp::Reply& reply,
                                                            const std::string& body) {
-  if (curl_code == CURLE_ABORTED_BY_CALLBACK) {
-    return InferenceError{503, "ollama: node shutting down"};
-  }
-  if (curl_code != CURLE_OK) {
-    return InferenceError{
-        502, std::string("ollama: curl ") + curl_easy_strerror(static_cast<CURLcode>(curl_code))};
-  }
+  if (reply.shutting_down()) return InferenceError{503, "ollama: node shutting down"};
+  if (!reply.transport_ok()) return InferenceError{502, "ollama: curl " + reply.error()};
+  const long status = reply.status;
   if (status >= 200 && status < 300) return std::nullopt;
   if (status >= 500) {
     return InferenceError{502, "ollama: upstream " + std::to_string(status) + " " + body};
@@ -252,26 +205,9 @@ std::optional<InferenceError> OllamaBackend::http_to_error(int curl_code, long s
 }
 
 std::vector<std::string> OllamaBackend::list_models() {
-  auto h = acquire_();
-  if (!h) {
-    healthy_ = false;
-    return {};
-  }
-  std::string body;
-  const std::string url = base_ + "/api/tags";
-  curl_easy_setopt(h->curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(h->curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(h->curl, CURLOPT_TIMEOUT_MS, kTagsTimeoutMs);
-  curl_easy_setopt(h->curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
-  curl_easy_setopt(h->curl, CURLOPT_WRITEFUNCTION, append_body);
-  curl_easy_setopt(h->curl, CURLOPT_WRITEDATA, &body);
-  CURLcode rc = curl_easy_perform(h->curl);
-  long status = 0;
-  curl_easy_getinfo(h->curl, CURLINFO_RESPONSE_CODE, &status);
-  release_(std::move(h));
-
+  const base::HttpReply tags = base::http_get(base_, "/api/tags", {}, kTagsTimeout);
   std::vector<std::string> names;
-  Json reply = rc == CURLE_OK && status == 200 ? base::parse_json(body) : Json();
+  Json reply = tags.transport_ok && tags.status == 200 ? base::parse_json(tags.body) : Json();
   if (!reply.is_object()) {
     healthy_ = false;
     std::lock_guard lock(models_mu_);
@@ -297,16 +233,14 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
   try {
     const std::string payload = build_chat_body(req, false);
     std::string body;
-    const UpstreamHttp::Reply upstream =
+    const base::UpstreamHttp::Reply upstream =
         chat_.post("/api/chat", "application/json", "application/json", payload, nullptr,
                    [&body](std::string_view piece) {
                      body.append(piece);
                      return true;
                    });
-    if (upstream.curl_code == CURLE_FAILED_INIT) {
-      return InferenceError{500, "ollama: curl_easy_init failed"};
-    }
-    if (auto err = http_to_error(upstream.curl_code, upstream.status, body)) return err;
+    if (upstream.failed_init()) return InferenceError{500, "ollama: curl_easy_init failed"};
+    if (auto err = http_to_error(upstream, body)) return err;
 
     std::string content;
     std::string tool_calls;
@@ -359,15 +293,13 @@ std::optional<InferenceError> OllamaBackend::stream(const ChatRequest& req, cons
     st.model = req.model;
     // The status is known before the first body byte: an error answer is
     // collected whole instead of being fed to the sink.
-    const UpstreamHttp::Reply upstream = chat_.post(
+    const base::UpstreamHttp::Reply upstream = chat_.post(
         "/api/chat", "application/json", "application/x-ndjson", payload,
         [&st](long status) { st.http_error = status >= 300; },
         [&st](std::string_view piece) { return on_stream_data(&st, piece); });
     if (st.aborted) return InferenceError{499, "ollama: stream aborted by sink"};
-    if (upstream.curl_code == CURLE_FAILED_INIT) {
-      return InferenceError{500, "ollama: curl_easy_init failed"};
-    }
-    if (auto err = http_to_error(upstream.curl_code, upstream.status, st.body)) return err;
+    if (upstream.failed_init()) return InferenceError{500, "ollama: curl_easy_init failed"};
+    if (auto err = http_to_error(upstream, st.body)) return err;
     if (!st.finished) {
       // The server ended the body without its closing object.
       if (!st.pending.empty()) {

@@ -7,17 +7,17 @@
 #include <string>
 #include <vector>
 
+#include "base/upstream_http.h"
 #include "inference/backend_counters.h"
 #include "inference/types.h"
-#include "inference/upstream_http.h"
 
 namespace ostrel::inference {
 
 // A local model server speaking the Ollama HTTP API (/api/chat, /api/tags),
-// reached with libcurl. Chat requests go through UpstreamHttp's kept-alive
-// connections; the model list through a small pool of curl handles.
-// Thread-safe: counters are atomic; models_mu_ guards the cached model list,
-// pool_mu_ the idle handles; no lock is held during a transfer.
+// reached through the node's outbound HTTP client. Chat requests go over
+// UpstreamHttp's kept-alive connections; the model list is one plain GET.
+// Thread-safe: counters are atomic; models_mu_ guards the cached model list;
+// no lock is held during a transfer.
 class OllamaBackend : public Backend {
  public:
   OllamaBackend(std::string id, std::string base_url);
@@ -36,23 +36,17 @@ class OllamaBackend : public Backend {
   // The /api/chat request body for `req`.
   static std::string build_chat_body(const ChatRequest& req, bool stream);
   // Maps a transfer outcome to an error (nullopt for a 2xx answer).
-  static std::optional<InferenceError> http_to_error(int curl_code, long status,
+  static std::optional<InferenceError> http_to_error(const base::UpstreamHttp::Reply& reply,
                                                      const std::string& body);
 
  private:
-  struct Handle;
-  std::unique_ptr<Handle> acquire_();
-  void release_(std::unique_ptr<Handle> h);
-
   std::string id_;
   std::string base_;
   std::atomic<bool> healthy_{false};
   BackendCounters counters_;
   mutable std::mutex models_mu_;  // guards models_
   std::vector<std::string> models_;
-  std::mutex pool_mu_;  // guards pool_
-  std::vector<std::unique_ptr<Handle>> pool_;
-  UpstreamHttp chat_;
+  base::UpstreamHttp chat_;
 };
 
 }  // namespace ostrel::inference

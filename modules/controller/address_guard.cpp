@@ -69,22 +69,9 @@ bool AddressGuard::named(const std::string& url) const {
                      [&](const std::string& h) { return h == authority || h == host; });
 }
 
-AddressGuard::Transfer::Transfer(const AddressGuard& guard, const std::string& url)
-    : allow_inside_(guard.named(url)) {}
-
-void AddressGuard::Transfer::install(CURL* curl) {
-  curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, &Transfer::open_socket);
-  curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, this);
-}
-
-curl_socket_t AddressGuard::Transfer::open_socket(void* self, curlsocktype,
-                                                  curl_sockaddr* address) {
-  auto* t = static_cast<Transfer*>(self);
-  if (!t->allow_inside_ && inside_address(&address->addr)) {
-    t->blocked_ = true;
-    return CURL_SOCKET_BAD;
-  }
-  return ::socket(address->family, address->socktype, address->protocol);
+base::ConnectCheck AddressGuard::check_for(const std::string& url) const {
+  if (named(url)) return {};
+  return [](const sockaddr* address) { return !inside_address(address); };
 }
 
 }  // namespace ostrel::controller

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <curl/curl.h>
-
 #include <string>
 #include <vector>
+
+#include "base/http_client.h"
 
 // Where the controller's outbound calls (web pages, webhook deliveries) may
 // connect: public addresses always; private, loopback, link-local (the cloud
@@ -25,19 +25,9 @@ class AddressGuard {
   // Whether calls to `url` may reach inside addresses (its host is named).
   bool named(const std::string& url) const;
 
-  // One transfer's check: install() on the handle before performing it, then
-  // blocked() tells whether a connect was refused.
-  class Transfer {
-   public:
-    Transfer(const AddressGuard& guard, const std::string& url);
-    void install(CURL* curl);
-    bool blocked() const { return blocked_; }
-
-   private:
-    static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address);
-    bool allow_inside_ = false;
-    bool blocked_ = false;
-  };
+  // The check of every connect a transfer to `url` makes (for
+  // HttpRequest::check_connect; HttpReply::blocked tells a refusal).
+  base::ConnectCheck check_for(const std::string& url) const;
 
  private:
   bool allow_all_ = false;

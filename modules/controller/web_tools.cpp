@@ -1,7 +1,6 @@
 #include "modules/controller/web_tools.h"
 
 #include <arpa/inet.h>
-#include <curl/curl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -9,9 +8,10 @@
 #include <cctype>
 #include <cstring>
 
+#include "base/http_client.h"
 #include "base/json.h"
-#include "modules/controller/address_guard.h"
 #include "base/reply.h"
+#include "modules/controller/address_guard.h"
 
 namespace ostrel::controller {
 namespace {
@@ -20,64 +20,29 @@ using Json = nlohmann::json;
 constexpr std::size_t kMaxBytes = 2 << 20;
 constexpr std::size_t kMaxText = 20000;
 
-struct Transfer {
-  std::string body;
+struct Got {
+  long status = 0;
+  std::string content_type, error, final_url, body;
   bool truncated = false;
 };
 
-size_t collect(char* data, size_t size, size_t n, void* user) {
-  auto* t = static_cast<Transfer*>(user);
-  const size_t bytes = size * n;
-  if (t->body.size() + bytes > kMaxBytes) {
-    t->body.append(data, kMaxBytes - t->body.size());
-    t->truncated = true;
-    return 0;  // stop the transfer
-  }
-  t->body.append(data, bytes);
-  return bytes;
-}
-
-struct Got {
-  long status = 0;
-  std::string content_type, error, final_url;
-  Transfer t;
-  bool blocked = false;  // a connect to an inside address was refused
-};
-
 Got get(const std::string& url, const AddressGuard& guard) {
+  base::HttpRequest r;
+  r.url = url;
+  r.follow_redirects = true;
+  r.timeout = std::chrono::seconds(10);
+  r.connect_timeout = std::chrono::seconds(5);
+  r.decompress = true;
+  r.max_body = kMaxBytes;
+  r.check_connect = guard.check_for(url);
+  base::HttpReply reply = base::http_request(r);
   Got g;
-  AddressGuard::Transfer checked(guard, url);
-  CURL* curl = curl_easy_init();
-  if (!curl) {
-    g.error = "curl_init_failed";
-    return g;
-  }
-  char err[CURL_ERROR_SIZE] = {0};
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_USERAGENT, "Ostrel/5.0.0");
-  curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, err);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &g.t);
-  checked.install(curl);
-  const CURLcode rc = curl_easy_perform(curl);
-  g.blocked = checked.blocked();
-  if (rc != CURLE_OK && !(rc == CURLE_WRITE_ERROR && g.t.truncated)) {
-    g.error = g.blocked ? "address_not_allowed" : (err[0] ? err : curl_easy_strerror(rc));
-  }
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &g.status);
-  char* ct = nullptr;
-  if (curl_easy_getinfo(curl, CURLINFO_CONTENT_TYPE, &ct) == CURLE_OK && ct) g.content_type = ct;
-  char* eff = nullptr;
-  if (curl_easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &eff) == CURLE_OK && eff) g.final_url = eff;
-  curl_easy_cleanup(curl);
+  g.status = reply.status;
+  g.content_type = std::move(reply.content_type);
+  g.final_url = std::move(reply.final_url);
+  g.body = std::move(reply.body);
+  g.truncated = reply.truncated;
+  if (!reply.transport_ok) g.error = reply.blocked ? "address_not_allowed" : reply.error;
   return g;
 }
 
@@ -89,21 +54,6 @@ bool http_url(const std::string& url) {
 std::string lower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return s;
-}
-
-std::string escape_query(const std::string& q) {
-  static const char* hex = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : q) {
-    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
-  }
-  return out;
 }
 
 }  // namespace
@@ -190,8 +140,8 @@ WebTools::Answer WebTools::fetch(const std::string& url) const {
   }
   std::string title, text;
   const bool html = lower(g.content_type).find("html") != std::string::npos;
-  text = html ? html_to_text(g.t.body, &title) : g.t.body;
-  bool truncated = g.t.truncated;
+  text = html ? html_to_text(g.body, &title) : g.body;
+  bool truncated = g.truncated;
   if (text.size() > kMaxText) {
     text.resize(kMaxText);
     truncated = true;
@@ -214,14 +164,14 @@ WebTools::Answer WebTools::search(const std::string& query, int max_results) con
             {{"message", "set controller.web_search_url to a SearXNG-compatible search service"}}),
         501};
   }
-  Got g = get(search_url_ + "/search?format=json&q=" + escape_query(query), search_guard_);
+  Got g = get(search_url_ + "/search?format=json&q=" + base::escape_query(query), search_guard_);
   if (!g.error.empty() || g.status < 200 || g.status >= 300) {
     return {base::error_body(
                 "search_failed",
                 {{"message", g.error.empty() ? "http " + std::to_string(g.status) : g.error}}),
             502};
   }
-  Json j = base::parse_json(g.t.body);
+  Json j = base::parse_json(g.body);
   Json results = Json::array();
   if (j.is_object() && j.contains("results") && j["results"].is_array()) {
     for (const auto& r : j["results"]) {

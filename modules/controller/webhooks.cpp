@@ -1,13 +1,13 @@
 #include "modules/controller/webhooks.h"
 
 #include <arpa/inet.h>
-#include <curl/curl.h>
 #include <netinet/in.h>
 
 #include <algorithm>
 
 #include "base/clock.h"
 #include "base/encoding.h"
+#include "base/http_client.h"
 #include "base/json.h"
 #include "base/reply.h"
 
@@ -37,57 +37,31 @@ bool wants(const Json& events, const std::string& event) {
   return false;
 }
 
-size_t collect(char* data, size_t size, size_t n, void* user) {
-  auto* out = static_cast<std::string*>(user);
-  const size_t bytes = size * n;
-  if (out->size() < 4096) out->append(data, std::min(bytes, 4096 - out->size()));
-  return bytes;
-}
-
 struct Outcome {
   long status = 0;
   std::string body, error;
 };
 
-Outcome post(const std::string& url, const std::vector<std::string>& headers,
-             const std::string& body, int timeout_s, int connect_timeout_s,
-             const AddressGuard& guard) {
+Outcome post(const std::string& url, const base::HttpHeaders& headers, const std::string& body,
+             int timeout_s, int connect_timeout_s, const AddressGuard& guard) {
+  base::HttpRequest r;
+  r.method = "POST";
+  r.url = url;
+  r.headers = headers;
+  r.body = body;
+  r.timeout = std::chrono::seconds(timeout_s);
+  r.connect_timeout = std::chrono::seconds(connect_timeout_s);
+  r.max_body = 4096;                       // enough of an answer to report
+  r.check_connect = guard.check_for(url);  // a delivery goes where it was subscribed
+  base::HttpReply reply = base::http_request(r);
   Outcome o;
-  AddressGuard::Transfer checked(guard, url);
-  CURL* curl = curl_easy_init();
-  if (!curl) {
-    o.error = "curl_init_failed";
-    return o;
+  o.status = reply.status;
+  o.body = std::move(reply.body);
+  if (!reply.transport_ok) {
+    o.error = reply.blocked ? "address_not_allowed: inside addresses are refused unless "
+                              "named in controller.webhook_private_hosts"
+                            : reply.error;
   }
-  curl_slist* list = nullptr;
-  for (const auto& h : headers) list = curl_slist_append(list, h.c_str());
-  char err[CURL_ERROR_SIZE] = {0};
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_POST, 1L);
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
-  curl_easy_setopt(curl, CURLOPT_USERAGENT, "Ostrel/5.0.0");
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(timeout_s));
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(connect_timeout_s));
-  // A delivery goes where it was subscribed, not where an answer points.
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, err);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &o.body);
-  checked.install(curl);
-  const CURLcode rc = curl_easy_perform(curl);
-  if (rc != CURLE_OK) {
-    o.error = checked.blocked() ? "address_not_allowed: inside addresses are refused unless "
-                                  "named in controller.webhook_private_hosts"
-                                : (err[0] ? err : curl_easy_strerror(rc));
-  } else {
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &o.status);
-  }
-  curl_slist_free_all(list);
-  curl_easy_cleanup(curl);
   return o;
 }
 
@@ -352,10 +326,11 @@ void Webhooks::deliver_(const Job& job) {
     ++attempt;
     const std::int64_t ts = base::unix_s();
     o = post(job.url,
-             {"Content-Type: application/json", "X-Ostrel-Event: " + job.event,
-              "X-Ostrel-Signature: sha256=" + ostrel_signature(job.secret, job.body),
-              "webhook-id: " + msg_id, "webhook-timestamp: " + std::to_string(ts),
-              "webhook-signature: " + standard_signature(job.secret, msg_id, ts, job.body)},
+             {{"X-Ostrel-Event", job.event},
+              {"X-Ostrel-Signature", "sha256=" + ostrel_signature(job.secret, job.body)},
+              {"webhook-id", msg_id},
+              {"webhook-timestamp", std::to_string(ts)},
+              {"webhook-signature", standard_signature(job.secret, msg_id, ts, job.body)}},
              job.body, opt_.timeout_s, opt_.connect_timeout_s, opt_.guard);
     if (o.error.empty() && o.status >= 200 && o.status < 300) break;
     permanent = o.status == 410 || o.error.rfind("address_not_allowed", 0) == 0 ||

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ostrel::inference {
+namespace ostrel::base {
 
 // POSTs to one model server over kept-alive HTTP/1.1 connections, for the
 // calls every chat request makes. libcurl makes each connection (name
@@ -25,6 +25,14 @@ class UpstreamHttp {
     int curl_code = 0;     // CURLE_OK (0), or the libcurl failure
     long status = 0;       // HTTP status; 0 when none arrived
     bool aborted = false;  // the body sink returned false
+
+    bool transport_ok() const { return curl_code == 0; }
+    // The abort descriptor fired: the node is shutting down.
+    bool shutting_down() const;
+    // No handle could be made (out of memory).
+    bool failed_init() const;
+    // libcurl's text for curl_code.
+    std::string error() const;
   };
   // Sees the status once, before any body byte.
   using StatusSink = std::function<void(long status)>;
@@ -73,4 +81,4 @@ class UpstreamHttp {
   std::vector<std::unique_ptr<Connection>> idle_;
 };
 
-}  // namespace ostrel::inference
+}  // namespace ostrel::base

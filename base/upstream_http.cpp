@@ -1,4 +1,4 @@
-#include "inference/upstream_http.h"
+#include "base/upstream_http.h"
 
 #include <curl/curl.h>
 #include <poll.h>
@@ -9,19 +9,16 @@
 #include <chrono>
 #include <cstring>
 
+#include "base/http_client.h"
 #include "base/text.h"
 
-namespace ostrel::inference {
+namespace ostrel::base {
 namespace {
 
 constexpr long kConnectTimeoutMs = 5000;
 constexpr std::size_t kMaxHeaderBytes = 64 * 1024;
 constexpr std::size_t kReadBytes = 16 * 1024;
 constexpr std::size_t kMaxIdle = 64;
-
-struct CurlGlobal {
-  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-};
 
 // Waits until the socket is ready for `events`. Returns CURLE_OK,
 // CURLE_OPERATION_TIMEDOUT when nothing happened for `timeout_ms`, or
@@ -53,6 +50,14 @@ bool contains_token(std::string_view value, std::string_view token) {
 }
 
 }  // namespace
+
+bool UpstreamHttp::Reply::shutting_down() const { return curl_code == CURLE_ABORTED_BY_CALLBACK; }
+
+bool UpstreamHttp::Reply::failed_init() const { return curl_code == CURLE_FAILED_INIT; }
+
+std::string UpstreamHttp::Reply::error() const {
+  return curl_easy_strerror(static_cast<CURLcode>(curl_code));
+}
 
 struct UpstreamHttp::Connection {
   CURL* curl = nullptr;
@@ -108,7 +113,7 @@ struct UpstreamHttp::Connection {
 
 UpstreamHttp::UpstreamHttp(std::string base_url, std::chrono::milliseconds idle_timeout)
     : base_(std::move(base_url)), idle_timeout_(idle_timeout) {
-  static CurlGlobal once;
+  detail::ensure_curl_global();
   while (!base_.empty() && base_.back() == '/') base_.pop_back();
   std::string_view rest = base_;
   if (auto scheme = rest.find("://"); scheme != std::string_view::npos) {
@@ -389,4 +394,4 @@ UpstreamHttp::Outcome UpstreamHttp::read_reply_(Connection& c, const StatusSink&
   return keep_alive && c.in.empty() ? Outcome::keep : Outcome::close;
 }
 
-}  // namespace ostrel::inference
+}  // namespace ostrel::base

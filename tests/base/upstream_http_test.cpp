@@ -1,6 +1,4 @@
-#include "inference/upstream_http.h"
-
-#include "inference/ollama_backend.h"
+#include "base/upstream_http.h"
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
@@ -16,124 +14,17 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/scripted_server.h"
 #include "tests/support/test_support.h"
 
-namespace ostrel::inference {
+namespace ostrel::base {
 namespace {
 
+using testing::listen_loopback;
+using testing::loopback;
+using testing::ScriptedServer;
+
 using namespace std::chrono_literals;
-
-sockaddr_in loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<std::uint16_t>(port));
-  return addr;
-}
-
-// A listening socket on a free loopback port; sets `port`.
-int listen_loopback(int& port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  int yes = 1;
-  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  sockaddr_in addr = loopback(0);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  ::listen(fd, 16);
-  socklen_t len = sizeof addr;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  port = ntohs(addr.sin_port);
-  return fd;
-}
-
-// A loopback server that answers the n-th request (counted over all
-// connections) with answers[n]: its pieces are written one by one with a
-// pause between them, so the client sees them in separate reads. After an
-// answer marked `close`, the connection is closed. Records every request.
-class ScriptedServer {
- public:
-  struct Answer {
-    std::vector<std::string> pieces;
-    bool close = false;
-    // Before the last piece, wait until `pieces_read` reaches this count, so
-    // that a test can see the earlier pieces delivered on their own.
-    int await_reads = 0;
-  };
-  std::vector<Answer> answers;
-  std::atomic<int> pieces_read{0};  // counted by the test's body sink
-
-  ScriptedServer() { listen_fd_ = listen_loopback(port_); }
-  ~ScriptedServer() {
-    ::shutdown(listen_fd_, SHUT_RDWR);
-    ::close(listen_fd_);
-    if (thread_.joinable()) thread_.join();
-  }
-  void start() {
-    thread_ = std::thread([this] {
-      while (true) {
-        int fd = ::accept(listen_fd_, nullptr, nullptr);
-        if (fd < 0) return;
-        ++connections_;
-        serve(fd);
-        ::close(fd);
-      }
-    });
-  }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  int connections() const { return connections_; }
-  std::vector<std::string> requests() {
-    std::lock_guard lock(mu_);
-    return requests_;
-  }
-
- private:
-  void serve(int fd) {
-    std::string in;
-    char buf[4096];
-    while (true) {
-      std::size_t end;
-      while ((end = in.find("\r\n\r\n")) == std::string::npos) {
-        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-        if (n <= 0) return;
-        in.append(buf, static_cast<std::size_t>(n));
-      }
-      std::size_t length = 0;
-      if (auto at = in.find("Content-Length: "); at != std::string::npos && at < end) {
-        length = std::stoul(in.substr(at + 16));
-      }
-      while (in.size() < end + 4 + length) {
-        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-        if (n <= 0) return;
-        in.append(buf, static_cast<std::size_t>(n));
-      }
-      std::size_t index;
-      {
-        std::lock_guard lock(mu_);
-        requests_.push_back(in.substr(0, end + 4 + length));
-        index = requests_.size() - 1;
-      }
-      in.erase(0, end + 4 + length);
-      if (index >= answers.size()) return;
-      const Answer& answer = answers[index];
-      for (std::size_t i = 0; i < answer.pieces.size(); ++i) {
-        if (i + 1 == answer.pieces.size()) {
-          for (int waited = 0; pieces_read < answer.await_reads && waited < 5000; ++waited) {
-            std::this_thread::sleep_for(1ms);
-          }
-        }
-        ::send(fd, answer.pieces[i].data(), answer.pieces[i].size(), MSG_NOSIGNAL);
-        std::this_thread::sleep_for(3ms);
-      }
-      if (answers[index].close) return;
-    }
-  }
-
-  int listen_fd_ = -1;
-  int port_ = 0;
-  std::thread thread_;
-  std::atomic<int> connections_{0};
-  std::mutex mu_;  // guards requests_
-  std::vector<std::string> requests_;
-};
 
 // A CONNECT proxy: reads the CONNECT request, answers 200 and then copies
 // bytes both ways between the client and the target it named.
@@ -376,42 +267,5 @@ TEST(UpstreamHttp, TunnelsThroughAConfiguredProxy) {
   EXPECT_EQ(server.requests()[1].rfind("POST /api/chat HTTP/1.1\r\n", 0), 0u);
 }
 
-// Lines that arrive in one read are marked as followed by more, so that a
-// writer can send them together; the last of a read is not held back.
-TEST(OllamaBackend, MarksChunksThatArrivedTogether) {
-  auto line = [](const std::string& word, bool done) {
-    return std::string("{\"model\":\"m\",\"message\":{\"role\":\"assistant\",\"content\":\"") +
-           word + "\"},\"done\":" + (done ? "true,\"done_reason\":\"stop\"" : "false") + "}\n";
-  };
-  // Chunked, one line a chunk, as a model server streams: the first three
-  // chunks arrive in one read, the last two in another.
-  auto chunk = [](const std::string& data) {
-    char size[16];
-    std::snprintf(size, sizeof size, "%zx\r\n", data.size());
-    return size + data + "\r\n";
-  };
-  ScriptedServer server;
-  server.answers = {
-      {{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk(line("a", false)) +
-            chunk(line("b", false)) + chunk(line("c", false)),
-        chunk(line("d", false)) + chunk(line("", true)) + "0\r\n\r\n"},
-       false,
-       3}};
-  server.start();
-  OllamaBackend backend("o", server.url());
-  ChatRequest req;
-  req.model = "m";
-  req.messages = {Message{"user", "hi", "", "", ""}};
-  std::vector<std::pair<std::string, bool>> seen;
-  auto err = backend.stream(req, [&](const ChatChunk& c) {
-    seen.emplace_back(c.delta, c.more_ready);
-    ++server.pieces_read;
-    return true;
-  });
-  ASSERT_FALSE(err) << err->message;
-  EXPECT_EQ(seen, (std::vector<std::pair<std::string, bool>>{
-                      {"a", true}, {"b", true}, {"c", false}, {"d", true}, {"", false}}));
-}
-
 }  // namespace
-}  // namespace ostrel::inference
+}  // namespace ostrel::base

@@ -80,14 +80,6 @@ struct ToolContext {
 
 bool is_off(const std::string& v) { return v == "off" || v == "false" || v == "0" || v == "no"; }
 
-std::string env_or(const kernel::ConfigView& cfg, const std::string& key, const char* env,
-                   const std::string& fallback) {
-  std::string v = cfg.get(key, "");
-  if (!v.empty()) return v;
-  if (const char* e = std::getenv(env); e && *e) return e;
-  return fallback;
-}
-
 std::string trace_id_now() {
   const auto* c = obs::current_context();
   return c && c->valid() ? c->trace_id : std::string();
@@ -190,10 +182,9 @@ bool AgentModule::initialize(const kernel::ModuleContext& ctx) {
   fs::create_directories(dir, ec);
   if (ec) log_->warn("could not create sessions dir " + dir.string() + ": " + ec.message());
 
-  controller_url_ =
-      base::normalise_base_url(env_or(cfg, "controller_url", "OSTREL_ULVO_CONTROLLER_URL", ""));
-  api_key_ = env_or(cfg, "api_key", "OSTREL_ULVO_API_KEY", "");
-  default_model_ = env_or(cfg, "default_model", "OSTREL_ULVO_DEFAULT_MODEL", "ostrel-echo");
+  controller_url_ = base::normalise_base_url(cfg.get("controller_url"));
+  api_key_ = cfg.get("api_key");
+  default_model_ = cfg.get("default_model", "ostrel-echo");
   const std::string window = cfg.get("history_messages", "40");
   history_window_ =
       static_cast<std::size_t>(std::max(0L, std::strtol(window.c_str(), nullptr, 10)));

@@ -1,5 +1,6 @@
 #include "base/log.h"
 
+#include "base/env.h"
 #include "base/text.h"
 
 #include <chrono>
@@ -44,8 +45,7 @@ Logger& Logger::instance() {
 
 Logger::Logger() {
   add_sink(stamping_dispatcher);
-  const char* json = std::getenv("OSTREL_LOG_TO_STDERR");
-  if (json && json[0] == '1') add_sink(json_stderr_sink);
+  if (base::env::text("OSTREL_LOG_TO_STDERR").rfind('1', 0) == 0) add_sink(json_stderr_sink);
 }
 
 void Logger::clear_sinks() {

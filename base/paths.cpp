@@ -1,14 +1,13 @@
 #include "base/paths.h"
+#include "base/env.h"
 
 #include <cstdlib>
 
 namespace ostrel::base {
 
 std::string base_config_dir() {
-  if (const char* dir = std::getenv("OSTREL_CONFIG_DIR"); dir && *dir) return dir;
-  if (const char* home = std::getenv("HOME"); home && *home) {
-    return std::string(home) + "/.config/ostrel";
-  }
+  if (std::string dir = env::text("OSTREL_CONFIG_DIR"); !dir.empty()) return dir;
+  if (std::string home = env::text("HOME"); !home.empty()) return home + "/.config/ostrel";
   return "/etc/ostrel";
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "base/env.h"
 #include "base/log.h"
 #include "base/text.h"
 
@@ -44,8 +45,8 @@ bool all_zero(std::string_view s) { return s.find_first_not_of('0') == std::stri
 namespace {
 bool stderr_spans() {
   static const bool on = [] {
-    const char* v = std::getenv("OSTREL_TRACE_TO_STDERR");
-    return v && *v && std::string_view(v) != "0";
+    return base::env::is_set("OSTREL_TRACE_TO_STDERR") &&
+           base::env::text("OSTREL_TRACE_TO_STDERR") != "0";
   }();
   return on;
 }

@@ -264,9 +264,6 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
   proxy_url_ = cfg.get("proxy_url", "");
   max_chunks_per_request_ = static_cast<std::size_t>(
       std::max<std::int64_t>(1, cfg.get_int("max_chunks_per_request", 20000)));
-  if (proxy_url_.empty()) {
-    if (const char* v = std::getenv("OSTREL_DATA_PROXY_URL"); v && *v) proxy_url_ = v;
-  }
   proxy_url_ = normalise_peer_url(proxy_url_);
   if (!proxy_url_.empty()) log_->info("data: bridge mode → " + proxy_url_);
 

@@ -40,13 +40,6 @@ PeerDirectory::PeerDirectory(kernel::SyscallTable* syscalls, identity::SourceCod
                              std::string configured)
     : syscalls_(syscalls), self_(self) {
   configured_ = split_urls(configured);
-  if (const char* env = std::getenv("OSTREL_ULVO_PEERS"); env && *env) {
-    for (auto& url : split_urls(env)) {
-      if (std::find(configured_.begin(), configured_.end(), url) == configured_.end()) {
-        configured_.push_back(url);
-      }
-    }
-  }
 }
 
 std::vector<std::string> PeerDirectory::from_membership_(bool data_only) const {

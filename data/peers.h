@@ -13,7 +13,7 @@ namespace ostrel::data {
 // The other nodes the data module talks to, as base URLs ("http://host:port").
 // When some module registers the syscall "cluster.members" (cluster
 // membership), its answer is the list; until then the list is the module's
-// "peers" setting (comma-separated) and OSTREL_ULVO_PEERS. This is the one
+// "peers" setting (comma-separated; OSTREL_ULVO_PEERS when unset). This is the one
 // place the data module learns who its peers are.
 // Thread-safe: it holds only configuration; the syscall table is borrowed
 // from the kernel, which outlives the module.

@@ -254,12 +254,7 @@ bool DreamModule::initialize(const kernel::ModuleContext& ctx) {
   base::remove_stale_temporaries(root_, true);
   profiles_ = std::make_shared<ProfileStore>(profiles_dir);
 
-  for (const char* var : {"OSTREL_ULVO_CONTROLLER_URL", "OSTREL_ULVO_CONTROLLER"}) {
-    if (const char* v = std::getenv(var); v && *v) {
-      controller_url_ = v;
-      break;
-    }
-  }
+  controller_url_ = cfg.get("controller_url");
 
   DreamConfig c;
   c.enabled = config_bool(cfg, "enabled", c.enabled);
@@ -305,12 +300,11 @@ bool DreamModule::initialize(const kernel::ModuleContext& ctx) {
   if (conversations_root.empty()) conversations_root = data_dir.string();
   auto sessions = std::make_shared<ProfileFilteredSource>(
       std::make_shared<FilesystemSessionSource>(conversations_root, *log_), profiles_);
-  const char* secret = std::getenv("OSTREL_CLUSTER_SECRET");
   std::string data_node = cfg.get("data_node_url", "");
   if (data_node.empty()) data_node = controller_url_;
   kernel::SyscallTable* syscalls = ctx.syscalls;
   auto sink = std::make_shared<MatrixMemorySink>(
-      data_node, secret ? secret : ctx.cluster_secret,
+      data_node, ctx.cluster_secret,
       [syscalls](const std::string& args) -> std::optional<MatrixMemorySink::LocalAnswer> {
         if (!syscalls->has("data.memory.store")) return std::nullopt;
         kernel::SyscallResult r = syscalls->call(kDreamSource, "data.memory.store", args);

@@ -11,6 +11,7 @@
 
 #include "base/durable_file.h"
 #include "base/encoding.h"
+#include "base/env.h"
 #include "base/json.h"
 #include "base/paths.h"
 #include "base/reply.h"
@@ -171,7 +172,7 @@ std::string current_eis_id() {
 
 std::string current_node_id() {
   static const std::string id = [] {
-    if (const char* env = std::getenv("OSTREL_NODE_ID"); env && *env) return std::string(env);
+    if (std::string id = base::env::text("OSTREL_NODE_ID"); !id.empty()) return id;
     char host[256];
     if (::gethostname(host, sizeof host) == 0) {
       host[sizeof host - 1] = '\0';

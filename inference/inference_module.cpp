@@ -175,7 +175,7 @@ bool InferenceModule::initialize(const kernel::ModuleContext& ctx) {
   log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("inference"));
   const kernel::ConfigView& cfg = *ctx.config;
   config_dir_ = base::base_config_dir();
-  if (const char* dir = std::getenv("OSTREL_INFERENCE_MODEL_DIR"); dir && *dir) {
+  if (std::string dir = cfg.get("model_dir"); !dir.empty()) {
     model_dir_ = dir;
   } else {
     model_dir_ = fs::path(cfg.get("data_dir", ctx.data_dir)) / "models";

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/durable_file.h"
+#include "base/env.h"
 #include "base/journal.h"
 #include "base/json.h"
 #include "base/names.h"
@@ -17,7 +18,7 @@ using Json = nlohmann::json;
 std::string LocalBackend::resolved_key() const {
   if (!api_key.empty()) return api_key;
   if (!api_key_env.empty() && env_allowed) {
-    if (const char* v = std::getenv(api_key_env.c_str())) return v;
+    return base::env::text(api_key_env);
   }
   return "";
 }
@@ -154,7 +155,7 @@ bool LocalBackendRegistry::compact(std::string& error) {
 }
 
 LocalBackendRegistry::Change LocalBackendRegistry::remove(const std::string& id,
-                                                           std::string& error) {
+                                                          std::string& error) {
   std::lock_guard lock(mu_);
   if (!backends_.count(id)) return Change::unknown;
   if (!base::append_journal_line(journal_, base::dump_json(Json{{"op", "remove"}, {"id", id}}),

@@ -157,12 +157,6 @@ bool RouterModule::initialize(const kernel::ModuleContext& ctx) {
   ctx_ = ctx;
   log_ = std::make_unique<base::Logger>(ctx.logger->with_tag("router"));
   controller_url_ = ctx.config->get("controller_url", "");
-  if (controller_url_.empty()) {
-    if (const char* v = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); v && *v) {
-      controller_url_ = v;
-      log_->info(std::string("controller_url from OSTREL_ULVO_CONTROLLER_URL: ") + v);
-    }
-  }
   controller_url_ = base::normalise_base_url(controller_url_);
   admin_dir_ = fs::path(ctx.config->get("data_dir", ctx.data_dir)) / "admin";
   const std::string strategy = ctx.config->get("strategy", "round_robin");
@@ -349,8 +343,8 @@ void RouterModule::resync_loop_() {
 }
 
 void RouterModule::autodetect_ai_mode_() {
-  const char* peers = std::getenv("OSTREL_ULVO_PEERS");
-  if (!peers || !*peers) {
+  const std::string peers = ctx_.config->get("peers");
+  if (peers.empty()) {
     log_->info("AI-mode autodetect: no peers in OSTREL_ULVO_PEERS env");
     return;
   }

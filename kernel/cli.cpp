@@ -93,18 +93,18 @@ ParseOutcome parse(int argc, const char* const* argv, const EnvLookup& env, std:
   ParseOutcome out;
   KernelConfig& cfg = out.config;
 
-  if (const char* dir = env("OSTREL_DATA_DIR")) {
-    cfg.data_dir = dir;
-  } else if (const char* home = env("HOME")) {
-    cfg.data_dir = std::string(home) + "/.local/share/ostrel";
+  if (auto dir = env("OSTREL_DATA_DIR")) {
+    cfg.data_dir = *dir;  // even when empty
+  } else if (auto home = env("HOME")) {
+    cfg.data_dir = *home + "/.local/share/ostrel";
   } else {
     cfg.data_dir = "/tmp/ostrel";
   }
-  if (const char* ext = env("OSTREL_ULVO_EXTENSIONS_D")) cfg.extensions_d = ext;
+  if (auto ext = env("OSTREL_ULVO_EXTENSIONS_D")) cfg.extensions_d = *ext;
   // The node's id: --node-id, else OSTREL_NODE_ID, else "node-1".
-  if (const char* id = env("OSTREL_NODE_ID"); id && *id) cfg.node_id = id;
-  if (const char* auth = env("OSTREL_AUTH")) {
-    std::string_view a = auth;
+  if (auto id = env("OSTREL_NODE_ID"); id && !id->empty()) cfg.node_id = *id;
+  if (auto auth = env("OSTREL_AUTH")) {
+    std::string_view a = *auth;
     if (a == "enforce" || a == "1" || a == "on") cfg.auth_mode = AuthMode::enforce;
   }
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "kernel/kernel_config.h"
@@ -16,7 +17,8 @@ struct ParseOutcome {
   KernelConfig config;
 };
 
-using EnvLookup = std::function<const char*(const char*)>;
+// The value of an environment variable when it is set (perhaps empty).
+using EnvLookup = std::function<std::optional<std::string>(const char*)>;
 
 // Turns the environment and the command line into a KernelConfig. Messages
 // (usage, unknown option, bad --auth) go to `err`; nothing else is printed.

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "base/clock.h"
+#include "base/env.h"
 #include "base/http_client.h"
 #include "base/json.h"
 #include "base/reply.h"
@@ -17,13 +18,6 @@ namespace {
 
 using Json = nlohmann::json;
 namespace gossip = cluster::gossip;
-
-bool env_truthy(const char* name) {
-  const char* v = std::getenv(name);
-  if (!v) return false;
-  const std::string s = v;
-  return s == "1" || s == "true" || s == "TRUE" || s == "yes";
-}
 
 std::string join_names(const std::vector<std::string>& names, const std::string& none) {
   std::string out;
@@ -44,7 +38,7 @@ bool Kernel::join_cluster_(const std::string& peers) {
   }
   logger_.info("joining cluster via " + first);
   base::HttpHeaders headers;
-  if (const char* t = std::getenv("OSTREL_CLUSTER_JOIN_TOKEN"); t && *t) {
+  if (std::string t = base::env::text("OSTREL_CLUSTER_JOIN_TOKEN"); !t.empty()) {
     headers.emplace_back("X-Ostrel-Join-Token", t);
   } else {
     logger_.warn(
@@ -134,24 +128,16 @@ void Kernel::run_peer_register_(const std::string& controller) {
 }
 
 void Kernel::start_gossip_() {
-  if (!env_truthy("OSTREL_GOSSIP_ENABLED")) {
+  if (!base::env::flag("OSTREL_GOSSIP_ENABLED")) {
     logger_.info("gossip mesh disabled (set OSTREL_GOSSIP_ENABLED=1 to opt in)");
   } else {
     gossip::GossipMesh::Config c;
     c.self_id = config_.node_id;
-    const char* bind = std::getenv("OSTREL_GOSSIP_BIND");
-    c.bind = bind && *bind ? bind : "0.0.0.0:7946";
-    const char* advertise = std::getenv("OSTREL_GOSSIP_ADVERTISE");
-    c.self_address = advertise && *advertise ? advertise : c.bind;
-    if (const char* s = std::getenv("OSTREL_GOSSIP_SEEDS")) c.seeds = gossip::split_seeds(s);
+    c.bind = base::env::text("OSTREL_GOSSIP_BIND", "0.0.0.0:7946");
+    c.self_address = base::env::text("OSTREL_GOSSIP_ADVERTISE", c.bind);
+    c.seeds = gossip::split_seeds(base::env::text("OSTREL_GOSSIP_SEEDS"));
     auto number = [](const char* name, int fallback) {
-      const char* v = std::getenv(name);
-      if (!v || !*v) return fallback;
-      try {
-        return std::max(1, std::stoi(v));
-      } catch (...) {
-        return fallback;
-      }
+      return static_cast<int>(base::env::integer(name, fallback, 1, 1 << 30));
     };
     c.interval_ms = number("OSTREL_GOSSIP_INTERVAL_MS", c.interval_ms);
     c.fanout = number("OSTREL_GOSSIP_FANOUT", c.fanout);
@@ -261,8 +247,7 @@ void Kernel::announce_gossip_url_() {
     // names a host others can dial.
     std::string from;
     for (const char* name : {"OSTREL_GOSSIP_ADVERTISE", "OSTREL_GOSSIP_BIND"}) {
-      const char* v = std::getenv(name);
-      const std::string a = v ? v : "";
+      const std::string a = base::env::text(name);
       const std::string h = a.substr(0, a.rfind(':'));
       if (!h.empty() && h != "0.0.0.0" && h != "::" && a.find(':') != std::string::npos) {
         from = h;

@@ -7,6 +7,7 @@
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/encoding.h"
+#include "base/env.h"
 #include "base/json.h"
 #include "base/reply.h"
 #include "identity/node_token.h"
@@ -69,12 +70,12 @@ void Kernel::persist_cluster_state_() {
 }
 
 void Kernel::establish_cluster_identity_() {
-  if (const char* env = std::getenv("OSTREL_CLUSTER_SECRET"); env && *env) {
-    cluster_secret_ = env;
+  if (std::string secret = base::env::text("OSTREL_CLUSTER_SECRET"); !secret.empty()) {
+    cluster_secret_ = secret;
     logger_.info("cluster secret loaded from OSTREL_CLUSTER_SECRET");
   } else if (load_cluster_state_()) {
     logger_.info("cluster secret loaded from cluster.json");
-  } else if (const char* peers = std::getenv("OSTREL_ULVO_PEERS"); peers && *peers) {
+  } else if (std::string peers = base::env::text("OSTREL_ULVO_PEERS"); !peers.empty()) {
     logger_.info("no cluster secret — attempting cluster join via peers");
     if (!join_cluster_(peers)) {
       // Not saved: a later boot with a reachable peer can still join.
@@ -95,8 +96,8 @@ void Kernel::establish_cluster_identity_() {
   identity_.issued_at_ms = unix_ms();
   identity_.expires_at_ms = identity_.issued_at_ms + 24LL * 3600 * 1000;
   logger_.info("node identity: id=" + identity_.node_id + ", cluster=" + identity_.cluster_id);
-  if (const char* url = std::getenv("OSTREL_ULVO_CONTROLLER_URL"); url && *url) {
-    logger_.info(std::string("identity fallback → ") + url);
+  if (std::string url = base::env::text("OSTREL_ULVO_CONTROLLER_URL"); !url.empty()) {
+    logger_.info("identity fallback → " + url);
   }
 
   // Peers prove who they are with node tokens minted from the shared secret.

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "base/env.h"
 #include "kernel/manifest.h"
 
 namespace ostrel::kernel {
@@ -60,17 +61,27 @@ unsigned apply_cli(const std::string& module_name, const std::vector<std::string
 
 ConfigView resolve(const ModuleDefinition& def, const std::vector<std::string>& cli_overrides,
                    unsigned& overrides_applied, EnvLookup env) {
-  if (!env) env = [](const char* name) -> const char* { return std::getenv(name); };
+  auto lookup = [env](const std::string& name) {
+    if (env) {
+      const char* v = env(name.c_str());
+      return std::string(v ? v : "");
+    }
+    return base::env::text(name);
+  };
   ConfigView view;
-  for (const ConfigField& field : def.config) view.set(field.key, field.default_value);
-
   overrides_applied = 0;
   const std::string prefix = "OSTREL_" + sanitize_env_piece(def.name) + "_";
   for (const ConfigField& field : def.config) {
-    std::string var = prefix + sanitize_env_piece(field.key);
-    const char* value = env(var.c_str());
-    if (value && *value) {
-      view.set(field.key, value);
+    view.set(field.key, field.default_value);
+    // A cluster-wide variable the manifest names stands in for the default.
+    for (const std::string& alias : field.env) {
+      if (std::string v = lookup(alias); !v.empty()) {
+        view.set(field.key, v);
+        break;
+      }
+    }
+    if (std::string v = lookup(prefix + sanitize_env_piece(field.key)); !v.empty()) {
+      view.set(field.key, v);
       ++overrides_applied;
     }
   }

@@ -41,8 +41,9 @@ std::string sanitize_env_piece(const std::string& piece);
 unsigned apply_cli(const std::string& module_name, const std::vector<std::string>& overrides,
                    ConfigView& config);
 
-// Manifest defaults, then OSTREL_<MODULE>_<KEY> for declared keys, then the
-// command line. `overrides_applied` receives the count from the last two.
+// Manifest defaults (or the cluster-wide variable a key's `env` names, when
+// set), then OSTREL_<MODULE>_<KEY> for declared keys, then the command line.
+// `overrides_applied` receives the count from the last two.
 using EnvLookup = const char* (*)(const char*);
 ConfigView resolve(const ModuleDefinition& def, const std::vector<std::string>& cli_overrides,
                    unsigned& overrides_applied, EnvLookup env = nullptr);

@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "base/env.h"
 #include "base/json.h"
 #include "base/reply.h"
 #include "kernel/kernel.h"
@@ -155,7 +156,7 @@ Json topic_json(const help::Topic& t) {
 
 fs::path Kernel::help_dir_() const {
   // OSTREL_HELP_DIR names the directory holding "help/", or "help/" itself.
-  if (const char* d = std::getenv("OSTREL_HELP_DIR"); d && *d) {
+  if (std::string d = base::env::text("OSTREL_HELP_DIR"); !d.empty()) {
     std::error_code ec;
     fs::path named = fs::absolute(d, ec).lexically_normal();
     if (named.filename().empty()) named = named.parent_path();

@@ -6,6 +6,7 @@
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
+#include "base/env.h"
 #include "identity/chain_checkpoints.h"
 #include "identity/source_header.h"
 #include "kernel/kernel.h"
@@ -19,10 +20,11 @@ constexpr std::int64_t kBootstrapLifetimeS = 365LL * 24 * 3600;
 }  // namespace
 
 void Kernel::open_identity_stores_() {
-  if (const char* v = std::getenv("OSTREL_FIRST_USER_OPEN"); v && std::string(v) == "1") {
+  if (base::env::text("OSTREL_FIRST_USER_OPEN") == "1") {
     first_user_open_ = true;
-    logger_.warn("OSTREL_FIRST_USER_OPEN=1: while no account exists, anyone who reaches this node "
-                 "may register the first one and become its superadmin, even with auth enforced");
+    logger_.warn(
+        "OSTREL_FIRST_USER_OPEN=1: while no account exists, anyone who reaches this node "
+        "may register the first one and become its superadmin, even with auth enforced");
   }
   const std::filesystem::path state = std::filesystem::path(config_.data_dir) / "state";
   std::error_code ec;
@@ -180,7 +182,8 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
   // A suspended or terminating tenant is locked out at once, cached or not.
   if (!result.tenant.empty() && tenants_.exists(result.tenant) &&
       !tenants_.is_active(result.tenant)) {
-    return AuthResult{false, "tenant_unknown_or_inactive", result.tenant, result.token_id, {}, "", ""};
+    return AuthResult{false, "tenant_unknown_or_inactive", result.tenant, result.token_id, {}, "",
+                      ""};
   }
   return result;
 }

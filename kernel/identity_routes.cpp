@@ -5,6 +5,7 @@
 
 #include "base/access.h"
 #include "base/encoding.h"
+#include "base/env.h"
 #include "base/http_client.h"
 #include "base/json.h"
 #include "base/reply.h"
@@ -71,8 +72,8 @@ void Kernel::send_reset_mail_(const std::string& to, const std::string& body) {
     syscalls_.call(identity::kKernelSource, "comm.send", base::dump_json(mail));
     return;
   }
-  const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL");
-  if (!controller || !*controller) {
+  const std::string controller = base::env::text("OSTREL_ULVO_CONTROLLER_URL");
+  if (controller.empty()) {
     logger_.warn("password reset email dispatch failed (no controller_url): " + to);
     return;
   }

@@ -1,4 +1,5 @@
 #include "kernel/kernel.h"
+#include "base/env.h"
 #include "base/http_client.h"
 #include "kernel/obs/telemetry.h"
 
@@ -15,11 +16,6 @@ namespace {
 
 using Json = nlohmann::json;
 namespace idreg = identity_registry;
-
-std::string env_or(const char* name, const std::string& fallback) {
-  const char* v = std::getenv(name);
-  return v ? std::string(v) : fallback;
-}
 
 std::string hex_code(identity::SourceCode code) { return code.hex(); }
 
@@ -78,24 +74,26 @@ bool Kernel::boot() {
   start_gossip_();
 
   // Export to an OpenTelemetry collector, when one is named.
-  if (const char* endpoint = std::getenv("OSTREL_OTLP_ENDPOINT"); endpoint && *endpoint) {
+  if (std::string endpoint = base::env::text("OSTREL_OTLP_ENDPOINT"); !endpoint.empty()) {
     telemetry::Telemetry::Config t;
     t.enabled = true;
     t.endpoint = endpoint;
-    t.token = env_or("OSTREL_OTLP_TOKEN", "");
+    t.token = base::env::text("OSTREL_OTLP_TOKEN");
     t.export_interval_ms =
-        std::max(50, std::atoi(env_or("OSTREL_OTLP_INTERVAL_MS", "10000").c_str()));
-    t.service_name = env_or("OSTREL_OTLP_SERVICE_NAME", "ostrel-ulvo");
+        static_cast<int>(base::env::integer("OSTREL_OTLP_INTERVAL_MS", 10000, 50, 86400000));
+    t.service_name = base::env::text("OSTREL_OTLP_SERVICE_NAME", "ostrel-ulvo");
     telemetry::Telemetry::instance().configure(t);
     exporting_ = true;
   }
 
-  if (const char* threads = std::getenv("OSTREL_ULVO_HTTP_THREADS"); threads && *threads) {
-    gateway_.set_worker_threads(std::atoi(threads));
+  if (base::env::is_set("OSTREL_ULVO_HTTP_THREADS")) {
+    gateway_.set_worker_threads(
+        static_cast<int>(base::env::integer("OSTREL_ULVO_HTTP_THREADS", 64, 1, 4096)));
   }
   // At stop, requests in progress get a few seconds; then the modules are
   // told to end long work (upstream calls, streams) before the rest is cut.
-  const int drain_s = std::max(0, std::atoi(env_or("OSTREL_ULVO_DRAIN_TIMEOUT_S", "5").c_str()));
+  const int drain_s =
+      static_cast<int>(base::env::integer("OSTREL_ULVO_DRAIN_TIMEOUT_S", 5, 0, 3600));
   gateway_.set_drain(std::chrono::seconds(drain_s), [this, drain_s] {
     logger_.warn("drain: requests still running after " + std::to_string(drain_s) +
                  "s — ending them");
@@ -377,20 +375,15 @@ void Kernel::start_background_threads_() {
   logger_.info(
       "otp audit verifier: not available in this build — no extension audit log to verify");
   bg_threads_.emplace_back([this] { run_self_health_(); });
-  std::int64_t every_s = 60;
-  if (const char* v = std::getenv("OSTREL_AUDIT_CHECKPOINT_S"); v && std::atoll(v) > 0) {
-    every_s = std::atoll(v);
-  }
+  const std::int64_t every_s = base::env::integer("OSTREL_AUDIT_CHECKPOINT_S", 60, 1);
   bg_threads_.emplace_back([this, every_s] {
     while (sleep_unless_stopping_(std::chrono::seconds(every_s))) checkpoint_audit_();
   });
   logger_.info("self-health watchdog started (30s probe, 2-strike _exit)");
-  if (const char* controller = std::getenv("OSTREL_ULVO_CONTROLLER_URL");
-      controller && *controller) {
+  if (std::string controller = base::env::text("OSTREL_ULVO_CONTROLLER_URL"); !controller.empty()) {
     const std::string url = base::normalise_base_url(controller);
-    if (const char* p = std::getenv("OSTREL_ULVO_HEARTBEAT_S"); p && std::atoi(p) > 0) {
-      heartbeat_period_s_ = std::atoi(p);
-    }
+    heartbeat_period_s_ = static_cast<int>(
+        base::env::integer("OSTREL_ULVO_HEARTBEAT_S", heartbeat_period_s_, 1, 86400));
     bg_threads_.emplace_back([this, url] { run_peer_register_(url); });
     logger_.info("peer auto-register heartbeat thread started → " + url + " (" +
                  std::to_string(heartbeat_period_s_) + "s interval)");

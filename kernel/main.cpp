@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "base/env.h"
 #include "kernel/cli.h"
 #include "kernel/kernel.h"
 #include "kernel/module.h"
@@ -36,9 +37,7 @@ void install_log_dispatcher() {
 // the system when freed. Left to itself, glibc raises its mapping threshold
 // after every such free, and the buffers then stay in the per-thread heaps:
 // a burst of large requests would keep its memory for good.
-void bound_heap_growth() {
-  ::mallopt(M_MMAP_THRESHOLD, 512 * 1024);
-}
+void bound_heap_growth() { ::mallopt(M_MMAP_THRESHOLD, 512 * 1024); }
 
 int main(int argc, char** argv) {
   using namespace ostrel::kernel;
@@ -46,7 +45,7 @@ int main(int argc, char** argv) {
   install_log_dispatcher();
 
   cli::ParseOutcome parsed = cli::parse(
-      argc, argv, [](const char* name) { return std::getenv(name); }, stderr);
+      argc, argv, [](const char* name) { return ostrel::base::env::value(name); }, stderr);
   if (parsed.action == cli::Action::exit) return parsed.exit_status;
   if (parsed.action == cli::Action::version) {
     std::printf("ostrel-ulvo 5.0.0\n");

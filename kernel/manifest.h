@@ -45,6 +45,9 @@ struct ConfigField {
   std::string key;
   std::string type = "string";
   std::string default_value;
+  // Cluster-wide variables ("OSTREL_ULVO_CONTROLLER_URL") whose value, when
+  // set, replaces the default; the first set one wins.
+  std::vector<std::string> env;
   std::string description;
   std::string admin_group;
   std::string requires_hardware;

@@ -163,6 +163,11 @@ void read_config(const YAML::Node& n, ModuleDefinition& def) {
       read(field, "values", f.values);
       read(field, "min", f.min);
       read(field, "max", f.max);
+      if (field["env"] && field["env"].IsScalar()) {
+        f.env.push_back(field["env"].Scalar());
+      } else {
+        read(field, "env", f.env);
+      }
     }
     def.config.push_back(std::move(f));
   }

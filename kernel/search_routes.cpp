@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/access.h"
+#include "base/env.h"
 #include "base/reply.h"
 #include "identity/identity_registry.h"
 #include "kernel/kernel.h"
@@ -27,10 +28,7 @@ Json hit_json(const ostrel::search::Hit& h) {
 }  // namespace
 
 void Kernel::start_search_() {
-  std::int64_t deadline_ms = 5000;
-  if (const char* v = std::getenv("OSTREL_SEARCH_DEADLINE_MS"); v && *v) {
-    deadline_ms = std::max<std::int64_t>(1, std::atoll(v));
-  }
+  const std::int64_t deadline_ms = base::env::integer("OSTREL_SEARCH_DEADLINE_MS", 5000, 1);
   obs::Counter& failures = obs::MetricsRegistry::instance().counter(
       "ostrel_search_source_failures_total", "Search sources that failed or missed the deadline");
   search_ = std::make_unique<ostrel::search::SearchEngine>(

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "base/env.h"
 #include "base/reply.h"
 #include "kernel/kernel.h"
 
@@ -366,7 +367,7 @@ void Kernel::register_page_routes_() {
   });
 
   std::filesystem::path dir;
-  if (const char* d = std::getenv("OSTREL_DASHBOARD_DIR"); d && *d) {
+  if (std::string d = base::env::text("OSTREL_DASHBOARD_DIR"); !d.empty()) {
     dir = d;
   } else {
     dir = std::filesystem::path(config_.data_dir) / "dashboard";

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "base/env.h"
 #include "base/json.h"
 #include "base/reply.h"
 #include "base/text.h"
@@ -134,14 +135,8 @@ std::string bearer_token(const std::string& authorization) {
 }
 
 std::size_t env_mb(const char* name, std::size_t fallback_mb) {
-  const char* v = std::getenv(name);
-  std::size_t mb = fallback_mb;
-  if (v && *v) {
-    char* end = nullptr;
-    unsigned long n = std::strtoul(v, &end, 10);
-    if (end != v && n > 0) mb = n;
-  }
-  return mb * 1024 * 1024;
+  const auto mb = base::env::integer(name, static_cast<std::int64_t>(fallback_mb), 1, 1 << 30);
+  return static_cast<std::size_t>(mb) * 1024 * 1024;
 }
 
 // Bytes of request bodies held in memory across all requests at once, so

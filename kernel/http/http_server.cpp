@@ -14,6 +14,7 @@
 #include <limits>
 #include <mutex>
 
+#include "base/env.h"
 #include "base/json.h"
 #include "base/reply.h"
 #include "kernel/http/connection_hub.h"
@@ -33,11 +34,7 @@ constexpr auto kDefaultDrain = std::chrono::seconds(5);
 thread_local HttpConnection* t_connection = nullptr;
 
 std::size_t env_size(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  if (!v || !*v) return fallback;
-  char* end = nullptr;
-  unsigned long long n = std::strtoull(v, &end, 10);
-  return (end != v && *end == '\0' && n > 0) ? static_cast<std::size_t>(n) : fallback;
+  return static_cast<std::size_t>(base::env::integer(name, static_cast<std::int64_t>(fallback), 1));
 }
 
 // The library's server, used only to parse requests and write responses on

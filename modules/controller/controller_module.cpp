@@ -163,9 +163,6 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
   data_primary_ = ctx.config->get("data_primary", "");
   data_replica_ = ctx.config->get("data_replica", "");
   join_token_ = ctx.config->get("join_token", "");
-  if (const char* t = std::getenv("OSTREL_CLUSTER_JOIN_TOKEN"); join_token_.empty() && t) {
-    join_token_ = t;
-  }
   open_join_ = ctx.config->get_bool("open_join", false);
   max_nodes_ =
       static_cast<std::size_t>(std::max<std::int64_t>(1, ctx.config->get_int("max_nodes", 1024)));

@@ -24,9 +24,10 @@ Parsed parse_args(std::vector<std::string> args,
   Parsed r;
   r.outcome = parse(
       static_cast<int>(argv.size()), argv.data(),
-      [&env](const char* name) -> const char* {
+      [&env](const char* name) -> std::optional<std::string> {
         auto it = env.find(name);
-        return it == env.end() ? nullptr : it->second.c_str();
+        if (it == env.end()) return std::nullopt;
+        return it->second;
       },
       err);
   std::fclose(err);

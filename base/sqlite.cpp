@@ -66,13 +66,15 @@ Connection::~Connection() {
   if (db_) sqlite3_close_v2(db_);
 }
 
-bool Connection::open(const std::filesystem::path& path, int flags, std::string& error) {
+bool Connection::open(const std::filesystem::path& path, int flags, std::string& error,
+                      int busy_timeout_ms) {
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {
     error = db ? sqlite3_errmsg(db) : "out of memory";
     sqlite3_close_v2(db);
     return false;
   }
+  sqlite3_busy_timeout(db, busy_timeout_ms);
   if (db_) sqlite3_close_v2(db_);
   db_ = db;
   return true;

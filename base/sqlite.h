@@ -56,8 +56,12 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // Opens (SQLITE_OPEN_* flags); false with SQLite's text.
-  bool open(const std::filesystem::path& path, int flags, std::string& error);
+  // Opens (SQLITE_OPEN_* flags) with a busy timeout, so that a writer
+  // waits for another instead of failing with SQLITE_BUSY; false with
+  // SQLite's text.
+  static constexpr int kBusyTimeoutMs = 5000;
+  bool open(const std::filesystem::path& path, int flags, std::string& error,
+            int busy_timeout_ms = kBusyTimeoutMs);
   explicit operator bool() const { return db_ != nullptr; }
   sqlite3* get() const { return db_; }
   std::string message() const;
@@ -68,6 +72,8 @@ class Connection {
   Statement prepare(std::string_view sql, std::string& error);
   // The first column of the first row as an integer, or `fallback`.
   std::int64_t scalar(std::string_view sql, std::int64_t fallback = -1);
+  // Rows the last INSERT, UPDATE or DELETE changed.
+  int changes() const { return sqlite3_changes(db_); }
 
  private:
   sqlite3* db_ = nullptr;

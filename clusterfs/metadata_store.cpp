@@ -159,7 +159,6 @@ bool MetadataStore::open(const std::filesystem::path& db, std::string& error) {
   if (db.has_parent_path()) std::filesystem::create_directories(db.parent_path(), ec);
   base::sqlite::Connection conn;
   if (!conn.open(db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error)) return false;
-  sqlite3_busy_timeout(conn.get(), 5000);
   if (!conn.exec("PRAGMA journal_mode=WAL; PRAGMA foreign_keys=ON; PRAGMA synchronous=NORMAL;",
                  error) ||
       !conn.exec(kSchema, error)) {
@@ -320,7 +319,7 @@ bool MetadataStore::touch_access(const std::string& object_id, std::string& erro
   Statement s = db_.prepare(kAccess, prep_error_);
   s.bind(1, iso8601(std::chrono::system_clock::now())).bind(2, object_id);
   if (s.step() != SQLITE_DONE) return error = db_.message(), false;
-  if (sqlite3_changes(db_.get()) == 0) return error = "no such object: " + object_id, false;
+  if (db_.changes() == 0) return error = "no such object: " + object_id, false;
   return true;
 }
 
@@ -330,7 +329,7 @@ bool MetadataStore::set_tier(const std::string& object_id, int tier, std::string
   Statement s = db_.prepare(kTier, prep_error_);
   s.bind(1, tier).bind(2, object_id);
   if (s.step() != SQLITE_DONE) return error = db_.message(), false;
-  if (sqlite3_changes(db_.get()) == 0) return error = "no such object: " + object_id, false;
+  if (db_.changes() == 0) return error = "no such object: " + object_id, false;
   return true;
 }
 
@@ -340,7 +339,7 @@ bool MetadataStore::remove(const std::string& object_id, std::string& error) {
   Statement s = db_.prepare(kDelete, prep_error_);
   s.bind(1, object_id);
   if (s.step() != SQLITE_DONE) return error = db_.message(), false;
-  if (sqlite3_changes(db_.get()) == 0) return error = "no such object: " + object_id, false;
+  if (db_.changes() == 0) return error = "no such object: " + object_id, false;
   return true;
 }
 

@@ -102,11 +102,10 @@ Connection* SqliteVectorBackend::get_db_(const std::string& path) {
   }
   auto db = std::make_unique<Connection>();
   std::string error;
-  if (!db->open(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, error)) {
+  if (!db->open(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, error, 2000)) {
     log_->warn("sqlite_vector_backend: open '" + path + "' failed: " + error);
     return nullptr;
   }
-  sqlite3_busy_timeout(db->get(), 2000);
   // Reading embeddings through a mapping instead of one read() per page is
   // several times faster for a full scan.
   if (!db->exec("PRAGMA mmap_size=1073741824", error)) {

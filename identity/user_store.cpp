@@ -133,7 +133,7 @@ bool UserStore::open(const std::filesystem::path& path, std::string& error) {
   if (!db.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, error)) {
     return false;
   }
-  if (!db.exec("PRAGMA journal_mode=WAL;", error) || !db.exec("PRAGMA busy_timeout=5000;", error) ||
+  if (!db.exec("PRAGMA journal_mode=WAL;", error) ||
       !db.exec(
           "CREATE TABLE IF NOT EXISTS users ( user_id TEXT PRIMARY KEY, username TEXT NOT NULL "
           "UNIQUE, password_hash TEXT NOT NULL, api_key TEXT NOT NULL UNIQUE, role TEXT NOT "
@@ -316,7 +316,7 @@ bool UserStore::delete_user(const std::string& user_id) {
   if (!impl_->db) return false;
   std::string error;
   if (!impl_->run("DELETE FROM users WHERE user_id=?", {user_id}, error)) return false;
-  return sqlite3_changes(impl_->db.get()) > 0;
+  return impl_->db.changes() > 0;
 }
 
 std::int64_t UserStore::count_users() {
@@ -378,14 +378,14 @@ bool UserStore::delete_domain(const std::string& domain) {
   std::string error;
   return impl_->db &&
          impl_->run("DELETE FROM signup_domains WHERE domain=?", {lower_domain(domain)}, error) &&
-         sqlite3_changes(impl_->db.get()) > 0;
+         impl_->db.changes() > 0;
 }
 
 bool UserStore::delete_email(const std::string& email) {
   std::lock_guard lock(impl_->mu);
   std::string error;
   return impl_->db && impl_->run("DELETE FROM signup_emails WHERE email=?", {email}, error) &&
-         sqlite3_changes(impl_->db.get()) > 0;
+         impl_->db.changes() > 0;
 }
 
 std::optional<std::string> UserStore::domain_tenant(const std::string& domain) {

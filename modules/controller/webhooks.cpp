@@ -119,7 +119,6 @@ bool Webhooks::open(const std::filesystem::path& path) {
     db_ = base::sqlite::Connection();
     return false;
   }
-  sqlite3_busy_timeout(db_.get(), 5000);
   log_.info("webhooks db open at " + path.string());
   return true;
 }
@@ -219,7 +218,7 @@ Webhooks::Answer Webhooks::remove(const std::string& id) {
   if (!st) return {base::error_body("db_prepare_failed"), 500};
   st.bind(1, id);
   if (st.step() != SQLITE_DONE) return {base::error_body("db_delete_failed"), 500};
-  if (sqlite3_changes(db_.get()) == 0) return {base::error_body("not_found"), 404};
+  if (db_.changes() == 0) return {base::error_body("not_found"), 404};
   return {{{"status", "deleted"}}, 200};
 }
 

@@ -106,7 +106,6 @@ MeteringEngine::MeteringEngine(const std::filesystem::path& path)
     throw std::runtime_error("metering: open " + path.string() + ": " + why);
   };
   if (!impl_->db.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error)) fail(error);
-  sqlite3_busy_timeout(impl_->db.get(), 5000);
   for (const char* sql : {"PRAGMA journal_mode = WAL", "PRAGMA synchronous = NORMAL",
                           "PRAGMA foreign_keys = ON"}) {
     if (!impl_->db.exec(sql, error)) fail(error);

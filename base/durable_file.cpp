@@ -18,9 +18,9 @@ std::string errno_text(const char* step) { return std::string(step) + ": " + std
 
 fs::path temporary_for(const fs::path& target) {
   static std::atomic<std::uint64_t> counter{0};
-  return target.parent_path() / ("." + target.filename().string() + ".tmp." +
-                                 std::to_string(::getpid()) + "." +
-                                 std::to_string(counter.fetch_add(1)));
+  return target.parent_path() /
+         ("." + target.filename().string() + ".tmp." + std::to_string(::getpid()) + "." +
+          std::to_string(counter.fetch_add(1)));
 }
 
 bool write_all(int fd, std::string_view data) {
@@ -83,6 +83,20 @@ bool AtomicFileWriter::write(std::string_view data, std::string& error) {
     return false;
   }
   size_ += data.size();
+  synced_ = false;
+  return true;
+}
+
+bool AtomicFileWriter::sync(std::string& error) {
+  if (fd_ < 0) {
+    error = "sync: not open";
+    return false;
+  }
+  if (::fdatasync(fd_) != 0) {
+    error = errno_text("fdatasync");
+    return false;
+  }
+  synced_ = true;
   return true;
 }
 
@@ -91,10 +105,14 @@ bool AtomicFileWriter::commit(std::string& error, bool replace) {
     error = "commit: not open";
     return false;
   }
-  if (::fdatasync(fd_) != 0) {
+  if (!synced_ && ::fdatasync(fd_) != 0) {
     error = errno_text("fdatasync");
     abandon();
     return false;
+  }
+  if (target_.has_parent_path()) {
+    std::error_code ec;
+    fs::create_directories(target_.parent_path(), ec);
   }
   int fd = fd_;
   fd_ = -1;
@@ -103,9 +121,9 @@ bool AtomicFileWriter::commit(std::string& error, bool replace) {
     abandon();
     return false;
   }
-  int rc = replace ? ::rename(tmp_.c_str(), target_.c_str())
-                   : ::renameat2(AT_FDCWD, tmp_.c_str(), AT_FDCWD, target_.c_str(),
-                                 RENAME_NOREPLACE);
+  int rc = replace
+               ? ::rename(tmp_.c_str(), target_.c_str())
+               : ::renameat2(AT_FDCWD, tmp_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE);
   if (rc != 0) {
     error = !replace && errno == EEXIST ? "file_exists" : errno_text("rename");
     abandon();

@@ -31,6 +31,14 @@ class AtomicFileWriter {
 
   bool open(std::string& error);
   bool write(std::string_view data, std::string& error);
+  // Flushes what was written to the disk now (commit then has nothing left
+  // to flush): a caller may run it on another thread while it does other
+  // work, as long as it writes nothing meanwhile.
+  bool sync(std::string& error);
+  // Content-addressed stores learn the name from the bytes: commit() then
+  // renames to `target` instead (on the same file system; its directory is
+  // created there).
+  void retarget(std::filesystem::path target) { target_ = std::move(target); }
   std::uint64_t size() const { return size_; }
   const std::filesystem::path& temporary() const { return tmp_; }
   // Syncs and renames over the target. With `replace` false an existing
@@ -43,6 +51,7 @@ class AtomicFileWriter {
   std::filesystem::path tmp_;
   int fd_ = -1;
   std::uint64_t size_ = 0;
+  bool synced_ = false;  // nothing written since the last sync()
 };
 
 // Makes the entries of `dir` (a rename, a new file) durable.

@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <random>
 #include <thread>
 
 #include "base/durable_file.h"
@@ -27,13 +25,6 @@ bool valid_id(const std::string& id) {
   return true;
 }
 
-std::uint64_t temp_suffix() {
-  thread_local std::mt19937_64 rng(
-      (static_cast<std::uint64_t>(std::random_device{}()) << 32) ^
-      static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
-  return rng();
-}
-
 std::string errno_text() { return std::strerror(errno); }
 
 }  // namespace
@@ -41,6 +32,7 @@ std::string errno_text() { return std::strerror(errno); }
 ChunkStore::ChunkStore(fs::path root) : root_(std::move(root)) {
   std::error_code ec;
   fs::create_directories(root_, ec);
+  base::remove_stale_temporaries(root_, /*recursive=*/true);  // writes a crash cut short
 }
 
 std::string ChunkStore::hash(const void* data, std::size_t length) {
@@ -82,65 +74,36 @@ bool ChunkStore::put(const void* data, std::size_t length, std::string& chunk_id
       return true;
     }
   }
-  const fs::path tmp_dir = overlap ? root_ : final_path.parent_path();
-  fs::create_directories(tmp_dir, ec);
-  if (ec) {
-    error = "mkdir " + tmp_dir.string() + ": " + ec.message();
+  // Through a temporary file beside the chunk (or, while the name is not
+  // known yet, in the root), flushed to disk before the rename, so an
+  // acknowledged put survives a crash and a reader never sees part of one.
+  base::AtomicFileWriter file(overlap ? root_ / "chunk" : final_path);
+  if (!file.open(error) ||
+      !file.write(std::string_view(static_cast<const char*>(data), length), error)) {
+    error = "write chunk: " + error;
     return false;
   }
-  fs::path tmp = tmp_dir / ("." + std::to_string(temp_suffix()) + ".tmp");
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    error = "open tmp " + tmp.string() + ": " + errno_text();
-    return false;
-  }
-  auto discard = [&](const std::string& why) {
-    error = why;
-    ::unlink(tmp.c_str());
-    return false;
-  };
-  const char* p = static_cast<const char*>(data);
-  std::size_t done = 0;
-  while (done < length) {
-    ssize_t n = ::write(fd, p + done, length - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      std::string why = "write tmp " + tmp.string() + ": " + errno_text();
-      ::close(fd);
-      return discard(why);
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  // On disk before it becomes visible: an acknowledged put survives a crash.
-  int sync_errno = 0;
   if (overlap) {
-    std::thread syncer([&] { sync_errno = ::fdatasync(fd) == 0 ? 0 : errno; });
+    std::string sync_error;
+    bool synced = false;
+    std::thread syncer([&] { synced = file.sync(sync_error); });
     id = hash(data, length);
     syncer.join();
+    if (!synced) {
+      error = "write chunk: " + sync_error;
+      return false;
+    }
     final_path = path_for_(id);
-  } else if (::fdatasync(fd) != 0) {
-    sync_errno = errno;
-  }
-  if (::close(fd) != 0 && sync_errno == 0) sync_errno = errno;
-  if (sync_errno != 0) {
-    return discard("write tmp " + tmp.string() + ": " + std::strerror(sync_errno));
-  }
-  if (overlap) {
-    if (fs::exists(final_path, ec)) {
-      ::unlink(tmp.c_str());
+    if (fs::exists(final_path, ec)) {  // the writer removes its temporary
       dedup_hits_.fetch_add(1);
       chunk_id = id;
       return true;
     }
-    fs::create_directories(final_path.parent_path(), ec);
-    if (ec) return discard("mkdir " + final_path.parent_path().string() + ": " + ec.message());
+    file.retarget(final_path);
   }
-  if (::rename(tmp.c_str(), final_path.c_str()) != 0) {
-    return discard(std::string("rename failed: ") + errno_text());
-  }
-  // The rename itself must survive a crash before the put is acknowledged.
-  if (std::string sync_error; !base::sync_directory(final_path.parent_path(), sync_error)) {
-    error = "sync " + final_path.parent_path().string() + ": " + sync_error;
+  // Another writer of the same bytes may have won the race: same content.
+  if (!file.commit(error) && error != "file_exists") {
+    error = "commit chunk: " + error;
     return false;
   }
   written_.fetch_add(1);

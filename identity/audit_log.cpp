@@ -49,11 +49,7 @@ bool parse_source(const std::string& text, SourceCode& out) {
 
 bool parse_hash(const Json& j, const char* key, Hash& out) {
   auto it = j.find(key);
-  if (it == j.end() || !it->is_string()) return false;
-  std::string raw;
-  if (!base::from_hex(it->get<std::string>(), raw) || raw.size() != 32) return false;
-  std::copy(raw.begin(), raw.end(), out.begin());
-  return true;
+  return it != j.end() && it->is_string() && base::HashChain::from_hex(it->get<std::string>(), out);
 }
 
 // The event a journal line describes; false when the line is not a record.
@@ -80,13 +76,11 @@ bool event_from_line(const std::string& line, AuditEvent& e) {
 
 }  // namespace
 
-AuditLog::AuditLog(std::filesystem::path journal) : journal_(std::move(journal)) {}
+AuditLog::AuditLog(std::filesystem::path journal) : journal_(journal), log_(std::move(journal)) {}
 
-AuditLog::~AuditLog() {
-  if (fd_ >= 0) ::close(fd_);
-}
+AuditLog::~AuditLog() = default;
 
-std::string AuditLog::to_hex(const Hash& h) { return base::to_hex(h.data(), h.size()); }
+std::string AuditLog::to_hex(const Hash& h) { return base::HashChain::hex(h); }
 
 namespace {
 
@@ -170,9 +164,8 @@ AuditEvent AuditLog::Record::event() const {
   return e;
 }
 
-bool AuditLog::chain_hash_(const Hash& prev, const Record& r, Hash& out) const {
-  return sha_.digest(std::string_view(reinterpret_cast<const char*>(prev.data()), prev.size()),
-                     std::string_view(r.body, r.size), out.data());
+Hash AuditLog::chain_hash_(const Hash& prev, const Record& r) const {
+  return chain_.link(prev, std::string_view(r.body, r.size));
 }
 
 AuditLog::Record AuditLog::store_(const AuditEvent& e) {
@@ -231,19 +224,12 @@ Json AuditLog::to_json(const AuditEvent& e) {
   return out;
 }
 
-void AuditLog::open_for_append_() {
-  if (fd_ >= 0) return;
-  std::error_code ec;
-  std::filesystem::create_directories(journal_.parent_path(), ec);
-  fd_ = ::open(journal_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-}
-
 std::size_t AuditLog::replay_journal() {
   std::lock_guard lock(mu_);
   events_.clear();
   bodies_.clear();
   next_seq_ = 1;
-  last_hash_ = Hash{};
+  chain_.reset();
   std::ifstream in(journal_, std::ios::binary);
   std::string line;
   std::size_t n = 0;
@@ -254,7 +240,7 @@ std::size_t AuditLog::replay_journal() {
     ++n;
     AuditEvent e;
     if (event_from_line(line, e)) {
-      last_hash_ = e.hash;
+      chain_.advance(e.hash);
     } else {
       e = AuditEvent{};
       e.seq = next_seq_;
@@ -264,12 +250,10 @@ std::size_t AuditLog::replay_journal() {
     events_.push_back(store_(e));
   }
   in.close();
-  open_for_append_();
   // A line torn by a crash has no newline: the next record starts on a line
   // of its own, and the torn one stays for verify to report.
-  if (!ends_with_newline && fd_ >= 0) {
-    [[maybe_unused]] ssize_t w = ::write(fd_, "\n", 1);
-  }
+  std::string error;
+  if (!ends_with_newline) log_.append("\n", false, error);
   return n;
 }
 
@@ -287,18 +271,16 @@ AuditEvent AuditLog::append(SourceCode source, std::string actor, std::string ac
   std::unique_lock lock(mu_);
   e.seq = next_seq_++;
   e.ts_ms = base::unix_ms();
-  e.prev_hash = last_hash_;
+  e.prev_hash = chain_.head();
   Record r = store_(e);
-  chain_hash_(e.prev_hash, r, e.hash);
+  e.hash = chain_hash_(e.prev_hash, r);
   r.hash = e.hash;
-  last_hash_ = e.hash;
-  open_for_append_();
-  if (fd_ >= 0) {
-    std::string line = journal_line(e);
-    line += '\n';
-    // A failed write is not the caller's failure: the event stays in memory.
-    [[maybe_unused]] ssize_t w = ::write(fd_, line.data(), line.size());
-  }
+  chain_.advance(e.hash);
+  std::string line = journal_line(e);
+  line += '\n';
+  std::string error;
+  // A failed write is not the caller's failure: the event stays in memory.
+  log_.append(line, false, error);
   events_.push_back(r);
   lock.unlock();
   if (on_append_) on_append_();
@@ -326,10 +308,8 @@ AuditLog::Verification AuditLog::verify() const {
   Verification v;
   v.total = events_.size();
   Hash expected{};
-  Hash computed;
   for (const Record& e : events_) {
-    if (e.damaged || e.prev_hash != expected || !chain_hash_(expected, e, computed) ||
-        computed != e.hash) {
+    if (e.damaged || e.prev_hash != expected || chain_hash_(expected, e) != e.hash) {
       v.ok = false;
       v.first_bad_seq = e.seq;
       return v;

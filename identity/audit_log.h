@@ -14,12 +14,14 @@
 #include <vector>
 
 #include "base/encoding.h"
+#include "base/hash_chain.h"
+#include "base/journal.h"
 #include "base/text_arena.h"
 #include "identity/source_code.h"
 
 namespace ostrel::identity {
 
-using Hash = std::array<unsigned char, 32>;
+using Hash = base::HashChain::Hash;
 
 // One audited action: who (source and actor) did what (action, resource,
 // outcome) for which tenant, chained to its predecessor by `prev_hash`.
@@ -128,17 +130,15 @@ class AuditLog {
   // Lays out `e`'s canonical body in the arena; with mu_ held.
   Record store_(const AuditEvent& e);
   // SHA-256(prev ‖ the record's body), the chain rule; with mu_ held.
-  bool chain_hash_(const Hash& prev, const Record& r, Hash& out) const;
-  void open_for_append_();  // with mu_ held
+  Hash chain_hash_(const Hash& prev, const Record& r) const;
 
   const std::filesystem::path journal_;
   mutable std::mutex mu_;
   std::vector<Record> events_;
   base::TextArena bodies_;
   std::uint64_t next_seq_ = 1;
-  Hash last_hash_{};
-  int fd_ = -1;
-  mutable base::Sha256 sha_;
+  mutable base::HashChain chain_;  // the head is the newest event's hash
+  base::AppendLog log_;
   std::function<void()> on_append_;
 };
 

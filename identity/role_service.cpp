@@ -134,9 +134,7 @@ void RoleService::index_roles_() {
   }
 }
 
-RoleService::~RoleService() {
-  if (audit_fd_ >= 0) ::close(audit_fd_);
-}
+RoleService::~RoleService() = default;
 
 RoleService& RoleService::getInstance() {
   static RoleService instance;
@@ -201,24 +199,20 @@ void RoleService::attach(const fs::path& dir) {
   }
   std::lock_guard lock(audit_mu_);
   dir_ = dir;
-  if (audit_fd_ >= 0) ::close(audit_fd_);
-  // The chain continues from the last complete line.
-  last_hash_.clear();
-  audit_entries_ = 0;
-  std::ifstream in(dir / "audit.log", std::ios::binary);
-  std::string line;
-  bool newline_at_end = true;
-  while (std::getline(in, line)) {
-    newline_at_end = !in.eof();
+  // The chain continues from the last complete line; a line torn by a
+  // crash is cut off, so the next entry starts on a line of its own.
+  chain_.reset();
+  base::replay_journal_lines(dir / "audit.log", [this](std::string_view line) {
     const std::size_t at = line.rfind(kHashKey);
-    if (at != std::string::npos && line.size() >= at + std::strlen(kHashKey) + 66) {
-      last_hash_ = line.substr(at + std::strlen(kHashKey), 64);
-      ++audit_entries_;
+    base::HashChain::Hash hash;
+    if (at == std::string_view::npos ||
+        !base::HashChain::from_hex(line.substr(at + std::strlen(kHashKey), 64), hash)) {
+      return false;
     }
-  }
-  audit_fd_ = ::open((dir / "audit.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (!newline_at_end && audit_fd_ >= 0) [[maybe_unused]]
-    auto w = ::write(audit_fd_, "\n", 1);
+    chain_.advance(hash);
+    return true;
+  });
+  audit_log_ = std::make_unique<base::AppendLog>(dir / "audit.log");
 }
 
 fs::path RoleService::audit_path() const {
@@ -330,28 +324,23 @@ void RoleService::write_audit_(const std::string& tool, const CheckContext& ctx,
   add_field(body, "mode", mode_name(mode));
   add_field(body, "trace_id", ctx.trace_id);
   std::lock_guard lock(audit_mu_);
-  if (audit_fd_ < 0) return;
-  add_field(body, "prev_hash", last_hash_);
+  if (!audit_log_) return;
+  add_field(body, "prev_hash", chain_.length() ? base::HashChain::hex(chain_.head()) : "");
   body += '}';
-  unsigned char digest[32];
-  sha_.digest(body, {}, digest);
-  const std::string hash = base::to_hex(digest, sizeof digest);
+  const base::HashChain::Hash hash = chain_.digest(body);
   body.pop_back();
   body += kHashKey;
-  body += hash;
+  body += base::HashChain::hex(hash);
   body += "\"}\n";
   // A failed write does not change the decision; the chain goes on from the
   // last line that is in the file.
-  const ssize_t w = ::write(audit_fd_, body.data(), body.size());
-  if (w == static_cast<ssize_t>(body.size())) {
-    last_hash_ = hash;
-    ++audit_entries_;
-  }
+  std::string error;
+  if (audit_log_->append(body, false, error)) chain_.advance(hash);
 }
 
 std::pair<std::uint64_t, std::string> RoleService::audit_head() const {
   std::lock_guard lock(audit_mu_);
-  return {audit_entries_, last_hash_};
+  return {chain_.length(), chain_.length() ? base::HashChain::hex(chain_.head()) : ""};
 }
 
 RoleService::AuditVerification RoleService::verify_audit(
@@ -364,7 +353,7 @@ RoleService::AuditVerification RoleService::verify_audit(
   std::ifstream in(path, std::ios::binary);
   std::string line, prev;
   std::size_t n = 0;
-  base::Sha256 sha;
+  base::HashChain sha;
   while (std::getline(in, line)) {
     ++n;
     if (line.empty()) continue;
@@ -380,9 +369,7 @@ RoleService::AuditVerification RoleService::verify_audit(
     }
     const std::string stored = line.substr(hash_at, 64);
     std::string body = line.substr(0, at) + "}";
-    unsigned char digest[32];
-    sha.digest(body, {}, digest);
-    if (base::to_hex(digest, sizeof digest) != stored) {
+    if (base::HashChain::hex(sha.digest(body)) != stored) {
       v.ok = false;
       v.first_bad_line = n;
       v.problem = "hash does not match the entry";

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "base/encoding.h"
+#include "base/hash_chain.h"
+#include "base/journal.h"
 
 // Which role may run which tool: a fixed role table with exact, "*" and
 // "prefix*" rules; a mode (stub_allow, audit, enforce) deciding how the
@@ -153,10 +156,10 @@ class RoleService {
 
   mutable std::mutex audit_mu_;  // guards the audit file, its chain and dir_
   std::filesystem::path dir_;
-  int audit_fd_ = -1;
-  std::string last_hash_;  // hex of the last line's hash, "" before the first
-  std::uint64_t audit_entries_ = 0;  // complete entries in the log
-  base::Sha256 sha_;
+  std::unique_ptr<base::AppendLog> audit_log_;  // "<dir>/audit.log" once attached
+  // The newest complete entry's hash and how many there are; a first entry
+  // names "" as its prev_hash.
+  base::HashChain chain_;
 };
 
 }  // namespace ostrel::security

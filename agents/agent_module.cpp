@@ -648,7 +648,7 @@ Json AgentModule::exec_tool_call_(const Json& call, const ToolContext& tc, const
     // would allow it.
     Response refusal;
     if (!params.is_object()) params = Json::object();
-    if (!kernel::authorize_syscall(*http, name, params, refusal)) {
+    if (!kernel::authorize_syscall(*ctx_.syscalls, *http, name, params, refusal)) {
       Json why = base::parse_json(refusal.body);
       return failed("forbidden", {{"reason", why.is_object() ? why.value("reason", "") : ""},
                                   {"syscall", name}});
@@ -920,7 +920,8 @@ void AgentModule::register_syscalls(kernel::SyscallTable& table) {
                            ChatAnswer out = chat_(r);
                            return out.status == 200 ? base::syscall_ok(out.body)
                                                     : base::syscall_error_body(out.body);
-                         }));
+                         }),
+                         kernel::SyscallAccess::tenant("agent.invoke"));
   table.register_syscall(kAgentSource, "agent.sessions.create", json_syscall([this](const Json& a) {
                            auto s = sessions_->create(a.value("agent_type", "General"),
                                                       a.value("domain", "general"),
@@ -930,14 +931,16 @@ void AgentModule::register_syscalls(kernel::SyscallTable& table) {
                                                     {"domain", s->domain},
                                                     {"tenant", s->tenant},
                                                     {"owner", s->owner}});
-                         }));
+                         }),
+                         kernel::SyscallAccess::tenant("agent.invoke"));
   table.register_syscall(
       kAgentSource, "agent.domain-matrix.get", json_syscall([this](const Json& a) {
         auto c = cell_(a.value("agent_type", ""), a.value("domain", ""));
         if (!c) return base::syscall_ok({{"override", nullptr}});
         return base::syscall_ok(
             {{"override", {{"model", c->model}, {"system", c->system}, {"route", c->route}}}});
-      }));
+      }),
+      kernel::SyscallAccess::open());
   table.register_syscall(kAgentSource, "agent.decompose", json_syscall([](const Json& a) {
                            if (!a.contains("query") || !a["query"].is_string()) {
                              return base::syscall_error("missing query");
@@ -994,7 +997,8 @@ void AgentModule::register_syscalls(kernel::SyscallTable& table) {
                            Json list = Json::array();
                            for (const auto& t : tools_->list()) list.push_back(to_json(t));
                            return base::syscall_ok({{"tools", list}, {"count", list.size()}});
-                         }));
+                         }),
+                         kernel::SyscallAccess::open());
   // Tool execution for agents and swarms in this process.
   table.register_syscall(kAgentSource, "agent.tool.call", json_syscall([this](const Json& a) {
                            ToolContext tc;

@@ -98,6 +98,30 @@ struct RouteOptions {
   bool cluster_secret = false;
 };
 
+// Who may run a syscall from outside the node's modules (the generic
+// syscall route, a tool call), declared by whoever registers it; a syscall
+// registered without one needs an administrator. Modules calling each other
+// in process are not checked.
+struct SyscallAccess {
+  enum class Kind : std::uint8_t {
+    admin,          // an "admin.*", "kernel.*" or "*" scope
+    scoped,         // the named scope
+    tenant,         // the caller's own tenant only
+    scoped_tenant,  // both
+    open,           // any caller the gateway admitted
+  };
+  Kind kind = Kind::admin;
+  std::string scope;
+
+  static SyscallAccess admin() { return {}; }
+  static SyscallAccess open() { return {Kind::open, {}}; }
+  static SyscallAccess scoped(std::string scope) { return {Kind::scoped, std::move(scope)}; }
+  // The caller's tenant only; with a scope, that scope too.
+  static SyscallAccess tenant(std::string scope = {}) {
+    return {scope.empty() ? Kind::tenant : Kind::scoped_tenant, std::move(scope)};
+  }
+};
+
 // Result of a syscall: status 0 on success, negative on failure; body is JSON
 // text (the result object, or {"error": …} on failure).
 struct SyscallResult {

@@ -1519,41 +1519,49 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
     Json out = search_(a, true, status);
     return as_result(std::move(out), status);
   });
-  table.register_syscall(kDataSource, "data.vector.search", search);
-  table.register_syscall(kDataSource, "data.search", search);
+  table.register_syscall(kDataSource, "data.vector.search", search,
+                         kernel::SyscallAccess::tenant("data.vector.search"));
+  table.register_syscall(kDataSource, "data.search", search,
+                         kernel::SyscallAccess::tenant("data.vector.search"));
   // Read without a JSON tree in the usual case: the document is most of it.
-  table.register_syscall(kDataSource, "data.vector.ingest", [this](std::string_view args) {
-    IngestRequest request;
-    std::string error;
-    if (!read_ingest_request(args, request, error)) {
-      return base::syscall_error("invalid_request", error);
-    }
-    try {
-      int status = 200;
-      std::string out = ingest_(request, status);
-      return kernel::SyscallResult{status == 200 ? 0 : -1, std::move(out)};
-    } catch (const std::exception& e) {
-      return base::syscall_error("internal", base::client_safe_what(e));
-    }
-  });
+  table.register_syscall(
+      kDataSource, "data.vector.ingest",
+      [this](std::string_view args) {
+        IngestRequest request;
+        std::string error;
+        if (!read_ingest_request(args, request, error)) {
+          return base::syscall_error("invalid_request", error);
+        }
+        try {
+          int status = 200;
+          std::string out = ingest_(request, status);
+          return kernel::SyscallResult{status == 200 ? 0 : -1, std::move(out)};
+        } catch (const std::exception& e) {
+          return base::syscall_error("internal", base::client_safe_what(e));
+        }
+      },
+      kernel::SyscallAccess::tenant("data.vector.write"));
   table.register_syscall(kDataSource, "data.memory.store",
                          json_syscall([this, as_result](const Json& a) {
                            int status = 200;
                            Json out = memory_store_(a, status);
                            return as_result(std::move(out), status);
-                         }));
+                         }),
+                         kernel::SyscallAccess::tenant("data.memory.store"));
   table.register_syscall(kDataSource, "data.memory.recall",
                          json_syscall([this, as_result](const Json& a) {
                            int status = 200;
                            Json out = memory_recall_(a, status);
                            return as_result(std::move(out), status);
-                         }));
+                         }),
+                         kernel::SyscallAccess::tenant("data.memory.recall"));
   table.register_syscall(kDataSource, "data.memory.forget",
                          json_syscall([this, as_result](const Json& a) {
                            int status = 200;
                            Json out = memory_forget_(a, status);
                            return as_result(std::move(out), status);
-                         }));
+                         }),
+                         kernel::SyscallAccess::tenant("data.memory.store"));
   table.register_syscall(kDataSource, "data.memory.checkpoint", json_syscall([this](const Json&) {
                            return base::syscall_ok(memory_->checkpoint());
                          }));
@@ -1572,7 +1580,8 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
                           {"content_type", o.content_type}});
         }
         return base::syscall_ok({{"objects", list}});
-      }));
+      }),
+      kernel::SyscallAccess::tenant("data.storage.read"));
   table.register_syscall(
       kDataSource, "data.memory.is_tombstoned", json_syscall([this](const Json& a) {
         const std::string key = a.value("key", "");
@@ -1581,7 +1590,8 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
             {{"ok", true},
              {"tombstoned", memory_->is_tombstoned(a.value("tenant", "default"),
                                                    a.value("namespace", "default"), key)}});
-      }));
+      }),
+      kernel::SyscallAccess::tenant("data.memory.recall"));
 }
 
 }  // namespace

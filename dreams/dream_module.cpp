@@ -605,23 +605,29 @@ void DreamModule::register_syscalls(kernel::SyscallTable& table) {
                              reason = *r;
                            }
                            return base::syscall_ok(run_cycle_("manual", reason, "syscall"));
-                         }));
+                         }),
+                         kernel::SyscallAccess::scoped("dream.run"));
   table.register_syscall(kDreamSource, "dream.current", json_syscall([this](const Json&) {
                            std::lock_guard lock(state_mu_);
                            return base::syscall_ok(cycle_json(current_));
-                         }));
+                         }),
+                         kernel::SyscallAccess::scoped("dream.read"));
   table.register_syscall(
       kDreamSource, "dream.profile.update",
-      json_syscall([this, answer](const Json& a) { return answer(profiles_->update(a)); }));
+      json_syscall([this, answer](const Json& a) { return answer(profiles_->update(a)); }),
+      kernel::SyscallAccess::scoped("dream.run"));
   table.register_syscall(
       kDreamSource, "dream.profile.get",
-      json_syscall([this, answer](const Json& a) { return answer(profiles_->get(a)); }));
+      json_syscall([this, answer](const Json& a) { return answer(profiles_->get(a)); }),
+      kernel::SyscallAccess::scoped("dream.run"));
   table.register_syscall(
       kDreamSource, "dream.profile.clear",
-      json_syscall([this, answer](const Json& a) { return answer(profiles_->clear(a)); }));
+      json_syscall([this, answer](const Json& a) { return answer(profiles_->clear(a)); }),
+      kernel::SyscallAccess::scoped("dream.run"));
   table.register_syscall(kDreamSource, "dream.profiles.list", json_syscall([this](const Json&) {
                            return base::syscall_ok(profiles_->list());
-                         }));
+                         }),
+                         kernel::SyscallAccess::scoped("dream.run"));
 }
 
 }  // namespace

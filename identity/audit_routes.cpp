@@ -309,7 +309,8 @@ void register_audit_syscalls(const IdentityContext& ctx, const AddSyscall& add) 
         return base::syscall_ok({{"entries", entries_json(events)},
                                  {"total_in_log", total},
                                  {"returned", events.size()}});
-      }));
+      }),
+      base::SyscallAccess::tenant("audit.read"));
 }
 
 }  // namespace ostrel::identity

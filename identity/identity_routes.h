@@ -35,7 +35,15 @@ struct AddRoute {
   }
 };
 using SyscallFn = std::function<base::SyscallResult(std::string_view)>;
-using AddSyscall = std::function<void(const std::string& name, SyscallFn)>;
+// Adds one syscall to the table, with who may run it from outside (an
+// administrator unless said otherwise).
+struct AddSyscall {
+  std::function<void(const std::string& name, SyscallFn, base::SyscallAccess)> add;
+  void operator()(const std::string& name, SyscallFn fn,
+                  base::SyscallAccess access = base::SyscallAccess::admin()) const {
+    add(name, std::move(fn), std::move(access));
+  }
+};
 
 // The stores the routes work on and the kernel's hooks they call. The
 // pointers are borrowed from the kernel, which outlives every route.

@@ -340,7 +340,8 @@ void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add)
   add("kernel.tenant.is_active", json_syscall([ctx](const Json& a) {
         std::string tenant = a.value("tenant", "");
         return syscall_ok({{"tenant", tenant}, {"active", ctx.tenants->is_active(tenant)}});
-      }));
+      }),
+      base::SyscallAccess::tenant());
 
   // The roles of one user of a tenant (for modules deciding what a caller
   // may do); an unknown or disabled user holds none.
@@ -365,7 +366,8 @@ void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add)
                            {"limit", c.limit},
                            {"projected_usage", c.projected_usage},
                            {"reason", c.reason}});
-      }));
+      }),
+      base::SyscallAccess::tenant());
 
   for (const char* op : {"consume", "release"}) {
     const bool consume = std::string_view(op) == "consume";

@@ -1040,23 +1040,27 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
     return base::syscall_ok({{"journal", "inference-local-backends"}, {"bytes", ec ? 0 : size}});
   });
 
-  table.register_syscall(kInferenceSource, "inference.chat", [this](std::string_view a) {
-    try {
-      ChatRequest chat;
-      bool stream = false;
-      std::string error;
-      if (!chat_json::parse_chat_text(a, chat, stream, error)) {
-        return base::syscall_error_body(chat_json::render_error({400, error}));
-      }
-      ChatResponse resp;
-      if (auto err = engine_->complete(std::move(chat), resp)) {
-        return base::syscall_error_body(chat_json::render_error(explain(*err)));
-      }
-      return kernel::SyscallResult{0, chat_json::render_completion(resp, base::unix_s())};
-    } catch (const std::exception& e) {
-      return base::syscall_error_body(chat_json::render_error({500, base::client_safe_what(e)}));
-    }
-  });
+  table.register_syscall(
+      kInferenceSource, "inference.chat",
+      [this](std::string_view a) {
+        try {
+          ChatRequest chat;
+          bool stream = false;
+          std::string error;
+          if (!chat_json::parse_chat_text(a, chat, stream, error)) {
+            return base::syscall_error_body(chat_json::render_error({400, error}));
+          }
+          ChatResponse resp;
+          if (auto err = engine_->complete(std::move(chat), resp)) {
+            return base::syscall_error_body(chat_json::render_error(explain(*err)));
+          }
+          return kernel::SyscallResult{0, chat_json::render_completion(resp, base::unix_s())};
+        } catch (const std::exception& e) {
+          return base::syscall_error_body(
+              chat_json::render_error({500, base::client_safe_what(e)}));
+        }
+      },
+      kernel::SyscallAccess::tenant("inference.chat"));
 
   table.register_streaming_syscall(
       kInferenceSource, "inference.chat.stream",
@@ -1075,13 +1079,17 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
               base::dump_json(chat_json::render_error({500, base::client_safe_what(e)}))));
           return -1;
         }
-      });
-
-  table.register_syscall(kInferenceSource, "inference.models.list",
-                         [this](std::string_view) { return base::syscall_ok(models_list_()); });
+      },
+      kernel::SyscallAccess::tenant("inference.chat"));
 
   table.register_syscall(
-      kInferenceSource, "inference.embeddings", [this, parse_args](std::string_view a) {
+      kInferenceSource, "inference.models.list",
+      [this](std::string_view) { return base::syscall_ok(models_list_()); },
+      kernel::SyscallAccess::open());
+
+  table.register_syscall(
+      kInferenceSource, "inference.embeddings",
+      [this, parse_args](std::string_view a) {
         Json args;
         if (!parse_args(a, args)) {
           return base::syscall_error("invalid_json");
@@ -1094,7 +1102,8 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
           return base::syscall_error_body(
               base::error_body("internal", {{"message", base::client_safe_what(e)}}));
         }
-      });
+      },
+      kernel::SyscallAccess::scoped("inference.chat"));
 
   table.register_syscall(
       kInferenceSource, "inference.local_backends.register",
@@ -1123,12 +1132,14 @@ void InferenceModule::register_syscalls(kernel::SyscallTable& table) {
       kInferenceSource, "inference.models.fallback", base::json_syscall([this](const Json& a) {
         return base::syscall_ok(Json{{"instead", engine_->fallback_for(a.value("model", ""))}});
       }));
-  table.register_syscall(kInferenceSource, "inference.local_backends.list",
-                         [this](std::string_view) {
-                           Json list = Json::array();
-                           for (const auto& b : locals_->list()) list.push_back(public_view(b));
-                           return base::syscall_ok(Json{{"backends", list}});
-                         });
+  table.register_syscall(
+      kInferenceSource, "inference.local_backends.list",
+      [this](std::string_view) {
+        Json list = Json::array();
+        for (const auto& b : locals_->list()) list.push_back(public_view(b));
+        return base::syscall_ok(Json{{"backends", list}});
+      },
+      kernel::SyscallAccess::open());
 }
 
 }  // namespace

@@ -120,9 +120,10 @@ void Kernel::audit_event_(const Request* caller, const Json& event) {
 }
 
 void Kernel::register_identity_syscalls_() {
-  identity::AddSyscall add = [this](const std::string& name, identity::SyscallFn fn) {
-    syscalls_.register_syscall(identity::kKernelSource, name, std::move(fn));
-  };
+  identity::AddSyscall add{
+      [this](const std::string& name, identity::SyscallFn fn, SyscallAccess access) {
+        syscalls_.register_syscall(identity::kKernelSource, name, std::move(fn), std::move(access));
+      }};
   identity::register_tenant_syscalls(identity_context_(), add);
   identity::register_audit_syscalls(identity_context_(), add);
   identity::register_user_syscalls(identity_context_(), add);

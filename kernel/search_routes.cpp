@@ -134,7 +134,8 @@ void Kernel::start_search_() {
         int status = 200;
         Json out = run(args, nullptr, status);
         return status == 200 ? base::syscall_ok(out) : base::syscall_error_body(out);
-      }));
+      }),
+      kernel::SyscallAccess::tenant("search.query"));
 }
 
 }  // namespace ostrel::kernel

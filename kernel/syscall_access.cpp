@@ -11,59 +11,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Every syscall reachable from outside, by the rule of the route it mirrors.
-// Names not listed need an administrator.
-constexpr SyscallRule kRules[] = {
-    // Tenants and quotas.
-    {"kernel.tenant.is_active", SyscallAccess::tenant, {}},
-    {"kernel.quota.check", SyscallAccess::tenant, {}},
-    {"kernel.quota.*", SyscallAccess::admin, {}},
-    {"identity.*", SyscallAccess::admin, {}},
-    // Inference: using models needs the chat scope; the catalogue is public
-    // as on its routes; backends and model files are administration.
-    {"inference.chat", SyscallAccess::scoped_tenant, "inference.chat"},
-    {"inference.chat.stream", SyscallAccess::scoped_tenant, "inference.chat"},
-    {"inference.embeddings", SyscallAccess::scoped, "inference.chat"},
-    {"inference.models.list", SyscallAccess::open, {}},
-    {"inference.local_backends.list", SyscallAccess::open, {}},
-    {"inference.*", SyscallAccess::admin, {}},
-    // Data and memory: per tenant, with the scopes of their routes.
-    {"data.vector.search", SyscallAccess::scoped_tenant, "data.vector.search"},
-    {"data.vector.*", SyscallAccess::scoped_tenant, "data.vector.write"},
-    {"data.memory.recall", SyscallAccess::scoped_tenant, "data.memory.recall"},
-    {"data.memory.is_tombstoned", SyscallAccess::scoped_tenant, "data.memory.recall"},
-    {"data.memory.store", SyscallAccess::scoped_tenant, "data.memory.store"},
-    {"data.memory.forget", SyscallAccess::scoped_tenant, "data.memory.store"},
-    {"data.objects.list", SyscallAccess::scoped_tenant, "data.storage.read"},
-    {"data.*", SyscallAccess::admin, {}},
-    // Search, tools and policy questions.
-    {"search.query", SyscallAccess::scoped_tenant, "search.query"},
-    {"security.role.check", SyscallAccess::open, {}},
-    {"security.*", SyscallAccess::admin, {}},
-    {"tools.list", SyscallAccess::open, {}},
-    {"audit.query", SyscallAccess::scoped_tenant, "audit.read"},
-    {"audit.*", SyscallAccess::admin, {}},
-    {"agent.chat", SyscallAccess::scoped_tenant, "agent.invoke"},
-    {"agent.invoke", SyscallAccess::scoped_tenant, "agent.invoke"},
-    {"agent.sessions.create", SyscallAccess::scoped_tenant, "agent.invoke"},
-    {"agent.domain-matrix.get", SyscallAccess::open, {}},
-    {"agent.tool.list", SyscallAccess::open, {}},
-    {"agent.*", SyscallAccess::admin, {}},
-    // Dreaming: reading the current cycle, or running cycles and profiles.
-    {"dream.current", SyscallAccess::scoped, "dream.read"},
-    {"dream.*", SyscallAccess::scoped, "dream.run"},
-};
-
-bool matches(std::string_view pattern, std::string_view name, std::size_t& literal) {
-  if (!pattern.empty() && pattern.back() == '*') {
-    std::string_view prefix = pattern.substr(0, pattern.size() - 1);
-    literal = prefix.size();
-    return name.substr(0, prefix.size()) == prefix;
-  }
-  literal = pattern.size() + 1;  // an exact entry beats any prefix
-  return pattern == name;
-}
-
 void forbid(Response& res, const std::string& reason) {
   base::fail(res, 403, "forbidden", {{"reason", reason}});
 }
@@ -86,40 +33,29 @@ bool same_tenant(const Request& req, Json& args, Response& res) {
 
 }  // namespace
 
-SyscallRule syscall_rule(std::string_view name) {
-  const SyscallRule* best = nullptr;
-  std::size_t best_len = 0;
-  for (const SyscallRule& r : kRules) {
-    std::size_t literal = 0;
-    if (matches(r.pattern, name, literal) && (!best || literal > best_len)) {
-      best = &r;
-      best_len = literal;
-    }
-  }
-  return best ? *best : SyscallRule{name, SyscallAccess::admin, {}};
-}
-
-bool authorize_syscall(const Request& req, std::string_view name, Json& args, Response& res) {
-  const SyscallRule rule = syscall_rule(name);
+bool authorize_syscall(const SyscallTable& table, const Request& req, std::string_view name,
+                       Json& args, Response& res) {
+  using Kind = SyscallAccess::Kind;
+  const SyscallAccess rule = table.access(name);
   if (!args.is_object()) args = Json::object();
-  switch (rule.access) {
-    case SyscallAccess::open:
+  switch (rule.kind) {
+    case Kind::open:
       return true;
-    case SyscallAccess::admin:
+    case Kind::admin:
       if (is_admin(req)) return true;
       forbid(res, "syscall " + std::string(name) + " needs an administrator");
       return false;
-    case SyscallAccess::scoped:
+    case Kind::scoped:
       if (has_scope(req, rule.scope)) return true;
-      forbid(res, "scope " + std::string(rule.scope) + " required");
+      forbid(res, "scope " + rule.scope + " required");
       return false;
-    case SyscallAccess::scoped_tenant:
+    case Kind::scoped_tenant:
       if (!has_scope(req, rule.scope)) {
-        forbid(res, "scope " + std::string(rule.scope) + " required");
+        forbid(res, "scope " + rule.scope + " required");
         return false;
       }
       return same_tenant(req, args, res);
-    case SyscallAccess::tenant:
+    case Kind::tenant:
       return same_tenant(req, args, res);
   }
   return false;

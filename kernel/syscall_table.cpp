@@ -8,18 +8,30 @@
 namespace ostrel::kernel {
 
 bool SyscallTable::register_syscall(identity::SourceCode owner, std::string name,
-                                    SyscallHandler handler) {
+                                    SyscallHandler handler, SyscallAccess access) {
   std::unique_lock lock(mu_);
-  return registrations_.try_emplace(std::move(name), Registration{owner, std::move(handler)})
+  return registrations_
+      .try_emplace(std::move(name), Registration{owner, std::move(handler), std::move(access)})
       .second;
 }
 
 bool SyscallTable::register_streaming_syscall(identity::SourceCode owner, std::string name,
-                                              StreamingSyscallHandler handler) {
+                                              StreamingSyscallHandler handler,
+                                              SyscallAccess access) {
   std::unique_lock lock(mu_);
   return stream_registrations_
-      .try_emplace(std::move(name), StreamRegistration{owner, std::move(handler)})
+      .try_emplace(std::move(name),
+                   StreamRegistration{owner, std::move(handler), std::move(access)})
       .second;
+}
+
+SyscallAccess SyscallTable::access(std::string_view name) const {
+  std::shared_lock lock(mu_);
+  if (auto it = registrations_.find(name); it != registrations_.end()) return it->second.access;
+  if (auto it = stream_registrations_.find(name); it != stream_registrations_.end()) {
+    return it->second.access;
+  }
+  return SyscallAccess::admin();
 }
 
 namespace {

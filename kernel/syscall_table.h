@@ -27,10 +27,12 @@ class SyscallTable {
   struct Registration {
     identity::SourceCode owner;
     SyscallHandler handler;
+    SyscallAccess access;
   };
   struct StreamRegistration {
     identity::SourceCode owner;
     StreamingSyscallHandler handler;
+    SyscallAccess access;
   };
   struct Entry {
     std::string name;
@@ -39,9 +41,16 @@ class SyscallTable {
   };
 
   // False (and the first registration kept) when the name is taken.
-  bool register_syscall(identity::SourceCode owner, std::string name, SyscallHandler handler);
+  // `access` says who may run it from outside the modules (administrators
+  // only, unless declared otherwise).
+  bool register_syscall(identity::SourceCode owner, std::string name, SyscallHandler handler,
+                        SyscallAccess access = SyscallAccess::admin());
   bool register_streaming_syscall(identity::SourceCode owner, std::string name,
-                                  StreamingSyscallHandler handler);
+                                  StreamingSyscallHandler handler,
+                                  SyscallAccess access = SyscallAccess::admin());
+  // The declared access of `name` (plain, else streaming); administrators
+  // only for a name nobody registered.
+  SyscallAccess access(std::string_view name) const;
 
   // Unknown name: status -1, body {"error":"not_found"}. A handler's exception
   // passes through to the caller.

@@ -20,6 +20,7 @@ using base::RouteOptions;
 using base::sse_event;
 using base::StreamProducer;
 using base::StreamWrite;
+using base::SyscallAccess;
 using base::SyscallResult;
 
 }  // namespace ostrel::kernel

@@ -775,17 +775,19 @@ void SecurityModule::register_syscalls(kernel::SyscallTable& table) {
   auto answer = [](Json out, int status) {
     return status == 200 ? base::syscall_ok(out) : base::syscall_error_body(out);
   };
-  table.register_syscall(kSecuritySource, "security.role.check",
-                         [this](std::string_view args) -> kernel::SyscallResult {
-                           try {
-                             int status = 200;
-                             std::string out = check_text_(args, status);
-                             // A refusal is an answer, not a failed call.
-                             return {status == 400 ? -1 : 0, std::move(out)};
-                           } catch (const std::exception& e) {
-                             return base::syscall_error("internal", base::client_safe_what(e));
-                           }
-                         });
+  table.register_syscall(
+      kSecuritySource, "security.role.check",
+      [this](std::string_view args) -> kernel::SyscallResult {
+        try {
+          int status = 200;
+          std::string out = check_text_(args, status);
+          // A refusal is an answer, not a failed call.
+          return {status == 400 ? -1 : 0, std::move(out)};
+        } catch (const std::exception& e) {
+          return base::syscall_error("internal", base::client_safe_what(e));
+        }
+      },
+      kernel::SyscallAccess::open());
   table.register_syscall(
       kSecuritySource, "security.role.allowed_tools", json_syscall([this](const Json& a) {
         const std::string role = a.contains("role") && a["role"].is_string() ? a["role"] : "viewer";

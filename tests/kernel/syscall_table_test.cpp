@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <atomic>
 #include <thread>
+
+#include "kernel/syscall_access.h"
 
 namespace ostrel::kernel {
 namespace {
@@ -117,6 +121,49 @@ TEST(SyscallTable, HandlersMayCallAndRegisterReentrantly) {
   for (auto& th : threads) th.join();
   EXPECT_EQ(ok.load(), 3 * 500);
   EXPECT_EQ(t.list().size(), 3u + 3 * 500);
+}
+
+// Who may run a syscall from outside is what its registration declared;
+// a registration that declared nothing is for administrators.
+TEST(SyscallTable, AccessIsDeclaredWithTheRegistration) {
+  SyscallTable t;
+  auto noop = [](std::string_view) { return SyscallResult{0, "{}"}; };
+  t.register_syscall(kOwner, "m.admin", noop);
+  t.register_syscall(kOwner, "m.open", noop, SyscallAccess::open());
+  t.register_syscall(kOwner, "m.read", noop, SyscallAccess::tenant("m.read"));
+  t.register_streaming_syscall(
+      kOwner, "m.stream", [](std::string_view, SyscallEmit) { return 0; },
+      SyscallAccess::scoped("m.read"));
+
+  Request viewer;
+  viewer.auth_source = "capability";
+  viewer.tenant = "acme";
+  viewer.scopes = {"m.read"};
+  Request admin = viewer;
+  admin.tenant.clear();
+  admin.scopes = {"admin.*"};
+  auto allowed = [&t](const Request& who, const char* name, nlohmann::json& args) {
+    Response res;
+    const bool ok = authorize_syscall(t, who, name, args, res);
+    EXPECT_EQ(ok, res.body.empty()) << name << " " << res.body;
+    return ok;
+  };
+  nlohmann::json args = nlohmann::json::object();
+  EXPECT_FALSE(allowed(viewer, "m.admin", args));
+  EXPECT_FALSE(allowed(viewer, "never.registered", args));
+  EXPECT_TRUE(allowed(admin, "m.admin", args));
+  EXPECT_TRUE(allowed(viewer, "m.open", args));
+  EXPECT_TRUE(allowed(viewer, "m.stream", args));
+  // A tenant-bound caller acts for its own tenant only.
+  EXPECT_TRUE(allowed(viewer, "m.read", args));
+  EXPECT_EQ(args["tenant"], "acme");
+  nlohmann::json other = {{"tenant", "globex"}};
+  EXPECT_FALSE(allowed(viewer, "m.read", other));
+  Request unscoped = viewer;
+  unscoped.scopes = {"m.write"};
+  EXPECT_FALSE(allowed(unscoped, "m.read", args));
+  EXPECT_EQ(t.access("m.read").scope, "m.read");
+  EXPECT_EQ(t.access("never.registered").kind, SyscallAccess::Kind::admin);
 }
 
 }  // namespace

@@ -96,6 +96,10 @@ struct RouteOptions {
   // A cluster-internal route: the cluster secret in "X-Ostrel-Cluster-Secret"
   // stands in for a credential here, and nowhere else.
   bool cluster_secret = false;
+  // Reachable without a credential on a node that enforces them (a
+  // presented credential still counts). The gateway's own public paths are
+  // its table; a module declares its own here.
+  bool public_path = false;
 };
 
 // Who may run a syscall from outside the node's modules (the generic

@@ -427,7 +427,8 @@ void ApiGateway::Impl::dispatch(Request& req, Response& res, ObsScope& scope,
   // (the chat-completions routes decide for themselves what an anonymous
   // caller may do).
   if (auth_mode == AuthMode::enforce && req.peer_node_id.empty()) {
-    const bool is_public = is_public_path(req.method, req.path);
+    const bool is_public =
+        is_public_path(req.method, req.path) || (match && match.options->public_path);
     std::string token = req.header("X-Ostrel-Capability");
     if (token.empty()) token = bearer_token(req.header("Authorization"));
     if (token.empty()) token = req.header("X-API-Key");

@@ -72,6 +72,15 @@ TEST(ApiGateway, EnforceModeChecksCredentials) {
     r.body = req.tenant + "|" + req.token_id + "|" + std::to_string(req.scopes.size());
   });
   gw.route("GET", "/health", [](const Request&, Response& r) { r.body = "{}"; });
+  // A module declares its own public routes; the declaration covers that
+  // route alone.
+  RouteOptions open;
+  open.public_path = true;
+  gw.route(
+      "GET", "/api/v1/mod/open", [](const Request&, Response& r) { r.body = "{}"; }, open);
+  gw.route("POST", "/api/v1/mod/open", [](const Request&, Response& r) { r.body = "{}"; });
+  EXPECT_EQ(serve(gw, make("GET", "/api/v1/mod/open")).status, 200);
+  EXPECT_EQ(serve(gw, make("POST", "/api/v1/mod/open")).status, 401);
 
   Response none = serve(gw, make("GET", "/api/v1/who"));
   EXPECT_EQ(none.status, 401);

@@ -108,18 +108,14 @@ std::string error_events(const std::string& message) {
   return "data: " + base::dump_json(base::error_body(message)) + "\n\ndata: [DONE]\n\n";
 }
 
-class AgentModule : public kernel::ModuleBase {
+class AgentModule : public kernel::Module {
  public:
   ~AgentModule() override { stop(); }
-  std::string name() const override { return "agent"; }
-  std::string display_name() const override { return "Agents"; }
-  std::string version() const override { return "5.0.0"; }
   identity::SourceCode source_code() const override { return kAgentSource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

@@ -109,17 +109,13 @@ std::string completion_events(const Json& completion, bool include_usage) {
   return out;
 }
 
-class EdgeModule : public kernel::ModuleBase {
+class EdgeModule : public kernel::Module {
  public:
-  std::string name() const override { return "edge"; }
-  std::string display_name() const override { return "Edge"; }
-  std::string version() const override { return "5.0.0"; }
   identity::SourceCode source_code() const override { return kEdgeSource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override {}
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override {
     return {kernel::HealthState::healthy, "edge ok — " + std::to_string(tools_.size()) +
                                               " tools, router " +

@@ -157,12 +157,9 @@ struct SearchQuery {
   bool fanout = true;
 };
 
-class DataModule : public kernel::ModuleBase, public IModule {
+class DataModule : public kernel::Module, public IModule {
  public:
   ~DataModule() override { stop(); }
-  std::string name() const override { return "data"; }
-  std::string display_name() const override { return "Data"; }
-  std::string version() const override { return "5.0.0"; }
   identity::SourceCode source_code() const override { return kDataSource; }
   identity::SourceCode getSourceCode() const override { return kDataSource; }
   bool isReady() const override { return ready_.load(); }
@@ -170,7 +167,6 @@ class DataModule : public kernel::ModuleBase, public IModule {
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

@@ -189,18 +189,14 @@ Json cycle_json(const CycleState& c) {
           {"distilled_skill_ids", c.distilled_skill_ids}};
 }
 
-class DreamModule : public kernel::ModuleBase {
+class DreamModule : public kernel::Module {
  public:
   ~DreamModule() override { stop(); }
-  std::string name() const override { return "dream"; }
-  std::string display_name() const override { return "Dreaming"; }
-  std::string version() const override { return "5.0.0"; }
   identity::SourceCode source_code() const override { return kDreamSource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

@@ -111,18 +111,14 @@ InferenceError explain(InferenceError e) {
 
 using base::reply;
 
-class InferenceModule : public kernel::ModuleBase {
+class InferenceModule : public kernel::Module {
  public:
   ~InferenceModule() override { stop(); }
-  std::string name() const override { return "inference"; }
-  std::string display_name() const override { return "Inference"; }
-  std::string version() const override { return "5.0.0"; }
   identity::SourceCode source_code() const override { return kInferenceSource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

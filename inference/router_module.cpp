@@ -96,18 +96,14 @@ int status_of(const Json& error_body) {
   return it == kStatus.end() ? 500 : it->second;
 }
 
-class RouterModule : public kernel::ModuleBase {
+class RouterModule : public kernel::Module {
  public:
   ~RouterModule() override { stop(); }
-  std::string name() const override { return "router"; }
-  std::string display_name() const override { return "Router"; }
-  std::string version() const override { return "5.0.0"; }
   identity::SourceCode source_code() const override { return kRouterSource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

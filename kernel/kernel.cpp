@@ -181,6 +181,7 @@ bool Kernel::load_and_instantiate_modules() {
       ++rejected;
       continue;
     }
+    instance->bind_manifest(def);
 
     identity::SourceCode compiled = instance->source_code();
     if (manifest_identity && !(compiled == declared)) {

@@ -10,12 +10,14 @@
 #include "kernel/help_types.h"
 #include "kernel/obs/metric_registry.h"
 #include "kernel/types.h"
+#include "search/search_engine.h"
 
 namespace ostrel::kernel {
 
 class ApiGateway;
 class SyscallTable;
 class EventBus;
+struct ModuleDefinition;
 
 enum class HealthState { starting, healthy, degraded, unhealthy, stopping, stopped, unknown };
 
@@ -65,6 +67,34 @@ class ModuleBase {
   virtual std::vector<help::Topic> help_topics() const { return {}; }
   virtual help::TopicContent help_topic_content(const std::string&) const { return {}; }
   virtual help::DynamicAnswer answer_dynamic_help(const help::DynamicQuery&) { return {}; }
+
+  // Called by the kernel right after construction, before initialize, with
+  // the manifest that asked for the module.
+  virtual void bind_manifest(const ModuleDefinition&) {}
+  // Sources the module adds to the node's unified search, asked for once
+  // after every module has started (the kernel's own sources come first).
+  virtual std::vector<std::shared_ptr<search::SearchSource>> search_sources() { return {}; }
+};
+
+// The base the node's modules derive from: their name, display name and
+// version are their manifest's, bound by the kernel before initialize, so
+// C++ does not repeat them. Settings are read at initialize; reload keeps
+// nothing of its own, and stop and route registration do nothing unless a
+// module has something to do there.
+class Module : public ModuleBase {
+ public:
+  std::string name() const final { return name_; }
+  std::string display_name() const final { return display_name_; }
+  std::string version() const final { return version_; }
+  void bind_manifest(const ModuleDefinition& def) override;
+  bool reload(const ConfigView&) override { return true; }
+  void stop() override {}
+  void register_routes(ApiGateway&) override {}
+
+ private:
+  std::string name_;
+  std::string display_name_;
+  std::string version_;
 };
 
 using ModuleFactory = std::function<std::unique_ptr<ModuleBase>()>;

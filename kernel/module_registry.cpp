@@ -3,6 +3,8 @@
 
 #include "kernel/module.h"
 
+#include "kernel/manifest.h"
+
 namespace ostrel::kernel {
 namespace {
 
@@ -67,6 +69,12 @@ std::unique_ptr<ModuleBase> create_module(const std::string& name, bool& found) 
     factory = it->second;
   }
   return factory ? factory() : nullptr;
+}
+
+void Module::bind_manifest(const ModuleDefinition& def) {
+  name_ = def.name;
+  display_name_ = def.display_name.empty() ? def.name : def.display_name;
+  version_ = def.version;
 }
 
 }  // namespace ostrel::kernel

@@ -41,6 +41,12 @@ void Kernel::start_search_() {
     identity_registry::register_subdomain(k->caller().domain, k->caller().subdomain, sub);
     search_->register_source(std::move(sources[i]));
   }
+  // Then the sources the modules declare.
+  for (auto& m : modules_) {
+    for (auto& source : m.instance->search_sources()) {
+      if (source) search_->register_source(std::move(source));
+    }
+  }
   logger_.info("search engine ready: " + std::to_string(search_->sources().size()) +
                " source(s) registered");
 

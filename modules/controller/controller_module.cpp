@@ -74,16 +74,12 @@ struct PeerNode {
   std::int64_t registered_at_ms = 0, last_seen_ms = 0, token_issued_s = 0;
 };
 
-class ControllerModule : public kernel::ModuleBase {
+class ControllerModule : public kernel::Module {
  public:
-  std::string name() const override { return "controller"; }
-  std::string display_name() const override { return "Controller"; }
-  std::string version() const override { return "0.1.0"; }
   identity::SourceCode source_code() const override { return kControllerSource; }
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

@@ -168,18 +168,14 @@ bool read_check_fast(std::string_view text, std::string& tool, CheckContext& ctx
   return ok && s.at_end();
 }
 
-class SecurityModule : public kernel::ModuleBase {
+class SecurityModule : public kernel::Module {
  public:
   ~SecurityModule() override { stop(); }
-  std::string name() const override { return "security"; }
-  std::string display_name() const override { return "Security policy"; }
-  std::string version() const override { return "0.1.0-alpha109"; }
   identity::SourceCode source_code() const override { return kSecuritySource; }
 
   bool initialize(const kernel::ModuleContext& ctx) override;
   bool start() override;
   void stop() override;
-  bool reload(const kernel::ConfigView&) override { return true; }
   kernel::HealthStatus health() override;
   void register_routes(kernel::ApiGateway& gw) override;
   void register_syscalls(kernel::SyscallTable& table) override;

@@ -111,6 +111,17 @@ TEST_F(KernelBoot, ModuleContractEndToEnd) {
       EXPECT_EQ(m["version"], "5.0.0");
     }
   }
+  // Each module's declared search source joins the kernel's own.
+  auto found = c.Post("/api/v1/search", R"({"query":"rivers","scope":"all"})", "application/json");
+  ASSERT_TRUE(found);
+  Json search = Json::parse(found->body);
+  for (const std::string kind : {"alpha-notes", "beta-notes", "vector"}) {
+    EXPECT_NE(std::find(search["sources_queried"].begin(), search["sources_queried"].end(), kind),
+              search["sources_queried"].end())
+        << kind << " in " << search.dump();
+  }
+  EXPECT_EQ(search["hits"][0]["title"], "a note of " + first + " on rivers");
+
   Json subs = get_json(cfg.port, "/api/v1/kernel/events/subscriptions");
   EXPECT_EQ(subs.size(), 2u);
   EXPECT_EQ(subs[0]["topic"], "module.ready");
@@ -229,6 +240,22 @@ TEST_F(KernelBoot, InitFailureFailsTheBootBeforeAnyStart) {
   EXPECT_EQ(contract_log(), std::vector<std::string>{"beta:initialize"});
   // The gateway never started.
   EXPECT_FALSE(k.gateway().running());
+}
+
+// A module's name, display name and version are its manifest's.
+TEST_F(KernelBoot, ModuleNamesAndVersionsComeFromTheManifest) {
+  add_manifest("delta.module.yaml",
+               "module:\n  name: delta\n  display_name: Delta from its manifest\n"
+               "  version: 7.1.2\n  source_code: {domain: lab, subdomain: \"0x14\"}\n");
+  KernelConfig cfg = config();
+  Kernel k(cfg);
+  ASSERT_TRUE(k.boot());
+  ASSERT_EQ(k.modules().size(), 1u);
+  EXPECT_EQ(k.modules()[0].instance->name(), "delta");
+  Json modules = get_json(k.gateway().port(), "/api/v1/kernel/modules");
+  ASSERT_EQ(modules.size(), 1u);
+  EXPECT_EQ(modules[0]["display_name"], "Delta from its manifest");
+  EXPECT_EQ(modules[0]["version"], "7.1.2");
 }
 
 TEST_F(KernelBoot, RoleWithoutManifestStillServesBuiltins) {

@@ -89,6 +89,28 @@ class ContractModule : public kernel::ModuleBase {
 
   bool reload(const kernel::ConfigView&) override { return true; }
 
+  // Every module answers unified search with one note of its own.
+  std::vector<std::shared_ptr<search::SearchSource>> search_sources() override {
+    class Notes : public search::SearchSource {
+     public:
+      explicit Notes(std::string owner) : owner_(std::move(owner)) {}
+      std::string source_kind() const override { return owner_ + "-notes"; }
+      bool in_scope(search::Scope s) const override { return s == search::Scope::All; }
+      std::vector<search::Hit> search(const search::Query& q, std::size_t) override {
+        search::Hit hit;
+        hit.source_kind = source_kind();
+        hit.id = owner_ + "-1";
+        hit.title = "a note of " + owner_ + " on " + q.text;
+        hit.score = 0.9;
+        return {hit};
+      }
+
+     private:
+      std::string owner_;
+    };
+    return {std::make_shared<Notes>(name_)};
+  }
+
   kernel::HealthStatus health() override {
     if (!started_) return {kernel::HealthState::stopped, "not started"};
     if (ctx_.config->get("health") == "degraded") {
@@ -119,6 +141,17 @@ struct Named<0x13> : ContractModule {
   Named() : ContractModule("gamma", {0x25, 0x13}) {}
 };
 
+// A module as the node's own are written: its name, display name and
+// version come from the manifest alone.
+class ManifestNamed : public kernel::Module {
+ public:
+  identity::SourceCode source_code() const override { return {0x25, 0x14}; }
+  bool initialize(const kernel::ModuleContext&) override { return true; }
+  bool start() override { return true; }
+  kernel::HealthStatus health() override { return {kernel::HealthState::healthy, "ok"}; }
+};
+
+kernel::ModuleRegistrar<ManifestNamed> DeltaModule_registrar("delta");
 kernel::ModuleRegistrar<Named<0x11>> AlphaModule_registrar("alpha");
 kernel::ModuleRegistrar<Named<0x12>> BetaModule_registrar("beta");
 kernel::ModuleRegistrar<Named<0x13>> GammaModule_registrar("gamma");

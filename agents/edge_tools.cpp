@@ -7,6 +7,7 @@
 #include "base/json.h"
 #include "base/json_scanner.h"
 #include "base/reply.h"
+#include "base/roles.h"
 
 namespace ostrel::edge {
 
@@ -23,16 +24,10 @@ const char* const kToolSurfacePrompt =
     "fabricate URLs, DOIs, ORCID IDs, LinkedIn profiles, patent numbers, citations, or other "
     "specific identifiers — invented details are worse than \"I don't know\".";
 
-int role_rank(const std::string& role) {
-  static const std::vector<std::string> kLadder = {"viewer", "developer", "admin", "superadmin"};
-  auto it = std::find(kLadder.begin(), kLadder.end(), role);
-  return it == kLadder.end() ? -1 : static_cast<int>(it - kLadder.begin());
-}
-
 std::string ToolCallContext::highest_role() const {
   std::string best = "viewer";
   for (const auto& r : roles) {
-    if (role_rank(r) > role_rank(best)) best = r;
+    if (base::roles::rank(r) > base::roles::rank(best)) best = r;
   }
   return best;
 }
@@ -50,11 +45,11 @@ void ToolRegistry::register_tool(ToolDefinition def) {
 
 std::vector<ToolDefinition> ToolRegistry::list_visible(
     const ToolCallContext& ctx, const std::function<bool(const std::string&)>& filter) const {
-  const int rank = role_rank(ctx.highest_role());
+  const int rank = base::roles::rank(ctx.highest_role());
   std::vector<ToolDefinition> out;
   std::lock_guard lock(mu_);
   for (const auto& t : tools_) {
-    if (!t.min_role.empty() && role_rank(t.min_role) > rank) continue;
+    if (!t.min_role.empty() && base::roles::rank(t.min_role) > rank) continue;
     if (filter && !filter(t.name)) continue;
     out.push_back(t);
   }

@@ -41,9 +41,6 @@ struct ToolDefinition {
   std::function<ToolDispatchResult(const nlohmann::json& args, const ToolCallContext& ctx)> handler;
 };
 
-// Rank on the role ladder; -1 for a role not on it.
-int role_rank(const std::string& role);
-
 // An ordered table of tool definitions keyed by name (a name registered
 // again replaces its entry in place).
 // Thread-safe: mu_ guards the table; handlers run without it.

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "base/reply.h"
+#include "base/roles.h"
 #include "base/text.h"
 
 namespace ostrel::base {
@@ -13,23 +14,9 @@ bool credential_checked(const Request& req) {
 
 bool anonymous(const Request& req) { return req.auth_source == "anonymous"; }
 
-std::string role_for_scopes(const std::vector<std::string>& scopes) {
-  std::string best = "viewer";
-  for (const auto& s : scopes) {
-    if (s == "*" || s == "kernel.*") return "superadmin";
-    if (s == "admin.*" || s == "tenant.users.manage" || s == "tenant.roles.manage" ||
-        s == "tenant.*") {
-      best = "admin";
-    } else if ((s == "agent.invoke" || s == "agent.*") && best == "viewer") {
-      best = "developer";
-    }
-  }
-  return best;
-}
-
 std::string role_from_scopes(const Request& req) {
   if (!credential_checked(req)) return anonymous(req) ? "viewer" : "admin";
-  return req.role.empty() ? role_for_scopes(req.scopes) : req.role;
+  return req.role.empty() ? roles::for_scopes(req.scopes) : req.role;
 }
 
 bool is_peer(const Request& req) { return req.auth_source == "node"; }

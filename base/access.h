@@ -25,10 +25,6 @@ bool is_admin(const Request& req);
 // "audit.read:tenant-a").
 bool has_scope(const Request& req, std::string_view required);
 
-// The tool-policy role a list of scopes stands for: "superadmin" for "*" or
-// "kernel.*", "admin" for "admin.*" and the tenant-management scopes,
-// "developer" for "agent.invoke" or "agent.*", else "viewer".
-std::string role_for_scopes(const std::vector<std::string>& scopes);
 // The caller's tool-policy role: the checked credential's (Request::role, or
 // its scopes'), "admin" when nothing was checked (an open node, a peer).
 std::string role_from_scopes(const Request& req);

@@ -7,6 +7,7 @@
 #include "base/encoding.h"
 #include "base/json.h"
 #include "base/reply.h"
+#include "base/roles.h"
 #include "base/text.h"
 #include "identity/identity_routes.h"
 #include "identity/user_store.h"
@@ -89,19 +90,6 @@ std::string api_key_of(const Request& req) {
   return key;
 }
 
-// The four roles in order of power; -1 for anything else.
-int role_rank(const std::string& role) {
-  if (role == "viewer") return 0;
-  if (role == "developer") return 1;
-  if (role == "admin") return 2;
-  if (role == "superadmin") return 3;
-  return -1;
-}
-
-const char* role_of_rank(int rank) {
-  static const char* kRoles[] = {"viewer", "developer", "admin", "superadmin"};
-  return rank >= 0 && rank <= 3 ? kRoles[rank] : "none";
-}
 
 // Who grants a registration made with a credential: the role it stands for
 // and the tenant it is bound to. rank -1: the caller grants nothing (it is
@@ -115,7 +103,7 @@ Granter granter_of(const IdentityContext& ctx, const Request& req) {
   Granter g;
   if (base::credential_checked(req)) {
     // Checked by the gateway: a user's key or a token, with its role.
-    const int rank = role_rank(base::role_from_scopes(req));
+    const int rank = base::roles::rank(base::role_from_scopes(req));
     g.rank = rank >= 2 ? rank : -1;
     g.tenant = req.tenant;
     return g;
@@ -125,7 +113,7 @@ Granter granter_of(const IdentityContext& ctx, const Request& req) {
   const std::string key = api_key_of(req);
   if (key.empty()) return g;
   if (auto u = ctx.users->authenticate_key(key)) {
-    g.rank = role_rank(u->role) >= 2 ? role_rank(u->role) : -1;
+    g.rank = base::roles::rank(u->role) >= 2 ? base::roles::rank(u->role) : -1;
     g.tenant = u->tenant_id;
   }
   return g;
@@ -178,11 +166,11 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
       if (granter.rank >= 2) {
         via = "admin";
         // Nobody grants more than they hold, nor outside their own tenant.
-        if (role_rank(role) > granter.rank) {
+        if (base::roles::rank(role) > granter.rank) {
           return base::fail(res, 403, "role_above_granter",
                             {{"message", "a registration may not grant a role above the granter's"},
                              {"role", role},
-                             {"granter_role", role_of_rank(granter.rank)}});
+                             {"granter_role", base::roles::name_of(granter.rank)}});
         }
         if (!granter.tenant.empty()) {
           if (!tenant.empty() && tenant != granter.tenant) {

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "base/encoding.h"
+#include "base/roles.h"
 #include "base/sqlite.h"
 
 namespace ostrel::identity_registry {
@@ -78,8 +79,7 @@ std::string UserStore::hash_password(const std::string& password) {
   return base::to_hex(base::sha256(password));
 }
 
-bool UserStore::normalise_username(const std::string& name, std::string& out,
-                                   std::string& error) {
+bool UserStore::normalise_username(const std::string& name, std::string& out, std::string& error) {
   const auto first = name.find_first_not_of(" \t\r\n");
   const auto last = name.find_last_not_of(" \t\r\n");
   out = first == std::string::npos ? "" : name.substr(first, last - first + 1);
@@ -112,9 +112,7 @@ bool UserStore::normalise_username(const std::string& name, std::string& out,
   return true;
 }
 
-bool UserStore::valid_role(const std::string& role) {
-  return role == "viewer" || role == "developer" || role == "admin" || role == "superadmin";
-}
+bool UserStore::valid_role(const std::string& role) { return base::roles::known(role); }
 
 std::string UserStore::now_text() {
   std::time_t t = std::time(nullptr);

@@ -7,6 +7,7 @@
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/env.h"
+#include "base/roles.h"
 #include "identity/chain_checkpoints.h"
 #include "identity/source_header.h"
 #include "kernel/kernel.h"
@@ -127,15 +128,6 @@ void Kernel::checkpoint_audit_() {
   }
 }
 
-// The scopes an API key's user holds by role.
-std::vector<std::string> Kernel::scopes_for_role(const std::string& role) {
-  if (role == "superadmin") return {"admin.*", "kernel.*", "tenant.*"};
-  if (role == "admin") return {"admin.*", "tenant.*"};
-  // Developers also use models (the chat routes ask for inference.chat).
-  if (role == "developer") return {"agent.*", "data.*", "comm.*", "inference.chat"};
-  return {"read.*"};
-}
-
 AuthResult Kernel::verify_credential_(const std::string& credential) {
   AuthResult result;
   const std::int64_t now = unix_s();
@@ -157,7 +149,7 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
         result.tenant = u->tenant_id;
         result.token_id = "key:" + u->user_id;
         result.user_id = u->user_id;
-        result.scopes = scopes_for_role(u->role);
+        result.scopes = base::roles::key_scopes(u->role);
         result.role = u->role;
         auth_cache_.put(credential, {result, now + 60});
         return result;
@@ -176,7 +168,7 @@ AuthResult Kernel::verify_credential_(const std::string& credential) {
     result.tenant = token.tenant;
     result.token_id = token.id;
     result.scopes = token.scopes;
-    result.role = base::role_for_scopes(token.scopes);
+    result.role = base::roles::for_scopes(token.scopes);
     auth_cache_.put(credential, {result, token.expires_at_s});
   }
   // A suspended or terminating tenant is locked out at once, cached or not.

@@ -133,7 +133,6 @@ class Kernel {
   void checkpoint_audit_();
   // Turns a credential into an AuthResult, through the auth cache.
   AuthResult verify_credential_(const std::string& credential);
-  static std::vector<std::string> scopes_for_role(const std::string& role);
   // The password-reset message through messaging, else the controller.
   void send_reset_mail_(const std::string& to, const std::string& body);
   // The unified search engine, its sources and its routes.

@@ -15,9 +15,11 @@
 
 #include "base/durable_file.h"
 #include "base/encoding.h"
+#include "base/env.h"
 #include "base/journal.h"
 #include "base/json.h"
 #include "base/names.h"
+#include "base/roles.h"
 #include "base/sqlite.h"
 #include "base/text.h"
 #include "base/text_arena.h"
@@ -383,6 +385,49 @@ TEST(Sqlite, StatementsAndTransactions) {
   EXPECT_EQ(q.text(0), "b");
   EXPECT_EQ(q.int64(1), 2);
   EXPECT_EQ(q.step(), SQLITE_DONE);
+}
+
+// One role table answers every question about roles: order, the scopes of a
+// key, the role scopes stand for; anything outside it grants nothing.
+TEST(Roles, OneTableForRanksScopesAndCredentials) {
+  namespace roles = base::roles;
+  EXPECT_LT(roles::rank("viewer"), roles::rank("developer"));
+  EXPECT_LT(roles::rank("admin"), roles::rank("superadmin"));
+  EXPECT_EQ(roles::rank("root"), -1);
+  EXPECT_EQ(roles::name_of(roles::rank("admin")), "admin");
+  EXPECT_EQ(roles::name_of(9), "none");
+  EXPECT_EQ(roles::key_scopes("superadmin"),
+            (std::vector<std::string>{"admin.*", "kernel.*", "tenant.*"}));
+  EXPECT_EQ(roles::key_scopes("no-such-role"), (std::vector<std::string>{"read.*"}));
+  EXPECT_EQ(roles::for_scopes({"agent.invoke", "tenant.users.manage"}), "admin");
+  EXPECT_EQ(roles::for_scopes({"read.*"}), "viewer");
+  EXPECT_EQ(roles::for_scopes({"data.vector.search", "kernel.*"}), "superadmin");
+  // A key of each role stands for that role again.
+  for (const auto& r : roles::table()) {
+    EXPECT_EQ(roles::for_scopes(r.key_scopes), r.name);
+  }
+}
+
+// Environment values are read the same way everywhere: unset and empty
+// alike, numbers in range or the fallback.
+TEST(Env, TypedReadsWithFallbacks) {
+  base::env::set_lookup_for_tests([](const char* name) -> const char* {
+    std::string_view n = name;
+    if (n == "A_NUM") return "42";
+    if (n == "A_BAD") return "42x";
+    if (n == "A_EMPTY") return "";
+    if (n == "A_FLAG") return "Yes";
+    return nullptr;
+  });
+  EXPECT_EQ(base::env::integer("A_NUM", 7), 42);
+  EXPECT_EQ(base::env::integer("A_NUM", 7, 0, 10), 7);
+  EXPECT_EQ(base::env::integer("A_BAD", 7), 7);
+  EXPECT_EQ(base::env::text("A_EMPTY", "x"), "x");
+  EXPECT_TRUE(base::env::value("A_EMPTY").has_value());
+  EXPECT_FALSE(base::env::value("A_UNSET").has_value());
+  EXPECT_TRUE(base::env::flag("A_FLAG"));
+  EXPECT_FALSE(base::env::flag("A_UNSET"));
+  base::env::set_lookup_for_tests(nullptr);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 #include "agents/dynamic_tools.h"
 #include "agents/intents.h"
 #include "agents/prompt.h"
-#include "agents/session_store.h"
+#include "agents/agent_sessions.h"
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/http_client.h"
@@ -146,7 +146,7 @@ class AgentModule : public kernel::Module {
 
   kernel::ModuleContext ctx_;
   std::unique_ptr<base::Logger> log_;
-  std::unique_ptr<SessionStore> sessions_;
+  std::unique_ptr<AgentSessions> sessions_;
   std::unique_ptr<DynamicTools> tools_;
   std::string controller_url_;
   std::string api_key_;
@@ -196,7 +196,7 @@ bool AgentModule::initialize(const kernel::ModuleContext& ctx) {
         "agent/medicine"};
   }
 
-  sessions_ = std::make_unique<SessionStore>(dir, *log_);
+  sessions_ = std::make_unique<AgentSessions>(dir, *log_);
   const std::size_t loaded = sessions_->load();
   tools_ = std::make_unique<DynamicTools>(data_dir / "agent" / "dynamic_tools.json");
   std::string error;
@@ -953,7 +953,7 @@ void AgentModule::register_syscalls(kernel::SyscallTable& table) {
                            if (!a.contains("agent_id") || !a["agent_id"].is_string()) {
                              return base::syscall_error("missing agent_id");
                            }
-                           return base::syscall_ok({{"execution_id", SessionStore::new_id("exec")},
+                           return base::syscall_ok({{"execution_id", AgentSessions::new_id("exec")},
                                                     {"agent_id", a["agent_id"]},
                                                     {"status", "queued"}});
                          }));

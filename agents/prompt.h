@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "agents/session_store.h"
+#include "agents/agent_sessions.h"
 
 // The request an agent turn sends to the model.
 namespace ostrel::agents {

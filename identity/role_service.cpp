@@ -16,7 +16,7 @@
 #include "base/reply.h"
 #include "base/text.h"
 
-namespace ostrel::security {
+namespace ostrel::identity::tool_policy {
 
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
@@ -536,4 +536,4 @@ RejectResponse RoleService::build_reject(const std::string& tool, const CheckOut
   return r;
 }
 
-}  // namespace ostrel::security
+}  // namespace ostrel::identity::tool_policy

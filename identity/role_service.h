@@ -18,7 +18,7 @@
 // "prefix*" rules; a mode (stub_allow, audit, enforce) deciding how the
 // table's answer is applied; four counters; and an append-only audit log of
 // every decision, each line hash-stamped and chained to the one before.
-namespace ostrel::security {
+namespace ostrel::identity::tool_policy {
 
 enum class ToolDecision : std::uint8_t { allowed = 0, denied = 1, requires_approval = 2 };
 const char* decision_name(ToolDecision d);
@@ -162,4 +162,4 @@ class RoleService {
   base::HashChain chain_;
 };
 
-}  // namespace ostrel::security
+}  // namespace ostrel::identity::tool_policy

@@ -34,6 +34,9 @@ namespace {
 using Json = nlohmann::json;
 using base::reply;
 using identity::ChainCheckpoints;
+// The policy library this module serves: the role table, the decisions and
+// the decision log.
+using namespace identity::tool_policy;
 using kernel::Request;
 using kernel::Response;
 namespace fs = std::filesystem;

@@ -11,7 +11,7 @@
 #include "agents/edge_tools.h"
 #include "agents/intents.h"
 #include "agents/prompt.h"
-#include "agents/session_store.h"
+#include "agents/agent_sessions.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::agents {
@@ -97,11 +97,11 @@ TEST(Prompt, KnowledgeBlockAndRequest) {
 // restart restores every complete turn of a journal whose last line was
 // torn, and the next turn starts on its own line; a deleted session's file
 // is gone and a late turn does not bring it back.
-TEST(SessionStore, JournalsOrderTornLinesAndDeletion) {
+TEST(AgentSessions, JournalsOrderTornLinesAndDeletion) {
   TempDir dir;
   std::string id;
   {
-    SessionStore store(dir.path(), quiet());
+    AgentSessions store(dir.path(), quiet());
     auto s = store.create("General", "general", "acme", "alice");
     id = s->session_id;
     EXPECT_EQ(id.rfind("sess", 0), 0u);
@@ -134,7 +134,7 @@ TEST(SessionStore, JournalsOrderTornLinesAndDeletion) {
   testing::write_file(path, text);
   testing::write_file(dir / "garbage.jsonl", "not a journal\n");
   {
-    SessionStore store(dir.path(), quiet());
+    AgentSessions store(dir.path(), quiet());
     EXPECT_EQ(store.load(), 1u);
     auto s = store.find(id);
     ASSERT_TRUE(s);
@@ -143,7 +143,7 @@ TEST(SessionStore, JournalsOrderTornLinesAndDeletion) {
     store.record(*s, "user", "after");
   }
   {
-    SessionStore store(dir.path(), quiet());
+    AgentSessions store(dir.path(), quiet());
     store.load();
     auto s = store.find(id);
     ASSERT_TRUE(s);

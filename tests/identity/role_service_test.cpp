@@ -10,7 +10,7 @@
 
 #include "tests/support/test_support.h"
 
-namespace ostrel::security {
+namespace ostrel::identity::tool_policy {
 namespace {
 
 using Json = nlohmann::json;
@@ -230,4 +230,4 @@ TEST(RoleService, AuditLogChainsAndDetectsEdits) {
 }
 
 }  // namespace
-}  // namespace ostrel::security
+}  // namespace ostrel::identity::tool_policy

@@ -40,9 +40,9 @@ struct Session {
 // header line, then one line per turn, appended and never rewritten. Every
 // journal is read back at start, so sessions outlive the process.
 // Thread-safe: mu_ guards the map; each session's own mutex its turns.
-class SessionStore {
+class AgentSessions {
  public:
-  SessionStore(std::filesystem::path dir, base::Logger log);
+  AgentSessions(std::filesystem::path dir, base::Logger log);
 
   // Reads every journal in the directory; returns the number of sessions.
   // A journal whose last line was torn by a crash keeps every complete turn.

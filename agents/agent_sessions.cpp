@@ -1,4 +1,4 @@
-#include "agents/session_store.h"
+#include "agents/agent_sessions.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -33,10 +33,10 @@ std::string turn_line(const Message& m) {
 
 }  // namespace
 
-SessionStore::SessionStore(fs::path dir, base::Logger log)
+AgentSessions::AgentSessions(fs::path dir, base::Logger log)
     : dir_(std::move(dir)), log_(std::move(log)) {}
 
-std::string SessionStore::new_id(const std::string& prefix) {
+std::string AgentSessions::new_id(const std::string& prefix) {
   static std::mutex mu;  // guards rng
   static std::mt19937_64 rng(std::random_device{}());
   std::uint64_t v;
@@ -49,7 +49,7 @@ std::string SessionStore::new_id(const std::string& prefix) {
   return prefix + buf;
 }
 
-bool SessionStore::write_line_(const std::string& id, const std::string& line, bool create) {
+bool AgentSessions::write_line_(const std::string& id, const std::string& line, bool create) {
   const fs::path path = path_of(id);
   // A deleted session's journal is not brought back by a late turn.
   const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | (create ? O_CREAT | O_EXCL : 0);
@@ -60,7 +60,7 @@ bool SessionStore::write_line_(const std::string& id, const std::string& line, b
   return w == static_cast<ssize_t>(line.size());
 }
 
-std::size_t SessionStore::load() {
+std::size_t AgentSessions::load() {
   std::error_code ec;
   std::vector<fs::path> files;
   for (fs::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
@@ -124,7 +124,7 @@ std::size_t SessionStore::load() {
   return sessions_.size();
 }
 
-std::shared_ptr<Session> SessionStore::create(const std::string& agent_type,
+std::shared_ptr<Session> AgentSessions::create(const std::string& agent_type,
                                               const std::string& domain, const std::string& tenant,
                                               const std::string& owner) {
   auto s = std::make_shared<Session>();
@@ -154,13 +154,13 @@ std::shared_ptr<Session> SessionStore::create(const std::string& agent_type,
   return s;
 }
 
-std::shared_ptr<Session> SessionStore::find(const std::string& id) const {
+std::shared_ptr<Session> AgentSessions::find(const std::string& id) const {
   std::lock_guard lock(mu_);
   auto it = sessions_.find(id);
   return it == sessions_.end() ? nullptr : it->second;
 }
 
-bool SessionStore::remove(const std::string& id) {
+bool AgentSessions::remove(const std::string& id) {
   std::shared_ptr<Session> s;
   {
     std::lock_guard lock(mu_);
@@ -176,7 +176,7 @@ bool SessionStore::remove(const std::string& id) {
   return true;
 }
 
-std::vector<std::shared_ptr<Session>> SessionStore::list(const std::string& tenant) const {
+std::vector<std::shared_ptr<Session>> AgentSessions::list(const std::string& tenant) const {
   std::vector<std::shared_ptr<Session>> out;
   std::lock_guard lock(mu_);
   for (const auto& id : order_) {
@@ -188,12 +188,12 @@ std::vector<std::shared_ptr<Session>> SessionStore::list(const std::string& tena
   return out;
 }
 
-std::size_t SessionStore::size() const {
+std::size_t AgentSessions::size() const {
   std::lock_guard lock(mu_);
   return sessions_.size();
 }
 
-void SessionStore::record(Session& s, const std::string& role, const std::string& content) {
+void AgentSessions::record(Session& s, const std::string& role, const std::string& content) {
   Message m{role, content, base::unix_ms()};
   const std::string line = turn_line(m);
   std::lock_guard lock(s.mu);
@@ -204,7 +204,7 @@ void SessionStore::record(Session& s, const std::string& role, const std::string
   }
 }
 
-std::vector<Message> SessionStore::append(Session& s, const std::string& role,
+std::vector<Message> AgentSessions::append(Session& s, const std::string& role,
                                           const std::string& content, std::size_t window) {
   Message m{role, content, base::unix_ms()};
   const std::string line = turn_line(m);
@@ -219,7 +219,7 @@ std::vector<Message> SessionStore::append(Session& s, const std::string& role,
   return {s.messages.begin() + static_cast<std::ptrdiff_t>(first), s.messages.end()};
 }
 
-void SessionStore::switch_agent(Session& s, const std::string& agent_type) {
+void AgentSessions::switch_agent(Session& s, const std::string& agent_type) {
   Json line = {{"_type", "switch"}, {"agent_type", agent_type}, {"ts", base::unix_ms()}};
   std::lock_guard lock(s.mu);
   s.agent_type = agent_type;

@@ -21,7 +21,7 @@
 #include "data/top_k.h"
 #include "data/vector_math.h"
 #include "data/vector_store.h"
-#include "inference/hash_embedder.h"
+#include "base/hash_embedder.h"
 #include "kernel/kernel.h"
 
 namespace {
@@ -30,7 +30,7 @@ namespace fs = std::filesystem;
 using Json = nlohmann::json;
 using ostrel::kernel::SyscallResult;
 constexpr int kRows = 100000;
-constexpr std::size_t kDim = ostrel::inference::HashEmbedder::kDimensions;
+constexpr std::size_t kDim = ostrel::base::HashEmbedder::kDimensions;
 const ostrel::identity::SourceCode kBench{0xfe, 0x09};
 
 // A node with the inference and data modules in a directory of its own.
@@ -103,7 +103,7 @@ void BM_DataSearch(benchmark::State& state) {
     }
   });
   const std::string query_text = "what the bench looks for";
-  const std::vector<float> q = ostrel::inference::HashEmbedder::embed(query_text);
+  const std::vector<float> q = ostrel::base::HashEmbedder::embed(query_text);
   const Json args = {{"tenant", "bench"}, {"namespace", "docs"}, {"query", query_text},
                      {"top_k", 10},       {"min_score", -1.0},  {"_no_fanout", true}};
   node.call("data.vector.search", args);  // loads the namespace
@@ -176,7 +176,7 @@ void BM_DataIngest(benchmark::State& state) {
     for (const auto& d : docs) {
       for (auto [off, len] : ostrel::data::chunk_text(d, 1200, 150)) {
         benchmark::DoNotOptimize(
-            ostrel::inference::HashEmbedder::embed(std::string_view(d).substr(off, len)));
+            ostrel::base::HashEmbedder::embed(std::string_view(d).substr(off, len)));
       }
     }
     auto t2 = std::chrono::steady_clock::now();

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/json.h"
-#include "inference/hash_embedder.h"
+#include "base/hash_embedder.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::data {
@@ -60,8 +60,8 @@ bool EmbeddingChain::via_syscall_(const char* name, const std::string& request,
 
 bool EmbeddingChain::embed(const std::string& model, std::string_view text, std::vector<float>& out,
                            std::string& error) {
-  if (model == inference::HashEmbedder::kModelId) {
-    out = inference::HashEmbedder::embed(text);
+  if (model == base::HashEmbedder::kModelId) {
+    out = base::HashEmbedder::embed(text);
     return true;
   }
   const std::string request = base::dump_json(Json{{"model", model}, {"input", std::string(text)}});

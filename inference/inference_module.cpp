@@ -29,7 +29,7 @@
 #include "inference/echo_backend.h"
 #include "inference/engine.h"
 #include "inference/gguf.h"
-#include "inference/hash_embedder.h"
+#include "base/hash_embedder.h"
 #include "inference/local_backends.h"
 #include "inference/ollama_backend.h"
 #include "kernel/event_bus.h"
@@ -41,6 +41,7 @@ namespace ostrel::inference {
 namespace {
 
 using Json = nlohmann::json;
+using base::HashEmbedder;
 using kernel::Request;
 using kernel::Response;
 namespace fs = std::filesystem;

@@ -9,7 +9,7 @@
 
 #include "identity/identity_registry.h"
 #include "kernel/obs/metrics.h"
-#include "kernel/self_health.h"
+#include "kernel/boot/self_health.h"
 
 namespace ostrel::kernel {
 namespace {

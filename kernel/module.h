@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "identity/source_code.h"
-#include "kernel/config_view.h"
-#include "kernel/help_types.h"
+#include "kernel/boot/config_view.h"
+#include "kernel/routes/help_types.h"
 #include "kernel/obs/metric_registry.h"
 #include "kernel/types.h"
 #include "search/search_engine.h"

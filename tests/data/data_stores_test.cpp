@@ -14,7 +14,7 @@
 #include "data/row_buffer.h"
 #include "data/vector_math.h"
 #include "data/vector_store.h"
-#include "inference/hash_embedder.h"
+#include "base/hash_embedder.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/test_support.h"
 
@@ -124,7 +124,7 @@ TEST(IngestRequest, FastReaderAgreesWithTheJsonPath) {
   }
 }
 
-std::vector<float> embed(const std::string& text) { return inference::HashEmbedder::embed(text); }
+std::vector<float> embed(const std::string& text) { return base::HashEmbedder::embed(text); }
 
 VectorRecord record(const std::string& id, const std::string& text) {
   VectorRecord r;
@@ -300,7 +300,7 @@ class MemoryServiceTest : public ::testing::Test {
     MatrixMemoryService::Embed e;
     if (with_embeddings) {
       e = [](std::string_view text, std::vector<float>& out, std::string&) {
-        out = inference::HashEmbedder::embed(text);
+        out = base::HashEmbedder::embed(text);
         return true;
       };
     }

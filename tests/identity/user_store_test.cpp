@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "identity/login_throttle.h"
-#include "kernel/hybrid_clock.h"
+#include "kernel/cluster/hybrid_clock.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::identity_registry {

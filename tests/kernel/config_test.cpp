@@ -2,8 +2,8 @@
 
 #include <map>
 
-#include "kernel/config_view.h"
-#include "kernel/manifest.h"
+#include "kernel/boot/config_view.h"
+#include "kernel/boot/manifest.h"
 
 namespace ostrel::kernel {
 namespace {

@@ -17,7 +17,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "kernel/self_health.h"
+#include "kernel/boot/self_health.h"
 #include "tests/support/test_node.h"
 #include "tests/support/test_support.h"
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "kernel/manifest.h"
+#include "kernel/boot/manifest.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::kernel {

@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "base/log.h"
-#include "kernel/self_health.h"
+#include "kernel/boot/self_health.h"
 
 namespace ostrel::testing {
 

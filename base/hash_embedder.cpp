@@ -1,10 +1,10 @@
-#include "inference/hash_embedder.h"
+#include "base/hash_embedder.h"
 
 #include <cctype>
 #include <cmath>
 #include <cstdint>
 
-namespace ostrel::inference {
+namespace ostrel::base {
 namespace {
 
 // FNV-1a, 64-bit: stable across builds and platforms.
@@ -80,4 +80,4 @@ std::size_t HashEmbedder::token_count(std::string_view text) {
   return n;
 }
 
-}  // namespace ostrel::inference
+}  // namespace ostrel::base

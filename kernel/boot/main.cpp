@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "base/env.h"
-#include "kernel/cli.h"
+#include "kernel/boot/cli.h"
 #include "kernel/kernel.h"
 #include "kernel/module.h"
 

@@ -1,4 +1,4 @@
-#include "kernel/self_health.h"
+#include "kernel/boot/self_health.h"
 
 #include <fcntl.h>
 #include <netdb.h>

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "kernel/manifest.h"
+#include "kernel/boot/manifest.h"
 
 namespace ostrel::kernel::module_loader {
 namespace {

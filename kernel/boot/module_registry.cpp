@@ -3,7 +3,7 @@
 
 #include "kernel/module.h"
 
-#include "kernel/manifest.h"
+#include "kernel/boot/manifest.h"
 
 namespace ostrel::kernel {
 namespace {

@@ -1,4 +1,4 @@
-#include "kernel/cli.h"
+#include "kernel/boot/cli.h"
 
 #include <cerrno>
 #include <cstdlib>

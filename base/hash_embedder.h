@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ostrel::inference {
+namespace ostrel::base {
 
 // The embedded embedding model: words and character trigrams hashed into a
 // fixed number of signed buckets, then L2-normalised. Deterministic, needs no
@@ -20,4 +20,4 @@ class HashEmbedder {
   static std::size_t token_count(std::string_view text);
 };
 
-}  // namespace ostrel::inference
+}  // namespace ostrel::base

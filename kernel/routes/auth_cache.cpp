@@ -1,4 +1,4 @@
-#include "kernel/auth_cache.h"
+#include "kernel/routes/auth_cache.h"
 
 #include <mutex>
 

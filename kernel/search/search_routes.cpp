@@ -9,7 +9,7 @@
 #include "identity/identity_registry.h"
 #include "kernel/kernel.h"
 #include "kernel/obs/metrics.h"
-#include "kernel/search_sources.h"
+#include "kernel/search/search_sources.h"
 
 namespace ostrel::kernel {
 namespace {

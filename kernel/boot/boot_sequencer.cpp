@@ -1,4 +1,4 @@
-#include "kernel/boot_sequencer.h"
+#include "kernel/boot/boot_sequencer.h"
 
 #include <exception>
 

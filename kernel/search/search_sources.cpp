@@ -1,4 +1,4 @@
-#include "kernel/search_sources.h"
+#include "kernel/search/search_sources.h"
 
 #include <algorithm>
 #include <cctype>

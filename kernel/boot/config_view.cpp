@@ -1,11 +1,11 @@
-#include "kernel/config_view.h"
+#include "kernel/boot/config_view.h"
 #include <cctype>
 #include <cerrno>
 
 #include <cstdlib>
 
 #include "base/env.h"
-#include "kernel/manifest.h"
+#include "kernel/boot/manifest.h"
 
 namespace ostrel::kernel {
 

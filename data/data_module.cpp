@@ -277,7 +277,11 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
 
   me_ = {ctx.node_id, ctx.node_token};
   peers_ = std::make_unique<PeerDirectory>(ctx.syscalls, kDataSource, cfg.get("peers", ""));
-  chain_ = std::make_unique<EmbeddingChain>(ctx.syscalls, kDataSource, peers_.get(), me_, *log_);
+  chain_ = std::make_unique<EmbeddingChain>(
+      ctx.syscalls, kDataSource, peers_.get(), me_, *log_, [this]() -> std::string {
+        OstrelBus* bus = legacyBus();
+        return bus ? bus->ask({kDataSource, "cloud.peer_url", "{}"}) : std::string();
+      });
   vectors_ = std::make_unique<VectorStore>(data_dir / "vectors", *log_, sync_each);
   base::remove_stale_temporaries(data_dir / "vectors");
 

@@ -2,8 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "base/json.h"
 #include "base/hash_embedder.h"
+#include "base/json.h"
 #include "kernel/syscall_table.h"
 
 namespace ostrel::data {
@@ -47,8 +47,14 @@ bool embedding_from_answer(std::string_view body, std::vector<float>& out) {
 }
 
 EmbeddingChain::EmbeddingChain(kernel::SyscallTable* syscalls, identity::SourceCode self,
-                               const PeerDirectory* peers, PeerIdentity me, base::Logger log)
-    : syscalls_(syscalls), self_(self), peers_(peers), me_(std::move(me)), log_(std::move(log)) {}
+                               const PeerDirectory* peers, PeerIdentity me, base::Logger log,
+                               std::function<std::string()> ask_bus)
+    : syscalls_(syscalls),
+      self_(self),
+      peers_(peers),
+      me_(std::move(me)),
+      log_(std::move(log)),
+      ask_bus_(std::move(ask_bus)) {}
 
 bool EmbeddingChain::via_syscall_(const char* name, const std::string& request,
                                   std::vector<float>& out, std::string& error) {
@@ -99,8 +105,20 @@ bool EmbeddingChain::embed(const std::string& model, std::string_view text, std:
     }
     if (first_error.empty()) first_error = e;
   }
-  // 5. The legacy bus knows no cloud peer on this node: it has no cloud module.
-  log_.debug("embed: OstrelBus cloud peer failed (no cloud module on the legacy bus)");
+  // 5. The legacy bus, for a cloud peer someone on it knows.
+  if (std::string bus_peer = ask_bus_ ? ask_bus_() : ""; !bus_peer.empty()) {
+    // Scheme and path go: the peer is dialled as host[:port].
+    if (auto at = bus_peer.find("://"); at != std::string::npos) bus_peer.erase(0, at + 3);
+    bus_peer = bus_peer.substr(0, bus_peer.find('/'));
+    std::string e;
+    if (via_peer_(bus_peer, request, out, e)) {
+      log_.debug("embed: OstrelBus-resolved cloud peer ok via " + bus_peer);
+      return true;
+    }
+    log_.debug("embed: OstrelBus cloud peer failed (" + e + ")");
+  } else {
+    log_.debug("embed: OstrelBus cloud peer failed (no member of the legacy bus knows one)");
+  }
   // 6.
   error = "cloud.embeddings unavailable locally and no cloud peer discovered";
   if (!first_error.empty()) error += " (inference.embeddings: " + first_error + ")";

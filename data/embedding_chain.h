@@ -28,8 +28,11 @@ namespace ostrel::data {
 // while calling a syscall or a peer.
 class EmbeddingChain {
  public:
+  // `ask_bus`: the question "which cloud peer?" put to the legacy bus
+  // (its answer, a peer URL, or "").
   EmbeddingChain(kernel::SyscallTable* syscalls, identity::SourceCode self,
-                 const PeerDirectory* peers, PeerIdentity me, base::Logger log);
+                 const PeerDirectory* peers, PeerIdentity me, base::Logger log,
+                 std::function<std::string()> ask_bus = {});
 
   // The vector for `text`, or false with the reason.
   bool embed(const std::string& model, std::string_view text, std::vector<float>& out,
@@ -47,6 +50,7 @@ class EmbeddingChain {
   const PeerDirectory* peers_;  // borrowed: owned by the data module
   PeerIdentity me_;
   base::Logger log_;
+  std::function<std::string()> ask_bus_;
   std::shared_mutex cache_mu_;  // guards cloud_peer_, cached_at_
   std::string cloud_peer_cached_;
   std::chrono::steady_clock::time_point cached_at_{};

@@ -4,7 +4,27 @@ namespace ostrel {
 
 void OstrelBus::attach(IModule* module) {
   std::lock_guard lock(mu_);
+  module->bus_ = this;
   members_.push_back(module);
+}
+
+std::string OstrelBus::ask(const BusMessage& message) const {
+  std::vector<IModule*> members;
+  {
+    std::lock_guard lock(mu_);
+    members = members_;
+  }
+  message.reply.clear();
+  for (IModule* m : members) {
+    if (m->getSourceCode() == message.from) continue;
+    try {
+      m->onBusMessage(message);
+    } catch (...) {
+      message.reply.clear();  // a failing member answers nothing
+    }
+    if (!message.reply.empty()) return message.reply;
+  }
+  return "";
 }
 
 std::size_t OstrelBus::send(const BusMessage& message) const {

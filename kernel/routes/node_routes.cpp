@@ -245,11 +245,8 @@ void Kernel::register_node_routes_() {
                    reply(res, stamp_json(hlc_.update(remote)));
                  });
 
-  // Extensions, presets and the catalogue are not part of this build.
-  auto absent = [](const Request& req, Response& res) {
-    base::fail(res, 501, "not_implemented",
-               {{"message", "extensions are not part of this build"}, {"path", req.path}});
-  };
+  // Extensions are not part of this build: the list is empty, and the
+  // routes that would change it are not served.
   gateway_.route("GET", "/api/v1/extensions", [](const Request&, Response& res) {
     reply(res, {{"extensions", Json::array()},
                 {"count", 0},
@@ -260,18 +257,6 @@ void Kernel::register_node_routes_() {
                 {"entries", Json::array()},
                 {"note", "extensions are not part of this build"}});
   });
-  for (const char* m : {"GET", "PUT", "POST"}) gateway_.route(m, "/api/v1/extensions/*", absent);
-  for (const char* p :
-       {"/api/v1/extensions/load", "/api/v1/extensions/unload",
-        "/api/v1/extensions/register-external", "/api/v1/extensions/rescan",
-        "/api/v1/extensions/share", "/api/v1/extensions/unshare", "/api/v1/extensions/deregister",
-        "/api/v1/presets/apply", "/api/v1/catalog/install", "/api/v1/catalog/uninstall"}) {
-    gateway_.route("POST", p, absent);
-  }
-  for (const char* p :
-       {"/api/v1/presets", "/api/v1/presets/*", "/api/v1/catalog", "/api/v1/catalog/*"}) {
-    gateway_.route("GET", p, absent);
-  }
   syscalls_.register_syscall(identity::kKernelSource, "extension.list", [](std::string_view) {
     return base::syscall_ok({{"extensions", Json::array()}});
   });

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <thread>
 
+#include "kernel/legacy_bus.h"
+
 namespace ostrel::kernel {
 namespace {
 
@@ -84,6 +86,41 @@ TEST(EventBus, DeliveryWhileSubscribersComeAndGo) {
   // The one permanent subscriber saw every publish exactly once.
   EXPECT_EQ(stable_hits.load(), 3 * 2000);
   EXPECT_EQ(bus.subscriptions().size(), 1u);
+}
+
+// The legacy bus: a message reaches every member but its sender; a question
+// is answered by the first member that writes a reply, and a member that
+// throws answers nothing without stopping the others.
+TEST(LegacyBus, SendSkipsTheSenderAndAskTakesTheFirstAnswer) {
+  struct Member : IModule {
+    Member(identity::SourceCode c, std::string a, bool t = false)
+        : code(c), answer(std::move(a)), throws(t) {}
+    identity::SourceCode getSourceCode() const override { return code; }
+    bool isReady() const override { return true; }
+    void onBusMessage(const BusMessage& m) override {
+      ++seen;
+      if (throws) throw std::runtime_error("member failed");
+      if (m.topic == "cloud.peer_url") m.reply = answer;
+    }
+    identity::SourceCode code;
+    std::string answer;
+    bool throws;
+    int seen = 0;
+  };
+  OstrelBus bus;
+  Member asker({0x25, 0x01}, "self"), failing({0x25, 0x02}, "x", true), silent({0x25, 0x03}, ""),
+      knows({0x25, 0x04}, "http://cloud-1:8880/v1"), later({0x25, 0x05}, "http://other");
+  for (IModule* m : std::initializer_list<IModule*>{&asker, &failing, &silent, &knows, &later}) {
+    EXPECT_EQ(m->legacyBus(), nullptr);
+    bus.attach(m);
+    EXPECT_EQ(m->legacyBus(), &bus);
+  }
+  EXPECT_EQ(bus.send({asker.code, "note", "{}"}), 3u);  // the throwing member is not counted
+  EXPECT_EQ(asker.seen, 0);
+  EXPECT_EQ(later.seen, 1);
+  EXPECT_EQ(asker.legacyBus()->ask({asker.code, "cloud.peer_url", "{}"}), "http://cloud-1:8880/v1");
+  EXPECT_EQ(later.seen, 1);  // asked no further once answered
+  EXPECT_EQ(bus.ask({knows.code, "nobody.knows", "{}"}), "");
 }
 
 }  // namespace

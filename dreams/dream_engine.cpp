@@ -427,6 +427,11 @@ void DreamEngine::periodic_loop_() {
       }
     }
     const DreamConfig now = config();
+    // Counted once the decision below is taken, whichever it is.
+    struct Decided {
+      std::atomic<std::uint64_t>& n;
+      ~Decided() { ++n; }
+    } decided{periodic_decisions_};
     if (!now.enabled || !now.auto_cycle) continue;
     if (now.idle_only && !system_idle(now.idle_threshold_load)) continue;
     if (now.min_sessions > 1 && sessions_ &&

@@ -169,6 +169,9 @@ class DreamEngine {
   void set_config(DreamConfig config);
   std::vector<DreamReport> history() const;
   bool running() const { return running_.load(); }
+  // How many periodic intervals have ended (each one decides whether to
+  // run a cycle), so that a caller can wait for the next decision.
+  std::uint64_t periodic_decisions() const { return periodic_decisions_.load(); }
 
   // The model's themes, parsed from its chat-completions answer: the text
   // from the first "[" to the last "]" of the first choice's content, as a
@@ -203,6 +206,7 @@ class DreamEngine {
   bool periodic_stop_ = false;
   std::uint64_t config_generation_ = 0;  // a new configuration restarts the wait
   std::thread periodic_;                 // joined by stop_periodic()
+  std::atomic<std::uint64_t> periodic_decisions_{0};
 };
 
 // "%d-%d-%dT%d:%d:%d" as UTC; nullopt when it does not parse.

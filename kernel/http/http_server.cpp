@@ -379,4 +379,9 @@ std::uint64_t HttpServer::requests_finished() const {
   return impl_->hub ? impl_->hub->requests_finished() : 0;
 }
 
+std::size_t HttpServer::open_connections() const {
+  std::lock_guard lock(impl_->lifecycle_mu);
+  return impl_->hub ? impl_->hub->open_connections() : 0;
+}
+
 }  // namespace ostrel::kernel

@@ -52,6 +52,8 @@ class HttpServer {
   bool running() const;
   // Requests answered so far (any status): progress, for the watchdog.
   std::uint64_t requests_finished() const;
+  // Client connections open now.
+  std::size_t open_connections() const;
 
  private:
   struct Impl;

@@ -134,6 +134,9 @@ class ControllerModule : public kernel::Module {
   std::map<std::string, std::int64_t> primary_down_since_ms_;
   std::set<std::string> unreachable_;  // peer URLs whose last sync found nothing
   bool failover_done_ = false;
+  // Watchdog passes so far, reported with the failovers: a reader can wait
+  // for the watchdog to have looked again.
+  std::atomic<std::uint64_t> watchdog_passes_{0};
 
   std::mutex join_mu_;  // serialises read-modify-write of cluster.json by joins
   std::mutex db_mu_;    // guards failover_db_
@@ -247,7 +250,10 @@ bool ControllerModule::start() {
   });
   threads_.emplace_back([this] {
     const auto period = std::chrono::seconds(std::clamp(failover_after_s_ / 2, 1, 5));
-    while (pause_(period)) watchdog_pass_();
+    while (pause_(period)) {
+      watchdog_pass_();
+      ++watchdog_passes_;
+    }
   });
   bool peers;
   {
@@ -952,7 +958,7 @@ void ControllerModule::register_routes(kernel::ApiGateway& gw) {
                         {"notification_sent_count", st.int64(6)}});
       }
     }
-    reply(res, {{"failovers", rows}});
+    reply(res, {{"failovers", rows}, {"watchdog_passes", watchdog_passes_.load()}});
   });
 }
 

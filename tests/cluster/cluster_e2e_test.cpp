@@ -614,7 +614,14 @@ TEST(ClusterNodes, WebToolsAndFailoverWatchdog) {
   EXPECT_EQ(rows[0]["primary_was"], "ghost");
   EXPECT_EQ(rows[0]["replica_promoted"], "replica-2");
   EXPECT_EQ(rows[0]["failover_id"].get<std::string>().rfind("wfo-", 0), 0u);
-  std::this_thread::sleep_for(2500ms);  // still one: a promotion per outage
+  // Still one after the watchdog has looked twice more: a promotion per outage.
+  const auto passes = a.call("GET", "/api/v1/cluster/failovers").body["watchdog_passes"];
+  ASSERT_TRUE(eventually(
+      [&] {
+        return a.call("GET", "/api/v1/cluster/failovers").body["watchdog_passes"] >=
+               passes.get<std::uint64_t>() + 2;
+      },
+      6s));
   EXPECT_EQ(a.call("GET", "/api/v1/cluster/failovers").body["failovers"].size(), 1u);
   site.stop();
   serving.join();

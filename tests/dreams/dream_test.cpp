@@ -215,7 +215,7 @@ TEST(DreamEngine, PeriodicCyclesFollowTheConfiguration) {
       },
       quiet());
   engine.start_periodic();
-  std::this_thread::sleep_for(1300ms);
+  ASSERT_TRUE(testing::eventually([&] { return engine.periodic_decisions() >= 1; }, 3000ms));
   EXPECT_EQ(engine.history().size(), 0u);  // auto_cycle off: nothing ran
   cfg.auto_cycle = true;
   engine.set_config(cfg);

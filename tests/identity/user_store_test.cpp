@@ -1,5 +1,6 @@
 // The user store against a real SQLite file, the login throttle's waits,
 // and the logical clock under concurrent use.
+#include "base/clock.h"
 #include "identity/user_store.h"
 
 #include <gtest/gtest.h>
@@ -126,6 +127,12 @@ TEST(LoginThrottle, FreeAttemptsThenDoublingWaitsCappedAndCleared) {
   }
   EXPECT_EQ(waits, (std::vector<std::int64_t>{1, 2, 4, 4, 4}));
   EXPECT_EQ(t.wait_seconds("user:b"), 0);
+  // The wait runs on the node's clock: once it has passed, the key may try
+  // again (and a failure then waits the capped time again).
+  base::advance_clock_for_tests(std::chrono::seconds(4));
+  EXPECT_EQ(t.wait_seconds("user:a"), 0);
+  t.failed("user:a");
+  EXPECT_EQ(t.wait_seconds("user:a"), 4);
   t.succeeded("user:a");
   EXPECT_EQ(t.wait_seconds("user:a"), 0);
   // A full table makes room by dropping the key that failed longest ago,

@@ -222,12 +222,10 @@ TEST(UsersNode, FirstUserAllowlistKeysAndRestart) {
 // Guessing is slowed per user name and per address; a good login clears it.
 // Reset tokens go out through the controller, work once, only for their own
 // user, and not after they expire.
-TEST(UsersNode, LoginThrottleAndPasswordReset) {
+TEST(UsersNode, LoginThrottleHoldsNamesAndAddresses) {
   TempDir dir;
-  MailCatcher controller;
   TestNode::Options o;
   o.modules = {};
-  o.env = {{"OSTREL_ULVO_CONTROLLER_URL", controller.url()}};
   TestNode node(dir.path(), "n1", o);
   ASSERT_TRUE(node.started()) << node.process().err();
   Answer alice = reg(node, "alice", "alice password");
@@ -245,11 +243,24 @@ TEST(UsersNode, LoginThrottleAndPasswordReset) {
   EXPECT_EQ(held.status, 429) << held.text;
   EXPECT_EQ(held.body["error"], "too_many_attempts");
   EXPECT_GE(std::stoi(held.headers["Retry-After"]), 1);
-  // The same address guessing another name waits too.
+  // The same address guessing another name waits too. (That the wait ends
+  // on time is the throttle's own test, on a clock it can move.)
   EXPECT_EQ(login(node, "bob", "bobs password").status, 429);
-  std::this_thread::sleep_for(1100ms);
-  EXPECT_EQ(login(node, "alice", "alice password").status, 200);
-  EXPECT_EQ(login(node, "bob", "bobs password").status, 200);
+}
+
+// Password reset by mail: the same answer for unknown names, the token in
+// the mail, used once, for its own user only, and not after its hour.
+TEST(UsersNode, PasswordResetByMail) {
+  TempDir dir;
+  MailCatcher controller;
+  TestNode::Options o;
+  o.modules = {};
+  o.env = {{"OSTREL_ULVO_CONTROLLER_URL", controller.url()}};
+  TestNode node(dir.path(), "n1", o);
+  ASSERT_TRUE(node.started()) << node.process().err();
+  Answer alice = reg(node, "alice", "alice password");
+  ASSERT_EQ(alice.status, 200) << alice.text;
+  ASSERT_EQ(reg(node, "bob", "bobs password", alice.body["api_key"]).status, 200);
 
   // Reset: same answer for unknown names; the mail carries the token.
   Answer unknown = node.call("POST", "/api/v1/auth/reset-request", {{"username", "nobody"}});

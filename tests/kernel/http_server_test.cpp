@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
 namespace ostrel::kernel {
 namespace {
 
@@ -188,7 +190,8 @@ TEST(HttpServer, ConnectionsCloseOnRequestAndOnStop) {
   ASSERT_TRUE(idle.read_until("GET /idle  from 127.0.0.1"));
   RawClient silent(echo.server.port());  // connected, never sends a byte
   ASSERT_TRUE(silent.connected());
-  std::this_thread::sleep_for(50ms);  // both now wait in the server for a request
+  // Both now wait in the server for a request.
+  ASSERT_TRUE(ostrel::testing::eventually([&] { return echo.server.open_connections() == 2; }, 3s));
 
   auto before = std::chrono::steady_clock::now();
   echo.server.stop();

@@ -70,11 +70,14 @@ class ScriptedServer {
         ++connections_;
         serve(fd);
         ::close(fd);
+        ++closed_;
       }
     });
   }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
   int connections() const { return connections_; }
+  // Connections the server has closed.
+  int closed() const { return closed_; }
   std::vector<std::string> requests() {
     std::lock_guard lock(mu_);
     return requests_;
@@ -126,6 +129,7 @@ class ScriptedServer {
   int port_ = 0;
   std::thread thread_;
   std::atomic<int> connections_{0};
+  std::atomic<int> closed_{0};
   std::mutex mu_;  // guards requests_
   std::vector<std::string> requests_;
 };

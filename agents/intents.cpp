@@ -1,4 +1,5 @@
 #include "agents/intents.h"
+#include "base/text.h"
 
 #include <regex>
 
@@ -54,21 +55,9 @@ std::optional<Intent> detect_intent(const std::string& message) {
 }
 
 const char* intent_name(IntentKind kind) {
-  switch (kind) {
-    case IntentKind::build_status:
-      return "build_status";
-    case IntentKind::list_agents:
-      return "list_agents";
-    case IntentKind::mention:
-      return "mention";
-    case IntentKind::request_agent:
-      return "request_agent";
-    case IntentKind::switch_agent:
-      return "switch_agent";
-    case IntentKind::build_agent:
-      return "build_agent";
-  }
-  return "unknown";
+  static constexpr const char* kNames[] = {"build_status",  "list_agents",  "mention",
+                                           "request_agent", "switch_agent", "build_agent"};
+  return text::enum_name(kind, kNames, "unknown");
 }
 
 }  // namespace ostrel::agents

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/no_copy.h"
+
 // Whole files written so that readers and a crash see the old content or the
 // new one, never a mix. Every write goes to a temporary file of its own
 // beside the target (".<name>.tmp.<pid>.<n>", unique per write, so two
@@ -22,12 +24,10 @@ bool write_file_atomically(const std::filesystem::path& path, std::string_view c
 // appends to the temporary; commit() makes it the target. Abandoned (the
 // temporary removed) unless committed.
 // Not thread-safe: one writer, one thread at a time.
-class AtomicFileWriter {
+class AtomicFileWriter : private base::NoCopy {
  public:
   explicit AtomicFileWriter(std::filesystem::path target);
   ~AtomicFileWriter();
-  AtomicFileWriter(const AtomicFileWriter&) = delete;
-  AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
 
   bool open(std::string& error);
   bool write(std::string_view data, std::string& error);

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/no_copy.h"
+
 namespace ostrel::base {
 
 // Lower-case hexadecimal of raw bytes.
@@ -31,12 +33,10 @@ std::string sha256(std::string_view data);
 // A SHA-256 hasher for many small inputs: the digest implementation is
 // fetched once and one context reused, which saves most of the per-call cost
 // of the one-shot function. Not thread-safe: one owner at a time.
-class Sha256 {
+class Sha256 : private base::NoCopy {
  public:
   Sha256();
   ~Sha256();
-  Sha256(const Sha256&) = delete;
-  Sha256& operator=(const Sha256&) = delete;
   // SHA-256 of `a` followed by `b`, into 32 bytes; false on a library failure.
   bool digest(std::string_view a, std::string_view b, unsigned char out[32]);
 

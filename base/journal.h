@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::base {
 
 // Append-only JSON-lines journals: one compact JSON object per line.
@@ -44,12 +46,10 @@ std::size_t replay_journal_lines(const std::filesystem::path& path,
 // record written before a process crash is in the file afterwards (the
 // kernel holds it); sync() makes what was written survive a power loss too.
 // Thread-safe: mu_ serialises appends and syncs.
-class AppendLog {
+class AppendLog : private base::NoCopy {
  public:
   explicit AppendLog(std::filesystem::path path) : path_(std::move(path)) {}
   ~AppendLog();
-  AppendLog(const AppendLog&) = delete;
-  AppendLog& operator=(const AppendLog&) = delete;
 
   // Appends `bytes` (whole lines) in one write; with `sync`, also waits for
   // the disk. False with a reason, and nothing half-written is left behind

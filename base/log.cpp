@@ -11,21 +11,8 @@
 namespace ostrel::obs {
 
 const char* level_name(LogLevel level) {
-  switch (level) {
-    case LogLevel::trace:
-      return "TRACE";
-    case LogLevel::debug:
-      return "DEBUG";
-    case LogLevel::info:
-      return "INFO";
-    case LogLevel::warn:
-      return "WARN";
-    case LogLevel::error:
-      return "ERROR";
-    case LogLevel::fatal:
-      return "FATAL";
-  }
-  return "INFO";
+  static constexpr const char* kNames[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+  return text::enum_name(level, kNames, "INFO");
 }
 
 std::int64_t now_us() {

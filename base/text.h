@@ -100,4 +100,12 @@ bool iequals(std::string_view a, std::string_view b);
 // items dropped: " a , ,b," → {"a", "b"}.
 std::vector<std::string> split_list(std::string_view text, char sep = ',');
 
+// The name of an enumerator from a table of names in the order of its values
+// (0, 1, 2, …); `fallback` for a value the table does not reach.
+template <typename Enum, std::size_t N>
+constexpr const char* enum_name(Enum value, const char* const (&names)[N], const char* fallback) {
+  const auto i = static_cast<std::size_t>(value);
+  return i < N ? names[i] : fallback;
+}
+
 }  // namespace ostrel::text

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/no_copy.h"
+
 namespace ostrel::obs {
 
 // W3C trace context of one span: ids in lower-case hex (32 and 16 digits).
@@ -45,12 +47,10 @@ const SpanContext* current_context();
 
 // Makes a context current on this thread for the life of the scope and
 // restores the previous one afterwards.
-class ScopedTraceContext {
+class ScopedTraceContext : private base::NoCopy {
  public:
   explicit ScopedTraceContext(const SpanContext* ctx);
   ~ScopedTraceContext();
-  ScopedTraceContext(const ScopedTraceContext&) = delete;
-  ScopedTraceContext& operator=(const ScopedTraceContext&) = delete;
 
  private:
   const SpanContext* previous_;
@@ -58,14 +58,12 @@ class ScopedTraceContext {
 
 // A span that is current on its thread while it lives and is finished (and
 // handed to the tracer's sinks) when it ends. Not shared between threads.
-class ScopedSpan {
+class ScopedSpan : private base::NoCopy {
  public:
   // Child of `parent` when given and valid, else of the thread's current
   // context, else the root of a new trace.
   ScopedSpan(std::string name, SpanKind kind, const SpanContext* parent = nullptr);
   ~ScopedSpan();
-  ScopedSpan(const ScopedSpan&) = delete;
-  ScopedSpan& operator=(const ScopedSpan&) = delete;
 
   // Kept only when spans_recorded().
   void set_attribute(const std::string& key, std::string value);

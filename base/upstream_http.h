@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::base {
 
 // POSTs to one model server over kept-alive HTTP/1.1 connections, for the
@@ -19,7 +21,7 @@ namespace ostrel::base {
 //
 // Thread-safe: each call takes a connection of its own from the idle list
 // (mu_ guards only that list; no lock is held during a transfer).
-class UpstreamHttp {
+class UpstreamHttp : private base::NoCopy {
  public:
   struct Reply {
     int curl_code = 0;     // CURLE_OK (0), or the libcurl failure
@@ -48,8 +50,6 @@ class UpstreamHttp {
   explicit UpstreamHttp(std::string base_url,
                         std::chrono::milliseconds idle_timeout = std::chrono::minutes(10));
   ~UpstreamHttp();
-  UpstreamHttp(const UpstreamHttp&) = delete;
-  UpstreamHttp& operator=(const UpstreamHttp&) = delete;
 
   Reply post(std::string_view path, std::string_view content_type, std::string_view accept,
              std::string_view body, const StatusSink& on_status, const BodySink& on_body);

@@ -57,15 +57,8 @@ bool fresher(const NodeMember& a, const NodeMember& b) {
 }  // namespace
 
 const char* status_name(NodeStatus s) {
-  switch (s) {
-    case NodeStatus::alive:
-      return "alive";
-    case NodeStatus::suspect:
-      return "suspect";
-    case NodeStatus::dead:
-      return "dead";
-  }
-  return "unknown";
+  static constexpr const char* kNames[] = {"alive", "suspect", "dead"};
+  return text::enum_name(s, kNames, "unknown");
 }
 
 Json member_to_json(const NodeMember& m) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/logger.h"
+#include "base/no_copy.h"
 
 // Decentralised membership: every node keeps a table of the cluster's members
 // and exchanges it with a few random peers at a fixed interval over a small
@@ -61,7 +62,7 @@ struct GossipStats {
 // Owns three threads (listener, gossip rounds, failure detector), joined by
 // stop() or the destructor. One mutex guards the member table; no network I/O
 // and no callback runs while it is held.
-class GossipMesh {
+class GossipMesh : private base::NoCopy {
  public:
   struct Config {
     std::string self_id;
@@ -98,8 +99,6 @@ class GossipMesh {
 
   explicit GossipMesh(Config config);
   ~GossipMesh();
-  GossipMesh(const GossipMesh&) = delete;
-  GossipMesh& operator=(const GossipMesh&) = delete;
 
   void on_join(MemberFn fn);
   void on_leave(MemberFn fn);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/no_copy.h"
 #include "base/sqlite.h"
 
 namespace ostrel::clusterfs {
@@ -49,12 +50,10 @@ struct ObjectMeta {
 // up each (tenant, path), with attributes and layout. Every operation reports
 // failure as false plus a text (SQLite's message where it comes from SQLite).
 // Thread-safe: mu_ serialises every statement on the one connection.
-class MetadataStore {
+class MetadataStore : private base::NoCopy {
  public:
   MetadataStore() = default;
   ~MetadataStore();
-  MetadataStore(const MetadataStore&) = delete;
-  MetadataStore& operator=(const MetadataStore&) = delete;
 
   bool open(const std::filesystem::path& db, std::string& error);
 

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/durable_file.h"
+#include "base/text.h"
 #include "data/matrix_kernels.h"
 
 namespace ostrel::data {
@@ -75,15 +76,8 @@ void err_line(const std::string& s) { std::fprintf(stderr, "[MatrixMemory] %s\n"
 }  // namespace
 
 const char* level_name(MemoryLevel level) {
-  switch (level) {
-    case MemoryLevel::domain:
-      return "domain";
-    case MemoryLevel::project:
-      return "project";
-    case MemoryLevel::run:
-      return "run";
-  }
-  return "unknown";
+  static constexpr const char* kNames[] = {"unknown", "domain", "project", "run"};
+  return text::enum_name(level, kNames, "unknown");
 }
 
 std::uint32_t crc32(const void* data, std::size_t length) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::data {
 
 enum class MemoryLevel : std::uint8_t { domain = 1, project = 2, run = 3 };
@@ -79,7 +81,7 @@ std::uint32_t crc32(const void* data, std::size_t length);
 // every store since the last save, and a checkpoint copy.
 // Thread-safe: mu_ serialises create, load, save, checkpoint, store and
 // recall; the two counters are atomic for getStats.
-class MatrixMemory {
+class MatrixMemory : private base::NoCopy {
  public:
   static constexpr std::uint32_t kFormatVersion = 4;
   static constexpr std::uint32_t kBlockBytes = 65536;
@@ -87,8 +89,6 @@ class MatrixMemory {
 
   MatrixMemory() = default;
   ~MatrixMemory();
-  MatrixMemory(const MatrixMemory&) = delete;
-  MatrixMemory& operator=(const MatrixMemory&) = delete;
 
   bool create(const MatrixMemoryConfig& config, const std::string& base_dir);
   bool load(const std::string& path);

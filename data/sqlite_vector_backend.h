@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/logger.h"
+#include "base/no_copy.h"
 #include "base/sqlite.h"
 
 namespace ostrel::modules_data {
@@ -43,12 +44,10 @@ struct NamespaceInfo {
 // a scan of the rows, so results are identical.
 // Thread-safe: mu_ guards the connection map, cache_mu_ the decoded copies;
 // neither is held while a file is opened or scanned.
-class SqliteVectorBackend {
+class SqliteVectorBackend : private base::NoCopy {
  public:
   SqliteVectorBackend();
   ~SqliteVectorBackend();
-  SqliteVectorBackend(const SqliteVectorBackend&) = delete;
-  SqliteVectorBackend& operator=(const SqliteVectorBackend&) = delete;
 
   bool initialize(const std::string& vectors_root, const base::Logger& logger);
   std::vector<SearchHit> search(const std::string& tenant, const std::string& ns,

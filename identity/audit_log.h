@@ -16,6 +16,7 @@
 #include "base/encoding.h"
 #include "base/hash_chain.h"
 #include "base/journal.h"
+#include "base/no_copy.h"
 #include "base/text_arena.h"
 #include "identity/source_code.h"
 
@@ -52,12 +53,10 @@ struct AuditEvent {
 // Thread-safe: mu_ guards the events and their arena, the counter, the last
 // hash, the hasher and the journal's file descriptor, so appends from many threads get
 // consecutive seq values and one chain.
-class AuditLog {
+class AuditLog : private base::NoCopy {
  public:
   explicit AuditLog(std::filesystem::path journal);
   ~AuditLog();
-  AuditLog(const AuditLog&) = delete;
-  AuditLog& operator=(const AuditLog&) = delete;
 
   // Rebuilds the log from the journal and opens it for appending; returns
   // the number of lines read back (damaged ones included).

@@ -12,18 +12,17 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/no_copy.h"
 #include "identity/source_code.h"
 
 namespace ostrel::identity {
 
 // An Ed25519 key pair (the OpenSSL handle is freed with the pair).
-class KeyPair {
+class KeyPair : private base::NoCopy {
  public:
   static std::shared_ptr<KeyPair> generate();
   static std::shared_ptr<KeyPair> from_private(const std::string& raw32);
   ~KeyPair();
-  KeyPair(const KeyPair&) = delete;
-  KeyPair& operator=(const KeyPair&) = delete;
 
   const std::string& public_key() const { return public_key_; }  // 32 raw bytes
   std::string private_key() const;                               // 32 raw bytes

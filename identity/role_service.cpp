@@ -82,15 +82,8 @@ void add_field(std::string& out, const char* key, std::string_view value) {
 }  // namespace
 
 const char* decision_name(ToolDecision d) {
-  switch (d) {
-    case ToolDecision::allowed:
-      return "allowed";
-    case ToolDecision::denied:
-      return "denied";
-    case ToolDecision::requires_approval:
-      return "requires_approval";
-  }
-  return "denied";
+  static constexpr const char* kNames[] = {"allowed", "denied", "requires_approval"};
+  return text::enum_name(d, kNames, "denied");
 }
 
 RoleService::RoleService() {

@@ -13,6 +13,7 @@
 #include "base/encoding.h"
 #include "base/hash_chain.h"
 #include "base/journal.h"
+#include "base/no_copy.h"
 
 // Which role may run which tool: a fixed role table with exact, "*" and
 // "prefix*" rules; a mode (stub_allow, audit, enforce) deciding how the
@@ -70,15 +71,13 @@ struct RejectResponse {
   nlohmann::json body;
 };
 
-class RoleService {
+class RoleService : private base::NoCopy {
  public:
   enum class Mode : std::uint8_t { stub_allow = 0, audit = 1, enforce = 2 };
 
   RoleService();  // the built-in role table
   explicit RoleService(std::vector<Role> table);
   ~RoleService();
-  RoleService(const RoleService&) = delete;
-  RoleService& operator=(const RoleService&) = delete;
   // The process-wide instance, created on first use.
   static RoleService& getInstance();
 

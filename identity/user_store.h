@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/no_copy.h"
+
 // The node's users and its sign-up allowlist, in "identity.db" (SQLite).
 namespace ostrel::identity_registry {
 
@@ -50,12 +52,10 @@ struct UserResult {
 // constant time.
 // Thread-safe: one mutex serialises every operation on the one connection
 // (WAL mode).
-class UserStore {
+class UserStore : private base::NoCopy {
  public:
   UserStore();
   ~UserStore();
-  UserStore(const UserStore&) = delete;
-  UserStore& operator=(const UserStore&) = delete;
 
   // Opens (creating the tables); false with the reason. Every operation of a
   // store that is not open answers "database not open".

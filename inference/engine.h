@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/logger.h"
+#include "base/no_copy.h"
 #include "inference/scheduler.h"
 #include "inference/session_store.h"
 #include "inference/types.h"
@@ -30,12 +31,10 @@ struct EngineOptions {
 // Owns the scheduler's workers and the health thread; stop() joins both.
 // Thread-safe: mu_ guards the backend map and is never held across a backend
 // call; sessions have their own store.
-class Engine {
+class Engine : private base::NoCopy {
  public:
   explicit Engine(EngineOptions options = {});
   ~Engine();
-  Engine(const Engine&) = delete;
-  Engine& operator=(const Engine&) = delete;
 
   // Polls the backend's health once, then stores it under its id (replacing
   // an earlier one with the same id). Null is ignored.

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::inference::gguf {
 
 struct TensorInfo {
@@ -22,12 +24,10 @@ const char* dtype_name(std::uint32_t dtype);
 // A GGUF model file (versions 2 and 3) mapped read-only: header, metadata and
 // tensor directory. Tensor data is never read, so only the header pages are
 // touched. Not thread-safe; one owner.
-class GGUFFile {
+class GGUFFile : private base::NoCopy {
  public:
   GGUFFile() = default;
   ~GGUFFile();
-  GGUFFile(const GGUFFile&) = delete;
-  GGUFFile& operator=(const GGUFFile&) = delete;
 
   // False with a reason on any problem; the object is then closed. Never throws.
   bool open(const std::string& path, std::string& error);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/logger.h"
+#include "base/no_copy.h"
 #include "cluster/gossip_mesh.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
@@ -21,17 +22,17 @@
 #include "identity/quota.h"
 #include "identity/rbac.h"
 #include "identity/tenant_registry.h"
-#include "kernel/routes/auth_cache.h"
 #include "kernel/boot/boot_sequencer.h"
 #include "kernel/boot/config_view.h"
+#include "kernel/boot/manifest.h"
+#include "kernel/cluster/hybrid_clock.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
-#include "kernel/cluster/hybrid_clock.h"
 #include "kernel/kernel_config.h"
 #include "kernel/legacy_bus.h"
-#include "kernel/boot/manifest.h"
 #include "kernel/module.h"
 #include "kernel/obs/metric_registry.h"
+#include "kernel/routes/auth_cache.h"
 #include "kernel/syscall_table.h"
 #include "search/search_engine.h"
 
@@ -54,7 +55,7 @@ struct NodeIdentity {
 // Thread-safety: boot() and drain_and_stop() run on the entry thread; the
 // stop flag may be set from a signal handler; route handlers read the module
 // list, which does not change after boot.
-class Kernel {
+class Kernel : private base::NoCopy {
  public:
   struct LoadedModule {
     ModuleDefinition definition;
@@ -64,8 +65,6 @@ class Kernel {
 
   explicit Kernel(KernelConfig config);
   ~Kernel();
-  Kernel(const Kernel&) = delete;
-  Kernel& operator=(const Kernel&) = delete;
 
   bool boot();
   void drain_and_stop();

@@ -1,4 +1,5 @@
 #include "search/search_engine.h"
+#include "base/text.h"
 
 #include <algorithm>
 #include <unordered_set>
@@ -49,25 +50,9 @@ bool parse_scope(const std::string& text, Scope& out) {
 }
 
 const char* scope_name(Scope scope) {
-  switch (scope) {
-    case Scope::All:
-      return "all";
-    case Scope::Knowledge:
-      return "knowledge";
-    case Scope::Artifacts:
-      return "artifacts";
-    case Scope::Comms:
-      return "comms";
-    case Scope::Science:
-      return "science";
-    case Scope::Training:
-      return "training";
-    case Scope::Swarms:
-      return "swarms";
-    case Scope::Files:
-      return "files";
-  }
-  return "all";
+  static constexpr const char* kNames[] = {"all",     "knowledge", "artifacts", "comms",
+                                           "science", "training",  "swarms",    "files"};
+  return text::enum_name(scope, kNames, "all");
 }
 
 std::vector<Hit> merge_hits(std::vector<Hit> hits, std::size_t limit) {

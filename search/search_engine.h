@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::search {
 
 enum class Scope : std::uint8_t {
@@ -87,7 +89,7 @@ struct SearchResult {
 // returned).
 // Thread-safe: mu_ guards the source list; pool_mu_ the task queue and the
 // worker count.
-class SearchEngine {
+class SearchEngine : private base::NoCopy {
  public:
   // Told the kind of every source that failed a query (for a counter).
   using FailureHook = std::function<void(const std::string& kind)>;
@@ -96,8 +98,6 @@ class SearchEngine {
   explicit SearchEngine(std::chrono::milliseconds deadline = std::chrono::milliseconds(5000),
                         FailureHook on_failure = nullptr);
   ~SearchEngine();
-  SearchEngine(const SearchEngine&) = delete;
-  SearchEngine& operator=(const SearchEngine&) = delete;
 
   void register_source(std::shared_ptr<SearchSource> source);
   std::vector<std::shared_ptr<SearchSource>> sources() const;

@@ -3,6 +3,7 @@
 
 #include "kernel/module.h"
 
+#include "base/text.h"
 #include "kernel/boot/manifest.h"
 
 namespace ostrel::kernel {
@@ -22,23 +23,9 @@ FactoryRegistry& registry() {
 }  // namespace
 
 const char* health_state_name(HealthState state) {
-  switch (state) {
-    case HealthState::starting:
-      return "starting";
-    case HealthState::healthy:
-      return "healthy";
-    case HealthState::degraded:
-      return "degraded";
-    case HealthState::unhealthy:
-      return "unhealthy";
-    case HealthState::stopping:
-      return "stopping";
-    case HealthState::stopped:
-      return "stopped";
-    case HealthState::unknown:
-      return "unknown";
-  }
-  return "unknown";
+  static constexpr const char* kNames[] = {"starting", "healthy", "degraded", "unhealthy",
+                                           "stopping", "stopped", "unknown"};
+  return text::enum_name(state, kNames, "unknown");
 }
 
 namespace detail {

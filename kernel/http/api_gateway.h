@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/no_copy.h"
 #include "identity/source_header.h"
 #include "kernel/http/http_server.h"
 #include "kernel/http/route_table.h"
@@ -34,12 +35,10 @@ bool is_public_path(std::string_view method, std::string_view path);
 // response shaping). Handlers run concurrently on the server's worker threads.
 // Thread-safe: routes may be added from any thread; the verifier and policy
 // hooks are installed during boot, before start().
-class ApiGateway {
+class ApiGateway : private base::NoCopy {
  public:
   ApiGateway();
   ~ApiGateway();
-  ApiGateway(const ApiGateway&) = delete;
-  ApiGateway& operator=(const ApiGateway&) = delete;
 
   bool route(const std::string& method, const std::string& path, RouteHandler handler,
              RouteOptions options = {});

@@ -14,6 +14,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::kernel {
 
 // Where the HTTP server's connections live between requests.
@@ -38,7 +40,7 @@ namespace ostrel::kernel {
 //
 // Thread-safe. mu_ guards the queues, the counts, the parked list and the
 // set of connections being served; the acceptor alone owns the waiting set.
-class ConnectionHub {
+class ConnectionHub : private base::NoCopy {
  public:
   struct Limits {
     std::size_t workers = 64;
@@ -79,8 +81,6 @@ class ConnectionHub {
 
   ConnectionHub(Limits limits, Serve serve);
   ~ConnectionHub();
-  ConnectionHub(const ConnectionHub&) = delete;
-  ConnectionHub& operator=(const ConnectionHub&) = delete;
 
   // Takes ownership of a listening socket and starts the threads.
   bool start(int listen_fd);
@@ -139,9 +139,9 @@ class ConnectionHub {
   const Serve serve_;
   int listen_fd_ = -1;
   int epoll_fd_ = -1;
-  const int wake_fd_;   // eventfd: wakes the acceptor (parked connections, stop)
-  const int busy_fd_;   // eventfd: readable while jobs wait and no worker is idle
-  const int stop_fd_;   // eventfd: readable once stopping
+  const int wake_fd_;  // eventfd: wakes the acceptor (parked connections, stop)
+  const int busy_fd_;  // eventfd: readable while jobs wait and no worker is idle
+  const int stop_fd_;  // eventfd: readable once stopping
   std::atomic<bool> stopping_{false};
   std::atomic<std::uint64_t> finished_{0};
 
@@ -149,21 +149,21 @@ class ConnectionHub {
   std::unordered_map<int, Waiting> waiting_;
   std::size_t waiting_bytes_ = 0;  // buffered bytes of waiting_, for the pre-read budget
 
-  mutable std::mutex mu_;  // guards everything below
+  mutable std::mutex mu_;            // guards everything below
   std::condition_variable work_cv_;  // workers wait for jobs
   std::condition_variable done_cv_;  // stop() waits for active_ to empty
   std::deque<Job> jobs_;
   std::deque<Job> probe_jobs_;
-  std::vector<Job> parked_;                        // handed back, not yet watched
-  std::unordered_set<int> active_;                 // being served by a worker
+  std::vector<Job> parked_;         // handed back, not yet watched
+  std::unordered_set<int> active_;  // being served by a worker
   std::unordered_map<std::string, std::size_t> per_client_;
   std::size_t open_ = 0;
   std::size_t idle_workers_ = 0;
   bool busy_signalled_ = false;
   bool workers_exit_ = false;
 
-  std::thread acceptor_;               // joined in stop()
-  std::vector<std::thread> workers_;   // joined in stop(); the last one is the probe lane
+  std::thread acceptor_;              // joined in stop()
+  std::vector<std::thread> workers_;  // joined in stop(); the last one is the probe lane
 };
 
 }  // namespace ostrel::kernel

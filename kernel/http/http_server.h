@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "base/no_copy.h"
 #include "kernel/types.h"
 
 namespace ostrel::kernel {
@@ -33,14 +34,12 @@ struct BodySource {
 // (one acceptor holding waiting connections in epoll, workers serving
 // complete requests), so idle and slow clients cost no threads. Sockets get
 // TCP_NODELAY. Owns the hub and joins its threads in stop().
-class HttpServer {
+class HttpServer : private base::NoCopy {
  public:
   using Dispatch = std::function<void(Request&, Response&, BodySource*)>;
 
   explicit HttpServer(Dispatch dispatch);
   ~HttpServer();
-  HttpServer(const HttpServer&) = delete;
-  HttpServer& operator=(const HttpServer&) = delete;
 
   void set_worker_threads(int threads);
   // How stop() drains: requests in progress get `drain`; then `on_deadline`

@@ -13,6 +13,7 @@
 #include "modules/controller/address_guard.h"
 
 #include "base/logger.h"
+#include "base/no_copy.h"
 #include "base/sqlite.h"
 
 // Outbound webhooks: subscriptions in "webhooks.db", a queue of delivery
@@ -29,7 +30,7 @@ std::string ostrel_signature(const std::string& secret, const std::string& body)
 std::string standard_signature(const std::string& secret, const std::string& id,
                                std::int64_t timestamp, const std::string& body);
 
-class Webhooks {
+class Webhooks : private base::NoCopy {
  public:
   struct Options {
     int attempts = 3;                 // per delivery, the first included
@@ -44,8 +45,6 @@ class Webhooks {
 
   Webhooks(Options options, base::Logger log);
   ~Webhooks();
-  Webhooks(const Webhooks&) = delete;
-  Webhooks& operator=(const Webhooks&) = delete;
 
   // Opens (creating) the database; logs the outcome. Routes answer
   // "webhooks_db_unavailable" while it is closed.

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace ostrel::metering {
 
 struct Quota {
@@ -36,12 +38,10 @@ struct AggregateResult {
 // Construction throws std::runtime_error ("metering: open …", "metering:
 // prepare: …"); every other operation reports failure as false plus the
 // database's message. Thread-safe: one mutex serialises the connection.
-class MeteringEngine {
+class MeteringEngine : private base::NoCopy {
  public:
   explicit MeteringEngine(const std::filesystem::path& db);
   ~MeteringEngine();
-  MeteringEngine(const MeteringEngine&) = delete;
-  MeteringEngine& operator=(const MeteringEngine&) = delete;
 
   bool record(std::int64_t ts_ms, const std::string& tenant_id, const std::string& project_id,
               const std::string& user_id, const std::string& dimension, std::int64_t value,

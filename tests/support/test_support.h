@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/no_copy.h"
+
 namespace httplib {
 class Server;
 }
@@ -19,12 +21,10 @@ class Server;
 namespace ostrel::testing {
 
 // A fresh directory under the system temp dir, removed with its contents.
-class TempDir {
+class TempDir : private base::NoCopy {
  public:
   TempDir();
   ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
@@ -83,12 +83,10 @@ std::string bootstrap_token(const Process& node);
 
 // Captures every log line of the process ("[LEVEL][tag] message") while it
 // lives.
-class LogCapture {
+class LogCapture : private base::NoCopy {
  public:
   LogCapture();
   ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<std::string> lines() const;
   bool has(const std::string& text) const { return index_of(text) >= 0; }

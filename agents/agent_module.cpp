@@ -11,10 +11,10 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "agents/agent_sessions.h"
 #include "agents/dynamic_tools.h"
 #include "agents/intents.h"
 #include "agents/prompt.h"
-#include "agents/agent_sessions.h"
 #include "base/access.h"
 #include "base/clock.h"
 #include "base/http_client.h"
@@ -142,7 +142,6 @@ class AgentModule : public kernel::Module {
                                               const std::string& prefix);
   Json session_json_(const Session& s, bool with_all_fields) const;
   void register_later_families_(kernel::ApiGateway& gw);
-  void background_loop_();
 
   kernel::ModuleContext ctx_;
   std::unique_ptr<base::Logger> log_;
@@ -158,11 +157,6 @@ class AgentModule : public kernel::Module {
 
   mutable std::mutex matrix_mu_;  // guards matrix_
   std::map<std::pair<std::string, std::string>, DomainOverride> matrix_;
-
-  std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
-  std::condition_variable bg_cv_;
-  bool bg_stop_ = false;
-  std::thread bg_;  // joined by stop()
 };
 
 // ---------------------------------------------------------------------------
@@ -218,32 +212,15 @@ bool AgentModule::initialize(const kernel::ModuleContext& ctx) {
 }
 
 bool AgentModule::start() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = false;
-  }
-  bg_ = std::thread([this] { background_loop_(); });
   if (runtime_) runtime_->start();
   return true;
 }
 
 void AgentModule::stop() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = true;
-  }
-  bg_cv_.notify_all();
-  if (bg_.joinable()) bg_.join();
   if (runtime_) {
     runtime_->stop();
     runtime_.reset();
   }
-}
-
-void AgentModule::background_loop_() {
-  // Schedules and queued executions run here once their families exist.
-  std::unique_lock lock(bg_mu_);
-  bg_cv_.wait(lock, [this] { return bg_stop_; });
 }
 
 kernel::HealthStatus AgentModule::health() {

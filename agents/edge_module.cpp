@@ -351,25 +351,10 @@ void EdgeModule::chat_(const Request& req, Response& res) {
 void EdgeModule::register_routes(kernel::ApiGateway& gw) {
   kernel::RouteOptions large;
   large.max_body = kernel::RouteOptions::kLargeBody;
-  auto scope = [](const Request& req, Response& res) {
-    if (base::has_scope(req, "inference.chat")) return true;
-    if (base::anonymous(req)) {
-      reply(res,
-            base::openai_error_body("a credential is required (Authorization: Bearer <token>)",
-                                    "authentication_error", "unauthenticated"),
-            401);
-      return false;
-    }
-    reply(res,
-          base::openai_error_body("this credential may not use models (scope inference.chat)",
-                                  "permission_error", "forbidden"),
-          403);
-    return false;
-  };
   gw.route(
       "POST", "/v1/chat/completions",
-      [this, scope](const Request& req, Response& res) {
-        if (scope(req, res)) chat_(req, res);
+      [this](const Request& req, Response& res) {
+        if (base::require_model_access(req, res)) chat_(req, res);
       },
       large);
   // Models and embeddings go to the router as they are.
@@ -396,8 +381,8 @@ void EdgeModule::register_routes(kernel::ApiGateway& gw) {
   });
   gw.route(
       "POST", "/v1/embeddings",
-      [this, scope](const Request& req, Response& res) {
-        if (!scope(req, res)) return;
+      [this](const Request& req, Response& res) {
+        if (!base::require_model_access(req, res)) return;
         if (router_url_.empty()) {
           if (!ctx_.syscalls->has("router.embeddings")) {
             reply(res,

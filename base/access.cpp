@@ -75,4 +75,16 @@ bool require_scope(const Request& req, Response& res, std::string_view required)
   return false;
 }
 
+bool require_model_access(const Request& req, Response& res) {
+  if (has_scope(req, "inference.chat")) return true;
+  if (anonymous(req)) {
+    openai_fail(res, 401, "a credential is required (Authorization: Bearer <token>)",
+                "authentication_error", "unauthenticated");
+    return false;
+  }
+  openai_fail(res, 403, "this credential may not use models (scope inference.chat)",
+              "permission_error", "forbidden");
+  return false;
+}
+
 }  // namespace ostrel::base

@@ -46,4 +46,9 @@ bool acting_tenant(const Request& req, const std::string& requested, std::string
 bool require_admin(const Request& req, Response& res);
 bool require_scope(const Request& req, Response& res, std::string_view required);
 
+// The OpenAI-shaped routes' check that a caller may use models (scope
+// inference.chat): 401 authentication_error without a credential, 403
+// permission_error with one that lacks the scope.
+bool require_model_access(const Request& req, Response& res);
+
 }  // namespace ostrel::base

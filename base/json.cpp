@@ -153,4 +153,27 @@ nlohmann::json read_json_file(const std::filesystem::path& path, bool& opened) {
   return parse_json(buf.str());
 }
 
+bool int_member(const nlohmann::json& j, const char* key, std::int64_t fallback,
+                std::int64_t& out) {
+  auto it = j.find(key);
+  if (it == j.end() || it->is_null()) {
+    out = fallback;
+    return true;
+  }
+  if (!it->is_number_integer()) return false;
+  out = it->get<std::int64_t>();
+  return true;
+}
+
+bool string_list_member(const nlohmann::json& j, const char* key, std::vector<std::string>& out) {
+  auto it = j.find(key);
+  if (it == j.end() || !it->is_array()) return false;
+  out.clear();
+  for (const auto& e : *it) {
+    if (!e.is_string()) return false;
+    out.push_back(e.get<std::string>());
+  }
+  return true;
+}
+
 }  // namespace ostrel::base

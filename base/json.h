@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -38,6 +39,14 @@ std::string dump_json(const nlohmann::json& value, int indent = -1);
 // The string elements of the array member `key` (other elements and other
 // member types give nothing).
 std::vector<std::string> string_list(const nlohmann::json& j, const char* key);
+
+// The integer member `key` into `out` (`fallback` when absent or null);
+// false when it has another type.
+bool int_member(const nlohmann::json& j, const char* key, std::int64_t fallback, std::int64_t& out);
+
+// The array member `key`, every element a string, into `out`; false when it
+// is absent, not an array or holds anything else.
+bool string_list_member(const nlohmann::json& j, const char* key, std::vector<std::string>& out);
 
 // The string at `key` of an object, or "" when it is absent or not a string.
 std::string string_field(const nlohmann::json& j, const char* key);

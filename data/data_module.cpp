@@ -30,6 +30,7 @@
 #include "base/paths.h"
 #include "base/reply.h"
 #include "base/text.h"
+#include "base/workers.h"
 #include "clusterfs/chunk_store.h"
 #include "clusterfs/metadata_store.h"
 #include "clusterfs/ost.h"
@@ -238,14 +239,10 @@ class DataModule : public kernel::Module, public IModule {
   std::unique_ptr<clusterfs::LocalOst> ost_;
   std::unique_ptr<clusterfs::MetadataStore> objects_;
 
-  // Background work, both threads joined in stop().
-  std::mutex bg_mu_;  // guards bg_stop_ and async_jobs_; bg_cv_ waits on it
-  std::condition_variable bg_cv_;
-  bool bg_stop_ = false;
+  // Journal syncs, asynchronous replication and the embedding model's check
+  // at start; joined by stop(). Its lock also guards async_jobs_.
   std::deque<Json> async_jobs_;  // stores to forward to peers
-  std::thread sync_thread_;
-  std::thread replication_thread_;
-  std::thread probe_thread_;  // the embedding model's check at start; joined by stop()
+  base::Workers background_;
 };
 
 // ---------------------------------------------------------------------------
@@ -339,20 +336,13 @@ bool DataModule::initialize(const kernel::ModuleContext& ctx) {
 }
 
 bool DataModule::start() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = false;
-  }
-  sync_thread_ = std::thread([this] { sync_loop_(); });
-  replication_thread_ = std::thread([this] { replication_loop_(); });
+  background_.spawn([this] { sync_loop_(); });
+  background_.spawn([this] { replication_loop_(); });
   // Once the node is up (its model servers probed), the configured
   // embedding model is tried: an operator learns at boot, not from a 502 on
   // the first ingest, that nothing serves it.
-  probe_thread_ = std::thread([this] {
-    {
-      std::unique_lock lock(bg_mu_);
-      if (bg_cv_.wait_for(lock, std::chrono::seconds(2), [this] { return bg_stop_; })) return;
-    }
+  background_.spawn([this] {
+    if (background_.wait_for(std::chrono::seconds(2))) return;
     const std::string model = settings_().embedding_model;
     std::vector<float> v;
     std::string error;
@@ -372,14 +362,7 @@ bool DataModule::start() {
 
 void DataModule::stop() {
   ready_ = false;
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = true;
-  }
-  bg_cv_.notify_all();
-  if (sync_thread_.joinable()) sync_thread_.join();
-  if (replication_thread_.joinable()) replication_thread_.join();
-  if (probe_thread_.joinable()) probe_thread_.join();
+  background_.stop();
   if (vectors_) vectors_->sync_dirty();
   if (memory_) memory_->sync_dirty();
 }
@@ -387,12 +370,9 @@ void DataModule::stop() {
 void DataModule::sync_loop_() {
   // Journals are written whole-line per acknowledged change; once a second
   // they are flushed to the disk as well.
-  std::unique_lock lock(bg_mu_);
-  while (!bg_cv_.wait_for(lock, std::chrono::seconds(1), [this] { return bg_stop_; })) {
-    lock.unlock();
+  while (!background_.wait_for(std::chrono::seconds(1))) {
     vectors_->sync_dirty();
     memory_->sync_dirty();
-    lock.lock();
   }
 }
 
@@ -1150,10 +1130,10 @@ void DataModule::replicate_(const Json& args, const std::string& mode, Json& out
   out["replicated_to"] = peers;
   if (mode == "async") {
     {
-      std::lock_guard lock(bg_mu_);
+      auto lock = background_.lock();
       async_jobs_.push_back(forwarded);
     }
-    bg_cv_.notify_all();
+    background_.wake();
     return;
   }
   std::vector<int> acked(peers.size(), 0);
@@ -1180,10 +1160,10 @@ void DataModule::replicate_(const Json& args, const std::string& mode, Json& out
 }
 
 void DataModule::replication_loop_() {
-  std::unique_lock lock(bg_mu_);
+  auto lock = background_.lock();
   for (;;) {
-    bg_cv_.wait(lock, [this] { return bg_stop_ || !async_jobs_.empty(); });
-    if (bg_stop_) return;  // what is still queued is dropped: async means no promise
+    // What is still queued at stop is dropped: async means no promise.
+    if (background_.wait(lock, [this] { return !async_jobs_.empty(); })) return;
     Json job = std::move(async_jobs_.front());
     async_jobs_.pop_front();
     lock.unlock();

@@ -255,10 +255,10 @@ void DreamEngine::set_config(DreamConfig config) {
     config_ = std::move(config);
   }
   {
-    std::lock_guard lock(periodic_mu_);
+    auto lock = periodic_.lock();
     ++config_generation_;
   }
-  periodic_cv_.notify_all();
+  periodic_.wake();
 }
 
 std::vector<DreamReport> DreamEngine::history() const {
@@ -397,34 +397,25 @@ bool DreamEngine::system_idle(double threshold) {
 }
 
 void DreamEngine::start_periodic() {
-  std::lock_guard lock(periodic_mu_);
-  if (periodic_.joinable()) return;
-  periodic_stop_ = false;
-  periodic_ = std::thread([this] { periodic_loop_(); });
+  if (!periodic_.running()) periodic_.spawn([this] { periodic_loop_(); });
 }
 
-void DreamEngine::stop_periodic() {
-  {
-    std::lock_guard lock(periodic_mu_);
-    periodic_stop_ = true;
-  }
-  periodic_cv_.notify_all();
-  if (periodic_.joinable()) periodic_.join();
-}
+void DreamEngine::stop_periodic() { periodic_.stop(); }
 
 void DreamEngine::periodic_loop_() {
   for (;;) {
     const DreamConfig cfg = config();
     {
-      std::unique_lock lock(periodic_mu_);
+      auto lock = periodic_.lock();
       const std::uint64_t generation = config_generation_;
       const auto interval =
           std::chrono::seconds(std::max<std::int64_t>(1, cfg.cycle_interval_seconds));
-      if (periodic_cv_.wait_for(
-              lock, interval, [&] { return periodic_stop_ || config_generation_ != generation; })) {
-        if (periodic_stop_) return;
-        continue;  // a new interval starts now
+      bool changed = false;
+      if (periodic_.wait_for(lock, interval,
+                             [&] { return changed = config_generation_ != generation; })) {
+        return;
       }
+      if (changed) continue;  // a new interval starts now
     }
     const DreamConfig now = config();
     // Counted once the decision below is taken, whichever it is.

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "base/logger.h"
+#include "base/workers.h"
 
 namespace ostrel::dreams {
 
@@ -201,11 +202,10 @@ class DreamEngine {
   std::atomic<bool> running_{false};
   mutable std::mutex history_mu_;  // guards history_
   std::deque<DreamReport> history_;
-  std::mutex periodic_mu_;  // guards periodic_stop_ and config_generation_
-  std::condition_variable periodic_cv_;
-  bool periodic_stop_ = false;
-  std::uint64_t config_generation_ = 0;  // a new configuration restarts the wait
-  std::thread periodic_;                 // joined by stop_periodic()
+  // The periodic loop; joined by stop_periodic(). Its lock also guards
+  // config_generation_: a new configuration restarts the loop's wait.
+  base::Workers periodic_;
+  std::uint64_t config_generation_ = 0;
   std::atomic<std::uint64_t> periodic_decisions_{0};
 };
 

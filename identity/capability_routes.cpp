@@ -4,6 +4,7 @@
 
 #include "base/access.h"
 #include "base/encoding.h"
+#include "base/json.h"
 #include "base/names.h"
 #include "base/reply.h"
 #include "identity/identity_routes.h"
@@ -19,33 +20,12 @@ using Json = nlohmann::json;
 
 const SourceCode kUserHolder{0xfe, 0x01};
 
-bool read_int(const Json& body, const char* key, std::int64_t fallback, std::int64_t& out) {
-  auto it = body.find(key);
-  if (it == body.end() || it->is_null()) {
-    out = fallback;
-    return true;
-  }
-  if (!it->is_number_integer()) return false;
-  out = it->get<std::int64_t>();
-  return true;
-}
-
-bool read_string_list(const Json& body, const char* key, std::vector<std::string>& out) {
-  auto it = body.find(key);
-  if (it == body.end() || !it->is_array()) return false;
-  out.clear();
-  for (const auto& e : *it) {
-    if (!e.is_string()) return false;
-    out.push_back(e.get<std::string>());
-  }
-  return true;
-}
-
 // The longest a token may be asked to live: ten years.
 constexpr std::int64_t kMaxLifetimeS = 10LL * 365 * 24 * 3600;
 
 bool read_lifetime(const Json& body, std::int64_t fallback, std::int64_t& out, Response& res) {
-  if (!read_int(body, "lifetime_seconds", fallback, out) || out < 0 || out > kMaxLifetimeS) {
+  if (!base::int_member(body, "lifetime_seconds", fallback, out) || out < 0 ||
+      out > kMaxLifetimeS) {
     base::fail(res, 400, "lifetime_seconds must be an integer between 0 and 315360000");
     return false;
   }
@@ -80,12 +60,12 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
     Json body;
     if (!base::parse_object_body(req, res, body) || !base::require_admin(req, res)) return;
     std::vector<std::string> scopes;
-    if (!read_string_list(body, "scopes", scopes) || scopes.empty()) {
+    if (!base::string_list_member(body, "scopes", scopes) || scopes.empty()) {
       base::fail(res, 400, "scopes must be a non-empty array");
       return;
     }
     std::int64_t holder = 0, lifetime = 0;
-    if (!read_int(body, "holder", 0xfe01, holder) || holder < 0 || holder > 0xffff) {
+    if (!base::int_member(body, "holder", 0xfe01, holder) || holder < 0 || holder > 0xffff) {
       base::fail(res, 400, "holder must be a number between 0 and 65535");
       return;
     }
@@ -195,7 +175,7 @@ void register_capability_routes(const IdentityContext& ctx, const AddRoute& add)
     }
     std::vector<std::string> scopes;
     std::int64_t lifetime = 0;
-    if (!read_string_list(body, "scopes", scopes)) {
+    if (!base::string_list_member(body, "scopes", scopes)) {
       base::fail(res, 400, "scopes must be an array of strings");
       return;
     }

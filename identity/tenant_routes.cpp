@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/access.h"
+#include "base/json.h"
 #include "base/names.h"
 #include "base/reply.h"
 #include "identity/identity_routes.h"
@@ -14,28 +15,6 @@ using base::reply;
 using base::Request;
 using base::Response;
 using Json = nlohmann::json;
-
-bool read_int(const Json& body, const char* key, std::int64_t fallback, std::int64_t& out) {
-  auto it = body.find(key);
-  if (it == body.end() || it->is_null()) {
-    out = fallback;
-    return true;
-  }
-  if (!it->is_number_integer()) return false;
-  out = it->get<std::int64_t>();
-  return true;
-}
-
-bool read_string_list(const Json& body, const char* key, std::vector<std::string>& out) {
-  auto it = body.find(key);
-  if (it == body.end() || !it->is_array()) return false;
-  out.clear();
-  for (const auto& e : *it) {
-    if (!e.is_string()) return false;
-    out.push_back(e.get<std::string>());
-  }
-  return true;
-}
 
 // "/api/v1/tenants/<id>[/<rest>]".
 bool split_tenant_path(const std::string& path, std::string& id, std::string& rest) {
@@ -91,7 +70,8 @@ bool change_tenant(const IdentityContext& ctx, const std::string& id, const std:
     role.tenant = id;
     role.id = body.value("id", "");
     role.display_name = body.value("display_name", role.id);
-    if (body.contains("permissions") && !read_string_list(body, "permissions", role.permissions)) {
+    if (body.contains("permissions") &&
+        !base::string_list_member(body, "permissions", role.permissions)) {
       error = "permissions must be an array of strings";
       return false;
     }
@@ -111,7 +91,7 @@ bool change_tenant(const IdentityContext& ctx, const std::string& id, const std:
     user.id = body.value("id", "");
     user.display_name = body.value("display_name", user.id);
     user.state = body.value("state", "active");
-    if (body.contains("role_ids") && !read_string_list(body, "role_ids", user.role_ids)) {
+    if (body.contains("role_ids") && !base::string_list_member(body, "role_ids", user.role_ids)) {
       error = "role_ids must be an array of strings";
       return false;
     }
@@ -300,7 +280,7 @@ void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {
       std::int64_t increment = 0;
       std::optional<std::int64_t> limit;
       if (resource.is_string()) limit = t.quotas.limit(resource);
-      if (!limit || !read_int(body, "increment", 1, increment)) {
+      if (!limit || !base::int_member(body, "increment", 1, increment)) {
         base::fail(res, 400, "unknown_resource");
         return;
       }

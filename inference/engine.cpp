@@ -165,19 +165,11 @@ std::string Engine::fallback_for(const std::string& model) const {
 
 void Engine::start() {
   scheduler_.start();
-  std::lock_guard lock(health_mu_);
-  if (health_thread_.joinable()) return;
-  health_stop_ = false;
-  health_thread_ = std::thread([this] { health_loop_(); });
+  if (!workers_.running()) workers_.spawn([this] { health_loop_(); });
 }
 
 void Engine::stop() {
-  {
-    std::lock_guard lock(health_mu_);
-    health_stop_ = true;
-  }
-  health_cv_.notify_all();
-  if (health_thread_.joinable()) health_thread_.join();
+  workers_.stop();
   scheduler_.stop();
 }
 
@@ -241,10 +233,7 @@ void Engine::health_loop_() {
       it->second = healthy;
     }
     sessions_.sweep();
-    std::unique_lock lock(health_mu_);
-    if (health_cv_.wait_for(lock, options_.health_poll_interval, [this] { return health_stop_; })) {
-      return;
-    }
+    if (workers_.wait_for(options_.health_poll_interval)) return;
   }
 }
 

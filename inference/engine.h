@@ -13,6 +13,7 @@
 
 #include "base/logger.h"
 #include "base/no_copy.h"
+#include "base/workers.h"
 #include "inference/scheduler.h"
 #include "inference/session_store.h"
 #include "inference/types.h"
@@ -98,11 +99,8 @@ class Engine : private base::NoCopy {
   SessionStore sessions_;
   Scheduler scheduler_;
 
-  std::mutex health_mu_;  // guards health_stop_; health_cv_ waits on it
-  std::condition_variable health_cv_;
-  bool health_stop_ = false;
-  std::thread health_thread_;
-  const int abort_fd_;  // eventfd, readable after abort_inflight()
+  base::Workers workers_;  // the health poller; joined by stop()
+  const int abort_fd_;     // eventfd, readable after abort_inflight()
 };
 
 }  // namespace ostrel::inference

@@ -21,6 +21,7 @@
 #include "base/json_scanner.h"
 #include "base/logger.h"
 #include "base/reply.h"
+#include "base/workers.h"
 #include "inference/chat_json.h"
 #include "kernel/event_bus.h"
 #include "kernel/http/api_gateway.h"
@@ -143,10 +144,7 @@ class RouterModule : public kernel::Module {
   double total_ms_ = 0;
   std::atomic<bool> skip_logged_{false};
 
-  std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
-  std::condition_variable bg_cv_;
-  bool bg_stop_ = false;
-  std::thread resync_;  // joined by stop()
+  base::Workers workers_;  // the periodic resync; joined by stop()
 };
 
 bool RouterModule::initialize(const kernel::ModuleContext& ctx) {
@@ -171,22 +169,11 @@ bool RouterModule::start() {
     n = backends_.size();
   }
   log_->info("started — " + std::to_string(n) + " backend(s) tracked");
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = false;
-  }
-  resync_ = std::thread([this] { resync_loop_(); });
+  workers_.spawn([this] { resync_loop_(); });
   return true;
 }
 
-void RouterModule::stop() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = true;
-  }
-  bg_cv_.notify_all();
-  if (resync_.joinable()) resync_.join();
-}
+void RouterModule::stop() { workers_.stop(); }
 
 kernel::HealthStatus RouterModule::health() {
   std::size_t healthy = 0;
@@ -305,9 +292,7 @@ void RouterModule::sync_() {
 
 void RouterModule::resync_loop_() {
   const auto period = std::chrono::seconds(30);
-  std::unique_lock lock(bg_mu_);
-  while (!bg_cv_.wait_for(lock, period, [this] { return bg_stop_; })) {
-    lock.unlock();
+  while (!workers_.wait_for(period)) {
     std::size_t before, after;
     std::string types;
     try {
@@ -321,11 +306,9 @@ void RouterModule::resync_loop_() {
       for (const auto& b : backends_) types += (types.empty() ? "" : ",") + b.worker_type;
     } catch (const std::exception& e) {
       log_->warn(std::string("periodic resync threw: ") + e.what());
-      lock.lock();
       continue;
     } catch (...) {
       log_->warn("periodic resync threw unknown exception");
-      lock.lock();
       continue;
     }
     if (before != after) {
@@ -334,7 +317,6 @@ void RouterModule::resync_loop_() {
       ctx_.bus->publish(kRouterSource, "router.backends.changed",
                         base::dump_json({{"before", before}, {"after", after}, {"types", types}}));
     }
-    lock.lock();
   }
 }
 
@@ -524,21 +506,6 @@ Json RouterModule::models_() const {
 void RouterModule::register_routes(kernel::ApiGateway& gw) {
   kernel::RouteOptions large;
   large.max_body = kernel::RouteOptions::kLargeBody;
-  auto openai_scope = [](const Request& req, Response& res) {
-    if (base::has_scope(req, "inference.chat")) return true;
-    if (base::anonymous(req)) {
-      reply(res,
-            base::openai_error_body("a credential is required (Authorization: Bearer <token>)",
-                                    "authentication_error", "unauthenticated"),
-            401);
-      return false;
-    }
-    reply(res,
-          base::openai_error_body("this credential may not use models (scope inference.chat)",
-                                  "permission_error", "forbidden"),
-          403);
-    return false;
-  };
 
   // The OpenAI-shaped routes, also under /api/v1/router/v1: the base URL of
   // plain model calls on a node whose /v1 goes through the tool loop, for
@@ -562,8 +529,8 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
     });
     gw.route(
         "POST", base + "/chat/completions",
-        [this, openai_scope](const Request& req, Response& res) {
-          if (!openai_scope(req, res)) return;
+        [this](const Request& req, Response& res) {
+          if (!base::require_model_access(req, res)) return;
           std::string model;
           bool stream = false;
           peek_request(req.body, model, stream);
@@ -603,8 +570,8 @@ void RouterModule::register_routes(kernel::ApiGateway& gw) {
         large);
     gw.route(
         "POST", base + "/embeddings",
-        [this, openai_scope](const Request& req, Response& res) {
-          if (!openai_scope(req, res)) return;
+        [this](const Request& req, Response& res) {
+          if (!base::require_model_access(req, res)) return;
           Dispatch d = embeddings_(req.body);
           res.status = d.status;
           res.body = std::move(d.body);

@@ -8,8 +8,8 @@
 #include <nlohmann/json.hpp>
 
 #include "identity/identity_registry.h"
-#include "kernel/obs/metrics.h"
 #include "kernel/boot/self_health.h"
+#include "kernel/obs/metrics.h"
 
 namespace ostrel::kernel {
 namespace {
@@ -375,9 +375,9 @@ bool Kernel::init_and_start_modules() {
 void Kernel::start_background_threads_() {
   logger_.info(
       "otp audit verifier: not available in this build — no extension audit log to verify");
-  bg_threads_.emplace_back([this] { run_self_health_(); });
+  bg_threads_.spawn([this] { run_self_health_(); });
   const std::int64_t every_s = base::env::integer("OSTREL_AUDIT_CHECKPOINT_S", 60, 1);
-  bg_threads_.emplace_back([this, every_s] {
+  bg_threads_.spawn([this, every_s] {
     while (sleep_unless_stopping_(std::chrono::seconds(every_s))) checkpoint_audit_();
   });
   logger_.info("self-health watchdog started (30s probe, 2-strike _exit)");
@@ -385,16 +385,14 @@ void Kernel::start_background_threads_() {
     const std::string url = base::normalise_base_url(controller);
     heartbeat_period_s_ = static_cast<int>(
         base::env::integer("OSTREL_ULVO_HEARTBEAT_S", heartbeat_period_s_, 1, 86400));
-    bg_threads_.emplace_back([this, url] { run_peer_register_(url); });
+    bg_threads_.spawn([this, url] { run_peer_register_(url); });
     logger_.info("peer auto-register heartbeat thread started → " + url + " (" +
                  std::to_string(heartbeat_period_s_) + "s interval)");
   }
 }
 
 bool Kernel::sleep_unless_stopping_(std::chrono::milliseconds period) {
-  std::unique_lock lock(bg_mu_);
-  bg_cv_.wait_for(lock, period, [this] { return bg_stopping_; });
-  return !bg_stopping_;
+  return !bg_threads_.wait_for(period);
 }
 
 void Kernel::run_self_health_() {
@@ -433,15 +431,7 @@ void Kernel::run_self_health_() {
 }
 
 void Kernel::drain_and_stop() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stopping_ = true;
-  }
-  bg_cv_.notify_all();
-  for (auto& t : bg_threads_) {
-    if (t.joinable()) t.join();
-  }
-  bg_threads_.clear();
+  bg_threads_.stop();
 
   // A boot that failed half-way stops what it started too: module threads
   // are joined either way.

@@ -15,6 +15,7 @@
 
 #include "base/logger.h"
 #include "base/no_copy.h"
+#include "base/workers.h"
 #include "cluster/gossip_mesh.h"
 #include "identity/audit_log.h"
 #include "identity/capability_issuer.h"
@@ -183,10 +184,9 @@ class Kernel : private base::NoCopy {
   bool exporting_ = false;  // telemetry export was configured at boot
   std::atomic<bool> stop_requested_{false};
 
-  std::mutex bg_mu_;  // guards bg_stopping_; bg_cv_ waits on it
-  std::condition_variable bg_cv_;
-  bool bg_stopping_ = false;
-  std::vector<std::thread> bg_threads_;  // joined by drain_and_stop()
+  // Self-health, the periodic snapshot and the peer heartbeat; joined by
+  // drain_and_stop().
+  base::Workers bg_threads_;
 
   BootSequencer sequencer_;
   std::chrono::steady_clock::time_point boot_started_ = std::chrono::steady_clock::now();

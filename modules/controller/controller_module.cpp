@@ -26,6 +26,7 @@
 #include "base/reply.h"
 #include "base/sqlite.h"
 #include "base/text.h"
+#include "base/workers.h"
 #include "identity/login_throttle.h"
 #include "identity/node_token.h"
 #include "kernel/event_bus.h"
@@ -142,10 +143,7 @@ class ControllerModule : public kernel::Module {
   std::mutex db_mu_;    // guards failover_db_
   base::sqlite::Connection failover_db_;
 
-  std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
-  std::condition_variable bg_cv_;
-  bool bg_stop_ = false;
-  std::vector<std::thread> threads_;
+  base::Workers threads_;  // peer sync and the failover watchdog; joined by stop()
   std::vector<std::uint64_t> subscriptions_;
 };
 
@@ -238,7 +236,7 @@ bool ControllerModule::initialize(const kernel::ModuleContext& ctx) {
 bool ControllerModule::start() {
   workers_->restore();
   webhooks_->start();
-  threads_.emplace_back([this] {
+  threads_.spawn([this] {
     do {
       try {
         run_peer_sync_pass_();
@@ -248,7 +246,7 @@ bool ControllerModule::start() {
       }
     } while (pause_(std::chrono::seconds(sync_interval_s_)));
   });
-  threads_.emplace_back([this] {
+  threads_.spawn([this] {
     const auto period = std::chrono::seconds(std::clamp(failover_after_s_ / 2, 1, 5));
     while (pause_(period)) {
       watchdog_pass_();
@@ -265,24 +263,14 @@ bool ControllerModule::start() {
 }
 
 void ControllerModule::stop() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = true;
-  }
-  bg_cv_.notify_all();
-  for (auto& t : threads_) {
-    if (t.joinable()) t.join();
-  }
-  threads_.clear();
+  threads_.stop();
   webhooks_->stop();
   for (auto id : subscriptions_) ctx_.bus->unsubscribe(id);
   subscriptions_.clear();
 }
 
 bool ControllerModule::pause_(std::chrono::milliseconds period) {
-  std::unique_lock lock(bg_mu_);
-  bg_cv_.wait_for(lock, period, [this] { return bg_stop_; });
-  return !bg_stop_;
+  return !threads_.wait_for(period);
 }
 
 kernel::HealthStatus ControllerModule::health() {

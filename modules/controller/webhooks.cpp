@@ -126,17 +126,10 @@ bool Webhooks::open(const std::filesystem::path& path) {
 bool Webhooks::is_open() const { return static_cast<bool>(db_); }
 
 void Webhooks::start() {
-  dispatcher_ = std::thread([this] { dispatch_loop_(); });
+  dispatcher_.spawn([this] { dispatch_loop_(); });
 }
 
-void Webhooks::stop() {
-  {
-    std::lock_guard lock(q_mu_);
-    stopping_ = true;
-  }
-  q_cv_.notify_all();
-  if (dispatcher_.joinable()) dispatcher_.join();
-}
+void Webhooks::stop() { dispatcher_.stop(); }
 
 Webhooks::Answer Webhooks::list() {
   std::lock_guard lock(db_mu_);
@@ -295,20 +288,19 @@ void Webhooks::enqueue_event(const std::string& event, const Json& payload) {
 
 void Webhooks::push_(Job job) {
   {
-    std::lock_guard lock(q_mu_);
-    if (stopping_ || queue_.size() >= 10000) return;
+    auto lock = dispatcher_.lock();
+    if (dispatcher_.stopping(lock) || queue_.size() >= 10000) return;
     queue_.push_back(std::move(job));
   }
-  q_cv_.notify_one();
+  dispatcher_.wake();
 }
 
 void Webhooks::dispatch_loop_() {
   while (true) {
     Job job;
     {
-      std::unique_lock lock(q_mu_);
-      q_cv_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-      if (stopping_) return;
+      auto lock = dispatcher_.lock();
+      if (dispatcher_.wait(lock, [this] { return !queue_.empty(); })) return;
       job = std::move(queue_.front());
       queue_.pop_front();
     }
@@ -336,10 +328,7 @@ void Webhooks::deliver_(const Job& job) {
                 o.error.find("Couldn't resolve host") != std::string::npos ||
                 o.error.find("Could not resolve host") != std::string::npos;
     if (permanent || attempt >= opt_.attempts) break;
-    std::unique_lock lock(q_mu_);
-    if (q_cv_.wait_for(lock, std::chrono::milliseconds(pause), [this] { return stopping_; })) {
-      return;
-    }
+    if (dispatcher_.wait_for(std::chrono::milliseconds(pause))) return;
   }
   const bool ok = o.error.empty() && o.status >= 200 && o.status < 300;
   const std::string now = base::utc_text();

@@ -15,6 +15,7 @@
 #include "base/logger.h"
 #include "base/no_copy.h"
 #include "base/sqlite.h"
+#include "base/workers.h"
 
 // Outbound webhooks: subscriptions in "webhooks.db", a queue of delivery
 // jobs and the dispatcher thread that POSTs them signed, records each
@@ -80,11 +81,8 @@ class Webhooks : private base::NoCopy {
   base::Logger log_;
   std::mutex db_mu_;  // guards db_ (the one connection)
   base::sqlite::Connection db_;
-  std::mutex q_mu_;  // guards queue_ and stopping_; q_cv_ waits on it
-  std::condition_variable q_cv_;
-  std::deque<Job> queue_;
-  bool stopping_ = false;
-  std::thread dispatcher_;
+  std::deque<Job> queue_;     // guarded by dispatcher_'s lock
+  base::Workers dispatcher_;  // the delivery loop; joined by stop() (declared last)
 };
 
 }  // namespace ostrel::controller

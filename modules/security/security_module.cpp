@@ -21,6 +21,7 @@
 #include "base/reply.h"
 #include "base/text.h"
 #include "base/trace.h"
+#include "base/workers.h"
 #include "identity/chain_checkpoints.h"
 #include "identity/role_service.h"
 #include "kernel/http/api_gateway.h"
@@ -210,10 +211,7 @@ class SecurityModule : public kernel::Module {
   fs::path reports_dir_;
   std::string contact_url_;
 
-  std::mutex bg_mu_;  // guards bg_stop_; bg_cv_ waits on it
-  std::condition_variable bg_cv_;
-  bool bg_stop_ = false;
-  std::thread counters_thread_;                    // joined by stop()
+  base::Workers workers_;                          // the counters loop; joined by stop()
   std::unique_ptr<ChainCheckpoints> checkpoints_;  // null when the kernel cannot sign
 };
 
@@ -335,33 +333,20 @@ void SecurityModule::checkpoint_() {
 }
 
 bool SecurityModule::start() {
-  std::lock_guard lock(bg_mu_);
-  bg_stop_ = false;
-  counters_thread_ = std::thread([this] { counters_loop_(); });
+  workers_.spawn([this] { counters_loop_(); });
   return true;
 }
 
-void SecurityModule::stop() {
-  {
-    std::lock_guard lock(bg_mu_);
-    bg_stop_ = true;
-  }
-  bg_cv_.notify_all();
-  if (counters_thread_.joinable()) counters_thread_.join();
-}
+void SecurityModule::stop() { workers_.stop(); }
 
 void SecurityModule::counters_loop_() {
   std::uint64_t rounds = 0;
-  std::unique_lock lock(bg_mu_);
   for (;;) {
-    const bool stopping =
-        bg_cv_.wait_for(lock, std::chrono::seconds(5), [this] { return bg_stop_; });
-    lock.unlock();
+    const bool stopping = workers_.wait_for(std::chrono::seconds(5));
     std::string error;
     if (!roles_->save_counters(error)) log_->warn("audit-counters.json not saved: " + error);
     // The log's head, signed now and then (and last at stop).
     if (stopping || ++rounds % 12 == 0) checkpoint_();
-    lock.lock();
     if (stopping) return;
   }
 }

@@ -445,7 +445,10 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
     domain = s->domain;
   }
   // 6. The user's turn, and the turns the model sees.
-  std::vector<Message> turns = sessions_->append(*s, "user", r.message, history_window_);
+  std::optional<std::vector<Message>> kept =
+      sessions_->append(*s, "user", r.message, history_window_);
+  if (!kept) return {500, base::error_body("session_not_saved", {{"session_id", s->session_id}})};
+  std::vector<Message> turns = std::move(*kept);
   // 7. Retrieval.
   Json hits = Json::array();
   if (!r.knowledge_base_id.empty()) {
@@ -465,7 +468,9 @@ ChatAnswer AgentModule::chat_(ChatRequest r) {
   std::string reply_text = model_call_(chat_request(session_model, system, turns), &answered_by);
   if (reply_text.empty()) reply_text = kUnavailable;
   // 10. The assistant's turn.
-  sessions_->record(*s, "assistant", reply_text);
+  if (!sessions_->record(*s, "assistant", reply_text)) {
+    return {500, base::error_body("session_not_saved", {{"session_id", s->session_id}})};
+  }
   return {200,
           {{"reply", reply_text},
            {"session_id", s->session_id},

@@ -125,8 +125,8 @@ std::size_t AgentSessions::load() {
 }
 
 std::shared_ptr<Session> AgentSessions::create(const std::string& agent_type,
-                                              const std::string& domain, const std::string& tenant,
-                                              const std::string& owner) {
+                                               const std::string& domain, const std::string& tenant,
+                                               const std::string& owner) {
   auto s = std::make_shared<Session>();
   s->agent_type = agent_type;
   s->domain = domain;
@@ -193,30 +193,26 @@ std::size_t AgentSessions::size() const {
   return sessions_.size();
 }
 
-void AgentSessions::record(Session& s, const std::string& role, const std::string& content) {
-  Message m{role, content, base::unix_ms()};
-  const std::string line = turn_line(m);
-  std::lock_guard lock(s.mu);
-  s.messages.push_back(std::move(m));
-  if (!write_line_(s.session_id, line, false)) {
-    log_.warn("could not append turn to " + path_of(s.session_id).string() + ": " +
-              std::strerror(errno));
-  }
+bool AgentSessions::record(Session& s, const std::string& role, const std::string& content) {
+  return append(s, role, content, 1).has_value();
 }
 
-std::vector<Message> AgentSessions::append(Session& s, const std::string& role,
-                                          const std::string& content, std::size_t window) {
+std::optional<std::vector<Message>> AgentSessions::append(Session& s, const std::string& role,
+                                                          const std::string& content,
+                                                          std::size_t window) {
   Message m{role, content, base::unix_ms()};
   const std::string line = turn_line(m);
   std::lock_guard lock(s.mu);
-  s.messages.push_back(std::move(m));
   if (!write_line_(s.session_id, line, false)) {
-    log_.warn("could not append turn to " + path_of(s.session_id).string() + ": " +
+    log_.warn("turn not kept: could not append it to " + path_of(s.session_id).string() + ": " +
               std::strerror(errno));
+    return std::nullopt;
   }
+  s.messages.push_back(std::move(m));
   const std::size_t n = s.messages.size();
   const std::size_t first = window == 0 || n <= window ? 0 : n - window;
-  return {s.messages.begin() + static_cast<std::ptrdiff_t>(first), s.messages.end()};
+  return std::vector<Message>(s.messages.begin() + static_cast<std::ptrdiff_t>(first),
+                              s.messages.end());
 }
 
 void AgentSessions::switch_agent(Session& s, const std::string& agent_type) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -58,13 +59,14 @@ class AgentSessions {
   std::vector<std::shared_ptr<Session>> list(const std::string& tenant) const;
   std::size_t size() const;
 
-  // Appends a turn to the session and its journal (one line), under the
-  // session's mutex, and returns the last `window` messages (all when 0)
-  // as they stand after the append.
-  std::vector<Message> append(Session& s, const std::string& role, const std::string& content,
-                              std::size_t window);
-  // The same without handing turns back.
-  void record(Session& s, const std::string& role, const std::string& content);
+  // Appends a turn to the session's journal (one line) and then to the
+  // session, under the session's mutex, and returns the last `window`
+  // messages (all when 0) as they stand after the append. Nothing when the
+  // journal could not take the line: the turn is then not kept at all.
+  std::optional<std::vector<Message>> append(Session& s, const std::string& role,
+                                             const std::string& content, std::size_t window);
+  // The same without handing turns back; false when the turn was not kept.
+  bool record(Session& s, const std::string& role, const std::string& content);
   // Records that the session now talks to another agent type.
   void switch_agent(Session& s, const std::string& agent_type);
 

@@ -107,16 +107,9 @@ std::string log_record_json(const LogRecord& r) {
   text::append_json_string(out, r.trace_id);
   out += ",\"span_id\":";
   text::append_json_string(out, r.span_id);
-  out += ",\"attrs\":{";
-  bool first = true;
-  for (const auto& [k, v] : r.attrs) {
-    if (!first) out += ',';
-    first = false;
-    text::append_json_string(out, k);
-    out += ':';
-    text::append_json_string(out, v);
-  }
-  out += "}}";
+  out += ",\"attrs\":";
+  text::append_json_string_map(out, r.attrs);
+  out += '}';
   return out;
 }
 

@@ -73,4 +73,17 @@ bool safe_id(std::string_view id, std::string& error, std::size_t max) {
   return true;
 }
 
+bool safe_scope(std::string_view tenant, std::string_view ns, std::string& error) {
+  std::string why;
+  if (!safe_name(tenant, why, 64)) {
+    error = "invalid tenant: " + why;
+    return false;
+  }
+  if (!safe_name(ns, why)) {
+    error = "invalid namespace: " + why;
+    return false;
+  }
+  return true;
+}
+
 }  // namespace ostrel::base

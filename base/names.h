@@ -22,6 +22,11 @@ bool safe_name(std::string_view name, std::string& error, std::size_t max = kMax
 // letter or digit.
 bool safe_tenant_id(std::string_view id, std::string& error);
 
+// A tenant and a namespace that become two directory levels of a store
+// (each a safe_name; the tenant at most 64 bytes). False with "invalid
+// tenant: …" or "invalid namespace: …".
+bool safe_scope(std::string_view tenant, std::string_view ns, std::string& error);
+
 // A relative path of components separated by '/': each component valid UTF-8
 // without control characters or '\', not empty, not starting with '.'; no
 // leading '/'. For files whose names users choose (models, documents).

@@ -236,4 +236,36 @@ std::vector<std::string> split_list(std::string_view text, char sep) {
   return out;
 }
 
+void append_json_string_map(std::string& out, const std::map<std::string, std::string>& pairs) {
+  out += '{';
+  bool first = true;
+  for (const auto& [k, v] : pairs) {
+    if (!first) out += ',';
+    first = false;
+    append_json_string(out, k);
+    out += ':';
+    append_json_string(out, v);
+  }
+  out += '}';
+}
+
+bool json_compact(std::string_view text) {
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (in_string) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace ostrel::text

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,13 @@ namespace ostrel::text {
 // become \u00XX escapes and bytes that are not valid UTF-8 become U+FFFD, so
 // the result is always valid JSON.
 void append_json_string(std::string& out, std::string_view s);
+
+// Appends {"key":"value",…} for string pairs in the map's order.
+void append_json_string_map(std::string& out, const std::map<std::string, std::string>& pairs);
+
+// True when a JSON text has no whitespace outside its strings (the form the
+// node writes, so a signed or chained body reads back byte for byte).
+bool json_compact(std::string_view text);
 
 inline std::string json_quote(std::string_view s) {
   std::string out;

@@ -165,16 +165,9 @@ std::string span_json(const Span& s) {
   out += ",\"duration_us\":" + std::to_string(s.end_us - s.start_us);
   out += ",\"status\":";
   text::append_json_string(out, s.status);
-  out += ",\"attributes\":{";
-  bool first = true;
-  for (const auto& [k, v] : s.attributes) {
-    if (!first) out += ',';
-    first = false;
-    text::append_json_string(out, k);
-    out += ':';
-    text::append_json_string(out, v);
-  }
-  out += "}}";
+  out += ",\"attributes\":";
+  text::append_json_string_map(out, s.attributes);
+  out += '}';
   return out;
 }
 

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "kernel/kernel.h"
+#include "bench/bench_node.h"
 
 namespace {
 
@@ -20,35 +20,11 @@ using Json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
 const ostrel::identity::SourceCode kBench{0xfe, 0x0a};
 
-struct Node {
-  fs::path dir;
-  std::unique_ptr<ostrel::kernel::Kernel> kernel;
-  Node() {
-    dir = fs::temp_directory_path() / ("ostrel-agent-bench-" + std::to_string(::getpid()));
-    fs::remove_all(dir);
-    fs::create_directories(dir / "modules.d");
-    for (const char* m : {"inference.module.yaml", "agent.module.yaml"}) {
-      fs::copy_file(fs::path(OSTREL_SOURCE_DIR) / "modules.d" / m, dir / "modules.d" / m);
-    }
-    ::setenv("OSTREL_CONFIG_DIR", (dir / "config").c_str(), 1);
-    ostrel::obs::Logger::instance().set_threshold(ostrel::obs::LogLevel::warn);
-    ostrel::kernel::KernelConfig cfg;
-    cfg.data_dir = (dir / "data").string();
-    cfg.modules_d = (dir / "modules.d").string();
-    cfg.bind = "127.0.0.1";
-    cfg.port = 0;
-    cfg.config_overrides = {"inference.ollama_url=http://127.0.0.1:9",
-                            "inference.health_poll_interval_seconds=3600"};
-    kernel = std::make_unique<ostrel::kernel::Kernel>(cfg);
-    if (!kernel->boot()) std::abort();
-    kernel->set_running();
-  }
-  ~Node() {
-    kernel->drain_and_stop();
-    kernel.reset();
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
+struct Node : ostrel::bench::BenchNode {
+  Node()
+      : BenchNode("agent", {"inference.module.yaml", "agent.module.yaml"},
+                  {"inference.ollama_url=http://127.0.0.1:9",
+                   "inference.health_poll_interval_seconds=3600"}) {}
   std::string new_session() {
     auto r = kernel->syscalls().call(kBench, "agent.sessions.create", "{}");
     return Json::parse(r.body)["session_id"];

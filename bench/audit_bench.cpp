@@ -16,8 +16,8 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "bench/bench_node.h"
 #include "identity/audit_log.h"
-#include "kernel/kernel.h"
 
 namespace {
 
@@ -31,32 +31,8 @@ const char* kEventArgs =
     R"("actor":"user:alice","metadata":{"session":"s-1234","role":"viewer","latency_ms":12}})";
 
 // A node with the security module in a directory of its own.
-struct Node {
-  fs::path dir;
-  std::unique_ptr<ostrel::kernel::Kernel> kernel;
-  Node() {
-    dir = fs::temp_directory_path() / ("ostrel-audit-bench-" + std::to_string(::getpid()));
-    fs::remove_all(dir);
-    fs::create_directories(dir / "modules.d");
-    fs::copy_file(fs::path(OSTREL_SOURCE_DIR) / "modules.d" / "security.module.yaml",
-                  dir / "modules.d" / "security.module.yaml");
-    ::setenv("OSTREL_CONFIG_DIR", (dir / "config").c_str(), 1);
-    ostrel::obs::Logger::instance().set_threshold(ostrel::obs::LogLevel::warn);
-    ostrel::kernel::KernelConfig cfg;
-    cfg.data_dir = (dir / "data").string();
-    cfg.modules_d = (dir / "modules.d").string();
-    cfg.bind = "127.0.0.1";
-    cfg.port = 0;
-    kernel = std::make_unique<ostrel::kernel::Kernel>(cfg);
-    if (!kernel->boot()) std::abort();
-    kernel->set_running();
-  }
-  ~Node() {
-    kernel->drain_and_stop();
-    kernel.reset();
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
+struct Node : ostrel::bench::BenchNode {
+  Node() : BenchNode("audit", {"security.module.yaml"}) {}
 };
 
 // The plain loop: SHA-256 over (prev ‖ canonical body) and one write() of a

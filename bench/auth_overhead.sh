@@ -8,13 +8,10 @@
 # and their ratio. Target: enforce costs at most 1.15x auth off.
 #   bench/auth_overhead.sh [build-dir]   (env: ROUNDS=5 DURATION=3s)
 set -euo pipefail
-build=${1:-build}
+. "$(dirname "$0")/lib.sh"
 rounds=${ROUNDS:-5}
 duration=${DURATION:-3s}
-command -v wrk >/dev/null || { echo "wrk is not installed (scripts/install-deps.sh)"; exit 1; }
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-work=$(mktemp -d)
 pids=()
 trap 'kill "${pids[@]}" 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
 mkdir -p "$work/modules.d"

@@ -17,12 +17,12 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "base/hash_embedder.h"
+#include "bench/bench_node.h"
 #include "data/chunking.h"
 #include "data/top_k.h"
 #include "data/vector_math.h"
 #include "data/vector_store.h"
-#include "base/hash_embedder.h"
-#include "kernel/kernel.h"
 
 namespace {
 
@@ -34,38 +34,14 @@ constexpr std::size_t kDim = ostrel::base::HashEmbedder::kDimensions;
 const ostrel::identity::SourceCode kBench{0xfe, 0x09};
 
 // A node with the inference and data modules in a directory of its own.
-struct Node {
-  fs::path dir;
-  std::unique_ptr<ostrel::kernel::Kernel> kernel;
+struct Node : ostrel::bench::BenchNode {
   explicit Node(const std::string& name,
-                const std::function<void(const fs::path& data)>& prepare = nullptr) {
-    dir = fs::temp_directory_path() / ("ostrel-data-bench-" + name + "-" + std::to_string(::getpid()));
-    fs::remove_all(dir);
-    fs::create_directories(dir / "modules.d");
-    for (const char* m : {"inference.module.yaml", "data.module.yaml"}) {
-      fs::copy_file(fs::path(OSTREL_SOURCE_DIR) / "modules.d" / m, dir / "modules.d" / m);
-    }
-    if (prepare) prepare(dir / "data");
-    ::setenv("OSTREL_CONFIG_DIR", (dir / "config").c_str(), 1);
-    ostrel::obs::Logger::instance().set_threshold(ostrel::obs::LogLevel::warn);
-    ostrel::kernel::KernelConfig cfg;
-    cfg.data_dir = (dir / "data").string();
-    cfg.modules_d = (dir / "modules.d").string();
-    cfg.bind = "127.0.0.1";
-    cfg.port = 0;
-    cfg.config_overrides = {"data.embedding_model=ulvo-hash-embed-v1",
-                            "inference.ollama_url=http://127.0.0.1:9",
-                            "inference.health_poll_interval_seconds=3600"};
-    kernel = std::make_unique<ostrel::kernel::Kernel>(cfg);
-    if (!kernel->boot()) std::abort();
-    kernel->set_running();
-  }
-  ~Node() {
-    kernel->drain_and_stop();
-    kernel.reset();
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
+                const std::function<void(const fs::path& data)>& prepare = nullptr)
+      : BenchNode(
+            "data-" + name, {"inference.module.yaml", "data.module.yaml"},
+            {"data.embedding_model=ulvo-hash-embed-v1", "inference.ollama_url=http://127.0.0.1:9",
+             "inference.health_poll_interval_seconds=3600"},
+            prepare) {}
   SyscallResult call(const std::string& name, const Json& args) {
     return kernel->syscalls().call(kBench, name, args.dump());
   }
@@ -105,7 +81,7 @@ void BM_DataSearch(benchmark::State& state) {
   const std::string query_text = "what the bench looks for";
   const std::vector<float> q = ostrel::base::HashEmbedder::embed(query_text);
   const Json args = {{"tenant", "bench"}, {"namespace", "docs"}, {"query", query_text},
-                     {"top_k", 10},       {"min_score", -1.0},  {"_no_fanout", true}};
+                     {"top_k", 10},       {"min_score", -1.0},   {"_no_fanout", true}};
   node.call("data.vector.search", args);  // loads the namespace
   // The raw scan: the same scoring over the same vectors, best 10 kept.
   std::vector<double> sumsq(kRows);
@@ -144,7 +120,7 @@ void BM_DataSearch(benchmark::State& state) {
 BENCHMARK(BM_DataSearch)->Iterations(30)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 std::string document(std::mt19937& rng) {
-  static const char* kWords[] = {"river", "stone", "market", "signal", "garden", "engine",
+  static const char* kWords[] = {"river",  "stone",  "market", "signal", "garden", "engine",
                                  "winter", "copper", "letter", "harbor", "planet", "silver"};
   std::string doc;
   while (doc.size() < 3000) {
@@ -192,10 +168,10 @@ BENCHMARK(BM_DataIngest)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillise
 void BM_MemoryStoreGrowth(benchmark::State& state) {
   Node node("memory");
   auto store = [&](const std::string& ns, int i) {
-    SyscallResult r = node.call("data.memory.store",
-                                {{"namespace", ns},
-                                 {"key", "key " + std::to_string(i)},
-                                 {"value", "remembered value number " + std::to_string(i)}});
+    SyscallResult r =
+        node.call("data.memory.store", {{"namespace", ns},
+                                        {"key", "key " + std::to_string(i)},
+                                        {"value", "remembered value number " + std::to_string(i)}});
     if (r.status != 0) std::abort();
   };
   // Time of `n` stores once the matrix holds `held` entries.

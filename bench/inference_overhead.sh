@@ -8,13 +8,10 @@
 # floor of what any gateway built that way adds on this machine.
 #   bench/inference_overhead.sh [build-dir]   (env: ROUNDS=3 DURATION=5s)
 set -euo pipefail
-build=${1:-build}
+. "$(dirname "$0")/lib.sh"
 rounds=${ROUNDS:-3}
 duration=${DURATION:-5s}
-command -v wrk >/dev/null || { echo "wrk is not installed (scripts/install-deps.sh)"; exit 1; }
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-work=$(mktemp -d)
 trap 'kill $model_pid $node_pid $relay_pid 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
 model_port=$(free_port)
 node_port=$(free_port)

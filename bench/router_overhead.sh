@@ -7,13 +7,10 @@
 # path's CPU per request.
 #   bench/router_overhead.sh [build-dir]   (env: ROUNDS=3 DURATION=4s)
 set -euo pipefail
-build=${1:-build}
+. "$(dirname "$0")/lib.sh"
 rounds=${ROUNDS:-3}
 duration=${DURATION:-4s}
-command -v wrk >/dev/null || { echo "wrk is not installed (scripts/install-deps.sh)"; exit 1; }
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-work=$(mktemp -d)
 trap 'kill $node_pid 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
 port=$(free_port)
 mkdir -p "$work/modules.d" "$work/data" "$work/config"

@@ -100,19 +100,6 @@ Json index_json(const MatrixIndexEntry& e) {
 
 std::string scope_text(const std::string& ns, const std::string& key) { return ns + "\n" + key; }
 
-bool valid_scope(const std::string& tenant, const std::string& ns, std::string& error) {
-  std::string why;
-  if (!base::safe_name(tenant, why, 64)) {
-    error = "invalid tenant: " + why;
-    return false;
-  }
-  if (!base::safe_name(ns, why)) {
-    error = "invalid namespace: " + why;
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 MatrixMemoryConfig MatrixMemoryService::preset(const std::string& domain, std::int32_t dimension) {
@@ -434,7 +421,7 @@ MemoryStoreOutcome MatrixMemoryService::store(const MemoryStoreRequest& r) {
     out.error = "key or value too large (key at most 4096 bytes, value at most 1 MiB)";
     return out;
   }
-  if (!valid_scope(r.tenant, r.ns, out.error)) return out;
+  if (!base::safe_scope(r.tenant, r.ns, out.error)) return out;
   std::string why;
   const std::string domain = r.domain.empty() ? "general" : r.domain;
   if (!base::safe_name(domain, why, 64)) {
@@ -497,7 +484,7 @@ MemoryRecallOutcome MatrixMemoryService::recall(const std::string& tenant, const
   MemoryRecallOutcome out;
   const auto started = std::chrono::steady_clock::now();
   std::string error;
-  if (query.empty() || !valid_scope(tenant, ns, error)) return out;
+  if (query.empty() || !base::safe_scope(tenant, ns, error)) return out;
   const bool all_namespaces = ns == "_shared";
   std::vector<float> qvec;
   const bool embedded = embed_ && embed_(query, qvec, error);

@@ -90,19 +90,6 @@ bool record_from_line(std::string_view line, VectorRecord& r) {
   return true;
 }
 
-bool valid_names(const std::string& tenant, const std::string& ns, std::string& error) {
-  std::string why;
-  if (!base::safe_name(tenant, why, 64)) {
-    error = "invalid tenant: " + why;
-    return false;
-  }
-  if (!base::safe_name(ns, why)) {
-    error = "invalid namespace: " + why;
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 namespace {
@@ -250,7 +237,7 @@ VectorStore::Namespace& VectorStore::open_(const std::string& tenant, const std:
 
 bool VectorStore::append(const std::string& tenant, const std::string& ns,
                          std::span<const RecordView> records, std::string& error) {
-  if (!valid_names(tenant, ns, error)) return false;
+  if (!base::safe_scope(tenant, ns, error)) return false;
   std::string lines;
   std::size_t room = 0;
   for (const auto& r : records) room += line_size_hint(r);
@@ -282,7 +269,7 @@ std::vector<VectorHit> VectorStore::search(const std::string& tenant, const std:
                                            const std::vector<float>& query, double min_score,
                                            std::size_t k) {
   std::string error;
-  if (query.empty() || k == 0 || !valid_names(tenant, ns, error)) return {};
+  if (query.empty() || k == 0 || !base::safe_scope(tenant, ns, error)) return {};
   if (!exists(tenant, ns)) return {};
   Namespace& n = open_(tenant, ns);
   const std::size_t dim = query.size();
@@ -338,7 +325,7 @@ bool VectorStore::exists(const std::string& tenant, const std::string& ns) {
 
 bool VectorStore::remove(const std::string& tenant, const std::string& ns, const std::string& id,
                          std::string& error, std::string& detail) {
-  if (!valid_names(tenant, ns, detail)) {
+  if (!base::safe_scope(tenant, ns, detail)) {
     error = "namespace_not_found";
     return false;
   }

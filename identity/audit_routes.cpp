@@ -7,6 +7,7 @@
 #include "base/json.h"
 #include "base/json_scanner.h"
 #include "base/reply.h"
+#include "base/text.h"
 #include "identity/audit_log.h"
 #include "identity/identity_registry.h"
 #include "identity/identity_routes.h"
@@ -110,26 +111,6 @@ struct AppendArgs {
   std::string metadata = "{}";
 };
 
-// A JSON text without whitespace outside its strings.
-bool compact(std::string_view text) {
-  bool in_string = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (in_string) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        in_string = false;
-      }
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
-      return false;
-    }
-  }
-  return true;
-}
-
 bool read_append_args_fast(std::string_view text, AppendArgs& a) {
   base::JsonScanner s(text);
   bool ok = s.object([&](std::string_view key) {
@@ -145,7 +126,7 @@ bool read_append_args_fast(std::string_view text, AppendArgs& a) {
     }
     if (key == "metadata") {
       std::string_view raw;
-      if (s.peek() != '{' || !s.raw_value(raw) || !compact(raw)) return false;
+      if (s.peek() != '{' || !s.raw_value(raw) || !text::json_compact(raw)) return false;
       a.metadata.assign(raw);
       return true;
     }

@@ -122,26 +122,6 @@ void read_top_level_args(const Json& body, CheckContext& ctx) {
   }
 }
 
-// A compact JSON text (no whitespace outside strings).
-bool compact(std::string_view text) {
-  bool in_string = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (in_string) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        in_string = false;
-      }
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
-      return false;
-    }
-  }
-  return true;
-}
-
 // {"tool", "context": {…}} of the usual shape, read without a JSON tree;
 // false sends the text to the JSON parser.
 bool read_check_fast(std::string_view text, std::string& tool, CheckContext& ctx) {
@@ -150,7 +130,7 @@ bool read_check_fast(std::string_view text, std::string& tool, CheckContext& ctx
     if (key == "tool") return s.string(tool);
     if (key == "args") {  // the tool's arguments beside the context
       std::string_view raw;
-      if (s.peek() != '{' || !s.raw_value(raw) || !compact(raw)) return false;
+      if (s.peek() != '{' || !s.raw_value(raw) || !text::json_compact(raw)) return false;
       ctx.args_text.assign(raw);
       return true;
     }
@@ -164,7 +144,7 @@ bool read_check_fast(std::string_view text, std::string& tool, CheckContext& ctx
       if (slot) return s.string(*slot);
       if (k != "args") return false;
       std::string_view raw;
-      if (s.peek() != '{' || !s.raw_value(raw) || !compact(raw)) return false;
+      if (s.peek() != '{' || !s.raw_value(raw) || !text::json_compact(raw)) return false;
       ctx.args_text.assign(raw);
       return true;
     });

@@ -7,11 +7,11 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "agents/agent_sessions.h"
 #include "agents/dynamic_tools.h"
 #include "agents/edge_tools.h"
 #include "agents/intents.h"
 #include "agents/prompt.h"
-#include "agents/agent_sessions.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::agents {
@@ -114,8 +114,9 @@ TEST(AgentSessions, JournalsOrderTornLinesAndDeletion) {
     }
     for (auto& th : threads) th.join();
     auto window = store.append(*s, "assistant", "last", 3);
-    ASSERT_EQ(window.size(), 3u);
-    EXPECT_EQ(window[2].content, "last");
+    ASSERT_TRUE(window);
+    ASSERT_EQ(window->size(), 3u);
+    EXPECT_EQ((*window)[2].content, "last");
     const auto lines = lines_of(store.path_of(id));
     ASSERT_EQ(lines.size(), 1002u);
     Json header = Json::parse(lines[0]);
@@ -151,8 +152,10 @@ TEST(AgentSessions, JournalsOrderTornLinesAndDeletion) {
     EXPECT_EQ(s->messages.back().content, "after");
     EXPECT_TRUE(store.remove(id));
     EXPECT_FALSE(std::filesystem::exists(path));
-    store.record(*s, "user", "too late");
+    // The journal is gone, so the turn is refused and not kept in memory.
+    EXPECT_FALSE(store.record(*s, "user", "too late"));
     EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(s->messages.size(), 1002u);
     EXPECT_FALSE(store.remove(id));
     EXPECT_EQ(store.find(id), nullptr);
   }

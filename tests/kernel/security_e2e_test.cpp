@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "tests/support/fake_ollama.h"
+#include "tests/support/test_node.h"
 #include "tests/support/test_support.h"
 
 namespace ostrel::testing {
@@ -23,12 +24,6 @@ namespace {
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
-
-struct Answer {
-  int status = 0;
-  Json body;
-  std::string text;
-};
 
 // A raw connection, for bodies and heads no HTTP client would send.
 class Raw {
@@ -102,21 +97,7 @@ class AttackedNode : public ::testing::Test {
 
   Answer call(const std::string& method, const std::string& path, const Json& body,
               const std::string& token = "", const std::string& raw_body = "") {
-    httplib::Client c("127.0.0.1", port_);
-    c.set_read_timeout(30, 0);
-    httplib::Headers h;
-    if (!token.empty()) h.emplace("X-Ostrel-Capability", token);
-    std::string text = raw_body.empty() ? (body.is_null() ? "" : body.dump()) : raw_body;
-    httplib::Result r = method == "GET"      ? c.Get(path, h)
-                        : method == "PUT"    ? c.Put(path, h, text, "application/json")
-                        : method == "DELETE" ? c.Delete(path, h)
-                                             : c.Post(path, h, text, "application/json");
-    Answer a;
-    if (!r) return a;
-    a.status = r->status;
-    a.text = r->body;
-    a.body = Json::parse(r->body, nullptr, false);
-    return a;
+    return call_port(port_, method, path, body, token, raw_body);
   }
 
   Answer syscall(const std::string& name, const Json& args, const std::string& token) {

@@ -47,10 +47,10 @@ void TestNode::launch_() {
   if (options_.enforce && port_ > 0) admin_ = bootstrap_token(*process_);
 }
 
-Answer TestNode::call(const std::string& method, const std::string& path,
-                      const nlohmann::json& body, const std::string& token, const std::string& raw,
-                      const httplib::Headers& headers) const {
-  httplib::Client c("127.0.0.1", port_);
+Answer call_port(int port, const std::string& method, const std::string& path,
+                 const nlohmann::json& body, const std::string& token, const std::string& raw,
+                 const httplib::Headers& headers) {
+  httplib::Client c("127.0.0.1", port);
   c.set_read_timeout(60, 0);
   httplib::Headers h = headers;
   if (!token.empty()) h.emplace("X-Ostrel-Capability", token);
@@ -66,6 +66,12 @@ Answer TestNode::call(const std::string& method, const std::string& path,
   a.body = nlohmann::json::parse(r->body, nullptr, false);
   for (const auto& [k, v] : r->headers) a.headers[k] = v;
   return a;
+}
+
+Answer TestNode::call(const std::string& method, const std::string& path,
+                      const nlohmann::json& body, const std::string& token, const std::string& raw,
+                      const httplib::Headers& headers) const {
+  return call_port(port_, method, path, body, token, raw, headers);
 }
 
 void TestNode::restart_hard() {

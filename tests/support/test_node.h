@@ -21,6 +21,12 @@ struct Answer {
   std::map<std::string, std::string> headers;
 };
 
+// One request to a node on a loopback port: `body` is sent as JSON unless
+// `raw` is given; the token goes in X-Ostrel-Capability.
+Answer call_port(int port, const std::string& method, const std::string& path,
+                 const nlohmann::json& body = nlohmann::json(), const std::string& token = "",
+                 const std::string& raw = "", const httplib::Headers& headers = {});
+
 // A real node process on a loopback port of its own, with its own data,
 // config and manifest directories under `root`, for end-to-end tests.
 class TestNode {

@@ -176,9 +176,7 @@ TEST(AgentNode, TheModelSeesCellKnowledgeAndTurnsInOrder) {
 // inference the reply is exactly "(inference unavailable)".
 TEST(AgentNode, IntentsAndNoInference) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"agent"};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1", TestNode::Options{.modules = {"agent"}});
   ASSERT_TRUE(node.started()) << node.process().err();
   Answer intent = node.call("POST", "/api/v1/agent/chat", {{"message", "@helper summarise this"}});
   EXPECT_EQ(intent.body["intent"], "mention");

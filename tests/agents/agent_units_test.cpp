@@ -20,13 +20,6 @@ namespace {
 using Json = nlohmann::json;
 using testing::TempDir;
 
-std::vector<std::string> lines_of(const std::filesystem::path& p) {
-  std::ifstream in(p);
-  std::vector<std::string> out;
-  for (std::string l; std::getline(in, l);) out.push_back(l);
-  return out;
-}
-
 base::Logger quiet() { return base::Logger("test"); }
 
 TEST(Intents, PatternsInOrderWithCaptures) {
@@ -117,7 +110,7 @@ TEST(AgentSessions, JournalsOrderTornLinesAndDeletion) {
     ASSERT_TRUE(window);
     ASSERT_EQ(window->size(), 3u);
     EXPECT_EQ((*window)[2].content, "last");
-    const auto lines = lines_of(store.path_of(id));
+    const auto lines = testing::file_lines(store.path_of(id));
     ASSERT_EQ(lines.size(), 1002u);
     Json header = Json::parse(lines[0]);
     EXPECT_EQ(header["_type"], "header");

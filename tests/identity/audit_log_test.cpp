@@ -17,13 +17,6 @@ namespace {
 using Json = nlohmann::json;
 using testing::TempDir;
 
-std::vector<std::string> lines_of(const std::filesystem::path& p) {
-  std::ifstream in(p);
-  std::vector<std::string> out;
-  for (std::string l; std::getline(in, l);) out.push_back(l);
-  return out;
-}
-
 void write_lines(const std::filesystem::path& p, const std::vector<std::string>& lines) {
   std::string text;
   for (const auto& l : lines) text += l + "\n";
@@ -69,7 +62,7 @@ TEST(AuditLog, CanonicalBodyAndChainRule) {
   EXPECT_EQ(std::vector<std::string>({back[1].resource, back[1].tenant, back[1].metadata}),
             std::vector<std::string>({"", "", "{}"}));
 
-  Json line = Json::parse(lines_of(dir / "audit.jsonl").at(0));
+  Json line = Json::parse(testing::file_lines(dir / "audit.jsonl").at(0));
   for (const char* key : {"seq", "ts_ms", "actor", "action", "resource", "outcome", "tenant",
                           "metadata", "prev_hash", "hash"}) {
     EXPECT_TRUE(line.contains(key)) << key;
@@ -87,7 +80,7 @@ TEST(AuditLog, EveryFieldIsBoundAndEditsAreFoundAfterRestart) {
     log.replay_journal();
     fill(log, 6);
   }
-  const std::vector<std::string> original = lines_of(path);
+  const std::vector<std::string> original = testing::file_lines(path);
   for (int restart = 0; restart < 3; ++restart) {
     AuditLog log(path);
     EXPECT_EQ(log.replay_journal(), 6u);
@@ -150,7 +143,7 @@ TEST(AuditLog, TornLastLineIsReportedAndAppendingContinues) {
     fill(log, 3);
   }
   std::string text = testing::read_file(path);
-  const std::string last = lines_of(path).back();
+  const std::string last = testing::file_lines(path).back();
   text += last.substr(0, last.size() / 2);  // a fourth line cut short, no newline
   testing::write_file(path, text);
   {
@@ -161,7 +154,7 @@ TEST(AuditLog, TornLastLineIsReportedAndAppendingContinues) {
     EXPECT_EQ(v.first_bad_seq, 4u);
     EXPECT_EQ(log.append({0x0e, 0x01}, "kernel", "kernel.boot", "", "ok", "", "{}").seq, 5u);
   }
-  const auto lines = lines_of(path);
+  const auto lines = testing::file_lines(path);
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_TRUE(Json::parse(lines[4], nullptr, false).is_object());
   AuditLog again(path);

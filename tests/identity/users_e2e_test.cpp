@@ -88,9 +88,7 @@ std::string token_in(const Json& mail) {
 // and all of it holds after a restart.
 TEST(UsersNode, FirstUserAllowlistKeysAndRestart) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {};
-  auto node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  auto node = std::make_unique<TestNode>(dir.path(), "n1", TestNode::Options{.modules = {}});
   ASSERT_TRUE(node->started()) << node->process().err();
   EXPECT_EQ(node->call("GET", "/api/v1/tenants").status, 200);  // open until a user exists
 
@@ -224,9 +222,7 @@ TEST(UsersNode, FirstUserAllowlistKeysAndRestart) {
 // user, and not after they expire.
 TEST(UsersNode, LoginThrottleHoldsNamesAndAddresses) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1", TestNode::Options{.modules = {}});
   ASSERT_TRUE(node.started()) << node.process().err();
   Answer alice = reg(node, "alice", "alice password");
   ASSERT_EQ(alice.status, 200) << alice.text;
@@ -253,10 +249,9 @@ TEST(UsersNode, LoginThrottleHoldsNamesAndAddresses) {
 TEST(UsersNode, PasswordResetByMail) {
   TempDir dir;
   MailCatcher controller;
-  TestNode::Options o;
-  o.modules = {};
-  o.env = {{"OSTREL_ULVO_CONTROLLER_URL", controller.url()}};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(
+      dir.path(), "n1",
+      TestNode::Options{.modules = {}, .env = {{"OSTREL_ULVO_CONTROLLER_URL", controller.url()}}});
   ASSERT_TRUE(node.started()) << node.process().err();
   Answer alice = reg(node, "alice", "alice password");
   ASSERT_EQ(alice.status, 200) << alice.text;
@@ -311,9 +306,7 @@ TEST(UsersNode, PasswordResetByMail) {
 // says why no mail went out.
 TEST(UsersNode, ResetWithoutMailStillStoresTheToken) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1", TestNode::Options{.modules = {}});
   ASSERT_TRUE(node.started()) << node.process().err();
   ASSERT_EQ(reg(node, "carol", "carols password").status, 200);
   ASSERT_EQ(node.call("POST", "/api/v1/auth/reset-request", {{"username", "carol"}}).status, 200);
@@ -347,10 +340,7 @@ TEST(UsersNode, ResetWithoutMailStillStoresTheToken) {
 // own or a tenant other than their own; user names have one spelling.
 TEST(UsersNode, EnforcingNodeFirstAccountAndGrantLimits) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {};
-  o.enforce = true;
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1", TestNode::Options{.modules = {}, .enforce = true});
   ASSERT_TRUE(node.started()) << node.process().err();
   const std::string boot = node.admin_token();
 
@@ -399,8 +389,9 @@ TEST(UsersNode, EnforcingNodeFirstAccountAndGrantLimits) {
 
   // The operator's way back to an open first registration, said at boot.
   TempDir other;
-  o.env = {{"OSTREL_FIRST_USER_OPEN", "1"}};
-  TestNode open_node(other.path(), "n2", o);
+  TestNode open_node(
+      other.path(), "n2",
+      TestNode::Options{.modules = {}, .env = {{"OSTREL_FIRST_USER_OPEN", "1"}}, .enforce = true});
   ASSERT_TRUE(open_node.started());
   EXPECT_TRUE(open_node.process().wait_for_err("[WARN][kernel] OSTREL_FIRST_USER_OPEN=1", 1s));
   Answer first = reg(open_node, "ops@lab.test", "operators pass");
@@ -415,19 +406,17 @@ TEST(UsersNode, EnforcingNodeFirstAccountAndGrantLimits) {
 // are throttled like logins, whether the name exists or not.
 TEST(UsersNode, FirstAccountOnceKeyRotationAndResetThrottle) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1", TestNode::Options{.modules = {}});
   ASSERT_TRUE(node.started()) << node.process().err();
   Answer svc = reg(node, "ingest-bot", "service password", "", {{"account_type", "service"}});
   ASSERT_EQ(svc.status, 200) << svc.text;
   EXPECT_EQ(svc.body["role"], "superadmin");
   const std::string svc_key = svc.body["api_key"];
-  ASSERT_EQ(node.call("POST", "/api/v1/identity/signup-domains",
-                      {{"domain", "lab.test"}, {"tenant_id", "default"}}, "", "",
-                      key_header(svc_key))
-                .status,
-            200);
+  ASSERT_EQ(
+      node.call("POST", "/api/v1/identity/signup-domains",
+                {{"domain", "lab.test"}, {"tenant_id", "default"}}, "", "", key_header(svc_key))
+          .status,
+      200);
   Answer human = reg(node, "ada@lab.test", "analytical engine");
   ASSERT_EQ(human.status, 200) << human.text;
   EXPECT_EQ(human.body["role"], "viewer");
@@ -450,10 +439,11 @@ TEST(UsersNode, FirstAccountOnceKeyRotationAndResetThrottle) {
   const std::string token = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
   sqlite3_finalize(st);
   sqlite3_close(db);
-  ASSERT_EQ(node.call("POST", "/api/v1/auth/reset-confirm",
-                      {{"username", "ada@lab.test"}, {"token", token}, {"password", "difference engine"}})
-                .status,
-            200);
+  ASSERT_EQ(
+      node.call("POST", "/api/v1/auth/reset-confirm",
+                {{"username", "ada@lab.test"}, {"token", token}, {"password", "difference engine"}})
+          .status,
+      200);
   Answer dead = node.call("GET", "/api/v1/auth/me", {}, "", "", key_header(old_key));
   EXPECT_EQ(dead.status, 403) << dead.text;
   EXPECT_EQ(node.call("GET", "/api/v1/flags", {}, "", "", key_header(old_key)).status, 403);

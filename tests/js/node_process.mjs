@@ -10,7 +10,7 @@ export const binary = process.env.OSTREL_BINARY;
 export const sourceDir = process.env.OSTREL_SOURCE_DIR;
 assert.ok(binary && sourceDir, "OSTREL_BINARY and OSTREL_SOURCE_DIR must be set");
 
-function freePort() {
+export function freePort() {
   return new Promise((resolve) => {
     const s = createServer();
     s.listen(0, "127.0.0.1", () => {
@@ -32,19 +32,25 @@ export async function startNode(dataDir, settings = () => [], env = {}) {
     env: { ...process.env, OSTREL_AUTH: "off", OSTREL_CONFIG_DIR: join(dataDir, "config"), ...env },
     stdio: ["ignore", "ignore", "pipe"],
   });
-  let err = "";
-  await new Promise((resolve, reject) => {
-    const timer = setTimeout(() => reject(new Error("node not ready:\n" + err)), 20000);
+  await untilReady(node);
+  return { node, port };
+}
+
+// Resolves once a started node logs that it serves (its stderr so far is
+// kept on node.stderrText), rejects when it exits first or takes 20 s.
+export function untilReady(node) {
+  node.stderrText = "";
+  return new Promise((resolve, reject) => {
+    const timer = setTimeout(() => reject(new Error("node not ready:\n" + node.stderrText)), 20000);
     node.stderr.on("data", (c) => {
-      err += c;
-      if (err.includes("ready — serving on")) {
+      node.stderrText += c;
+      if (node.stderrText.includes("ready — serving on")) {
         clearTimeout(timer);
         resolve();
       }
     });
-    node.on("exit", (code) => reject(new Error(`node exited ${code}:\n${err}`)));
+    node.on("exit", (code) => reject(new Error(`node exited ${code}:\n${node.stderrText}`)));
   });
-  return { node, port };
 }
 
 // Stops the node and waits until it has exited (it writes its state on the

@@ -17,26 +17,14 @@ import { test, after } from "node:test";
 import assert from "node:assert/strict";
 import { spawn, spawnSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
-import { createServer } from "node:net";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 
-const binary = process.env.OSTREL_BINARY;
-const sourceDir = process.env.OSTREL_SOURCE_DIR;
-assert.ok(binary && sourceDir, "OSTREL_BINARY and OSTREL_SOURCE_DIR must be set");
+import { binary, freePort, sourceDir, untilReady } from "./node_process.mjs";
+
 
 const work = mkdtempSync(join(tmpdir(), "ostrel-readme-"));
 const nodes = [];
-
-function freePort() {
-  return new Promise((resolve) => {
-    const s = createServer();
-    s.listen(0, "127.0.0.1", () => {
-      const { port } = s.address();
-      s.close(() => resolve(port));
-    });
-  });
-}
 
 // A node as `make run` starts it (Makefile's run target), with `extra` args.
 async function startNode(name, extra = []) {
@@ -48,21 +36,11 @@ async function startNode(name, extra = []) {
   const env = { ...process.env, OSTREL_CONFIG_DIR: `${dir}/config` };
   for (const k of ["OSTREL_AUTH", "OSTREL_DATA_DIR", "OSTREL_ULVO_PEERS", "OSTREL_CLUSTER_SECRET"]) delete env[k];
   const node = spawn(binary, args, { env, stdio: ["ignore", "pipe", "pipe"] });
-  let out = "", err = "";
+  let out = "";
   node.stdout.on("data", (c) => (out += c));
-  await new Promise((resolve, reject) => {
-    const timer = setTimeout(() => reject(new Error("node not ready:\n" + err)), 20000);
-    node.stderr.on("data", (c) => {
-      err += c;
-      if (err.includes("ready — serving on")) {
-        clearTimeout(timer);
-        resolve();
-      }
-    });
-    node.on("exit", (code) => reject(new Error(`node exited ${code}:\n${err}`)));
-  });
+  await untilReady(node);
   const token = (out.match(/Bootstrap admin token \(1-year lifetime\):\s*\n\s*(\S+)/) || [])[1] || "";
-  const entry = { node, port, token, stderr: () => err };
+  const entry = { node, port, token, stderr: () => node.stderrText };
   nodes.push(entry);
   return entry;
 }
@@ -240,23 +218,12 @@ test("the README's cluster recipe makes three distinct members", async () => {
       `--port=${port}`, "--config-set", "data.embedding_model=ulvo-hash-embed-v1",
       "--config-set", `edge.controller_url=http://127.0.0.1:${port}`, ...(vars.RUN_ARGS ? vars.RUN_ARGS.split(" ") : [])];
     const node = spawn(binary, args, { env: nodeEnv, cwd: sourceDir, stdio: ["ignore", "pipe", "pipe"] });
-    let out = "", err = "";
+    let out = "";
     node.stdout.on("data", (c) => (out += c));
-    node.stderr.on("data", (c) => (err += c));
     nodes.push({ node });
-    await new Promise((resolve, reject) => {
-      const timer = setTimeout(() => reject(new Error(`node ${i + 1} not ready:\n${err}`)), 20000);
-      const check = setInterval(() => {
-        if (err.includes("ready — serving on")) {
-          clearInterval(check);
-          clearTimeout(timer);
-          resolve();
-        }
-      }, 20);
-      node.on("exit", (code) => reject(new Error(`node ${i + 1} exited ${code}:\n${err}`)));
-    });
+    await untilReady(node);
     const token = (out.match(/Bootstrap admin token \(1-year lifetime\):\s*\n\s*(\S+)/) || [])[1];
-    cluster.push({ port, token, err: () => err, id: nodeEnv.OSTREL_NODE_ID });
+    cluster.push({ port, token, err: () => node.stderrText, id: nodeEnv.OSTREL_NODE_ID });
   }
   assert.deepEqual(cluster.map((c) => c.id), ["ctl", "n2", "n3"]);
   const members = async (c) => {

@@ -253,9 +253,8 @@ std::size_t peak_growth(pid_t pid, const std::function<void()>& request) {
 // checked before the work starts.
 TEST(Exhaustion, RequestWorkIsBoundedBeforeItStarts) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"inference", "router", "edge", "data", "agent"};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1",
+                TestNode::Options{.modules = {"inference", "router", "edge", "data", "agent"}});
   ASSERT_TRUE(node.started()) << node.process().err();
   using Json = nlohmann::json;
   const pid_t pid = node.process().pid();

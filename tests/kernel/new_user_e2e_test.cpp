@@ -22,10 +22,10 @@ namespace fs = std::filesystem;
 TEST(NewUser, ConfigurationThatCannotBeSavedIsRefused) {
   TempDir dir;
   write_file(dir / "not-a-directory", "x");
-  TestNode::Options o;
-  o.modules = {"inference"};
-  o.env = {{"OSTREL_CONFIG_DIR", (dir / "not-a-directory" / "config").string()}};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1",
+                TestNode::Options{
+                    .modules = {"inference"},
+                    .env = {{"OSTREL_CONFIG_DIR", (dir / "not-a-directory" / "config").string()}}});
   ASSERT_TRUE(node.started()) << node.process().err();
   const Json backend = {{"id", "lan"},
                         {"provider", "ollama"},
@@ -46,11 +46,11 @@ TEST(NewUser, ConfigurationThatCannotBeSavedIsRefused) {
 // host is an administrator's to see.
 TEST(NewUser, UnservedEmbeddingModelIsWarnedAndHostPathsStayHidden) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"inference", "data"};
-  o.args = {"--config-set", "data.embedding_model=nomic-embed-text:v1.5"};
-  o.enforce = true;
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(
+      dir.path(), "n1",
+      TestNode::Options{.modules = {"inference", "data"},
+                        .args = {"--config-set", "data.embedding_model=nomic-embed-text:v1.5"},
+                        .enforce = true});
   ASSERT_TRUE(node.started()) << node.process().err();
   EXPECT_TRUE(node.process().wait_for_err(
       "[WARN][kernel/data] data.embedding_model 'nomic-embed-text:v1.5' embeds nothing here", 10s))

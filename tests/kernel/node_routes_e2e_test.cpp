@@ -38,10 +38,7 @@ std::int64_t now_ms() {
 // values are refused, and both survive a hard restart whole.
 TEST(NodeRoutes, FlagsAndMessagesPersistAndRefuseBadInput) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {};
-  o.enforce = true;
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1", TestNode::Options{.modules = {}, .enforce = true});
   ASSERT_TRUE(node.started()) << node.process().err();
   const std::string admin = node.admin_token(), viewer = viewer_token(node);
   ASSERT_FALSE(viewer.empty());
@@ -116,10 +113,10 @@ TEST(NodeRoutes, FlagsAndMessagesPersistAndRefuseBadInput) {
 // rewrites and keeps their contents.
 TEST(NodeRoutes, ClockHelpAndCompaction) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"inference", "data", "security", "agent"};
-  o.env = {{"OSTREL_HELP_DIR", std::string(OSTREL_SOURCE_DIR) + "/help"}};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(
+      dir.path(), "n1",
+      TestNode::Options{.modules = {"inference", "data", "security", "agent"},
+                        .env = {{"OSTREL_HELP_DIR", std::string(OSTREL_SOURCE_DIR) + "/help"}}});
   ASSERT_TRUE(node.started()) << node.process().err();
 
   auto stamp = [](const Json& j) {
@@ -245,10 +242,10 @@ TEST(Observability, PromtoolAcceptsTheScrapeAfterTrafficEverywhere) {
   TempDir dir;
   FakeOllama model;
   model.models = {"llama3"};
-  TestNode::Options o;
-  o.modules = {"inference", "data", "security", "agent", "router", "edge", "dream"};
-  o.args = {"--config-set", "inference.ollama_url=" + model.url()};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1",
+                TestNode::Options{.modules = {"inference", "data", "security", "agent", "router",
+                                              "edge", "dream"},
+                                  .args = {"--config-set", "inference.ollama_url=" + model.url()}});
   ASSERT_TRUE(node.started()) << node.process().err();
 
   EXPECT_EQ(

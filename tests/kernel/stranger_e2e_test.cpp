@@ -32,10 +32,8 @@ Answer join(const TestNode& node, const std::string& id, const std::string& toke
 // cluster-internal routes, never the administrative ones.
 TEST(Stranger, NoJoinWithoutATokenAndTheSecretIsNoAdministrator) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"controller", "security", "data"};
-  o.enforce = true;
-  TestNode node(dir.path(), "ctl", o);
+  TestNode node(dir.path(), "ctl",
+                TestNode::Options{.modules = {"controller", "security", "data"}, .enforce = true});
   ASSERT_TRUE(node.started()) << node.process().err();
   EXPECT_TRUE(node.process().wait_for_err(
       "cluster joins are refused until a join token is set: set controller.join_token", 1s));
@@ -49,22 +47,22 @@ TEST(Stranger, NoJoinWithoutATokenAndTheSecretIsNoAdministrator) {
 
   // The leaked secret as a header: refused everywhere but the internal routes.
   const httplib::Headers leaked = {{"X-Ostrel-Cluster-Secret", secret_of(node)}};
-  EXPECT_EQ(node.call("POST", "/api/v1/capabilities/issue", {{"scopes", {"*"}}}, "", "", leaked)
-                .status,
-            401);
-  EXPECT_EQ(node.call("PUT", "/api/v1/security/mode", {{"mode", "stub_allow"}}, "", "", leaked)
-                .status,
-            401);
-  EXPECT_EQ(node.call("POST", "/api/v1/cluster/peers", {{"url", "http://127.0.0.1:9"}}, "", "",
-                      leaked)
-                .status,
-            401);
+  EXPECT_EQ(
+      node.call("POST", "/api/v1/capabilities/issue", {{"scopes", {"*"}}}, "", "", leaked).status,
+      401);
+  EXPECT_EQ(
+      node.call("PUT", "/api/v1/security/mode", {{"mode", "stub_allow"}}, "", "", leaked).status,
+      401);
+  EXPECT_EQ(
+      node.call("POST", "/api/v1/cluster/peers", {{"url", "http://127.0.0.1:9"}}, "", "", leaked)
+          .status,
+      401);
   EXPECT_EQ(node.call("GET", "/api/v1/tenants", {}, "", "", leaked).status, 401);
   // The internal route itself takes it, and a password it sets there also
   // replaces the user's key.
-  Answer root = node.call("POST", "/api/v1/auth/register",
-                          {{"username", "root@lab.test"}, {"password", "root password"}},
-                          node.admin_token());
+  Answer root =
+      node.call("POST", "/api/v1/auth/register",
+                {{"username", "root@lab.test"}, {"password", "root password"}}, node.admin_token());
   ASSERT_EQ(root.status, 200) << root.text;
   const std::string old_key = root.body["api_key"];
   Answer synced = node.call("POST", "/api/v1/identity/_sync",
@@ -112,7 +110,7 @@ TEST(Stranger, JoinTokenRateAndSize) {
   EXPECT_EQ(full.status, 503) << full.text;
   EXPECT_EQ(full.body["error"], "cluster_full");
   EXPECT_EQ(join(fresh, "n1", "s3cret-join").status, 200);  // a rejoin is no new node
-  Answer busy = join(fresh, "n2", "s3cret-join");            // the fifth within the minute
+  Answer busy = join(fresh, "n2", "s3cret-join");           // the fifth within the minute
   EXPECT_EQ(busy.status, 429) << busy.text;
   EXPECT_EQ(busy.body["error"], "too_many_joins");
   const Json state = Json::parse(read_file(fresh.data_dir() / "state" / "cluster.json"));
@@ -132,10 +130,9 @@ TEST(Stranger, JoinTokenRateAndSize) {
 // (what /v1/models shows everyone), the clock and the web tools.
 TEST(Stranger, WorkersClockAndWebToolsFollowTheCredential) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"controller", "security", "router", "inference"};
-  o.enforce = true;
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1",
+                TestNode::Options{.modules = {"controller", "security", "router", "inference"},
+                                  .enforce = true});
   ASSERT_TRUE(node.started()) << node.process().err();
   const std::string admin = node.admin_token();
   auto token = [&](const std::vector<std::string>& scopes) {
@@ -186,10 +183,8 @@ TEST(Stranger, WorkersClockAndWebToolsFollowTheCredential) {
 // tenant, or to none, never names another; an administrator of the node may.
 TEST(Stranger, UnifiedSearchKeepsEachSourcesScopeAndTenant) {
   TempDir dir;
-  TestNode::Options o;
-  o.modules = {"data", "inference"};
-  o.enforce = true;
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1",
+                TestNode::Options{.modules = {"data", "inference"}, .enforce = true});
   ASSERT_TRUE(node.started()) << node.process().err();
   const std::string admin = node.admin_token();
   ASSERT_EQ(node.call("POST", "/api/v1/tenants", {{"id", "beta"}}, admin).status, 201);
@@ -201,11 +196,11 @@ TEST(Stranger, UnifiedSearchKeepsEachSourcesScopeAndTenant) {
                            {"text", "The secret plan of " + tenant + " is to grow kelp."}},
                           admin);
     ASSERT_EQ(in.status, 200) << in.text;
-    ASSERT_EQ(node.call("POST", "/api/v1/memory/store",
-                        {{"tenant", tenant}, {"key", "plan"}, {"value", tenant + " grows kelp"}},
-                        admin)
-                  .status,
-              200);
+    ASSERT_EQ(
+        node.call("POST", "/api/v1/memory/store",
+                  {{"tenant", tenant}, {"key", "plan"}, {"value", tenant + " grows kelp"}}, admin)
+            .status,
+        200);
   }
   auto token = [&](const std::vector<std::string>& scopes, const std::string& tenant = "") {
     Json body = {{"scopes", scopes}};
@@ -238,10 +233,10 @@ TEST(Stranger, UnifiedSearchKeepsEachSourcesScopeAndTenant) {
   Answer crossed = node.call("POST", "/api/v1/search", to_beta, reader);
   EXPECT_EQ(crossed.status, 403) << crossed.text;
   EXPECT_EQ(crossed.body["error"], "cross_tenant_access_denied");
-  EXPECT_EQ(node.call("POST", "/api/v1/vector/search", {{"query", "kelp"}, {"tenant", "beta"}},
-                      reader)
-                .status,
-            403);
+  EXPECT_EQ(
+      node.call("POST", "/api/v1/vector/search", {{"query", "kelp"}, {"tenant", "beta"}}, reader)
+          .status,
+      403);
   // Bound to beta: beta only.
   const std::string beta_reader = token({"data.vector.search", "data.memory.recall"}, "beta");
   Answer theirs = node.call("POST", "/api/v1/search", query, beta_reader);

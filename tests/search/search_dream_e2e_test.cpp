@@ -188,19 +188,19 @@ TEST(UnifiedSearch, FindsEveryKindAndValidatesRequests) {
     const char* raw;
     const char* error;
   };
-  for (const Bad& b :
-       std::vector<Bad>{{Json::object(), "", "missing_query"},
-                        {{{"query", ""}}, "", "missing_query"},
-                        {{{"query", 7}}, "", "missing_query"},
-                        {{{"query", "x"}, {"limit", -1}}, "", "invalid_limit"},
-                        {{{"query", "x"}, {"limit", 1001}}, "", "invalid_limit"},
-                        {{{"query", "x"}, {"limit", 1e12}}, "", "invalid_limit"},
-                        {{{"query", "x"}, {"limit", "5"}}, "", "invalid_limit"},
-                        {{{"query", "x"}, {"scope", 3}}, "", "invalid_scope"},
-                        {{{"query", "x"}, {"filters", {{"namespace", {1, 2}}}}}, "", "invalid_filters"},
-                        {{{"query", "x"}, {"filters", "namespace=a"}}, "", "invalid_filters"},
-                        {Json(), "[\"query\"]", "invalid_json"},
-                        {Json(), "{\"query\":", "invalid_json"}}) {
+  for (const Bad& b : std::vector<Bad>{
+           {Json::object(), "", "missing_query"},
+           {{{"query", ""}}, "", "missing_query"},
+           {{{"query", 7}}, "", "missing_query"},
+           {{{"query", "x"}, {"limit", -1}}, "", "invalid_limit"},
+           {{{"query", "x"}, {"limit", 1001}}, "", "invalid_limit"},
+           {{{"query", "x"}, {"limit", 1e12}}, "", "invalid_limit"},
+           {{{"query", "x"}, {"limit", "5"}}, "", "invalid_limit"},
+           {{{"query", "x"}, {"scope", 3}}, "", "invalid_scope"},
+           {{{"query", "x"}, {"filters", {{"namespace", {1, 2}}}}}, "", "invalid_filters"},
+           {{{"query", "x"}, {"filters", "namespace=a"}}, "", "invalid_filters"},
+           {Json(), "[\"query\"]", "invalid_json"},
+           {Json(), "{\"query\":", "invalid_json"}}) {
     Answer a = node.call("POST", "/api/v1/search", b.body, "", b.raw);
     EXPECT_EQ(a.status, 400) << b.body.dump() << b.raw;
     EXPECT_EQ(a.body.value("error", ""), b.error) << a.text;
@@ -223,10 +223,9 @@ TEST(UnifiedSearch, FindsEveryKindAndValidatesRequests) {
 TEST(UnifiedSearch, HangingSourceIsDroppedAtTheDeadline) {
   TempDir dir;
   HangingPeer peer;
-  TestNode::Options o;
-  o.args = {"--config-set", "data.peers=" + peer.url()};
-  o.env = {{"OSTREL_SEARCH_DEADLINE_MS", "600"}};
-  TestNode node(dir.path(), "n1", o);
+  TestNode node(dir.path(), "n1",
+                TestNode::Options{.args = {"--config-set", "data.peers=" + peer.url()},
+                                  .env = {{"OSTREL_SEARCH_DEADLINE_MS", "600"}}});
   ASSERT_TRUE(node.started()) << node.process().err();
   ASSERT_EQ(node.call("POST", "/api/v1/memory/store",
                       {{"key", "kiln temperature"}, {"value", "1200 degrees for stoneware"}})

@@ -86,6 +86,13 @@ std::string read_file(const fs::path& path) {
   return s.str();
 }
 
+std::vector<std::string> file_lines(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<std::string> out;
+  for (std::string l; std::getline(in, l);) out.push_back(l);
+  return out;
+}
+
 int free_port() {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};

@@ -34,6 +34,8 @@ class TempDir : private base::NoCopy {
 
 void write_file(const std::filesystem::path& path, const std::string& content);
 std::string read_file(const std::filesystem::path& path);
+// The file's lines without their newlines (a last line without one included).
+std::vector<std::string> file_lines(const std::filesystem::path& path);
 
 // A loopback TCP port that was free a moment ago.
 int free_port();

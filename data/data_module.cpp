@@ -1521,26 +1521,19 @@ void DataModule::register_syscalls(kernel::SyscallTable& table) {
         }
       },
       kernel::SyscallAccess::tenant("data.vector.write"));
-  table.register_syscall(kDataSource, "data.memory.store",
-                         json_syscall([this, as_result](const Json& a) {
-                           int status = 200;
-                           Json out = memory_store_(a, status);
-                           return as_result(std::move(out), status);
-                         }),
+  // The memory syscalls answer what their route answers.
+  auto memory = [this, as_result](Json (DataModule::*op)(const Json&, int&)) {
+    return json_syscall([this, as_result, op](const Json& a) {
+      int status = 200;
+      Json out = (this->*op)(a, status);
+      return as_result(std::move(out), status);
+    });
+  };
+  table.register_syscall(kDataSource, "data.memory.store", memory(&DataModule::memory_store_),
                          kernel::SyscallAccess::tenant("data.memory.store"));
-  table.register_syscall(kDataSource, "data.memory.recall",
-                         json_syscall([this, as_result](const Json& a) {
-                           int status = 200;
-                           Json out = memory_recall_(a, status);
-                           return as_result(std::move(out), status);
-                         }),
+  table.register_syscall(kDataSource, "data.memory.recall", memory(&DataModule::memory_recall_),
                          kernel::SyscallAccess::tenant("data.memory.recall"));
-  table.register_syscall(kDataSource, "data.memory.forget",
-                         json_syscall([this, as_result](const Json& a) {
-                           int status = 200;
-                           Json out = memory_forget_(a, status);
-                           return as_result(std::move(out), status);
-                         }),
+  table.register_syscall(kDataSource, "data.memory.forget", memory(&DataModule::memory_forget_),
                          kernel::SyscallAccess::tenant("data.memory.store"));
   table.register_syscall(kDataSource, "data.memory.checkpoint", json_syscall([this](const Json&) {
                            return base::syscall_ok(memory_->checkpoint());

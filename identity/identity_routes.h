@@ -102,4 +102,10 @@ bool create_tenant(const IdentityContext& ctx, const nlohmann::json& spec, Tenan
 // how many were repaired.
 std::size_t repair_tenants(const IdentityContext& ctx);
 
+// Gives every tenant whose creation has no "tenant.create" event in the audit
+// log (a crash between the tenant's journal and the audit append) that event
+// now, marked recovered; "default", which the node makes at its first start,
+// has none. Returns how many were recorded.
+std::size_t audit_unrecorded_tenants(const IdentityContext& ctx);
+
 }  // namespace ostrel::identity

@@ -1,6 +1,8 @@
 // Tenant routes and syscalls: listing, creation, metadata, lifecycle, roles,
 // users and quota checks.
+#include <limits>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "base/access.h"
 #include "base/json.h"
@@ -193,6 +195,25 @@ std::size_t repair_tenants(const IdentityContext& ctx) {
     }
   }
   return repaired;
+}
+
+std::size_t audit_unrecorded_tenants(const IdentityContext& ctx) {
+  if (!ctx.audit_log || !ctx.audit) return 0;
+  AuditLog::Filter f;
+  f.limit = std::numeric_limits<std::size_t>::max();
+  f.action = "tenant.create";
+  std::size_t total = 0;
+  std::set<std::string> recorded;
+  for (const AuditEvent& e : ctx.audit_log->query(f, total)) recorded.insert(e.tenant);
+  std::size_t n = 0;
+  for (const Tenant& t : ctx.tenants->list()) {
+    // "default" is made by the node itself at its first start, not by anyone
+    // whose change the log records.
+    if (t.id == "default" || recorded.count(t.id)) continue;
+    ctx.audit(nullptr, {{"action", "tenant.create"}, {"tenant", t.id}, {"recovered", true}});
+    ++n;
+  }
+  return n;
 }
 
 void register_tenant_routes(const IdentityContext& ctx, const AddRoute& add) {

@@ -78,6 +78,10 @@ void Kernel::open_identity_stores_() {
       logger_.warn("first start: the tenant 'default' was not created: " + error);
     }
   }
+  if (std::size_t n = identity::audit_unrecorded_tenants(identity_context_()); n > 0) {
+    logger_.warn("audit: recorded the creation of " + std::to_string(n) +
+                 " tenant(s) whose event an interrupted creation had not written");
+  }
   const std::filesystem::path db = state / "identity.db";
   if (users_.open(db, error)) {
     logger_.info("user store initialized at " + db.string());

@@ -173,6 +173,10 @@ class SecurityModule : public kernel::Module {
   std::string check_text_(std::string_view text, int& status, const Request* caller = nullptr);
   std::string decide_(const std::string& tool, CheckContext& ctx, int& status);
   Json set_mode_(const Json& body, int& status);
+  // Gives the mode in force its "policy.mode.set" event when the audit log's
+  // last one names another (a crash between mode.json and the append, or a
+  // mode applied from the settings at this start).
+  void record_mode_in_audit_();
   Json export_report_(const Json& body, int& status);
   void serve_report_(const Request& req, Response& res, const std::string& id);
   void counters_loop_();
@@ -191,6 +195,7 @@ class SecurityModule : public kernel::Module {
   fs::path reports_dir_;
   std::string contact_url_;
 
+  bool mode_from_settings_ = false;                // security.mode changed the mode at this start
   base::Workers workers_;                          // the counters loop; joined by stop()
   std::unique_ptr<ChainCheckpoints> checkpoints_;  // null when the kernel cannot sign
 };
@@ -218,8 +223,12 @@ bool SecurityModule::initialize(const kernel::ModuleContext& ctx) {
     std::string error;
     if (!RoleService::parse_mode(wanted, m)) {
       log_->warn("security.mode '" + wanted + "' is not stub_allow, audit or enforce — ignored");
-    } else if (m != roles_->mode() && !roles_->set_mode(m, error)) {
-      log_->warn("security.mode not applied: " + error);
+    } else if (m != roles_->mode()) {
+      if (roles_->set_mode(m, error)) {
+        mode_from_settings_ = true;
+      } else {
+        log_->warn("security.mode not applied: " + error);
+      }
     }
   }
   log_->info(std::string("initialize — mode=") + RoleService::mode_name(roles_->mode()) +
@@ -313,6 +322,7 @@ void SecurityModule::checkpoint_() {
 }
 
 bool SecurityModule::start() {
+  record_mode_in_audit_();
   workers_.spawn([this] { counters_loop_(); });
   return true;
 }
@@ -435,6 +445,32 @@ Json SecurityModule::set_mode_(const Json& body, int& status) {
                                          {"metadata", {{"mode", RoleService::mode_name(m)}}}}));
   }
   return {{"mode", RoleService::mode_name(m)}, {"description", RoleService::mode_description(m)}};
+}
+
+void SecurityModule::record_mode_in_audit_() {
+  if (!ctx_.syscalls->has("audit.query") || !ctx_.syscalls->has("audit.append")) return;
+  const char* mode = RoleService::mode_name(roles_->mode());
+  kernel::SyscallResult r =
+      ctx_.syscalls->call(kSecuritySource, "audit.query",
+                          base::dump_json({{"action", "policy.mode.set"}, {"limit", 1}}));
+  const Json found = base::parse_json(r.body);
+  if (r.status != 0 || !found.is_object() || !found["entries"].is_array()) {
+    log_->warn("the audit log could not be asked for the last mode change");
+    return;
+  }
+  std::string recorded = "stub_allow";  // a new node's mode, which needs no event
+  if (!found["entries"].empty()) {
+    const Json& meta = found["entries"].back()["metadata"];
+    recorded = meta.is_object() ? meta.value("mode", "") : "";
+  }
+  if (recorded == mode) return;
+  Json metadata = {{"mode", mode}};
+  metadata[mode_from_settings_ ? "from_settings" : "recovered"] = true;
+  ctx_.syscalls->call(
+      kSecuritySource, "audit.append",
+      base::dump_json(
+          {{"action", "policy.mode.set"}, {"resource", "security.mode"}, {"metadata", metadata}}));
+  log_->info(std::string("audit: recorded the mode in force (") + mode + ")");
 }
 
 Json SecurityModule::export_report_(const Json& body, int& status) {

@@ -21,12 +21,7 @@ using namespace std::chrono_literals;
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
 
-std::vector<std::string> journal_lines(const fs::path& p) {
-  std::ifstream in(p);
-  std::vector<std::string> out;
-  for (std::string l; std::getline(in, l);) out.push_back(l);
-  return out;
-}
+std::vector<std::string> journal_lines(const fs::path& p) { return file_lines(p); }
 
 void write_journal(const fs::path& p, const std::vector<std::string>& lines) {
   std::string text;
@@ -115,6 +110,63 @@ TEST(AuditLogNode, TamperingIsFoundAfterRestart) {
   EXPECT_TRUE(Json::parse(lines.back(), nullptr, false).is_object());
 }
 
+// A crash after a change's own journal write and before its audit append
+// (the tenant's record written, mode.json replaced) leaves the change without
+// its event; the next boot records it, marked recovered, and only once. A
+// mode applied from the settings is recorded as such.
+TEST(AuditLogNode, ChangesInterruptedBeforeTheirEventAreRecordedAtBoot) {
+  TempDir dir;
+  TestNode::Options o;
+  o.modules = {"security"};
+  auto node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started()) << node->process().err();
+  ASSERT_EQ(node->call("POST", "/api/v1/tenants", {{"id", "acme"}}).status, 201);
+  node->stop();
+
+  // What a crash leaves: globex's create record (written like acme's), and
+  // the mode switched on disk, with neither event appended.
+  const fs::path tenants = node->data_dir() / "state" / "tenants.jsonl";
+  std::vector<std::string> lines = journal_lines(tenants);
+  std::string copied;
+  for (const auto& l : lines) {
+    if (l.find("\"acme\"") != std::string::npos) copied = l;
+  }
+  ASSERT_FALSE(copied.empty());
+  for (std::size_t at; (at = copied.find("acme")) != std::string::npos;) {
+    copied.replace(at, 4, "globex");
+  }
+  lines.push_back(copied);
+  write_journal(tenants, lines);
+  write_file(node->data_dir() / "security" / "mode.json", R"({"mode":"audit"})"
+                                                          "\n");
+
+  for (int boot = 0; boot < 2; ++boot) {
+    node = std::make_unique<TestNode>(dir.path(), "n1", o);
+    ASSERT_TRUE(node->started()) << node->process().err();
+    Answer created = node->call("GET", "/api/v1/audit?action=tenant.create");
+    ASSERT_EQ(created.body["returned"], 2) << created.text;
+    EXPECT_EQ(created.body["entries"][0]["tenant"], "acme");
+    EXPECT_FALSE(created.body["entries"][0]["metadata"].contains("recovered"));
+    EXPECT_EQ(created.body["entries"][1]["tenant"], "globex");
+    EXPECT_EQ(created.body["entries"][1]["metadata"]["recovered"], true);
+    Answer modes = node->call("GET", "/api/v1/audit?action=policy.mode.set");
+    ASSERT_EQ(modes.body["returned"], 1) << modes.text;
+    EXPECT_EQ(modes.body["entries"][0]["metadata"]["mode"], "audit");
+    EXPECT_EQ(modes.body["entries"][0]["metadata"]["recovered"], true);
+    EXPECT_EQ(node->call("GET", "/api/v1/audit/verify").body["ok"], true);
+    EXPECT_EQ(node->call("GET", "/api/v1/tenants/globex").status, 200);
+    node->stop();
+  }
+
+  o.args = {"--config-set", "security.mode=enforce"};
+  node = std::make_unique<TestNode>(dir.path(), "n1", o);
+  ASSERT_TRUE(node->started()) << node->process().err();
+  Answer modes = node->call("GET", "/api/v1/audit?action=policy.mode.set");
+  ASSERT_EQ(modes.body["returned"], 2) << modes.text;
+  EXPECT_EQ(modes.body["entries"][1]["metadata"]["mode"], "enforce");
+  EXPECT_EQ(modes.body["entries"][1]["metadata"]["from_settings"], true);
+}
+
 // The node's audit journal rewritten from `lines` with one field changed and
 // every hash after it recomputed, as someone who knows the chain rule would.
 std::vector<std::string> forge_kernel_chain(const std::vector<std::string>& lines, std::size_t at,
@@ -148,8 +200,8 @@ std::vector<std::string> forge_kernel_chain(const std::vector<std::string>& line
 
 // The same for the security module's decision log: each line hashed without
 // its "hash" member, each carrying the previous line's hash.
-std::vector<std::string> forge_decision_log(const std::vector<std::string>& lines,
-                                            std::size_t at, const std::string& tool) {
+std::vector<std::string> forge_decision_log(const std::vector<std::string>& lines, std::size_t at,
+                                            const std::string& tool) {
   std::vector<std::string> out;
   std::string prev;
   for (std::size_t i = 0; i < lines.size(); ++i) {
@@ -332,9 +384,9 @@ class EnforcingNode : public ::testing::Test {
     return t;
   }
   Json check(const std::string& tool, const std::string& role, int expect) {
-    Answer a = node_->call("POST", "/api/v1/security/check",
-                           {{"tool", tool}, {"context", {{"user_id", "u-" + role}}}},
-                           role_token(role));
+    Answer a =
+        node_->call("POST", "/api/v1/security/check",
+                    {{"tool", tool}, {"context", {{"user_id", "u-" + role}}}}, role_token(role));
     EXPECT_EQ(a.status, expect) << tool << " as " << role << ": " << a.text;
     return a.body;
   }

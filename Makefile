@@ -13,7 +13,10 @@ TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 # Relative paths in ccache's hashes let fresh clones reuse the cache.
 export CCACHE_BASEDIR := $(CURDIR)
 
-.PHONY: all deps configure build run test bench sanitize format clean
+# Seconds of new inputs per fuzz target for `make fuzz`.
+FUZZ_S ?= 60
+
+.PHONY: all deps configure build run test bench sanitize fuzz format clean
 
 all: build
 
@@ -35,8 +38,16 @@ run: build
 	  --config-set data.embedding_model=ulvo-hash-embed-v1 \
 	  --config-set edge.controller_url=http://127.0.0.1:$(PORT) $(RUN_ARGS)
 
+# The suite, then every fuzz target over its committed corpus and a few
+# seconds of new inputs (so a crash found once stays a regression case).
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(TEST_JOBS) --timeout 300
+	@JOBS=$(JOBS) bash scripts/fuzz.sh 3
+
+# Every fuzz target for FUZZ_S seconds of new inputs (clang, libFuzzer, ASan,
+# UBSan; build tree build-fuzz/).
+fuzz: deps
+	@JOBS=$(JOBS) bash scripts/fuzz.sh $(FUZZ_S)
 
 # Every benchmark, each printing its figure as a ratio to a same-run baseline.
 bench: build

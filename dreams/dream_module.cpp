@@ -73,7 +73,9 @@ Json config_json(const DreamConfig& c) {
 // Applies the members of `changes` to `c`: false with the offending field
 // in `field` and the reason in `why` on an unknown member or a bad value.
 bool apply_config(const Json& changes, DreamConfig& c, std::string& field, std::string& why) {
-  for (const auto& [key, v] : changes.items()) {
+  for (const auto& item : changes.items()) {
+    const std::string& key = item.key();
+    const Json& v = item.value();  // named, not bound: the lambdas below use it
     field = key;
     auto whole = [&](std::int64_t lo, std::int64_t hi, std::int64_t& out) {
       if (!v.is_number_integer() || v.get<std::int64_t>() < lo || v.get<std::int64_t>() > hi) {

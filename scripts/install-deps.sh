@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build ccache pkg-config clang-format
+  build-essential cmake ninja-build ccache pkg-config clang-format clang libclang-rt-14-dev
   libcpp-httplib-dev nlohmann-json3-dev libyaml-cpp-dev libcurl4-openssl-dev
   libsqlite3-dev libssl-dev libmodbus-dev libmosquitto-dev
   libgtest-dev libgmock-dev libbenchmark-dev

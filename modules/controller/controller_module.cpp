@@ -486,8 +486,9 @@ std::vector<std::pair<std::string, std::string>> ControllerModule::sync_targets_
   std::vector<std::pair<std::string, std::string>> out;
   for (const auto& u : peer_urls_) out.push_back({u, u});
   for (const auto& [id, p] : registered_) {
-    if (std::none_of(out.begin(), out.end(), [&](const auto& t) { return t.second == p.url; }))
-      out.push_back({id, p.url});
+    const std::string& url = p.url;
+    if (std::none_of(out.begin(), out.end(), [&](const auto& t) { return t.second == url; }))
+      out.push_back({id, url});
   }
   return out;
 }
@@ -499,7 +500,9 @@ void ControllerModule::run_peer_sync_pass_() {
       {"X-Ostrel-Node-Id", ctx_.node_id},
       {"X-Ostrel-Node-Token", identity::generate_node_token(ctx_.cluster_secret, ctx_.node_id)}};
   const auto timeout = std::chrono::seconds(5);
-  for (const auto& [key, url] : targets) {
+  for (const auto& target : targets) {
+    const std::string& key = target.first;
+    const std::string& url = target.second;
     if (!pause_(std::chrono::milliseconds(0))) return;
     // 0: unreachable; else the HTTP status (the body parsed into `out`).
     auto fetch = [&](const char* path, Json& out) {

@@ -16,7 +16,7 @@ export CCACHE_BASEDIR := $(CURDIR)
 # Seconds of new inputs per fuzz target for `make fuzz`.
 FUZZ_S ?= 60
 
-.PHONY: all deps configure build run test bench sanitize fuzz format clean
+.PHONY: all deps configure build run test bench sanitize fuzz crash-sweep format clean
 
 all: build
 
@@ -43,6 +43,11 @@ run: build
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(TEST_JOBS) --timeout 300
 	@JOBS=$(JOBS) bash scripts/fuzz.sh 3
+
+# Kill -9 sweeps of every store: ROUNDS rounds each (make test runs 2).
+ROUNDS ?= 40
+crash-sweep: build
+	@OSTREL_CRASH_ROUNDS=$(ROUNDS) $(BUILD_DIR)/tests/crash_sweep_tests
 
 # Every fuzz target for FUZZ_S seconds of new inputs (clang, libFuzzer, ASan,
 # UBSan; build tree build-fuzz/).

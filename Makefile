@@ -16,7 +16,7 @@ export CCACHE_BASEDIR := $(CURDIR)
 # Seconds of new inputs per fuzz target for `make fuzz`.
 FUZZ_S ?= 60
 
-.PHONY: all deps configure build run test bench sanitize fuzz crash-sweep format clean
+.PHONY: all deps configure build run test bench sanitize fuzz crash-sweep soak format clean
 
 all: build
 
@@ -48,6 +48,11 @@ test: build
 ROUNDS ?= 40
 crash-sweep: build
 	@OSTREL_CRASH_ROUNDS=$(ROUNDS) $(BUILD_DIR)/tests/crash_sweep_tests
+
+# A mixed load at 70% of the measured peak for SOAK_S seconds (not in CI).
+SOAK_S ?= 600
+soak: build
+	@bash scripts/soak.sh $(SOAK_S) $(BUILD_DIR)
 
 # Every fuzz target for FUZZ_S seconds of new inputs (clang, libFuzzer, ASan,
 # UBSan; build tree build-fuzz/).

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <vector>
 
 #include "base/durable_file.h"
 #include "base/json.h"
@@ -52,17 +53,13 @@ std::size_t replay_journal_lines(const fs::path& path,
   ReplayStats& st = stats ? *stats : local;
   std::ifstream in(path, std::ios::binary);
   if (!in) return 0;
-  std::stringstream buf;
-  buf << in.rdbuf();
-  const std::string data = buf.str();
-  in.close();
-
+  // Read a megabyte at a time: a journal of any size replays in the room of
+  // one chunk and its longest line, not in copies of the whole file.
+  std::vector<char> chunk(1 << 20);
+  std::string carry;        // the line begun in an earlier chunk
+  std::uint64_t whole = 0;  // bytes up to the end of the last complete line
   std::size_t applied = 0;
-  std::size_t start = 0;
-  while (start < data.size()) {
-    std::size_t nl = data.find('\n', start);
-    if (nl == std::string::npos) break;  // torn tail
-    std::string_view line(data.data() + start, nl - start);
+  auto take = [&](std::string_view line) {
     if (!line.empty()) {
       ++st.lines;
       if (apply(line)) {
@@ -71,13 +68,31 @@ std::size_t replay_journal_lines(const fs::path& path,
         ++st.skipped;
       }
     }
-    start = nl + 1;
+    whole += line.size() + 1;
+  };
+  while (in) {
+    in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    const auto got = static_cast<std::size_t>(in.gcount());
+    if (got == 0) break;
+    const std::string_view view(chunk.data(), got);
+    std::size_t start = 0;
+    for (std::size_t nl; (nl = view.find('\n', start)) != std::string_view::npos; start = nl + 1) {
+      if (carry.empty()) {
+        take(view.substr(start, nl - start));
+      } else {
+        carry.append(view.substr(start, nl - start));
+        take(carry);
+        carry.clear();
+      }
+    }
+    carry.append(view.substr(start));
   }
-  if (start < data.size()) {
-    st.torn_bytes = data.size() - start;
+  in.close();
+  if (!carry.empty()) {
+    st.torn_bytes = carry.size();
     // Cut the torn tail so that the next append begins on its own line.
     std::error_code ec;
-    fs::resize_file(path, start, ec);
+    fs::resize_file(path, whole, ec);
   }
   return applied;
 }

@@ -74,12 +74,39 @@ HttpReply http_request(const HttpRequest& request) {
     return reply;
   }
   detail::ensure_curl_global();
-  std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
-  if (!curl) {
+  // Each thread keeps one handle between requests, so that its next request
+  // to the same server reuses the connection (a node calling itself or its
+  // router pays no connect, and the server no new connection) — unless the
+  // request checks the address it connects to: a reused connection was not
+  // checked, so those always connect afresh, on a handle of their own.
+  static thread_local std::unique_ptr<CURL, CurlDeleter> kept;
+  static thread_local bool kept_busy = false;
+  std::unique_ptr<CURL, CurlDeleter> own;
+  const bool reuse = !request.check_connect && !kept_busy;
+  if (reuse) {
+    if (kept) {
+      curl_easy_reset(kept.get());
+    } else {
+      kept.reset(curl_easy_init());
+    }
+  } else {
+    own.reset(curl_easy_init());
+  }
+  CURL* c = reuse ? kept.get() : own.get();
+  if (!c) {
     reply.error = "curl_easy_init failed";
     return reply;
   }
-  CURL* c = curl.get();
+  // A request made from inside another's callback gets a handle of its own.
+  struct Busy {
+    bool on;
+    explicit Busy(bool reuse) : on(reuse) {
+      if (on) kept_busy = true;
+    }
+    ~Busy() {
+      if (on) kept_busy = false;
+    }
+  } busy(reuse);
   Transfer t{&request, &reply};
   char error[CURL_ERROR_SIZE] = {0};
 
@@ -98,6 +125,7 @@ HttpReply http_request(const HttpRequest& request) {
   curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(c, CURLOPT_ERRORBUFFER, error);
   curl_easy_setopt(c, CURLOPT_USERAGENT, request.user_agent.c_str());
+  curl_easy_setopt(c, CURLOPT_MAXCONNECTS, 2L);  // idle connections a thread keeps
   curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, on_data);
   curl_easy_setopt(c, CURLOPT_WRITEDATA, &t);
   curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout.count()));

@@ -85,7 +85,7 @@ std::size_t AgentSessions::load() {
     s->domain = header.value("domain", "general");
     s->tenant = header.value("tenant", "default");
     s->owner = header.value("owner", "anon");
-    s->created_ms = header.value("created_ms", std::int64_t{0});
+    s->created_ms = base::int_value(header, "created_ms", 0);
     bool torn = false;
     while (std::getline(in, line)) {
       if (line.empty()) continue;
@@ -102,7 +102,7 @@ std::size_t AgentSessions::load() {
           !t["content"].is_string()) {
         continue;
       }
-      s->messages.push_back({t["role"], t["content"], t.value("ts", std::int64_t{0})});
+      s->messages.push_back({t["role"], t["content"], base::int_value(t, "ts", 0)});
     }
     if (torn) log_.warn("session journal " + f.filename().string() + " had a torn line (skipped)");
     // The next turn must start on a line of its own.

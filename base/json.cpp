@@ -176,4 +176,17 @@ bool string_list_member(const nlohmann::json& j, const char* key, std::vector<st
   return true;
 }
 
+std::int64_t int_value(const nlohmann::json& j, const char* key, std::int64_t fallback) {
+  if (!j.is_object()) return j.value(key, fallback);  // throws as value() does
+  auto it = j.find(key);
+  if (it == j.end()) return fallback;
+  if (it->is_number_float()) {
+    const double d = it->get<double>();
+    // [-2^63, 2^63): NaN fails both comparisons.
+    if (!(d >= -9223372036854775808.0 && d < 9223372036854775808.0)) return fallback;
+    return static_cast<std::int64_t>(d);
+  }
+  return it->get<std::int64_t>();
+}
+
 }  // namespace ostrel::base

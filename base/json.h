@@ -40,6 +40,12 @@ std::string dump_json(const nlohmann::json& value, int indent = -1);
 // member types give nothing).
 std::vector<std::string> string_list(const nlohmann::json& j, const char* key);
 
+// The integer member `key` as JSON's value() reads it, except that a
+// floating-point number out of the range of int64 (1e40, NaN) gives
+// `fallback` instead of an undefined conversion. Absent: `fallback`; another
+// type throws the JSON library's type_error, as value() does.
+std::int64_t int_value(const nlohmann::json& j, const char* key, std::int64_t fallback);
+
 // The integer member `key` into `out` (`fallback` when absent or null);
 // false when it has another type.
 bool int_member(const nlohmann::json& j, const char* key, std::int64_t fallback, std::int64_t& out);

@@ -599,7 +599,7 @@ Json DataModule::search_(const Json& body, bool allow_fanout, int& status) {
         if (!answer.is_object() || !answer.contains("hits") || !answer["hits"].is_array()) {
           entry["error"] = "exception: answer is not a search result";
         } else {
-          entry["pool_size"] = answer.value("pool_size", 0);
+          entry["pool_size"] = base::int_value(answer, "pool_size", 0);
           std::size_t added = 0;
           for (auto& h : answer["hits"]) {
             if (!h.is_object() || !h.contains("id") || !h["id"].is_string() ||

@@ -73,12 +73,12 @@ MemoryEntry entry_from_json(const Json& j) {
   e.ns = j.value("namespace", "default");
   e.domain = j.value("domain", "general");
   e.importance = j.value("importance", 0.5);
-  e.access_count = j.value("access_count", std::int64_t{0});
-  e.correction_count = j.value("correction_count", std::int64_t{0});
+  e.access_count = base::int_value(j, "access_count", 0);
+  e.correction_count = base::int_value(j, "correction_count", 0);
   e.avg_recall_relevance = j.value("avg_recall_relevance", 0.0);
-  e.created_at = j.value("created_at", std::int64_t{0});
-  e.last_recalled_at = j.value("last_recalled_at", std::int64_t{0});
-  e.last_corrected_at = j.value("last_corrected_at", std::int64_t{0});
+  e.created_at = base::int_value(j, "created_at", 0);
+  e.last_recalled_at = base::int_value(j, "last_recalled_at", 0);
+  e.last_corrected_at = base::int_value(j, "last_corrected_at", 0);
   e.user_confirmed = j.value("user_confirmed", false);
   e.forgotten = j.value("forgotten", false);
   return e;
@@ -177,10 +177,10 @@ bool MatrixMemoryService::initialize(std::string& error) {
       e.user_id = j.value("user_id", "");
       e.domain = j.value("domain", "general");
       e.name = j.value("name", "");
-      e.level = static_cast<MemoryLevel>(j.value("level", 1));
+      e.level = static_cast<MemoryLevel>(base::int_value(j, "level", 1));
       e.file_path = j.value("file_path", "");
-      e.tier = j.value("tier", std::int64_t{0});
-      e.last_accessed = j.value("last_accessed", std::int64_t{0});
+      e.tier = base::int_value(j, "tier", 0);
+      e.last_accessed = base::int_value(j, "last_accessed", 0);
       e.size_bytes = j.value("size_bytes", std::uint64_t{0});
       if (e.id.empty() || e.file_path.empty()) continue;
       by_scope_[{e.tenant_id, e.user_id, e.domain, static_cast<int>(e.level)}] = e.id;
@@ -222,7 +222,7 @@ bool MatrixMemoryService::apply_record_locked_(const Json& r) {
   if (tenant.empty()) return false;
   if (op == "put") {
     const std::string key = r.value("key", "");
-    kv_[{tenant, ns}][key] = Stored{r.value("value", ""), r.value("ts", std::int64_t{0}), {}};
+    kv_[{tenant, ns}][key] = Stored{r.value("value", ""), base::int_value(r, "ts", 0), {}};
     tombstones_.erase(tomb_key(tenant, ns, key));
     return true;
   }

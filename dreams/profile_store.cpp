@@ -137,9 +137,10 @@ Json ProfileStore::list() {
   for (const auto& f : files) {
     bool opened = false;
     Json p = base::read_json_file(f, opened);
-    out.push_back({{"session_id", f.stem().string()},
-                   {"updated_at_unix", p.is_object() ? p.value("updated_at_unix", 0) : 0},
-                   {"corrupt", !p.is_object()}});
+    out.push_back(
+        {{"session_id", f.stem().string()},
+         {"updated_at_unix", p.is_object() ? base::int_value(p, "updated_at_unix", 0) : 0},
+         {"corrupt", !p.is_object()}});
   }
   return {{"profiles", out}, {"count", out.size()}};
 }

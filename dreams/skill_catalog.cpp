@@ -43,10 +43,10 @@ Skill from_json(const Json& j) {
   s.origin = j.value("origin", "manual");
   s.source_session = j.value("source_session", "");
   s.importance = j.value("importance", 0.0);
-  s.created_at_unix = j.value("created_at_unix", std::int64_t{0});
-  s.updated_at_unix = j.value("updated_at_unix", std::int64_t{0});
-  s.applied_count = j.value("applied_count", std::int64_t{0});
-  s.last_applied_at_unix = j.value("last_applied_at_unix", std::int64_t{0});
+  s.created_at_unix = base::int_value(j, "created_at_unix", 0);
+  s.updated_at_unix = base::int_value(j, "updated_at_unix", 0);
+  s.applied_count = base::int_value(j, "applied_count", 0);
+  s.last_applied_at_unix = base::int_value(j, "last_applied_at_unix", 0);
   return s;
 }
 

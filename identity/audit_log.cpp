@@ -59,7 +59,7 @@ bool event_from_line(const std::string& line, AuditEvent& e) {
   try {
     if (!j.contains("seq") || !j["seq"].is_number_unsigned()) return false;
     e.seq = j["seq"];
-    e.ts_ms = j.value("ts_ms", std::int64_t{0});
+    e.ts_ms = base::int_value(j, "ts_ms", 0);
     if (!parse_source(j.value("source", "0x0000"), e.source)) return false;
     e.actor = j.value("actor", "");
     e.action = j.value("action", "");

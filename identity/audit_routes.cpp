@@ -277,14 +277,14 @@ void register_audit_syscalls(const IdentityContext& ctx, const AddSyscall& add) 
   add("audit.query", json_syscall([ctx](const Json& a) {
         AuditLog::Filter f;
         f.limit = static_cast<std::size_t>(
-            std::clamp<std::int64_t>(a.value("limit", std::int64_t{100}), 1, 1000000));
+            std::clamp<std::int64_t>(base::int_value(a, "limit", 100), 1, 1000000));
         for (auto [key, slot] :
              {std::pair{"actor", &f.actor}, {"action", &f.action}, {"tenant", &f.tenant}}) {
           if (auto it = a.find(key); it != a.end() && it->is_string())
             *slot = it->get<std::string>();
         }
-        f.since_ms = a.value("since", std::int64_t{0});
-        f.until_ms = a.value("until", std::int64_t{0});
+        f.since_ms = base::int_value(a, "since", 0);
+        f.until_ms = base::int_value(a, "until", 0);
         std::size_t total = 0;
         std::vector<AuditEvent> events = ctx.audit_log->query(f, total);
         return base::syscall_ok({{"entries", entries_json(events)},

@@ -90,7 +90,6 @@ std::string api_key_of(const Request& req) {
   return key;
 }
 
-
 // Who grants a registration made with a credential: the role it stands for
 // and the tenant it is bound to. rank -1: the caller grants nothing (it is
 // no administrator, or presented nothing).
@@ -320,7 +319,7 @@ void register_auth_routes(const IdentityContext& ctx, const AddRoute& add) {
     if (stored.empty() || !base::constant_time_equal(stored, token)) {
       return base::fail(res, 400, "invalid token");
     }
-    if (base::unix_s() > settings.value("reset_expires", std::int64_t{0})) {
+    if (base::unix_s() > base::int_value(settings, "reset_expires", 0)) {
       return base::fail(res, 400, "token expired");
     }
     if (std::string e = ctx.users->update_user(u->user_id, "", password); !e.empty()) {

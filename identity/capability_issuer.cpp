@@ -205,7 +205,8 @@ bool CapabilityIssuer::open(const fs::path& state_dir, std::string& error) {
       return false;
     }
     master_key_ = key;
-    if (!open_identity_key_(identity_key_problem_)) identity_key_problem_ += " (a key for this run only)";
+    if (!open_identity_key_(identity_key_problem_))
+      identity_key_problem_ += " (a key for this run only)";
     return true;
   }
   std::string key = random_bytes(32);
@@ -215,7 +216,8 @@ bool CapabilityIssuer::open(const fs::path& state_dir, std::string& error) {
   }
   if (!base::write_file_atomically(key_file, key, error)) return false;
   master_key_ = key;
-  if (!open_identity_key_(identity_key_problem_)) identity_key_problem_ += " (a key for this run only)";
+  if (!open_identity_key_(identity_key_problem_))
+    identity_key_problem_ += " (a key for this run only)";
   return true;
 }
 
@@ -400,8 +402,8 @@ bool CapabilityIssuer::verify(const std::string& token, CapabilityToken& out,
         if (e.is_string()) t.scopes.push_back(e.get<std::string>());
       }
     }
-    t.issued_at_s = payload.value("iat", std::int64_t{0});
-    t.expires_at_s = payload.value("exp", std::int64_t{0});
+    t.issued_at_s = base::int_value(payload, "iat", 0);
+    t.expires_at_s = base::int_value(payload, "exp", 0);
   } catch (const Json::exception&) {
     // A signed payload of the wrong shape: only our own keys could make one.
     return fail("bad_encoding");

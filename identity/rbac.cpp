@@ -22,7 +22,7 @@ Role role_from_json(const Json& j) {
   r.id = j.value("id", "");
   r.display_name = j.value("display_name", "");
   r.permissions = base::string_list(j, "permissions");
-  r.created_at_ms = j.value("created_at_ms", std::int64_t{0});
+  r.created_at_ms = base::int_value(j, "created_at_ms", 0);
   return r;
 }
 
@@ -32,7 +32,7 @@ User user_from_json(const Json& j) {
   u.id = j.value("id", "");
   u.display_name = j.value("display_name", "");
   u.state = j.value("state", "active");
-  u.created_at_ms = j.value("created_at_ms", std::int64_t{0});
+  u.created_at_ms = base::int_value(j, "created_at_ms", 0);
   u.role_ids = base::string_list(j, "role_ids");
   return u;
 }

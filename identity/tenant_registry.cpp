@@ -35,8 +35,8 @@ Tenant tenant_from_json(const Json& j) {
   t.id = j.value("id", "");
   t.display_name = j.value("display_name", "");
   t.state = j.value("state", "active");
-  t.created_at_ms = j.value("created_at_ms", std::int64_t{0});
-  t.updated_at_ms = j.value("updated_at_ms", std::int64_t{0});
+  t.created_at_ms = base::int_value(j, "created_at_ms", 0);
+  t.updated_at_ms = base::int_value(j, "updated_at_ms", 0);
   t.notes = j.value("notes", "");
   t.admin_contacts = base::string_list(j, "admin_contacts");
   for (const char* name : kQuotaNames) {

@@ -356,7 +356,7 @@ void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add)
 
   add("kernel.quota.check", json_syscall([ctx](const Json& a) {
         std::string tenant = a.value("tenant", ""), resource = a.value("resource", "");
-        std::int64_t increment = a.value("increment", std::int64_t{1});
+        std::int64_t increment = base::int_value(a, "increment", 1);
         Tenant t;
         std::int64_t limit = -1;
         if (ctx.tenants->get(tenant, t)) limit = t.quotas.limit(resource).value_or(-1);
@@ -377,7 +377,7 @@ void register_tenant_syscalls(const IdentityContext& ctx, const AddSyscall& add)
           if (tenant.empty() || resource.empty()) {
             return syscall_error("missing tenant or resource");
           }
-          std::int64_t amount = a.value("amount", std::int64_t{1});
+          std::int64_t amount = base::int_value(a, "amount", 1);
           std::int64_t usage = consume ? ctx.quotas->consume(tenant, resource, amount)
                                        : ctx.quotas->release(tenant, resource, amount);
           return syscall_ok({{"tenant", tenant}, {"resource", resource}, {"usage", usage}});

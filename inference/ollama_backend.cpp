@@ -63,8 +63,8 @@ bool on_stream_data(StreamState* st, std::string_view data) {
       if (obj.value("done", false)) {
         chunk.done = true;
         chunk.finish_reason = obj.value("done_reason", "stop");
-        chunk.prompt_tokens = obj.value("prompt_eval_count", std::int64_t{0});
-        chunk.completion_tokens = obj.value("eval_count", std::int64_t{0});
+        chunk.prompt_tokens = base::int_value(obj, "prompt_eval_count", 0);
+        chunk.completion_tokens = base::int_value(obj, "eval_count", 0);
       }
     }
     st->finished = chunk.done;
@@ -269,8 +269,8 @@ std::optional<InferenceError> OllamaBackend::complete(const ChatRequest& req, Ch
       resp.model = reply.value("model", req.model);
       resp.finish_reason = reply.value("done_reason", "stop");
       if (!tool_calls.empty()) resp.finish_reason = "tool_calls";
-      resp.prompt_tokens = reply.value("prompt_eval_count", std::int64_t{0});
-      resp.completion_tokens = reply.value("eval_count", std::int64_t{0});
+      resp.prompt_tokens = base::int_value(reply, "prompt_eval_count", 0);
+      resp.completion_tokens = base::int_value(reply, "eval_count", 0);
     }
     resp.backend_id = id_;
     resp.message = Message{"assistant", std::move(content), "", "", std::move(tool_calls)};

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -273,9 +276,26 @@ class JsonScanner {
     while (p_ < t_.size() && t_[p_] >= '0' && t_[p_] <= '9') ++p_;
     return p_ > start;
   }
-  // -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
+  // -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)? whose value is finite as a
+  // double: the JSON library refuses 1e400 and so does the scanner.
   bool number() {
     skip_space();
+    const std::size_t start = p_;
+    if (!number_shape()) return false;
+    // Only a number with over 300 digits before the point, or a large positive
+    // exponent, can overflow: the common ones are not converted here.
+    const std::string_view text = t_.substr(start, p_ - start);
+    const std::size_t e = text.find_first_of("eE");
+    const std::size_t whole = text.substr(0, std::min(text.find('.'), e)).size();
+    const bool big_exponent =
+        e != std::string_view::npos && text[e + 1] != '-' && (text.size() - e >= 3 || whole > 200);
+    if (whole > 300 || big_exponent) {
+      const std::string copy(text);
+      if (std::isinf(std::strtod(copy.c_str(), nullptr))) return false;
+    }
+    return true;
+  }
+  bool number_shape() {
     if (p_ < t_.size() && t_[p_] == '-') ++p_;
     if (p_ < t_.size() && t_[p_] == '0') {
       ++p_;

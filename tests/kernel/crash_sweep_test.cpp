@@ -185,6 +185,18 @@ std::vector<Store> stores() {
          return node.call("GET", "/api/v1/workers").text.find("\"w" + key + "\"") !=
                 std::string::npos;
        }});
+  all.push_back({"webhooks",
+                 {"controller"},
+                 [](int port, const std::string& key, int) {
+                   return acked(call_port(port, "POST", "/api/v1/webhooks/subscriptions",
+                                          {{"url", "https://hooks.example.com/" + key},
+                                           {"events", {"cluster.topology.changed"}},
+                                           {"description", key}}));
+                 },
+                 [](const TestNode& node, const std::string& key, const std::string&) {
+                   return node.call("GET", "/api/v1/webhooks/subscriptions")
+                              .text.find("hooks.example.com/" + key + "\"") != std::string::npos;
+                 }});
   return all;
 }
 

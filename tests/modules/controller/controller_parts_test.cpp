@@ -61,6 +61,11 @@ struct Receiver {
     thread.join();
   }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port) + "/hook"; }
+  // The statuses of the next answers (200 after them); the server thread reads them.
+  void answer_with(std::vector<int> statuses) {
+    std::lock_guard lock(mu);
+    script = std::move(statuses);
+  }
   std::size_t count() {
     std::lock_guard lock(mu);
     return seen.size();
@@ -78,7 +83,7 @@ Webhooks::Options options(int disable_after = 10) {
 TEST(Webhooks, DeliveriesRetrySignAndStopOnPermanentFailures) {
   testing::TempDir dir;
   Receiver rx;
-  rx.script = {500, 200, 410};
+  rx.answer_with({500, 200, 410});
   Webhooks hooks(options(), base::Logger("test/webhooks"));
   ASSERT_TRUE(hooks.open(dir / "webhooks.db"));
   hooks.start();
@@ -126,7 +131,7 @@ TEST(Webhooks, DeliveriesRetrySignAndStopOnPermanentFailures) {
 TEST(Webhooks, SubscriptionsAreCheckedKeptAndDisabledAfterFailures) {
   testing::TempDir dir;
   Receiver rx;
-  rx.script = {500, 500, 500, 500, 500, 500};
+  rx.answer_with({500, 500, 500, 500, 500, 500});
   {
     Webhooks hooks(options(/*disable_after=*/2), base::Logger("test/webhooks"));
     ASSERT_TRUE(hooks.open(dir / "webhooks.db"));

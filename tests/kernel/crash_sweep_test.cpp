@@ -239,15 +239,18 @@ TEST_P(CrashSweep, EveryAcknowledgedWriteSurvivesAKill) {
         }
       });
     }
+    bool reached;
+    std::size_t acknowledged;
     {
       std::unique_lock lock(mu);
-      ASSERT_TRUE(cv.wait_for(lock, 60s, [&] { return done >= kill_after; }))
-          << store.name << ": only " << done << " writes acknowledged\n"
-          << node.process().err();
+      reached = cv.wait_for(lock, 60s, [&] { return done >= kill_after; });
+      acknowledged = done;
       stop = true;  // writes already sent stay in flight through the kill
     }
     node.restart_hard();
-    for (auto& t : writers) t.join();
+    for (auto& t : writers) t.join();  // before any assertion can leave the test
+    ASSERT_TRUE(reached) << store.name << ": only " << acknowledged << " writes acknowledged\n"
+                         << node.process().err();
     ASSERT_TRUE(node.started()) << store.name << " round " << round << ": no boot after the kill\n"
                                 << node.process().err();
     std::size_t missing = 0;

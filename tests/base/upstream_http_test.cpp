@@ -131,7 +131,7 @@ TEST(UpstreamHttp, FramesRequestsAndDecodesEveryBodyShape) {
       [&a](long status) { a.status = status; },
       [&](std::string_view piece) {
         a.pieces.emplace_back(piece);
-        ++server.pieces_read;
+        server.piece_read();
         return true;
       });
   EXPECT_EQ(r.curl_code, CURLE_OK);

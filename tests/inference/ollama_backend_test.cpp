@@ -43,7 +43,7 @@ TEST(OllamaBackend, MarksChunksThatArrivedTogether) {
   std::vector<std::pair<std::string, bool>> seen;
   auto err = backend.stream(req, [&](const ChatChunk& c) {
     seen.emplace_back(c.delta, c.more_ready);
-    ++server.pieces_read;
+    server.piece_read();
     return true;
   });
   ASSERT_FALSE(err) << err->message;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -54,7 +55,15 @@ class ScriptedServer {
     int await_reads = 0;
   };
   std::vector<Answer> answers;
-  std::atomic<int> pieces_read{0};  // counted by the test's body sink
+  // Called by the test's body sink for each piece it reads; an answer with
+  // `await_reads` waits for these before sending its last piece.
+  void piece_read() {
+    {
+      std::lock_guard lock(reads_mu_);
+      ++pieces_read_;
+    }
+    reads_cv_.notify_all();
+  }
 
   ScriptedServer() { listen_fd_ = listen_loopback(port_); }
   ~ScriptedServer() {
@@ -114,12 +123,11 @@ class ScriptedServer {
       const Answer& answer = answers[index];
       for (std::size_t i = 0; i < answer.pieces.size(); ++i) {
         if (i + 1 == answer.pieces.size()) {
-          for (int waited = 0; pieces_read < answer.await_reads && waited < 5000; ++waited) {
-            std::this_thread::sleep_for(1ms);
-          }
+          std::unique_lock lock(reads_mu_);
+          reads_cv_.wait_for(lock, std::chrono::seconds(5),
+                             [&] { return pieces_read_ >= answer.await_reads; });
         }
         ::send(fd, answer.pieces[i].data(), answer.pieces[i].size(), MSG_NOSIGNAL);
-        std::this_thread::sleep_for(3ms);
       }
       if (answers[index].close) return;
     }
@@ -130,7 +138,10 @@ class ScriptedServer {
   std::thread thread_;
   std::atomic<int> connections_{0};
   std::atomic<int> closed_{0};
-  std::mutex mu_;  // guards requests_
+  std::mutex mu_;        // guards requests_
+  std::mutex reads_mu_;  // guards pieces_read_
+  std::condition_variable reads_cv_;
+  int pieces_read_ = 0;
   std::vector<std::string> requests_;
 };
 
